@@ -1,0 +1,49 @@
+#pragma once
+
+#include <initializer_list>
+#include <QByteArray>
+#include <QJsonObject>
+#include <QMap>
+#include <QString>
+#include <QStringList>
+
+class RequestMapper;
+struct SqlResult;
+
+/// Parameters of one request: name to value, both as bytes.
+using Params = QMap<QByteArray, QByteArray>;
+
+/// A reply object as the endpoints send it: indented JSON.
+QByteArray reply(const QJsonObject& object);
+/// {"res": false, "info": word}, with "code" when it is not 0.
+QByteArray refusal(const QString& word, int code = 0);
+
+/// The common steps of an authenticated endpoint. Use: require(), then authenticate(); each returns
+/// false when the request must be refused, and refused() is then the reply to send.
+class Call {
+public:
+    Call(const Params& params, const RequestMapper& tokens)
+        : m_params(params)
+        , m_tokens(tokens) {}
+
+    /// "id", "token" and `names` must be present; otherwise the refusal's info is `word`.
+    bool require(std::initializer_list<const char*> names, const char* word);
+    /// Unknown user: `unknownWord` with code -1; wrong token: "_FALSE6" with code -2.
+    bool authenticate(const char* unknownWord = "_FALSE5");
+    /// For the endpoints without a test of their own for an unknown user: there the stored token
+    /// counts as the empty text.
+    bool authenticateLoosely();
+    QByteArray refused() const { return m_refused; }
+
+    int userid() const { return number("id"); }
+    bool has(const char* name) const;
+    QString text(const char* name) const; ///< trimmed
+    int number(const char* name) const;   ///< 0 when it is not a number
+    /// Split at "|"; an empty value is a list with no entries.
+    QStringList list(const char* name) const;
+
+private:
+    const Params& m_params;
+    const RequestMapper& m_tokens;
+    QByteArray m_refused;
+};

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "core/timingwheel.h"
+
+#include <functional>
+#include <memory>
+#include <QByteArray>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QMap>
+#include <QObject>
+#include <QSet>
+#include <QStringList>
+
+class fortcpclient;
+class SAobj;
+class StateMirror;
+
+/// The device service: registry of every speaker session of this node, and the dispatcher through
+/// which every command for speakers passes. Owner: start-up. Main loop only; other threads reach it
+/// with callOnLoop() or over the command servers.
+class Severinit : public QObject {
+    Q_OBJECT
+public:
+    Severinit(QString updateListPath, QString upstreamcdn, QString localcdn, QString privateKeyText,
+              QString publicKeyText, QString key, QString askey, int TSWait, int PackSize, int AryLen,
+              int Check_, int Check_len, QString LocalIP, int OPort0, int OPort1, int BjPort, int DataPort,
+              int ManagePort, int Netcross_Port0, int Netcross_Port1, int DataPortBack2, int Pastcmd,
+              QObject* parent = nullptr);
+    ~Severinit() override;
+
+    // --- settings assigned by start-up before the loop runs; read-only afterwards, from any thread ---
+    int bitrate = 128;     ///< MP3 bit rate, kbit/s
+    int ps2 = 6006;        ///< port of the second command server, this node's `nodeport3`
+    QString serverAddress; ///< address that speakers connect back to (`LocalIP`)
+
+    /// Exact comparison with the service key; an empty service key matches nothing. Any thread.
+    bool matchesServiceKey(const QString& sskey) const;
+    /// The serial-number check: false for a serial on the block list. Any thread (the list is read
+    /// once, before the loop runs).
+    bool serialAllowed(const QString& sn) const;
+
+    // --- registry ---
+    /// Serials known before any speaker registered: each gets an offline session at init_vison();
+    /// those in `restricted` start disabled.
+    void setStoredSerials(const QStringList& serials, const QStringList& restricted);
+    void init_vison();
+    void init_redis();
+    void setStateMirror(StateMirror* mirror); ///< not owned; null without Redis
+    StateMirror* stateMirror() const;         ///< null, or the mirror while it is connected
+    QMap<QString, SAobj*>& sessions();
+    SAobj* session(const QString& sn) const; ///< null when unknown
+    bool isOnline(const QString& sn) const;
+    bool isRestricted(const QString& sn) const;
+    TimingWheel& wheel();
+    /// Devices online, one object each: "seed", "status", "vol", "voltage", "debug" (integers).
+    QJsonArray onlineDevices() const;
+    QSet<QString> onlineSerials() const;
+    void printinfo();
+
+    // --- dispatcher ---
+    /// A command that another room adds: gets the request and its resolved targets (each serial
+    /// of "snlist", or the expanded "group"; never empty), returns the reply object.
+    using Command = std::function<QJsonObject(const QJsonObject& request, const QStringList& targets)>;
+    void addCommand(const QString& word, Command command);
+
+public slots:
+    void sasn_online(const QString& sn, fortcpclient* client, unsigned port);
+    void sasn_online_CL(const QString& sn, fortcpclient* client, unsigned port, bool flag);
+    void sasn_offline(const QString& sn);
+    void reflushredis();
+    /// Runs one JSON request; returns the reply as compact JSON, without "\r\n". Never fails: what
+    /// does not parse is answered with "json_error", an unknown word with "unknown_cmd".
+    QByteArray Diamonds_jsondidocom(const QByteArray& request);
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};

@@ -1,0 +1,5 @@
+#include "core/run.h"
+
+int main(int argc, char** argv) {
+    return runService(argc, argv);
+}

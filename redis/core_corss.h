@@ -1,0 +1,52 @@
+#pragma once
+
+#include <QByteArray>
+#include <QJsonObject>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+/// Sends one device command to a node's command server and, where the command asks for it, waits for
+/// the answer: at most 100 ms for the connection and 30 s for the answer, blocking the calling
+/// thread. For HTTP workers and other threads that may block; never for the main loop. Use one
+/// object for one request, in one thread. Every blank and line feed is stripped from the request.
+class Core_corss : public QObject {
+    Q_OBJECT
+public:
+    /// `silentClip`: address for Stop_urlq39(); `warningFetch`: address prefix of the alarm-text fetch.
+    explicit Core_corss(QString host = QStringLiteral("127.0.0.1"), int port = 6006,
+                        QObject* parent = nullptr);
+    void setSilentClip(const QString& url) { m_silentClip = url; }
+    void setWarningFetch(const QString& url) { m_warningFetch = url; }
+
+    // Each returns the node's reply; empty when the node could not be reached, did not answer in time
+    // or is not waited for (the Warning family).
+    QByteArray useingenable(const QStringList& sns);
+    QByteArray useingdisable(const QStringList& sns);
+    QByteArray enable_device(const QStringList& sns);
+    QByteArray disable_device(const QStringList& sns);
+    QByteArray edit_vols(const QStringList& sns, int vol);
+    QByteArray play_url(const QStringList& sns, const QString& url);
+    QByteArray play_urlq39(const QStringList& sns, const QString& url);
+    QByteArray play_urlsetwarning(const QStringList& sns, const QString& target, const QString& text);
+    QByteArray play_urlrmwarning(const QStringList& sns, const QString& target);
+    QByteArray Stop_url(const QStringList& sns);
+    QByteArray Stop_urlq39(const QStringList& sns);
+    QByteArray Debug_(const QString& sn, int v);
+    QByteArray Debugkillall_(int v);
+    void WarningF(const QString& sn, const QString& file);
+    void WarningF_NONE(const QString& sn);
+    void WarningB(const QString& sn, const QString& file);
+    void WarningB_NONE(const QString& sn);
+    void WarningAS(const QString& sn, const QString& file);
+
+    /// Length line and stripped JSON, as every command server takes it.
+    static QByteArray frame(const QJsonObject& request);
+
+private:
+    QByteArray send(const QJsonObject& request, bool waitForAnswer);
+    QString m_host;
+    int m_port;
+    QString m_silentClip;
+    QString m_warningFetch;
+};
