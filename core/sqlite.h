@@ -13,6 +13,8 @@
 #include <QVariant>
 #include <QVector>
 
+class SqlConnection;
+
 /// Outcome of one statement, with its rows fetched whole: no cursor stays open.
 struct SqlResult {
     bool ok = false;
@@ -53,7 +55,8 @@ public:
     QSqlError getbaslasterror() const;
     /// Writes one row of the operation log.
     void get_rizhi(int userid, int level, int kind, const QString& info);
-    /// Closes the connection and schedules this object's deletion.
+    /// Closes the connection and schedules this object's deletion (so the thread needs an event loop;
+    /// a clone without one is simply destroyed).
     void release();
 
     /// Fills the template and runs it on this object's connection. A refused or failed statement is
@@ -107,13 +110,15 @@ signals:
     void error();
 
 private:
-    struct Connection;
-    std::unique_ptr<Connection> m_connection;
+    sqlite(const sqlite& settings, const QString& connectionName);
+    SqlResult send(const QString& sql, const QString& loggedAs);
+
     QString m_host;
     int m_port;
     QString m_user;
     QString m_password;
     QString m_databaseName;
     int m_kind;
-    int m_state = 0;
+    int m_state = 0; ///< 0 after construction, 2 after init2()
+    std::unique_ptr<SqlConnection> m_connection;
 };

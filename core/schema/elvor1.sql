@@ -1,0 +1,253 @@
+-- MySQL schema of the service: drops and creates every table and puts the first rows in.
+-- The collation tells upper from lower case, as SQLite does.
+
+SET NAMES utf8mb4;
+
+DROP TABLE IF EXISTS `task`;
+CREATE TABLE `task` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `userid` INT NOT NULL DEFAULT 0, -- owner, sbox_users.id
+  `start_time` INT NOT NULL DEFAULT 0, -- seconds since midnight
+  `task_name` VARCHAR(255) NOT NULL DEFAULT '',
+  `nodeid` INT NOT NULL DEFAULT 1, -- sbox_node.id
+  `len` INT NOT NULL DEFAULT 0, -- seconds
+  `enable` INT NOT NULL DEFAULT 1,
+  `week` VARCHAR(16) NOT NULL DEFAULT '1111111', -- Monday to Sunday, "0" skips the day
+  `kind` INT NOT NULL DEFAULT 1,
+  `startdate` INT NOT NULL DEFAULT 0, -- days since 1970-01-01, 0 unbounded
+  `enddate` INT NOT NULL DEFAULT 0,
+  `jiange` INT NOT NULL DEFAULT 0,
+  `fileids` MEDIUMTEXT, -- comma lists kept with the task
+  `snids` MEDIUMTEXT,
+  `statu` INT NOT NULL DEFAULT 0, -- 1 while it plays
+  `groupid` INT NOT NULL DEFAULT 0 -- taskgroup.id, 0 none
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `task_start` ON `task` (`start_time`, `enable`);
+CREATE INDEX `task_owner` ON `task` (`userid`, `groupid`, `start_time`);
+
+DROP TABLE IF EXISTS `taskseed`;
+CREATE TABLE `taskseed` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `taskid` INT NOT NULL DEFAULT 0,
+  `devseedid` INT NOT NULL DEFAULT 0 -- sbox_device_info.id
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `taskseed_task` ON `taskseed` (`taskid`, `devseedid`);
+CREATE INDEX `taskseed_device` ON `taskseed` (`devseedid`);
+
+DROP TABLE IF EXISTS `taskfile`;
+CREATE TABLE `taskfile` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `taskid` INT NOT NULL DEFAULT 0,
+  `fileid` INT NOT NULL DEFAULT 0 -- userfile.id
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `taskfile_task` ON `taskfile` (`taskid`, `fileid`);
+CREATE INDEX `taskfile_file` ON `taskfile` (`fileid`);
+
+DROP TABLE IF EXISTS `taskpop`;
+CREATE TABLE `taskpop` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `taskid` INT NOT NULL DEFAULT 0,
+  `status` VARCHAR(8) NOT NULL DEFAULT '0', -- 0 done, 1 start, 2 stop, 11 running, 12 stop of a temporary task
+  `userid` INT NOT NULL DEFAULT 0,
+  `kind` VARCHAR(8) NOT NULL DEFAULT '1', -- 1 stored task, 2 temporary task
+  `info` VARCHAR(255) NOT NULL DEFAULT '',
+  `seeds` MEDIUMTEXT,
+  `urls` MEDIUMTEXT,
+  `jiange` INT NOT NULL DEFAULT 0,
+  `ip` VARCHAR(64) NOT NULL DEFAULT '',
+  `port` INT NOT NULL DEFAULT 0,
+  `len` INT NOT NULL DEFAULT 0,
+  `playmode` INT NOT NULL DEFAULT 0
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `taskpop_status` ON `taskpop` (`status`, `kind`);
+CREATE INDEX `taskpop_owner` ON `taskpop` (`userid`, `status`);
+CREATE INDEX `taskpop_task` ON `taskpop` (`taskid`);
+
+DROP TABLE IF EXISTS `taskgroup`;
+CREATE TABLE `taskgroup` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `userid` INT NOT NULL DEFAULT 0,
+  `groupname` VARCHAR(255) NOT NULL DEFAULT ''
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `taskgroup_owner` ON `taskgroup` (`userid`);
+
+DROP TABLE IF EXISTS `userfile`;
+CREATE TABLE `userfile` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `userid` INT NOT NULL DEFAULT 0,
+  `filename` VARCHAR(1024) NOT NULL DEFAULT '', -- base64
+  `url` VARCHAR(2048) NOT NULL DEFAULT '', -- relative to the document root
+  `len` INT NOT NULL DEFAULT 0, -- seconds
+  `crl` VARCHAR(64) NOT NULL DEFAULT '', -- MD5 of the stored file, hex
+  `ziuse` INT NOT NULL DEFAULT 1,
+  `sizeByte` BIGINT NOT NULL DEFAULT 0,
+  `mark` VARCHAR(255) NOT NULL DEFAULT '',
+  `markid` INT NOT NULL DEFAULT 0
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `userfile_owner` ON `userfile` (`userid`);
+CREATE INDEX `userfile_url` ON `userfile` (`url`(191));
+
+DROP TABLE IF EXISTS `sharefiles`;
+CREATE TABLE `sharefiles` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `userid` INT NOT NULL DEFAULT 0,
+  `path` VARCHAR(2048) NOT NULL DEFAULT '',
+  `uname` VARCHAR(512) NOT NULL DEFAULT ''
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `sharefiles_owner` ON `sharefiles` (`userid`);
+
+DROP TABLE IF EXISTS `sbox_device_info`;
+CREATE TABLE `sbox_device_info` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `user_id` INT NOT NULL DEFAULT 0,
+  `device_type` INT NOT NULL DEFAULT 1,
+  `device_name` VARCHAR(255) NOT NULL DEFAULT '',
+  `device_seed` VARCHAR(64) NOT NULL, -- serial number
+  `device_code` VARCHAR(128) NOT NULL DEFAULT '',
+  `node_id` INT NOT NULL DEFAULT 1, -- sbox_node.id
+  `tag1` VARCHAR(64) NOT NULL DEFAULT '',
+  `tag2` VARCHAR(64) NOT NULL DEFAULT '',
+  `userid_seed` VARCHAR(96) NOT NULL DEFAULT '',
+  `iswarning` INT NOT NULL DEFAULT 0, -- 99 takes part in alarms
+  `kind` INT NOT NULL DEFAULT 0,
+  `vol` INT NOT NULL DEFAULT 0,
+  `status` INT NOT NULL DEFAULT 0, -- 1 online
+  `xhstatus` INT NOT NULL DEFAULT 0,
+  `rt` INT NOT NULL DEFAULT 0,
+  `rtl` INT NOT NULL DEFAULT 0,
+  `py` INT NOT NULL DEFAULT 0,
+  `pyl` INT NOT NULL DEFAULT 0,
+  `ctime` DATETIME NOT NULL DEFAULT CURRENT_TIMESTAMP,
+  `changetime` DATETIME NOT NULL DEFAULT CURRENT_TIMESTAMP ON UPDATE CURRENT_TIMESTAMP,
+  `updatetime` DATETIME NOT NULL DEFAULT CURRENT_TIMESTAMP ON UPDATE CURRENT_TIMESTAMP
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE UNIQUE INDEX `device_seed` ON `sbox_device_info` (`device_seed`);
+CREATE INDEX `device_owner` ON `sbox_device_info` (`user_id`, `iswarning`);
+
+DROP TABLE IF EXISTS `sbox_node`;
+CREATE TABLE `sbox_node` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `nodeip` VARCHAR(64) NOT NULL DEFAULT '127.0.0.1',
+  `node_name` VARCHAR(255) NOT NULL DEFAULT '',
+  `nodeport1` INT NOT NULL DEFAULT 3333,
+  `nodeport2` INT NOT NULL DEFAULT 6003,
+  `nodeport3` INT NOT NULL DEFAULT 6006,
+  `nodeport4` INT NOT NULL DEFAULT 6002,
+  `nodeport5` INT NOT NULL DEFAULT 6003,
+  `detail` VARCHAR(512) NOT NULL DEFAULT ''
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+
+DROP TABLE IF EXISTS `sbox_group`;
+CREATE TABLE `sbox_group` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `userid` INT NOT NULL DEFAULT 0,
+  `group_name` VARCHAR(255) NOT NULL DEFAULT '',
+  `nodeid` INT NOT NULL DEFAULT 1,
+  `time` DATETIME NOT NULL DEFAULT CURRENT_TIMESTAMP,
+  `msurl` VARCHAR(1024) NOT NULL DEFAULT ''
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `group_owner` ON `sbox_group` (`userid`);
+
+DROP TABLE IF EXISTS `group_seed`;
+CREATE TABLE `group_seed` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `gid` INT NOT NULL DEFAULT 0, -- sbox_group.id
+  `seed` VARCHAR(64) NOT NULL DEFAULT '',
+  `userid` INT NOT NULL DEFAULT 0,
+  `gidseed` VARCHAR(128) NOT NULL DEFAULT '',
+  `devid` INT NOT NULL DEFAULT 0 -- sbox_device_info.id
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `group_seed_group` ON `group_seed` (`gid`, `userid`);
+CREATE INDEX `group_seed_owner` ON `group_seed` (`userid`);
+CREATE INDEX `group_seed_device` ON `group_seed` (`devid`);
+
+DROP TABLE IF EXISTS `sbox_users`;
+CREATE TABLE `sbox_users` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `user_name` VARCHAR(191) NOT NULL DEFAULT '',
+  `user_pass` VARCHAR(255) NOT NULL DEFAULT '',
+  `master_id` INT NOT NULL DEFAULT 0, -- the account that made this sub-account
+  `mask` VARCHAR(8192) NOT NULL DEFAULT '', -- device ids that a sub-account sees
+  `beizhu` VARCHAR(512) NOT NULL DEFAULT '',
+  `token` VARCHAR(128) NOT NULL DEFAULT '',
+  `nickname` VARCHAR(255) NOT NULL DEFAULT '',
+  `user_level` INT NOT NULL DEFAULT 0,
+  `ctime` DATETIME NOT NULL DEFAULT CURRENT_TIMESTAMP
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE UNIQUE INDEX `user_name` ON `sbox_users` (`user_name`);
+CREATE INDEX `user_master` ON `sbox_users` (`master_id`);
+
+DROP TABLE IF EXISTS `warningplant`;
+CREATE TABLE `warningplant` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `snids` MEDIUMTEXT,
+  `url` MEDIUMTEXT,
+  `name` VARCHAR(255) NOT NULL DEFAULT '',
+  `userid` INT NOT NULL DEFAULT 0,
+  `status` INT NOT NULL DEFAULT 0
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `warningplant_owner` ON `warningplant` (`userid`);
+
+DROP TABLE IF EXISTS `warregister`;
+CREATE TABLE `warregister` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `sn` VARCHAR(64) NOT NULL DEFAULT '',
+  `kind` INT NOT NULL DEFAULT 0, -- 0 a fixed file
+  `url` MEDIUMTEXT,
+  `devname` VARCHAR(255) NOT NULL DEFAULT '',
+  `filename` VARCHAR(1024) NOT NULL DEFAULT '',
+  `userid` INT NOT NULL DEFAULT 0,
+  `fb` VARCHAR(8) NOT NULL DEFAULT ''
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `warregister_owner` ON `warregister` (`userid`);
+CREATE INDEX `warregister_line` ON `warregister` (`sn`, `fb`);
+
+DROP TABLE IF EXISTS `snover`;
+CREATE TABLE `snover` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `sn` VARCHAR(64) NOT NULL DEFAULT '',
+  `overtime` VARCHAR(32) NOT NULL DEFAULT '', -- end of the service period
+  `statu` INT NOT NULL DEFAULT 1, -- 1 active, 2 expired, 3 renewed
+  `iccid` VARCHAR(64) NOT NULL DEFAULT '',
+  `pay` INT NOT NULL DEFAULT 0
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `snover_sn` ON `snover` (`sn`);
+CREATE INDEX `snover_period` ON `snover` (`statu`, `overtime`);
+
+DROP TABLE IF EXISTS `fei`;
+CREATE TABLE `fei` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `userid` INT NOT NULL DEFAULT 0,
+  `fei` VARCHAR(32) NOT NULL DEFAULT '0',
+  `info` VARCHAR(255) NOT NULL DEFAULT ''
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `fei_owner` ON `fei` (`userid`);
+
+DROP TABLE IF EXISTS `swap_info`;
+CREATE TABLE `swap_info` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `url` VARCHAR(2048) NOT NULL DEFAULT '',
+  `title` VARCHAR(512) NOT NULL DEFAULT '',
+  `type` VARCHAR(32) NOT NULL DEFAULT '',
+  `to` VARCHAR(1024) NOT NULL DEFAULT ''
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+
+DROP TABLE IF EXISTS `xieyi_mod`;
+CREATE TABLE `xieyi_mod` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `xieyi` MEDIUMTEXT
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+
+DROP TABLE IF EXISTS `rizhi`;
+CREATE TABLE `rizhi` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `userid` INT NOT NULL DEFAULT 0,
+  `info` VARCHAR(2048) NOT NULL DEFAULT '',
+  `kind` INT NOT NULL DEFAULT 0,
+  `level` INT NOT NULL DEFAULT 0
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `rizhi_owner` ON `rizhi` (`userid`);
+
+INSERT INTO `sbox_node` (`id`, `node_name`) VALUES (1, 'node1');
+INSERT INTO `swap_info` (`type`) VALUES ('info');
+INSERT INTO `xieyi_mod` (`id`, `xieyi`) VALUES (1, '');

@@ -1,0 +1,258 @@
+-- SQLite schema of the service: drops and creates every table and puts the first rows in.
+-- Columns hold what the statements write; quoted numbers are stored as numbers in INTEGER columns.
+
+DROP TABLE IF EXISTS `task`;
+CREATE TABLE `task` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `userid` INTEGER NOT NULL DEFAULT 0,     -- owner, sbox_users.id
+  `start_time` INTEGER NOT NULL DEFAULT 0, -- seconds since midnight
+  `task_name` TEXT NOT NULL DEFAULT '',
+  `nodeid` INTEGER NOT NULL DEFAULT 1,     -- sbox_node.id
+  `len` INTEGER NOT NULL DEFAULT 0,        -- seconds
+  `enable` INTEGER NOT NULL DEFAULT 1,
+  `week` TEXT NOT NULL DEFAULT '1111111',  -- Monday to Sunday, "0" skips the day
+  `kind` INTEGER NOT NULL DEFAULT 1,
+  `startdate` INTEGER NOT NULL DEFAULT 0,  -- days since 1970-01-01, 0 unbounded
+  `enddate` INTEGER NOT NULL DEFAULT 0,
+  `jiange` INTEGER NOT NULL DEFAULT 0,
+  `fileids` TEXT,                          -- comma lists kept with the task
+  `snids` TEXT,
+  `statu` INTEGER NOT NULL DEFAULT 0,      -- 1 while it plays
+  `groupid` INTEGER NOT NULL DEFAULT 0     -- taskgroup.id, 0 none
+);
+CREATE INDEX `task_start` ON `task` (`start_time`, `enable`);
+CREATE INDEX `task_owner` ON `task` (`userid`, `groupid`, `start_time`);
+
+DROP TABLE IF EXISTS `taskseed`;
+CREATE TABLE `taskseed` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `taskid` INTEGER NOT NULL DEFAULT 0,
+  `devseedid` INTEGER NOT NULL DEFAULT 0 -- sbox_device_info.id
+);
+CREATE INDEX `taskseed_task` ON `taskseed` (`taskid`, `devseedid`);
+CREATE INDEX `taskseed_device` ON `taskseed` (`devseedid`);
+
+DROP TABLE IF EXISTS `taskfile`;
+CREATE TABLE `taskfile` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `taskid` INTEGER NOT NULL DEFAULT 0,
+  `fileid` INTEGER NOT NULL DEFAULT 0 -- userfile.id
+);
+CREATE INDEX `taskfile_task` ON `taskfile` (`taskid`, `fileid`);
+CREATE INDEX `taskfile_file` ON `taskfile` (`fileid`);
+
+DROP TABLE IF EXISTS `taskpop`;
+CREATE TABLE `taskpop` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `taskid` INTEGER NOT NULL DEFAULT 0,
+  `status` TEXT NOT NULL DEFAULT '0', -- 0 done, 1 start, 2 stop, 11 running, 12 stop of a temporary task
+  `userid` INTEGER NOT NULL DEFAULT 0,
+  `kind` TEXT NOT NULL DEFAULT '1',   -- 1 stored task, 2 temporary task
+  `info` TEXT NOT NULL DEFAULT '',
+  `seeds` TEXT,
+  `urls` TEXT,
+  `jiange` INTEGER NOT NULL DEFAULT 0,
+  `ip` TEXT NOT NULL DEFAULT '',
+  `port` INTEGER NOT NULL DEFAULT 0,
+  `len` INTEGER NOT NULL DEFAULT 0,
+  `playmode` INTEGER NOT NULL DEFAULT 0
+);
+CREATE INDEX `taskpop_status` ON `taskpop` (`status`, `kind`);
+CREATE INDEX `taskpop_owner` ON `taskpop` (`userid`, `status`);
+CREATE INDEX `taskpop_task` ON `taskpop` (`taskid`);
+
+DROP TABLE IF EXISTS `taskgroup`;
+CREATE TABLE `taskgroup` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `userid` INTEGER NOT NULL DEFAULT 0,
+  `groupname` TEXT NOT NULL DEFAULT ''
+);
+CREATE INDEX `taskgroup_owner` ON `taskgroup` (`userid`);
+
+DROP TABLE IF EXISTS `userfile`;
+CREATE TABLE `userfile` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `userid` INTEGER NOT NULL DEFAULT 0,
+  `filename` TEXT NOT NULL DEFAULT '', -- base64
+  `url` TEXT NOT NULL DEFAULT '',      -- relative to the document root
+  `len` INTEGER NOT NULL DEFAULT 0,    -- seconds
+  `crl` TEXT NOT NULL DEFAULT '',      -- MD5 of the stored file, hex
+  `ziuse` INTEGER NOT NULL DEFAULT 1,
+  `sizeByte` INTEGER NOT NULL DEFAULT 0,
+  `mark` TEXT NOT NULL DEFAULT '',
+  `markid` INTEGER NOT NULL DEFAULT 0
+);
+CREATE INDEX `userfile_owner` ON `userfile` (`userid`);
+CREATE INDEX `userfile_url` ON `userfile` (`url`);
+
+DROP TABLE IF EXISTS `sharefiles`;
+CREATE TABLE `sharefiles` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `userid` INTEGER NOT NULL DEFAULT 0,
+  `path` TEXT NOT NULL DEFAULT '',
+  `uname` TEXT NOT NULL DEFAULT ''
+);
+CREATE INDEX `sharefiles_owner` ON `sharefiles` (`userid`);
+
+DROP TABLE IF EXISTS `sbox_device_info`;
+CREATE TABLE `sbox_device_info` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `user_id` INTEGER NOT NULL DEFAULT 0,
+  `device_type` INTEGER NOT NULL DEFAULT 1,
+  `device_name` TEXT NOT NULL DEFAULT '',
+  `device_seed` TEXT NOT NULL,           -- serial number
+  `device_code` TEXT NOT NULL DEFAULT '',
+  `node_id` INTEGER NOT NULL DEFAULT 1,  -- sbox_node.id
+  `tag1` TEXT NOT NULL DEFAULT '',
+  `tag2` TEXT NOT NULL DEFAULT '',
+  `userid_seed` TEXT NOT NULL DEFAULT '',
+  `iswarning` INTEGER NOT NULL DEFAULT 0, -- 99 takes part in alarms
+  `kind` INTEGER NOT NULL DEFAULT 0,
+  `vol` INTEGER NOT NULL DEFAULT 0,
+  `status` INTEGER NOT NULL DEFAULT 0,    -- 1 online
+  `xhstatus` INTEGER NOT NULL DEFAULT 0,
+  `rt` INTEGER NOT NULL DEFAULT 0,
+  `rtl` INTEGER NOT NULL DEFAULT 0,
+  `py` INTEGER NOT NULL DEFAULT 0,
+  `pyl` INTEGER NOT NULL DEFAULT 0,
+  `ctime` TEXT NOT NULL DEFAULT (datetime('now', 'localtime')),
+  `changetime` TEXT NOT NULL DEFAULT (datetime('now', 'localtime')),
+  `updatetime` TEXT NOT NULL DEFAULT (datetime('now', 'localtime'))
+);
+CREATE UNIQUE INDEX `device_seed` ON `sbox_device_info` (`device_seed`);
+CREATE INDEX `device_owner` ON `sbox_device_info` (`user_id`, `iswarning`);
+CREATE TRIGGER `device_changed` AFTER UPDATE ON `sbox_device_info`
+WHEN NEW.`updatetime` IS OLD.`updatetime` AND NEW.`changetime` IS OLD.`changetime`
+BEGIN
+  UPDATE `sbox_device_info`
+    SET `changetime` = datetime('now', 'localtime'), `updatetime` = datetime('now', 'localtime')
+    WHERE `id` = NEW.`id`;
+END;
+
+DROP TABLE IF EXISTS `sbox_node`;
+CREATE TABLE `sbox_node` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `nodeip` TEXT NOT NULL DEFAULT '127.0.0.1',
+  `node_name` TEXT NOT NULL DEFAULT '',
+  `nodeport1` INTEGER NOT NULL DEFAULT 3333,
+  `nodeport2` INTEGER NOT NULL DEFAULT 6003,
+  `nodeport3` INTEGER NOT NULL DEFAULT 6006,
+  `nodeport4` INTEGER NOT NULL DEFAULT 6002,
+  `nodeport5` INTEGER NOT NULL DEFAULT 6003,
+  `detail` TEXT NOT NULL DEFAULT ''
+);
+
+DROP TABLE IF EXISTS `sbox_group`;
+CREATE TABLE `sbox_group` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `userid` INTEGER NOT NULL DEFAULT 0,
+  `group_name` TEXT NOT NULL DEFAULT '',
+  `nodeid` INTEGER NOT NULL DEFAULT 1,
+  `time` TEXT NOT NULL DEFAULT (datetime('now', 'localtime')),
+  `msurl` TEXT NOT NULL DEFAULT ''
+);
+CREATE INDEX `group_owner` ON `sbox_group` (`userid`);
+
+DROP TABLE IF EXISTS `group_seed`;
+CREATE TABLE `group_seed` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `gid` INTEGER NOT NULL DEFAULT 0, -- sbox_group.id
+  `seed` TEXT NOT NULL DEFAULT '',
+  `userid` INTEGER NOT NULL DEFAULT 0,
+  `gidseed` TEXT NOT NULL DEFAULT '',
+  `devid` INTEGER NOT NULL DEFAULT 0 -- sbox_device_info.id
+);
+CREATE INDEX `group_seed_group` ON `group_seed` (`gid`, `userid`);
+CREATE INDEX `group_seed_owner` ON `group_seed` (`userid`);
+CREATE INDEX `group_seed_device` ON `group_seed` (`devid`);
+
+DROP TABLE IF EXISTS `sbox_users`;
+CREATE TABLE `sbox_users` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `user_name` TEXT NOT NULL DEFAULT '',
+  `user_pass` TEXT NOT NULL DEFAULT '',
+  `master_id` INTEGER NOT NULL DEFAULT 0, -- the account that made this sub-account
+  `mask` TEXT NOT NULL DEFAULT '',        -- device ids that a sub-account sees
+  `beizhu` TEXT NOT NULL DEFAULT '',
+  `token` TEXT NOT NULL DEFAULT '',
+  `nickname` TEXT NOT NULL DEFAULT '',
+  `user_level` INTEGER NOT NULL DEFAULT 0,
+  `ctime` TEXT NOT NULL DEFAULT (datetime('now', 'localtime'))
+);
+CREATE UNIQUE INDEX `user_name` ON `sbox_users` (`user_name`);
+CREATE INDEX `user_master` ON `sbox_users` (`master_id`);
+
+DROP TABLE IF EXISTS `warningplant`;
+CREATE TABLE `warningplant` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `snids` TEXT,
+  `url` TEXT,
+  `name` TEXT NOT NULL DEFAULT '',
+  `userid` INTEGER NOT NULL DEFAULT 0,
+  `status` INTEGER NOT NULL DEFAULT 0
+);
+CREATE INDEX `warningplant_owner` ON `warningplant` (`userid`);
+
+DROP TABLE IF EXISTS `warregister`;
+CREATE TABLE `warregister` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `sn` TEXT NOT NULL DEFAULT '',
+  `kind` INTEGER NOT NULL DEFAULT 0, -- 0 a fixed file
+  `url` TEXT,
+  `devname` TEXT NOT NULL DEFAULT '',
+  `filename` TEXT NOT NULL DEFAULT '',
+  `userid` INTEGER NOT NULL DEFAULT 0,
+  `fb` TEXT NOT NULL DEFAULT ''
+);
+CREATE INDEX `warregister_owner` ON `warregister` (`userid`);
+CREATE INDEX `warregister_line` ON `warregister` (`sn`, `fb`);
+
+DROP TABLE IF EXISTS `snover`;
+CREATE TABLE `snover` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `sn` TEXT NOT NULL DEFAULT '',
+  `overtime` TEXT NOT NULL DEFAULT '',  -- end of the service period
+  `statu` INTEGER NOT NULL DEFAULT 1,   -- 1 active, 2 expired, 3 renewed
+  `iccid` TEXT NOT NULL DEFAULT '',
+  `pay` INTEGER NOT NULL DEFAULT 0
+);
+CREATE INDEX `snover_sn` ON `snover` (`sn`);
+CREATE INDEX `snover_period` ON `snover` (`statu`, `overtime`);
+
+DROP TABLE IF EXISTS `fei`;
+CREATE TABLE `fei` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `userid` INTEGER NOT NULL DEFAULT 0,
+  `fei` TEXT NOT NULL DEFAULT '0',
+  `info` TEXT NOT NULL DEFAULT ''
+);
+CREATE INDEX `fei_owner` ON `fei` (`userid`);
+
+DROP TABLE IF EXISTS `swap_info`;
+CREATE TABLE `swap_info` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `url` TEXT NOT NULL DEFAULT '',
+  `title` TEXT NOT NULL DEFAULT '',
+  `type` TEXT NOT NULL DEFAULT '',
+  `to` TEXT NOT NULL DEFAULT ''
+);
+
+DROP TABLE IF EXISTS `xieyi_mod`;
+CREATE TABLE `xieyi_mod` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `xieyi` TEXT NOT NULL DEFAULT ''
+);
+
+DROP TABLE IF EXISTS `rizhi`;
+CREATE TABLE `rizhi` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `userid` INTEGER NOT NULL DEFAULT 0,
+  `info` TEXT NOT NULL DEFAULT '',
+  `kind` INTEGER NOT NULL DEFAULT 0,
+  `level` INTEGER NOT NULL DEFAULT 0
+);
+CREATE INDEX `rizhi_owner` ON `rizhi` (`userid`);
+
+INSERT INTO `sbox_node` (`id`, `node_name`) VALUES (1, 'node1');
+INSERT INTO `swap_info` (`type`) VALUES ('info');
+INSERT INTO `xieyi_mod` (`id`, `xieyi`) VALUES (1, '');

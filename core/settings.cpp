@@ -1,0 +1,219 @@
+#include "core/settings.h"
+
+#include <QDebug>
+#include <QFileInfo>
+#include <QHostAddress>
+#include <QNetworkInterface>
+#include <QSettings>
+
+namespace {
+
+using Type = SettingKey::Type;
+
+// Host name of the defaults; inside `preurl` it stands for the LAN address, as "FUCKHOST" does.
+constexpr auto BuiltInHost = "127.0.0.1";
+
+const std::vector<SettingKey> Keys = {
+    {"Settings", "wbport", Type::Integer, "0", "Listening port of the WebSocket front; 0 keeps it closed."},
+    {"Settings", "Meida_ip", Type::Text, "",
+     "Media address handed to the WebSocket front and the task queue; with ISLOCALHOST the LAN address."},
+    {"Settings", "askey", Type::Text, "", "Read and overwritten by ASKEY."},
+    {"Settings", "Meida_port", Type::Integer, "0", "Media port handed to the WebSocket front."},
+    {"Settings", "ISLOCALHOST", Type::Flag, "false",
+     "The detected LAN address replaces Meida_ip, LocalIP and the host part of preurl."},
+    {"Settings", "locipsss", Type::Text, "",
+     "Used instead of the detected LAN address. Default: the detected LAN address."},
+    {"Settings", "LocalIP", Type::Text, "",
+     "This server's own address as told to speakers, peers and in URLs. Must be present."},
+    {"Settings", "DPort", Type::Integer, "3333",
+     "TCP port of the speakers' control connections; their MP3 data port is this one plus 2."},
+    {"Settings", "PackSize", Type::Integer, "2048", "Audio packet size, bytes."},
+    {"Settings", "AryLen", Type::Integer, "20", "Audio packets kept for a speaker."},
+    {"Settings", "Check_", Type::Integer, "3000", "Speaker check interval, ms."},
+    {"Settings", "Check_len", Type::Integer, "10", "Speaker checks before it counts as gone."},
+    {"Settings", "TSWait", Type::Integer, "3000",
+     "Wait of the device registry and the control listener, ms."},
+    {"Settings", "OPort0", Type::Integer, "6001", "Output port 0 of the device registry."},
+    {"Settings", "OPort1", Type::Integer, "6001", "Output port 1 of the device registry."},
+    {"Settings", "DataPort", Type::Integer, "6002", "Data port of the device registry and the task queue."},
+    {"Settings", "DataPortBack2", Type::Integer, "7681", "Second data port of the device registry."},
+    {"Settings", "DataPortBack3", Type::Integer, "7682",
+     "Second TCP port of the speakers' control connections."},
+    {"Settings", "Pastcmd", Type::Integer, "6008", "Relay command port of the device registry."},
+    {"Settings", "BjPort", Type::Integer, "6004", "Alarm port of the device registry."},
+    {"Settings", "PS1", Type::Integer, "6003", "TCP port of the first command server."},
+    {"Settings", "PS2", Type::Integer, "6006",
+     "TCP port of the second command server (IPv6 and IPv4), announced to other nodes as nodeport3."},
+    {"Settings", "bitrate", Type::Integer, "128", "MP3 bit rate, kbit/s."},
+    {"Settings", "ManagePort", Type::Integer, "6007", "Management port of the device registry."},
+    {"Settings", "ASKEY", Type::Text, "",
+     "Service key. While it is empty every request that needs it is refused."},
+    {"Settings", "ttsxfAPPID", Type::Text, "none", "Application id at the text-to-speech service."},
+    {"Settings", "ttsxfAPISecret", Type::Text, "none", "Secret of the text-to-speech service."},
+    {"Settings", "ttsxfAPIKey", Type::Text, "none", "Key of the text-to-speech service."},
+    {"Settings", "upstreamcdn", Type::Text, BuiltInHost, "Upstream CDN host of the device registry."},
+    {"Settings", "localcdn", Type::Text, "",
+     "Local CDN host of the device registry. Default: the LAN address and \":8080\"."},
+    {"Settings", "pvkey", Type::Text, "", "Private key material of the licence check."},
+    {"Settings", "pukey", Type::Text, "", "Public key material of the licence check."},
+    {"Settings", "key", Type::Text, "", "Key of the licence check."},
+    {"Settings", "RedisIP", Type::Text, BuiltInHost, "Redis server address."},
+    {"Settings", "RedisAUTH", Type::Text, "", "Redis password; empty: none is sent."},
+    {"Settings", "RedisPort", Type::Integer, "6379", "Redis server port."},
+    {"Settings", "EnableRedis", Type::Flag, "false", "Mirror the speakers' state into Redis."},
+    {"Settings", "isonly_media", Type::Flag, "false",
+     "Media-only mode: speakers and command servers, no database, tasks, HTTP or WebSocket."},
+    {"Settings", "Netcross_Port0", Type::Integer, "6000", "Cross-network port 0 of the device registry."},
+    {"Settings", "Netcross_Port1", Type::Integer, "6001", "Cross-network port 1 of the device registry."},
+    {"Settings", "tasklenmin", Type::Integer, "10", "Shortest task, seconds."},
+    {"Settings", "snupdatareload", Type::Text, "./snupdatareload.json",
+     "Firmware update list; read again at run time."},
+    {"Settings", "task_ip", Type::Text, BuiltInHost, "Database server (dbk 1)."},
+    {"Settings", "nocdn", Type::Flag, "true", "No-CDN switch of this node, published in the node list."},
+    {"Settings", "sqltask_port", Type::Integer, "3306", "Port of the database server (dbk 1)."},
+    {"Settings", "dbk", Type::Integer, "0",
+     "Database: 0 SQLite without tasks, 1 MySQL, 3 SQLite with tasks."},
+    {"Settings", "task_username", Type::Text, "ipspeaker", "Database user (dbk 1)."},
+    {"Settings", "task_passwd", Type::Text, "", "Database password (dbk 1)."},
+    {"Settings", "cdn_str", Type::Text, BuiltInHost, "CDN host of the task queue."},
+    {"Settings", "src_ipstr", Type::Text, "127.0.0.1:10080", "Source server of the task queue."},
+    {"Settings", "basename", Type::Text, "ipspeaker", "Database name (dbk 1)."},
+    {"Settings", "preurl", Type::Text, "http://127.0.0.1:12080/",
+     "Public URL prefix of this server's files; ends in \"/\". With ISLOCALHOST the LAN address replaces "
+     "127.0.0.1 and FUCKHOST in it."},
+    {"Settings", "wxcxpreurl", Type::Text, "http://127.0.0.1:12080/", "URL prefix for the mini-program."},
+    {"Settings", "sqltaskid", Type::Integer, "1000", "First task number of the task queue."},
+    {"Settings", "taskstart", Type::Integer, "21276",
+     "No task starts before this time of day, seconds since midnight."},
+    {"Settings", "taskend", Type::Integer, "82800",
+     "No task starts after this time of day, seconds since midnight."},
+    {"Settings", "RDDATAPORT", Type::Integer, "7636", "Port handed to the HTTP request router."},
+    {"Settings", "runingdir", Type::Text, ".", "Working directory for files."},
+    {"Settings", "warningableurl", Type::Text, "http://127.0.0.1:12080/", "Read and kept."},
+    {"Settings", "cmdallow", Type::Text, "",
+     "Addresses and subnets that may use the command servers, separated by commas. Empty: everybody."},
+    {"Settings", "PayKey", Type::Text, "",
+     "When not empty, payments must carry it in \"sskey\". Set it: without it anybody can renew a speaker."},
+    {"Settings", "programdir", Type::Text, "",
+     "Directory of find.js and tts.js. Default: \"programs\" below runingdir."},
+    {"Settings", "waringdir", Type::Text, "/var/waring",
+     "Directory of the bindings of alarm lines to tasks."},
+    {"Settings", "waringfetch", Type::Text, "",
+     "Address prefix of the alarm-text fetch. Default: this server's HTTP address and "
+     "\"user/fucktext?t=\"."},
+    {"Settings", "silentclip", Type::Text, "",
+     "Address of the silent clip that ends an alarm. Default: preurl and \"mp3/silence.mp3\"."},
+    {"sessions", "expirationTime", Type::Integer, "3600000", "Life of an unused HTTP session, ms."},
+    {"sessions", "cookieName", Type::Text, "sessionid", "Cookie of the HTTP session."},
+    {"docroot", "path", Type::Text, ".", "Document root; relative to the configuration file."},
+    {"docroot", "encoding", Type::Text, "UTF-8", "Encoding announced for text files."},
+    {"docroot", "maxAge", Type::Integer, "60000", "How long a client may keep a file, ms."},
+    {"docroot", "cacheTime", Type::Integer, "60000", "How long a file is kept in memory, ms."},
+    {"docroot", "cacheSize", Type::Integer, "1000000", "Memory for kept files, bytes."},
+    {"docroot", "maxCachedFileSize", Type::Integer, "65536", "Largest file kept in memory, bytes."},
+    {"templates", "path", Type::Text, ".", "Directory of templates; relative to the configuration file."},
+    {"templates", "suffix", Type::Text, ".tpl", "File name suffix of templates."},
+    {"templates", "encoding", Type::Text, "UTF-8", "Encoding of templates."},
+    {"listener", "host", Type::Text, "", "Address the HTTP listener binds; empty: every one."},
+    {"listener", "port", Type::Integer, "12080", "TCP port of the HTTP listener."},
+    {"listener", "minThreads", Type::Integer, "4", "HTTP workers that stay."},
+    {"listener", "maxThreads", Type::Integer, "100", "HTTP workers at most."},
+    {"listener", "cleanupInterval", Type::Integer, "60000", "Idle time after which a worker ends, ms."},
+    {"listener", "readTimeout", Type::Integer, "60000", "Time for a client to send its request, ms."},
+    {"listener", "maxRequestSize", Type::Integer, "16384", "Largest request without an upload, bytes."},
+    {"listener", "maxMultiPartSize", Type::Integer, "134217728", "Largest upload, bytes."},
+};
+
+QString fullName(const SettingKey& key) {
+    return QLatin1String(key.group) + QLatin1Char('/') + QLatin1String(key.name);
+}
+
+QVariant converted(const SettingKey& key, const QString& text) {
+    switch (key.type) {
+    case Type::Integer:
+        return text.toInt();
+    case Type::Flag:
+        return QVariant(text).toBool();
+    case Type::Text:
+        break;
+    }
+    return text;
+}
+
+// An unquoted comma makes QSettings give a list: the text is what stood in the file.
+QString storedText(const QVariant& stored) {
+    return stored.type() == QVariant::StringList ? stored.toStringList().join(QLatin1Char(','))
+                                                 : stored.toString();
+}
+
+} // namespace
+
+const std::vector<SettingKey>& settingKeys() {
+    return Keys;
+}
+
+Settings Settings::load(const QString& iniPath, const QString& detectedAddress) {
+    if (!QFileInfo(iniPath).isFile())
+        qWarning().noquote() << "Config file missing:" << QFileInfo(iniPath).absoluteFilePath();
+    QSettings file(iniPath, QSettings::IniFormat);
+    file.setIniCodec("UTF-8");
+
+    Settings settings;
+    settings.m_iniPath = iniPath;
+    for (const SettingKey& key : Keys) {
+        const QString name = fullName(key);
+        const QVariant stored = file.value(name, QLatin1String(key.defaultValue));
+        settings.m_values.insert(name, converted(key, storedText(stored)));
+    }
+    settings.m_hasLocalIp = file.contains(QStringLiteral("Settings/LocalIP"));
+
+    const auto set = [&settings](const char* name, const QString& text) {
+        settings.m_values.insert(QStringLiteral("Settings/") + QLatin1String(name), text);
+    };
+    settings.m_lanAddress =
+        file.contains(QStringLiteral("Settings/locipsss")) ? settings.text("locipsss") : detectedAddress;
+    set("locipsss", settings.m_lanAddress);
+    if (!file.contains(QStringLiteral("Settings/localcdn")))
+        set("localcdn", settings.m_lanAddress + QStringLiteral(":8080"));
+    if (settings.flag("ISLOCALHOST")) {
+        set("Meida_ip", settings.m_lanAddress);
+        set("LocalIP", settings.m_lanAddress);
+        set("preurl", settings.text("preurl")
+                          .replace(QLatin1String(BuiltInHost), settings.m_lanAddress)
+                          .replace(QStringLiteral("FUCKHOST"), settings.m_lanAddress));
+    }
+    return settings;
+}
+
+QString Settings::text(const char* key) const {
+    return value(key).toString();
+}
+
+int Settings::integer(const char* key) const {
+    return value(key).toInt();
+}
+
+bool Settings::flag(const char* key) const {
+    return value(key).toBool();
+}
+
+QVariant Settings::value(const char* key) const {
+    QString name = QLatin1String(key);
+    if (!name.contains(QLatin1Char('/')))
+        name.prepend(QStringLiteral("Settings/"));
+    const auto found = m_values.constFind(name);
+    if (found == m_values.constEnd())
+        qFatal("unknown configuration key %s", key);
+    return *found;
+}
+
+QString detectLanAddress() {
+    const QList<QHostAddress> addresses = QNetworkInterface::allAddresses();
+    for (const QHostAddress& address : addresses) {
+        const QString text = address.toString();
+        qDebug().noquote() << "ISLOCALHOST::>>>" << text;
+        if (!text.startsWith(QStringLiteral("127.0.0")) && text.split(QLatin1Char('.')).size() == 4)
+            return text;
+    }
+    return {};
+}

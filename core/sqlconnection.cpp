@@ -1,0 +1,196 @@
+#include "core/sqlconnection.h"
+
+#include <QDebug>
+#include <QStringList>
+
+namespace {
+
+constexpr auto SqliteFile = ".Elvor.db";
+
+// A writer waits this long for another connection's write; longer than any transaction of the service.
+constexpr auto SqliteOptions = "QSQLITE_BUSY_TIMEOUT=5000";
+
+// Together below 10 s, so that no request hangs longer on a server that has gone silent: 3 s for the
+// connection, 6 s for an answer. FOUND_ROWS counts the rows matched, as SQLite does.
+constexpr auto MysqlOptions =
+    "MYSQL_OPT_CONNECT_TIMEOUT=3;MYSQL_OPT_READ_TIMEOUT=6;MYSQL_OPT_WRITE_TIMEOUT=6;"
+    "CLIENT_FOUND_ROWS";
+
+// WAL lets readers of other threads go on beside a writer; NORMAL keeps the file consistent through a
+// kill and costs no disk sync for each statement.
+const QStringList SqliteSession = {QStringLiteral("PRAGMA journal_mode = WAL"),
+                                   QStringLiteral("PRAGMA synchronous = NORMAL")};
+
+// The statements write quoted numbers, empty texts and missing columns; double quotes are text in them.
+// A lock is waited for shorter than the answer.
+const QStringList MysqlSession = {QStringLiteral("SET NAMES utf8mb4 COLLATE utf8mb4_bin"),
+                                  QStringLiteral("SET SESSION sql_mode = 'NO_ENGINE_SUBSTITUTION'"),
+                                  QStringLiteral("SET SESSION innodb_lock_wait_timeout = 5")};
+
+// Client and server codes that mean "the connection is gone".
+const QStringList LostCodes = {QStringLiteral("2002"), QStringLiteral("2003"), QStringLiteral("2006"),
+                               QStringLiteral("2013"), QStringLiteral("2055"), QStringLiteral("1053"),
+                               QStringLiteral("1927")};
+// Of these the one that tells that nothing was sent, so that sending again is safe.
+constexpr auto GoneBeforeSending = "2006";
+
+} // namespace
+
+SqlConnection::SqlConnection(const SqlServer& server, const QString& name)
+    : m_server(server)
+    , m_name(name) {
+    switch (server.kind) {
+    case 0:
+    case 3:
+        qDebug().noquote() << QStringLiteral("init sqlite%1").arg(server.kind);
+        m_database = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
+        m_database.setDatabaseName(QLatin1String(SqliteFile));
+        m_database.setConnectOptions(QLatin1String(SqliteOptions));
+        break;
+    case 1:
+        qDebug().noquote() << "init mysql" << server.host << server.port;
+        m_database = QSqlDatabase::addDatabase(QStringLiteral("QMYSQL"), name);
+        m_database.setDatabaseName(server.databaseName);
+        m_database.setUserName(server.user);
+        m_database.setPassword(server.password);
+        m_database.setHostName(server.host);
+        m_database.setPort(server.port);
+        m_database.setConnectOptions(QLatin1String(MysqlOptions));
+        break;
+    default:
+        break;
+    }
+    if (open())
+        qDebug() << "SQLITE 3";
+    else if (server.kind == 1)
+        outageBegins(m_database.lastError());
+    else
+        qDebug() << m_database.lastError();
+}
+
+SqlConnection::~SqlConnection() {
+    dropQueries();
+    if (!m_database.isValid())
+        return;
+    m_database = QSqlDatabase();
+    QSqlDatabase::removeDatabase(m_name);
+}
+
+bool SqlConnection::open() {
+    return m_database.isValid() && m_database.open() && prepareSession();
+}
+
+bool SqlConnection::prepareSession() {
+    QSqlQuery query(m_database);
+    for (const QString& statement : m_server.kind == 1 ? MysqlSession : SqliteSession) {
+        if (!query.exec(statement)) {
+            qWarning() << "sql session:" << query.lastError().text();
+            query.clear();
+            m_database.close();
+            return false;
+        }
+    }
+    return true;
+}
+
+QSqlQuery& SqlConnection::query(Use use) {
+    auto& query = m_queries.at(use);
+    if (!query)
+        renewQuery(use);
+    return *query;
+}
+
+void SqlConnection::renewQuery(Use use) {
+    m_queries.at(use) = std::make_unique<QSqlQuery>(m_database);
+    m_queries.at(use)->setForwardOnly(true);
+}
+
+void SqlConnection::dropQueries() {
+    for (auto& query : m_queries)
+        query.reset();
+}
+
+bool SqlConnection::execute(Use use, const QString& sql, const QString& loggedAs) {
+    m_failureLogged = false;
+    if (!usable())
+        return false;
+    if (query(use).exec(sql))
+        return true;
+    QSqlError error = query(use).lastError();
+    if (lostBy(error) && error.nativeErrorCode() == QLatin1String(GoneBeforeSending) && !m_inTransaction &&
+        reopen()) {
+        if (query(use).exec(sql))
+            return true;
+        error = query(use).lastError();
+    }
+    m_failure = error.text();
+    if (lostBy(error)) {
+        outageBegins(error);
+    } else {
+        m_failureLogged = true;
+        qWarning().noquote() << "sql error:" << m_failure << loggedAs;
+    }
+    return false;
+}
+
+bool SqlConnection::usable() {
+    if (!m_database.isValid()) // a query on it would fall back to the default connection
+        return fail(QStringLiteral("no database driver"));
+    if (m_transactionLost)
+        return fail(QStringLiteral("the connection was lost in this transaction"));
+    if (!m_down || (m_sinceAttempt.hasExpired(m_pause.count()) && reopen()))
+        return true;
+    ++m_failedStatements;
+    return fail(QStringLiteral("no connection to the database server"));
+}
+
+bool SqlConnection::fail(const QString& why) {
+    m_failure = why;
+    return false;
+}
+
+bool SqlConnection::reopen() {
+    dropQueries();
+    m_database.close();
+    m_sinceAttempt.start();
+    if (!open()) {
+        m_pause = std::min<std::chrono::milliseconds>(m_pause * 2, LongestPause);
+        return false;
+    }
+    if (m_down) {
+        qInfo().noquote() << "mysql back" << m_server.host << m_server.port << "after"
+                          << m_sinceLost.elapsed() / 1000 << "s, statements failed:" << m_failedStatements;
+    }
+    m_down = false;
+    m_pause = FirstPause;
+    return true;
+}
+
+bool SqlConnection::lostBy(const QSqlError& error) const {
+    return m_server.kind == 1 && LostCodes.contains(error.nativeErrorCode());
+}
+
+void SqlConnection::outageBegins(const QSqlError& error) {
+    m_transactionLost = m_inTransaction;
+    m_failureLogged = true;
+    qWarning().noquote() << "mysql lost" << m_server.host << m_server.port << error.text();
+    m_down = true;
+    m_failedStatements = 1;
+    m_pause = FirstPause;
+    m_sinceLost.start();
+    m_sinceAttempt.start();
+}
+
+void SqlConnection::setInTransaction(bool on) {
+    m_inTransaction = on;
+    m_transactionLost = false;
+}
+
+void SqlConnection::close() {
+    if (m_queries.at(Exec)) {
+        m_queries.at(Exec)->finish();
+        m_queries.at(Exec)->clear();
+    }
+    dropQueries();
+    m_database.close();
+}

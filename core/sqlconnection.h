@@ -1,0 +1,84 @@
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <memory>
+#include <QElapsedTimer>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QString>
+
+/// What a connection is opened with.
+struct SqlServer {
+    QString host;
+    int port = 0;
+    QString user;
+    QString password;
+    QString databaseName;
+    int kind = 0; ///< 0 and 3 SQLite, 1 MySQL, anything else: no driver
+};
+
+/// One QSqlDatabase with the rules of its server: pragmas or session settings at each opening and, on
+/// MySQL, the way back after the server was lost. Belongs to the thread that made it.
+class SqlConnection {
+public:
+    /// Pause before the first attempt to come back; doubled at each failure up to the longest.
+    static constexpr std::chrono::seconds FirstPause{1};
+    static constexpr std::chrono::seconds LongestPause{30};
+
+    /// Adds and opens the connection; logs what it opened or the error.
+    SqlConnection(const SqlServer& server, const QString& name);
+    ~SqlConnection();
+    SqlConnection(const SqlConnection&) = delete;
+    SqlConnection& operator=(const SqlConnection&) = delete;
+
+    QString name() const { return m_name; }
+    bool isOpen() const { return m_database.isOpen(); }
+    QSqlError lastError() const { return m_database.lastError(); }
+
+    /// Query 1 to 3 (see Use), made when first asked for and again after the connection was reopened.
+    enum Use { Exec = 0, Run = 1, Control = 2 };
+    QSqlQuery& query(Use use);
+    void renewQuery(Use use);
+
+    /// Runs the text on a query. A lost MySQL connection is opened again first when its pause is over.
+    /// On failure false, with one log line (`loggedAs` stands for the text, whose values may be
+    /// secrets) unless it belongs to an outage that was told already.
+    bool execute(Use use, const QString& sql, const QString& loggedAs);
+    /// Why the last execute() failed, and whether that was worth a log line.
+    QString failure() const { return m_failure; }
+    bool failureWasLogged() const { return m_failureLogged; }
+
+    /// While a transaction runs the connection is not opened again behind its back.
+    void setInTransaction(bool on);
+    bool isInTransaction() const { return m_inTransaction; }
+
+    void close();
+
+private:
+    bool open();
+    bool prepareSession();
+    bool reopen();
+    bool usable();
+    bool fail(const QString& why);
+    bool lostBy(const QSqlError& error) const;
+    void outageBegins(const QSqlError& error);
+    void dropQueries();
+
+    SqlServer m_server;
+    QString m_name;
+    QSqlDatabase m_database;
+    std::array<std::unique_ptr<QSqlQuery>, 3> m_queries;
+    QString m_failure;
+    bool m_failureLogged = false;
+    bool m_inTransaction = false;
+    bool m_transactionLost = false;
+
+    // The outage, MySQL only.
+    bool m_down = false;
+    int m_failedStatements = 0;
+    std::chrono::milliseconds m_pause = FirstPause;
+    QElapsedTimer m_sinceAttempt;
+    QElapsedTimer m_sinceLost;
+};

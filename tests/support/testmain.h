@@ -1,0 +1,15 @@
+#pragma once
+
+#include "core/logging.h"
+
+#include <QCoreApplication>
+#include <QtTest>
+
+/// Runs a test class on the event loop that the service runs on. For a test's main():
+///     int main(int argc, char** argv) { return runTest<SettingsTest>(argc, argv); }
+template<typename Test>
+int runTest(int argc, char** argv) {
+    QCoreApplication application(argc, argv);
+    Test test;
+    return QTest::qExec(&test, argc, argv);
+}
