@@ -3,15 +3,19 @@
 #include "api/call.h"
 #include "http/httprequesthandler.h"
 
+#include <memory>
+
+class Core_corss;
 class RequestMapper;
+struct Route;
 class Severinit;
 class sqlite;
 class Task_workque;
 
 /// One request of the management interface: turns it into a parameter map and calls one endpoint.
 /// Built for each request on the worker that serves it; keeps nothing between requests.
-/// The endpoints are spread over one file per family: accounts, queries, devices, groups, files,
-/// speech, tasks, plans, temporaryplays, playback, alarmlines.
+/// The endpoints are spread over one file per family: accounts, accountinfo, payments, queries, devices,
+/// groups, files, speech, tasks, plans, temporaryplays, playback, alarmlines.
 class DumpController_add_user : public HttpRequestHandler {
     Q_OBJECT
 public:
@@ -30,6 +34,8 @@ public:
     QByteArray user_gtoken(const Params&);
     QByteArray user_onlygtoken(const Params&);
     QByteArray fucktext(const Params&);
+
+    // accountinfo.cpp
     QByteArray get_user_info(const Params&, const QString& path);
     QByteArray get_user_infokvt(const Params&, const QString& path);
     QByteArray get_user_infoh(const Params&, const QString& path);
@@ -136,7 +142,12 @@ public:
     QByteArray Startwaringtask(const Params&, const QString& path);
 
 private:
+    QByteArray answer(HttpRequest& request, const Params&);
+    QByteArray call(const Route& route, HttpRequest& request, const Params&);
     sqlite& db() const { return *m_database; } ///< this worker's own
+    /// Sends commands to this node's command server, which the main loop is free to serve meanwhile.
+    std::unique_ptr<Core_corss> commands() const;
+
     sqlite* m_database;
     Task_workque* m_tasks;
     Severinit* m_devices;

@@ -13,27 +13,31 @@ class sqlite;
 class Task_workque;
 
 /// Routes requests by path prefix and owns the token table. Built once, on the main loop, after the
-/// database is open; service() runs on the HTTP workers.
+/// database is open and its site settings are assigned; service() runs on the HTTP workers.
 class RequestMapper : public HttpRequestHandler {
     Q_OBJECT
 public:
-    RequestMapper(QCoreApplication* application, int RDDATAPORT, QString mediaAddress, sqlite* database,
-                  Severinit* devices, Task_workque* tasks, QObject* parent = nullptr);
+    RequestMapper(QCoreApplication* application, int RDDATAPORT, const QString& mediaAddress,
+                  sqlite* database, Severinit* devices, Task_workque* tasks, QObject* parent = nullptr);
     ~RequestMapper() override;
 
     bool wants(const QByteArray& method, const QByteArray& path) const override;
     void service(HttpRequest& request, HttpResponse& response) override;
 
     // Token table: user id to token. Any thread.
-    std::optional<QString> token(int userid) const; ///< nullopt for an unknown user; never an empty text
-    void setToken(int userid, const QString& token);
-    void removeToken(int userid);
+    std::optional<QString> token(int userid) const;  ///< nullopt for an unknown user; never an empty text
+    void setToken(int userid, const QString& token); ///< `token` must not be empty
+    static QString randomToken();                    ///< 40 random lower-case hexadecimal digits
+
+    /// Host under which the endpoints reach this node's own command server. Any thread.
+    QString commandHost() const { return m_commandHost; }
 
 private:
     void loadTokens();
     sqlite* m_database;
     Severinit* m_devices;
     Task_workque* m_tasks;
+    const QString m_commandHost;
     mutable QReadWriteLock m_lock;
     QHash<int, QString> m_tokens; ///< guarded by m_lock
 };

@@ -1,0 +1,92 @@
+// Endpoints that show an account with its node, devices and groups in one reply.
+#include "api/dumpcontroller_add_user.h"
+
+#include "api/requestmapper.h"
+#include "core/sqlite.h"
+
+#include <optional>
+
+namespace {
+const QString allDevices =
+    QStringLiteral("SELECT * FROM  sbox_device_info  WHERE ( `user_id` = '@user_id' );");
+const QString alarmDevices = QStringLiteral(
+    "SELECT * FROM  sbox_device_info  WHERE ( `user_id` = '@user_id'  and iswarning = '99' );");
+
+/// The account with its node and the devices that `devices` selects. An object with "res": false
+/// when the parameters or the login are refused.
+QJsonObject accountInfo(sqlite& database, const Call& call, const QString& devices) {
+    const auto refused = [](const char* word) {
+        return QJsonObject{{QStringLiteral("res"), false}, {QStringLiteral("info"), QLatin1String(word)}};
+    };
+    if (!call.has("username") || !call.has("passwd"))
+        return refused("ParER");
+    const SqlResult login = database.run(
+        QStringLiteral(
+            "SELECT * FROM  sbox_users where (`user_name` =  '@username' and  `user_pass`= '@passwd' );"),
+        {{QStringLiteral("@username"), call.text("username")},
+         {QStringLiteral("@passwd"), call.text("passwd")}});
+    if (!login.ok)
+        return refused("ER_EXE");
+    if (login.isEmpty())
+        return refused("ER_REJECT");
+    const SqlResult node = database.run(QStringLiteral("SELECT * FROM  sbox_node where  id = '1';"));
+    const SqlResult owned = database.run(devices, {{QStringLiteral("@user_id"), login.integer(0, "id")}});
+    if (!node.ok || !owned.ok)
+        return refused("ER_EXE");
+    QJsonObject user = login.object(0);
+    user.remove(QStringLiteral("user_pass"));
+    return {{QStringLiteral("res"), true},
+            {QStringLiteral("user"), user},
+            {QStringLiteral("node"), node.isEmpty() ? QJsonObject() : node.object(0)},
+            {QStringLiteral("devlist"), owned.objects()}};
+}
+
+/// The account's groups with their node and members; nothing when a statement failed.
+std::optional<QJsonArray> groups(sqlite& database, int userid) {
+    const SqlResult found = database.run(
+        QStringLiteral(
+            "SELECT sbox_group.*, sbox_node.nodeip, sbox_node.node_name, sbox_node.nodeport1, "
+            "sbox_node.nodeport2, sbox_node.nodeport3, sbox_node.nodeport4, sbox_node.nodeport5 FROM  "
+            "sbox_group,sbox_node where sbox_node.id = sbox_group.nodeid and sbox_group.userid = "
+            "'@userid' ;"),
+        {{QStringLiteral("@userid"), userid}});
+    if (!found.ok)
+        return std::nullopt;
+    QJsonArray list;
+    for (int row = 0; row < found.rows.size(); ++row) {
+        const SqlResult members =
+            database.run(QStringLiteral("SELECT * FROM  group_seed  WHERE ( `gid` = '@id' );"),
+                         {{QStringLiteral("@id"), found.integer(row, "id")}});
+        if (!members.ok)
+            return std::nullopt;
+        QJsonObject group = found.object(row);
+        group.insert(QStringLiteral("members"), members.objects());
+        list.append(group);
+    }
+    return list;
+}
+} // namespace
+
+QByteArray DumpController_add_user::get_user_info(const Params& params, const QString& /*path*/) {
+    return reply(accountInfo(db(), Call(params, *m_mapper), allDevices));
+}
+
+QByteArray DumpController_add_user::get_user_infokvt(const Params& params, const QString& /*path*/) {
+    return reply(accountInfo(db(), Call(params, *m_mapper), alarmDevices));
+}
+
+QByteArray DumpController_add_user::get_user_infoh(const Params& params, const QString& /*path*/) {
+    QJsonObject info = accountInfo(db(), Call(params, *m_mapper), allDevices);
+    if (!info.value(QStringLiteral("res")).toBool())
+        return reply(info);
+    const int userid = info.value(QStringLiteral("user")).toObject().value(QStringLiteral("id")).toInt();
+    const std::optional<QJsonArray> list = groups(db(), userid);
+    if (!list)
+        return refusal(QStringLiteral("ER_EXE"));
+    info.insert(QStringLiteral("grouplist"), *list);
+    return reply(info);
+}
+
+QByteArray DumpController_add_user::get_user_node(const Params& /*params*/, const QString& /*path*/) {
+    return {};
+}

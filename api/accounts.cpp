@@ -1,0 +1,141 @@
+// Endpoints for accounts and tokens.
+#include "api/dumpcontroller_add_user.h"
+
+#include "api/requestmapper.h"
+#include "core/sqlite.h"
+#include "device/severinit.h"
+
+#include <QCryptographicHash>
+#include <QDateTime>
+#include <QFile>
+
+namespace {
+/// Where the static files stand, below the service's working directory.
+const QString documentRoot = QStringLiteral("etc/docroot/");
+
+/// 40 hexadecimal digits; a login in the same second gives the same token again.
+QString newToken(const QString& username, const QString& passwd) {
+    QCryptographicHash hash(QCryptographicHash::Sha1);
+    hash.addData(QDateTime::currentDateTime().toString(Qt::TextDate).toUtf8());
+    hash.addData(username.toUtf8());
+    hash.addData(passwd.toUtf8());
+    return QString::fromLatin1(hash.result().toHex());
+}
+
+SqlResult findLogin(sqlite& database, const Call& call) {
+    return database.run(
+        QStringLiteral(
+            "select * from  `sbox_users` where ( `user_name` = '@username' and `user_pass` = '@passwd')"),
+        {{QStringLiteral("@username"), call.text("username")},
+         {QStringLiteral("@passwd"), call.text("passwd")}});
+}
+
+/// 0 is an account of its own, another number an existing account.
+bool isUsableMaster(sqlite& database, const Call& call) {
+    if (call.text("preid").isEmpty() || call.text("preid") == QLatin1String("0"))
+        return true;
+    return !database
+                .run(QStringLiteral("SELECT * FROM  sbox_users where ( `id` = '@userid' );"),
+                     {{QStringLiteral("@userid"), call.number("preid")}})
+                .isEmpty();
+}
+} // namespace
+
+QByteArray DumpController_add_user::user_gtoken(const Params& params) {
+    const Call call(params, *m_mapper);
+    if (!call.has("username") || !call.has("passwd"))
+        return refusal(QStringLiteral("ParERuser_gtoken"));
+    const QString token = newToken(call.text("username"), call.text("passwd"));
+    const SqlResult login = findLogin(db(), call);
+    if (login.isEmpty())
+        return refusal(QStringLiteral("ER_REJECT"));
+    const int userid = login.integer(0, "id");
+    const SqlResult update =
+        db().run(QStringLiteral("UPDATE  `sbox_users` SET `token`='@token' WHERE (`id`= '@userid')"),
+                 {{QStringLiteral("@token"), token}, {QStringLiteral("@userid"), userid}});
+    if (!update.ok)
+        return reply({{QStringLiteral("res"), false},
+                      {QStringLiteral("sqline"), update.sql},
+                      {QStringLiteral("info"), QStringLiteral("ER_EXE")}});
+    if (update.affected == 0 && login.text(0, "token") != token)
+        return refusal(QStringLiteral("ER_UPS")); // the account has just been deleted
+    m_mapper->setToken(userid, token);
+    return reply({{QStringLiteral("res"), true},
+                  {QStringLiteral("userid"), userid},
+                  {QStringLiteral("master_id"), login.integer(0, "master_id")},
+                  {QStringLiteral("token"), token},
+                  {QStringLiteral("info"), QStringLiteral("SUC")}});
+}
+
+QByteArray DumpController_add_user::user_onlygtoken(const Params& params) {
+    const Call call(params, *m_mapper);
+    if (!call.has("username") || !call.has("passwd"))
+        return refusal(QStringLiteral("ParERuser_gtoken"));
+    const SqlResult login = findLogin(db(), call);
+    if (!login.ok)
+        return refusal(QStringLiteral("ER_EXE"));
+    if (login.isEmpty())
+        return refusal(QStringLiteral("ER_REJECT"));
+    const QJsonObject row = login.object(0);
+    QJsonObject answer{{QStringLiteral("res"), true},
+                       {QStringLiteral("userid"), login.integer(0, "id")},
+                       {QStringLiteral("info"), QStringLiteral("SUC")}};
+    for (const char* column : {"token", "user_level", "master_id", "mask", "nickname", "beizhu", "ctime"})
+        answer.insert(QLatin1String(column), row.value(QLatin1String(column)));
+    return reply(answer);
+}
+
+QByteArray DumpController_add_user::user_add(const Params& /*params*/) {
+    return {};
+}
+
+QByteArray DumpController_add_user::user_add_lite(const Params& params) {
+    const Call call(params, *m_mapper);
+    if (!call.has("sskey") || !call.has("username") || !call.has("passwd"))
+        return refusal(QStringLiteral("ParER"));
+    if (!m_devices->matchesServiceKey(QString::fromUtf8(params.value("sskey"))))
+        return refusal(QStringLiteral("sskey_ER"));
+    if (!isUsableMaster(db(), call))
+        return refusal(QStringLiteral("REID_ER"));
+    const QString token = newToken(call.text("username"), call.text("passwd"));
+    const SqlResult insert = db().run(
+        QStringLiteral("INSERT INTO  `sbox_users` (`user_name`, `user_pass`, `master_id`,`token`) VALUES "
+                       "('@username', '@passwd', '@master_id', '@token')"),
+        {{QStringLiteral("@username"), call.text("username")},
+         {QStringLiteral("@passwd"), call.text("passwd")},
+         {QStringLiteral("@master_id"), call.number("preid")},
+         {QStringLiteral("@token"), token}});
+    if (!insert.ok)
+        return refusal(QStringLiteral("ER_EXE"));
+    const int userid = static_cast<int>(insert.lastId);
+    m_mapper->setToken(userid, token);
+    return reply({{QStringLiteral("res"), true},
+                  {QStringLiteral("username"), call.text("username")},
+                  {QStringLiteral("userid"), userid},
+                  {QStringLiteral("token"), token}});
+}
+
+QByteArray DumpController_add_user::user_dbini(const Params& params) {
+    const Call call(params, *m_mapper);
+    if (!call.has("sskey") || !call.has("username") || !call.has("passwd"))
+        return refusal(QStringLiteral("ParER"));
+    if (!m_devices->matchesServiceKey(QString::fromUtf8(params.value("sskey"))))
+        return refusal(QStringLiteral("sskey_ER"));
+    if (db().kind() != 0 && db().kind() != 1)
+        return refusal(QStringLiteral("config.ini_dbk_ER"));
+    QFile script(db().kind() == 0 ? QStringLiteral(":/etc/ttys/sqlite3main.sql")
+                                  : QStringLiteral(":/etc/ttys/elvor1.sql"));
+    const int affected =
+        script.open(QIODevice::ReadOnly) ? db().runScript(QString::fromUtf8(script.readAll())) : -1;
+    if (affected < 0)
+        return reply({{QStringLiteral("res"), false},
+                      {QStringLiteral("info"), QStringLiteral("excvp_ER")},
+                      {QStringLiteral("infors"), affected}});
+    return reply({{QStringLiteral("res"), true}, {QStringLiteral("info"), affected}});
+}
+
+QByteArray DumpController_add_user::fucktext(const Params& /*params*/) {
+    return reply({{QStringLiteral("res"), false},
+                  {QStringLiteral("info"), QStringLiteral("ER_")},
+                  {QStringLiteral("docroot"), documentRoot}});
+}

@@ -1,0 +1,101 @@
+#include "api/dumpcontroller_add_user.h"
+
+#include "api/requestmapper.h"
+#include "api/routes.h"
+#include "core/sqlite.h"
+#include "device/severinit.h"
+#include "http/httprequest.h"
+#include "http/httpresponse.h"
+#include "redis/core_corss.h"
+
+#include <optional>
+#include <QJsonDocument>
+
+namespace {
+const QByteArray unreadableBody = QByteArrayLiteral("{\"res\":\"false\",\"info\":\"uni_error2\"}");
+const QByteArray emptyObject = QByteArrayLiteral("{\"res\":\"false\",\"info\":\"uni_error1\"}");
+
+/// Parameters of a uni-app request, whose body is one JSON object. Every value must be a JSON string;
+/// another type counts as the empty text. On failure `error` is the reply.
+std::optional<Params> uniAppParameters(const QByteArray& body, QByteArray& error) {
+    QJsonParseError parseError{};
+    const QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
+    if (parseError.error != QJsonParseError::NoError) {
+        error = unreadableBody;
+        return std::nullopt;
+    }
+    Params params;
+    const QJsonObject object = document.object();
+    for (auto entry = object.begin(); entry != object.end(); ++entry)
+        params.insert(entry.key().toLocal8Bit(), entry.value().toString().toLocal8Bit());
+    if (params.isEmpty()) {
+        error = emptyObject;
+        return std::nullopt;
+    }
+    return params;
+}
+
+bool isUniApp(const HttpRequest& request) {
+    return request.getHeaderMap().contains(QByteArrayLiteral("from-header"), QByteArrayLiteral("uniapp"));
+}
+} // namespace
+
+DumpController_add_user::DumpController_add_user(sqlite* database, Task_workque* tasks, Severinit* devices,
+                                                 RequestMapper* mapper)
+    : m_database(database)
+    , m_tasks(tasks)
+    , m_devices(devices)
+    , m_mapper(mapper) {}
+
+void DumpController_add_user::service(HttpRequest& request, HttpResponse& response) {
+    response.setHeader("Content-Type", "application/json");
+    response.setHeader("Access-Control-Allow-Origin", "*");
+    Params params;
+    if (isUniApp(request)) {
+        QByteArray error;
+        const std::optional<Params> parsed = uniAppParameters(request.getBody(), error);
+        if (!parsed) {
+            response.write(error);
+            return;
+        }
+        params = *parsed;
+    } else {
+        params = request.getParameterMap();
+    }
+    response.write(answer(request, params), true);
+}
+
+QByteArray DumpController_add_user::answer(HttpRequest& request, const Params& params) {
+    const QByteArray method = request.getMethod();
+    QByteArray body;
+    if (method == "GET") {
+        if (const Route* route = findRoute(getRoutes(), request.getPath())) {
+            body = call(*route, request, params);
+            if (!route->appendMethod)
+                return body;
+        }
+    }
+    if (method != "POST")
+        return body + method;
+    const Route* route = findRoute(postRoutes(), request.getPath());
+    return route ? call(*route, request, params) : fucktext(params);
+}
+
+QByteArray DumpController_add_user::call(const Route& route, HttpRequest& request, const Params& params) {
+    const Handler& handler = handlerFor(route, db().kind());
+    if (const auto* endpoint = std::get_if<Endpoint>(&handler))
+        return (this->**endpoint)(params);
+    if (const auto* endpoint = std::get_if<UploadEndpoint>(&handler))
+        return (this->**endpoint)(params, request);
+    if (const auto* endpoint = std::get_if<PathEndpoint>(&handler))
+        return (this->**endpoint)(params, QString::fromUtf8(request.getPath()));
+    const auto* fixedBody = std::get_if<const char*>(&handler);
+    return fixedBody ? QByteArray(*fixedBody) : QByteArray();
+}
+
+std::unique_ptr<Core_corss> DumpController_add_user::commands() const {
+    auto sender = std::make_unique<Core_corss>(m_mapper->commandHost(), m_devices->ps2);
+    sender->setSilentClip(db().site.silentclip);
+    sender->setWarningFetch(db().site.waringfetch);
+    return sender;
+}

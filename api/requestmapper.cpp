@@ -1,0 +1,124 @@
+#include "api/requestmapper.h"
+
+#include "api/dumpcontroller_add_user.h"
+#include "api/examplecontrollers.h"
+#include "core/sqlite.h"
+#include "http/httprequest.h"
+#include "http/httpresponse.h"
+
+#include <algorithm>
+#include <array>
+#include <QCoreApplication>
+#include <QDebug>
+#include <QNetworkInterface>
+#include <QRandomGenerator>
+
+namespace {
+enum class Controller { None, Dump, Template, Management };
+
+struct Prefix {
+    const char* path;
+    Controller controller;
+};
+
+/// What is not a file of the document root, tested from top to bottom; the first match wins.
+constexpr std::array prefixes{
+    Prefix{"/dump", Controller::Dump},
+    Prefix{"/template", Controller::Template},
+    Prefix{"/user", Controller::Management},
+    Prefix{"/get_user_infoh.php", Controller::Management},
+    Prefix{"/get_devicelistweb.php", Controller::Management},
+    Prefix{"/get_user_infokvt.php", Controller::Management},
+    Prefix{"/get_user_info.php", Controller::Management},
+    Prefix{"/get_user_node.php", Controller::Management},
+    Prefix{"/checkuser.php", Controller::Management},
+    Prefix{"/add_user_devices_cross.php", Controller::Management},
+    Prefix{"/Startwaringtask.php", Controller::Management},
+};
+
+Controller controllerFor(const QByteArray& path) {
+    const auto* found = std::find_if(prefixes.begin(), prefixes.end(),
+                                     [&](const Prefix& prefix) { return path.startsWith(prefix.path); });
+    return found == prefixes.end() ? Controller::None : found->controller;
+}
+
+/// Where this node's own command server is reached: its announced address, unless that is empty or
+/// belongs to this machine.
+QString commandHost(const QString& ownAddress) {
+    const QHostAddress address(ownAddress);
+    const bool here =
+        ownAddress.isEmpty() || address.isLoopback() || QNetworkInterface::allAddresses().contains(address);
+    return here ? QStringLiteral("127.0.0.1") : ownAddress;
+}
+} // namespace
+
+RequestMapper::RequestMapper(QCoreApplication* application, int /*RDDATAPORT*/,
+                             const QString& /*mediaAddress*/, sqlite* database, Severinit* devices,
+                             Task_workque* tasks, QObject* parent)
+    : HttpRequestHandler(parent ? parent : application)
+    , m_database(database)
+    , m_devices(devices)
+    , m_tasks(tasks)
+    , m_commandHost(::commandHost(database->site.ownAddress)) {
+    loadTokens();
+    qDebug("RequestMapper: created");
+}
+
+RequestMapper::~RequestMapper() {
+    qDebug("RequestMapper: deleted");
+}
+
+bool RequestMapper::wants(const QByteArray& /*method*/, const QByteArray& path) const {
+    return controllerFor(path) != Controller::None;
+}
+
+void RequestMapper::service(HttpRequest& request, HttpResponse& response) {
+    switch (controllerFor(request.getPath())) {
+    case Controller::Dump:
+        DumpController().service(request, response);
+        break;
+    case Controller::Template:
+        TemplateController().service(request, response);
+        break;
+    case Controller::Management: {
+        sqlite* database = request.database() ? request.database() : m_database;
+        DumpController_add_user(database, m_tasks, m_devices, this).service(request, response);
+        break;
+    }
+    case Controller::None:
+        response.setStatus(404);
+        response.write(QByteArrayLiteral("404"), true);
+    }
+}
+
+QString RequestMapper::randomToken() {
+    std::array<quint32, 5> words{};
+    QRandomGenerator::system()->fillRange(words.data(), static_cast<qsizetype>(words.size()));
+    return QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(words.data()), sizeof words).toHex());
+}
+
+void RequestMapper::loadTokens() {
+    const SqlResult users = m_database->run(QStringLiteral("SELECT *  FROM `sbox_users`;"));
+    for (int row = 0; row < users.rows.size(); ++row) {
+        const int id = users.integer(row, "id");
+        QString token = users.text(row, "token");
+        if (token.isEmpty()) {
+            token = randomToken();
+            m_database->run(
+                QStringLiteral("UPDATE  `sbox_users` SET `token`='@token' WHERE (`id`= '@userid')"),
+                {{QStringLiteral("@token"), token}, {QStringLiteral("@userid"), id}});
+        }
+        setToken(id, token);
+    }
+}
+
+std::optional<QString> RequestMapper::token(int userid) const {
+    const QReadLocker locker(&m_lock);
+    const auto found = m_tokens.constFind(userid);
+    return found == m_tokens.constEnd() ? std::nullopt : std::optional(*found);
+}
+
+void RequestMapper::setToken(int userid, const QString& token) {
+    const QWriteLocker locker(&m_lock);
+    m_tokens.insert(userid, token);
+}
