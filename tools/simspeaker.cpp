@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <QJsonDocument>
 #include <QNetworkProxy>
+#include <sys/socket.h>
 #include <utility>
 
 namespace sim {
@@ -81,7 +82,8 @@ void Speaker::stop() {
 
 void Speaker::drop() {
     m_data->close();
-    m_socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    const linger reset{1, 0};
+    setsockopt(static_cast<int>(m_socket.socketDescriptor()), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     m_socket.abort();
 }
 

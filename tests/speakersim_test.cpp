@@ -1,0 +1,241 @@
+// The simulated speaker against a scripted server: what every other test takes for a speaker.
+#include "support/service.h"
+#include "support/testmain.h"
+#include "support/waitfor.h"
+#include "tools/simspeaker.h"
+
+#include <QTcpServer>
+#include <QTest>
+
+namespace {
+
+QByteArray words(const std::vector<sim::Command>& commands) {
+    QByteArray text;
+    for (const sim::Command& command : commands)
+        text += command.bytes + '|';
+    return text;
+}
+
+/// Serves one file at every path.
+class FileServer : public QTcpServer {
+public:
+    explicit FileServer(QByteArray file) {
+        listen(QHostAddress::LocalHost);
+        connect(this, &QTcpServer::newConnection, this, [this, file] {
+            QTcpSocket* socket = nextPendingConnection();
+            connect(socket, &QTcpSocket::readyRead, socket, [this, socket, file] {
+                requests += socket->readAll().split(' ').value(1);
+                socket->write("HTTP/1.0 200 OK\r\nContent-Length: " + QByteArray::number(file.size()) +
+                              "\r\n\r\n" + file);
+                socket->disconnectFromHost();
+            });
+        });
+    }
+    QByteArray address(const char* path) const {
+        return "http://127.0.0.1:" + QByteArray::number(serverPort()) + path;
+    }
+    QList<QByteArray> requests;
+};
+
+/// Takes one speaker's connection and keeps each read apart.
+class Peer : public QTcpServer {
+public:
+    Peer() {
+        listen(QHostAddress::LocalHost);
+        connect(this, &QTcpServer::newConnection, this, [this] {
+            socket = nextPendingConnection();
+            connect(socket, &QTcpSocket::readyRead, this, [this] { reads += socket->readAll(); });
+        });
+    }
+    bool got(const QByteArray& read) {
+        return waitFor([&] { return reads.contains(read); });
+    }
+    QJsonObject info() {
+        reads.clear();
+        socket->write("JXXXXX");
+        waitFor([this] { return !reads.isEmpty() && reads.last().startsWith('J'); });
+        return QJsonDocument::fromJson(reads.last().mid(1)).object();
+    }
+    QTcpSocket* socket = nullptr;
+    QList<QByteArray> reads;
+};
+
+sim::SpeakerOptions optionsFor(const Peer& peer) {
+    sim::SpeakerOptions options;
+    options.serial = QByteArray::fromHex("00112233445566778899aabbccddeeff");
+    options.port = peer.serverPort();
+    options.player.keepBodies = true;
+    return options;
+}
+
+} // namespace
+
+class SpeakersimTest : public QObject {
+    Q_OBJECT
+private slots:
+    void splitsReads_data() {
+        QTest::addColumn<QByteArray>("read");
+        QTest::addColumn<QByteArray>("expected");
+        QTest::addColumn<QByteArray>("rest");
+        QTest::newRow("one") << QByteArray("A5") << QByteArray("A5|") << QByteArray();
+        QTest::newRow("keep-alives around")
+            << QByteArray("OKOKV\x14OKOKJXXXXX") << QByteArray("OKOK|V\x14|OKOK|JXXXXX|") << QByteArray();
+        QTest::newRow("volume byte that is a command letter")
+            << QByteArray("VAIK") << QByteArray("VA|IK|") << QByteArray();
+        QTest::newRow("list to the end") << QByteArray("A1http://h/a.mp3\nhttp://h/b.mp3")
+                                         << QByteArray("A1http://h/a.mp3\nhttp://h/b.mp3|") << QByteArray();
+        QTest::newRow("stop behind a list")
+            << QByteArray("A1http://h/a.mp3A5") << QByteArray("A1http://h/a.mp3|A5|") << QByteArray();
+        QTest::newRow("suffix, then stop")
+            << QByteArray("ASh/a.mp3AA5") << QByteArray("ASh/a.mp3A|A5|") << QByteArray();
+        QTest::newRow("suffix, then play") << QByteArray("ASh/a.mp3BA1h/b.mp3V\x01")
+                                           << QByteArray("ASh/a.mp3B|A1h/b.mp3|V\x01|") << QByteArray();
+        QTest::newRow("text, then keep-alive")
+            << QByteArray("Xhello OKOK") << QByteArray("Xhello |OKOK|") << QByteArray();
+        QTest::newRow("task number") << QByteArray("AD12AE7") << QByteArray("AD12|AE7|") << QByteArray();
+        QTest::newRow("cut in two") << QByteArray("IKK\x7f\0", 5) << QByteArray("IK|")
+                                    << QByteArray("K\x7f\0", 3);
+        QTest::newRow("alarm state") << QByteArray("GET_BAOJINGEEG01") << QByteArray("GET_BAOJINGEE|G01|")
+                                     << QByteArray();
+        QTest::newRow("unknown") << QByteArray("zzz") << QByteArray("zzz|") << QByteArray();
+    }
+    void splitsReads() {
+        QFETCH(QByteArray, read);
+        QByteArray rest;
+        QTEST(words(sim::splitCommands(read, &rest)), "expected");
+        QTEST(rest, "rest");
+    }
+
+    void bindings_data() {
+        QTest::addColumn<QByteArray>("entry");
+        QTest::addColumn<QString>("line");
+        QTest::addColumn<QString>("address");
+        QTest::newRow("file") << QByteArray("http://h/mp3/fire.mp3B") << "B"
+                              << "http://h/mp3/fire.mp3";
+        QTest::newRow("plan") << QByteArray("http://h/user/startwarning?pltid=3&dd.mp3F") << "F"
+                              << "http://h/user/startwarning?pltid=3&dd.mp3";
+        QTest::newRow("clear") << QByteArray("B_NONE.mp3") << "B"
+                               << "";
+        QTest::newRow("play, not bind") << QByteArray("http://h/a.mp3A") << ""
+                                        << "";
+        QTest::newRow("shell line without blanks")
+            << QByteArray(
+                   "wget-qO-\"http://h/user/fucktext?t=http://h/Startwaringtask.php?taskid=4\">line1&&")
+            << "line1"
+            << "http://h/Startwaringtask.php?taskid=4";
+        QTest::newRow("shell line removed")
+            << QByteArray("wget -qO- \"http://h/user/fucktext?t=\" && rm line1  &&") << "line1"
+            << "";
+    }
+    void bindings() {
+        QFETCH(QByteArray, entry);
+        const sim::Binding binding = sim::parseBinding(entry);
+        QTEST(binding.line, "line");
+        QTEST(binding.address, "address");
+    }
+
+    void tellsMp3() {
+        const QByteArray mp3 = makeMp3(2);
+        const sim::Mp3Facts facts = sim::checkMp3(mp3);
+        QVERIFY(facts.isMp3);
+        QVERIFY2(qAbs(facts.length.count() - 2000) < 100, QByteArray::number(qint64(facts.length.count())));
+        QVERIFY(sim::checkMp3(mp3.left(mp3.size() / 2)).length < std::chrono::milliseconds(1200));
+        QVERIFY(!sim::checkMp3({}).isMp3);
+        QVERIFY(!sim::checkMp3("<html>Not found</html>").isMp3);
+        QVERIFY(!sim::checkMp3(QByteArray(100'000, '\0')).isMp3);
+    }
+
+    void obeysAndTells() {
+        Peer peer;
+        sim::Speaker speaker(optionsFor(peer));
+        speaker.start();
+        QVERIFY(
+            peer.got(sim::registrationPacket(QByteArray::fromHex("00112233445566778899aabbccddeeff"), 20)));
+        QCOMPARE(peer.info().value("vol").toInt(), 20);
+        peer.socket->write("V\x07M\x05\x06IKG01");
+        const QJsonObject info = peer.info();
+        QCOMPARE(info.value("vol").toInt(), 7);
+        QCOMPARE(info.value("Mic_e").toInt(), 5);
+        QCOMPARE(info.value("Mic_d").toInt(), 6);
+        QCOMPARE(info.value("debug").toInt(), 1);
+        QCOMPARE(info.value("gpio").toInt(), 1);
+        peer.socket->write("SETVOL\x10");
+        QCOMPARE(peer.info().value("vol").toInt(), 25);
+        QCOMPARE(speaker.count(sim::Op::DeviceInfo), 3);
+    }
+
+    void fetchesAndPlays() {
+        const QByteArray mp3 = makeMp3(1);
+        FileServer files(mp3);
+        Peer peer;
+        auto options = optionsFor(peer);
+        QTemporaryDir directory;
+        options.player.saveDir = directory.path();
+        options.player.speed = 2;
+        sim::Speaker speaker(options);
+        speaker.start();
+        QVERIFY(waitFor([&] { return peer.socket != nullptr; }));
+        peer.socket->write("A1" + files.address("/mp3/one.mp3"));
+        QVERIFY(peer.got("UA2/mp3/one.mp3"));
+        QVERIFY(peer.got("UA3"));
+        QVERIFY(peer.got("UA1"));
+        QCOMPARE(speaker.fetches().size(), std::size_t(1));
+        QCOMPARE(speaker.fetches().front().body, mp3);
+        QFile stored(directory.filePath("one.mp3"));
+        QVERIFY(stored.open(QIODevice::ReadOnly));
+        QCOMPARE(stored.readAll(), mp3);
+
+        peer.reads.clear();
+        peer.socket->write("A1" + files.address("/mp3/two.mp3"));
+        QVERIFY(peer.got("UA3"));
+        peer.socket->write("A5");
+        QVERIFY(peer.got("UA1"));
+        QVERIFY(!speaker.player().isPlaying());
+    }
+
+    void firesItsLine() {
+        FileServer files("{\"res\": true}GET");
+        Peer peer;
+        sim::Speaker speaker(optionsFor(peer));
+        speaker.start();
+        QVERIFY(waitFor([&] { return peer.socket != nullptr; }));
+        QVERIFY(!speaker.fire("B"));
+        peer.socket->write("AS" + files.address("/user/startwarning?pltid=3&dd.mp3B"));
+        QVERIFY(waitFor([&] { return speaker.alarmLines().contains("B"); }));
+        QVERIFY(speaker.fire("B"));
+        QVERIFY(waitFor([&] { return files.requests.contains("/user/startwarning?pltid=3&dd.mp3"); }));
+        peer.socket->write("A6B_NONE.mp3");
+        QVERIFY(waitFor([&] { return speaker.alarmLines().isEmpty(); }));
+    }
+
+    void pullsAudio() {
+        Peer peer;
+        Peer audio;
+        sim::Speaker speaker(optionsFor(peer));
+        speaker.start();
+        QVERIFY(waitFor([&] { return peer.socket != nullptr; }));
+        const quint16 port = audio.serverPort();
+        peer.socket->write(QByteArray("K\x7f\0\0\1", 5) + char(port >> 8) + char(port & 0xff));
+        QVERIFY(
+            audio.got(sim::registrationPacket(QByteArray::fromHex("00112233445566778899aabbccddeeff"), 20)));
+        audio.reads.clear();
+        audio.socket->write("chunk one");
+        QVERIFY(waitFor([&] { return audio.reads.value(0).size() == 5; }));
+        audio.socket->write("HELL");
+        QVERIFY(waitFor([&] { return speaker.data().heartbeats() == 1; }));
+        audio.socket->write(", chunk two");
+        QVERIFY(waitFor([&] { return speaker.data().bytes() == "chunk one, chunk two"; }));
+    }
+
+    void countsSerialsOn() {
+        const QByteArray first = QByteArray::fromHex("000000000000000000000000000000ff");
+        QCOMPARE(sim::serialAt(first, 1).toHex(), QByteArray("00000000000000000000000000000100"));
+        QCOMPARE(sim::serialAt(first, 0x10101).toHex(), QByteArray("00000000000000000000000000010200"));
+    }
+};
+
+int main(int argc, char** argv) {
+    return runTest<SpeakersimTest>(argc, argv);
+}
+
+#include "speakersim_test.moc"
