@@ -23,7 +23,7 @@ public:
         Handle& operator=(Handle&& other) noexcept;
         ~Handle() { reset(); }
         void reset();
-        bool isActive() const { return m_wheel != nullptr; }
+        bool isActive() const;
 
     private:
         friend class TimingWheel;
@@ -46,14 +46,22 @@ public:
     explicit TimingWheel(QObject* parent = nullptr);
     ~TimingWheel() override;
 
-    /// First called within one interval, then once every `interval` until the handle is reset.
+    /// First called within one interval, then once every `interval` until the handle is reset. Calls
+    /// that the loop was too late for by a whole interval are left out, the others come late.
     Handle every(std::chrono::milliseconds interval, Client* client, int tag);
     /// Called once, `delay` from now (never earlier); the handle is inactive from then on.
     Handle once(std::chrono::milliseconds delay, Client* client, int tag);
 
     int activeCount() const;
 
+protected:
+    void timerEvent(QTimerEvent* event) override;
+
 private:
+    Handle handleOf(std::uint32_t index);
+    void wakeInTime();
+    void restartTimer();
+
     struct State;
     std::unique_ptr<State> m_state;
 };
