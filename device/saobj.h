@@ -1,19 +1,264 @@
 #pragma once
 
+#include "core/timingwheel.h"
+#include "device/sessionenv.h"
+
 #include <QByteArray>
+#include <QDateTime>
+#include <QJsonObject>
+#include <QList>
 #include <QObject>
 #include <QString>
 
-/// One speaker's session. The device room's own file; what other rooms may call stands here.
-/// Main loop only.
-class SAobj : public QObject {
+class DeviceSocket;
+class fortcpclient;
+class QUdpSocket;
+
+/// One speaker's session, known by its serial number; it outlives the speaker's connections. Commands
+/// are built here, reports arrive here, and it owns the MP3 data path. Main loop only. Owner: the
+/// registry or the listener, whichever created it; never deleted while the service runs.
+///
+/// Commands return the bytes written, or -99 when no connection is bound or the session is disabled:
+/// then nothing was sent. 0 and -1 tell that the connection has just broken. Texts go out as UTF-8.
+class SAobj : public QObject, private TimingWheel::Client {
     Q_OBJECT
 public:
+    enum OnlineState { Offline = 0, Online = 1, Streaming = 2 };
+    /// A speaker takes MP3 by asking for each chunk over the data connection, or, with Wi-Fi, as it comes.
+    enum Kind { PullKind = 1, WifiKind = 2 };
+    /// Bytes of a request for a chunk on the data connection.
+    static constexpr int RequestLength = 5;
+    static constexpr int NotBound = -99;
+    /// Refusals of send_mp3data_mut().
+    static constexpr int LowerPriority = -3;
+    static constexpr int StaleSequence = -6;
+    static constexpr int NotAllowed = -1;
+
+    SAobj(QString sn, SessionEnv& env, QObject* parent);
+    ~SAobj() override;
+
+    // --- what is known of the speaker ---
+    const QString& sn() const { return m_sn; }
+    const QString& name() const { return m_name; }
+    void setName(const QString& name) { m_name = name; }
+    int onlineState() const { return m_onlineState; }
+    bool isOnline() const { return m_onlineState != Offline; }
+    bool isBound() const { return m_client != nullptr; }
+    bool isBusy() const { return m_busy; } ///< plays from its own store
+    bool isEnabled() const { return m_enabled; }
+    void setEnabled(bool enabled) { m_enabled = enabled; }
+    int kind() const { return m_kind; } ///< kind code as the speaker reports it
+    int leixing() const { return m_leixing; }
+    /// How the speaker takes MP3; decides for the next data connection.
+    void setleixing(int kind) { m_leixing = kind; }
+    int vol() const { return m_vol; } ///< as the speaker or the last command gave it
+    void setVol(int vol) { m_vol = vol; }
+    int micD() const { return m_micD; }
+    int micE() const { return m_micE; }
+    int debugState() const { return m_debugState; } ///< 0 unknown, 1 on, 2 off
+    int voltage() const { return m_voltage; }       ///< 0 until the speaker reports it
+    int xuhao() const { return m_xuhao; }           ///< number that the speaker gives itself
+    void setXuhao(int xuhao) { m_xuhao = xuhao; }
+    const QString& localIp() const { return m_localIp; } ///< the speaker's own address as it reports it
+    void setLocalIp(const QString& address) { m_localIp = address; }
+    const QString& remoteIp() const { return m_remoteIp; }       ///< peer of the control connection
+    const QString& statusText() const { return m_statusText; }   ///< "在线", "掉线", "空闲"
+    const QString& playingPath() const { return m_playingPath; } ///< last "UA1"/"UA2"; "Nothing" at rest
+    bool isClockUnset() const { return m_clockUnset; }
+    const SessionSettings& settings() const { return m_settings; }
+    void setSettings(const SessionSettings& settings) { m_settings = settings; }
+    void setDatagramSocket(QUdpSocket* socket) { m_datagramSocket = socket; }
+    QUdpSocket* datagramSocket() const { return m_datagramSocket; }
+
+    // --- life of the control connection ---
+    void setMp3Port(quint16 port) { m_mp3Port = port; }
+    /// Binds `connection`; one bound before is let go of.
+    void gonline(fortcpclient* connection, int kind);
+    void goffline();
+    /// Writes a command to the control connection.
+    int wirteonlinecmd(const QByteArray& command);
+
+    // --- commands ---
+    int get_baojing(int a, int b);
+    int get_baojing_over(int a, int b);
+    int set_vol(int v);
+    int set_vol_V(int v);
+    int set_Mic_V(int e, int d);
+    int set_debug_ks(int v);
+    int set_GPIO_ks(int v);
+    int get_devinfo();
+    int PLAY_TTS(const QString& text);
+    int push_ipinfo(const QString& address, int port);
+    int domp3connect();
+    int update_time();
+    int cdn_url(const QString& url);
+    int cdn_url2(const QString& url);
+    int addMp3list(const QByteArray& list);
+    int exec_Mp3_url(const QByteArray& list);
+    int NewMp3list_start(const QByteArray& list);
+    int Play_Mp3_url(const QByteArray& url);
+    int stopcurl();
+    int addMp3list2(const QByteArray& list);
+    int stopcurl2();
+    /// Sends nothing and returns -1 unless the URL begins with "http".
+    int addStreamlist(const QByteArray& url);
+    int addStreamlistback(const QByteArray& url);
+    int addStreamlistbackascmd(const QByteArray& url);
+    int Test_unlineTasklist(int id);
+    /// Record: second, first, text, bytes; in this order.
+    int add_unlineTasklist(const QString& text, int first, int second, const QByteArray& bytes);
+    int add_unlineTasklistGS(const QString& text, int first, int second, const QByteArray& bytes, int p,
+                             int q, int r, int t);
+    int remove_unlineTasklist(int id);
+    int stop_unlineTasklist(int id);
+    int Get_unlinetasklist();
+    int _AR();
+    int _AAT();
+    int _AAT_ALL();
+    int _AATS(const QString& a, const QString& b, const QString& c);
+    int QT_test(const QByteArray& bytes);
+
+    // --- MP3 path ---
     /// Forwards one chunk of a stream under the preemption rule. Returns 0; -3 refused (lower
     /// priority than the active stream), -6 stale sequence of another stream, -1 not allowed or not
     /// bound.
     int send_mp3data_mut(const QString& sourceName, int streamId, const QString& taskName, int priority,
                          int sequence, bool allowed, const QByteArray& chunk);
+    /// The same for a source without a name.
+    int send_mp3data(int streamId, const QString& taskName, int priority, int sequence, bool allowed,
+                     const QByteArray& chunk);
+    void push_mp3(const QByteArray& chunk);
+    void wifi_push_mp3(const QByteArray& chunk);
     /// Clears the MP3 queue when `id` is the current stream's.
     void clear_que(int id);
+    /// While set, chunks are discarded.
+    void setHold(bool hold) { m_hold = hold; }
+    /// Takes over an accepted data connection (as its child), replacing one that was there.
+    void setmp3tcpsocket(DeviceSocket* socket);
+    /// The speaker sent so many bytes on its data connection: RequestLength are one request for a chunk.
+    void mp3Requested(int bytes);
+    bool isMp3Connected() const { return m_mp3Socket != nullptr; }
+    bool isStreamActive() const { return m_streamActive; }
+    int queuedChunks() const { return m_queue.size(); }
+    int streamPriority() const { return m_priority; }
+    int streamSequence() const { return m_sequence; }
+    int streamId() const { return m_streamId; }
+    const QString& streamSource() const { return m_sourceName; }
+    const QString& taskName() const { return m_taskName; }
+    const QString& taskId() const { return m_taskId; }
+    /// The status tick, every 2000 ms while bound.
+    void timeout();
+
+    // --- reports ---
+    /// Decodes a device information reply (one byte, then a JSON object) into the session; returns the
+    /// object with "res" added: whether it could be read.
+    QJsonObject dido(const QByteArray& reply);
+    /// Writes "Line", "STATUS", "vol", "mic_d" and "mic_e" to the mirror.
+    void mirrorState();
+    /// Writes "STATUS" alone.
+    void mirrorStatus();
+    /// "OFFLINE", "ONLINE", "PLAYING1" or "PLAYING2".
+    QString statusWord() const;
+
+public slots:
+    /// One read's bytes from the control connection.
+    void sn_onlinebackdata(const QByteArray& bytes);
+
+signals:
+    /// An alarm input of the speaker changed: its report's second and third byte, 0 where missing.
+    void sn_get_kg_back(const QString& sn, char first, char second);
+
+private:
+    enum Deadline { StatusTick, Heartbeat, ConnectRetry, StartCheck };
+    struct Report;
+    static const Report Reports[];
+
+    void wheelTimeout(int tag) override;
+    int command(const char* word, const QByteArray& rest = {});
+    int pushContentServer(const char* word, const QString& url);
+    void mirror(const char* field, const QVariant& value);
+    void mirrorRegistration();
+    void letGo();
+    QString addressForSpeaker() const;
+
+    void takeInfo(const QJsonObject& info);
+    void reportDeviceForm(const QByteArray& form);
+    void reportDeviceInfo(const QByteArray& rest);
+    void reportConnectReply(const QByteArray& rest);
+    void reportMp3Path(const QByteArray& rest);
+    void reportPathDone(const QByteArray& rest);
+    void reportPath(const QByteArray& path);
+    void reportPlaying(const QByteArray& rest);
+    void reportWaiting(const QByteArray& rest);
+    void reportPaused(const QByteArray& rest);
+    void reportPreloaded(const QByteArray& rest);
+    void reportPurged(const QByteArray& rest);
+    void reportTimeWanted(const QByteArray& rest);
+    void reportTaskList(const QByteArray& list);
+    void reportUpdate(const QByteArray& rest);
+    void reportVersion(const QByteArray& number);
+    void reportAlarm(const QByteArray& rest);
+    void reportLocalStatus(const QString& status, bool busy);
+
+    void takeSpeaker(const QString& sourceName, int streamId, const QString& taskName, int priority);
+    void nameStream(const QString& sourceName, int streamId, const QString& taskName);
+    void requestConnection();
+    void enqueue(const QByteArray& chunk);
+    QByteArray pop_mp3();
+    bool wirteMp3(const QByteArray& chunk);
+    void writeChunk(const QByteArray& chunk);
+    void writeWaiting();
+    void answerRequest();
+    void mp3_rdy();
+    void mp3_wifi_rdy();
+    void mp3_disconnect();
+    void mp3heat_();
+    void mp3recheck();
+    void _check_start_stream();
+    void dropMp3Socket();
+    void resetMp3Path();
+    bool lacksConnection() const;
+
+    SessionEnv& m_env;
+    fortcpclient* m_client = nullptr; ///< bound while not null; not owned
+    DeviceSocket* m_mp3Socket = nullptr;
+    QUdpSocket* m_datagramSocket = nullptr;
+    TimingWheel::Handle m_statusTimer;
+    TimingWheel::Handle m_heartbeatTimer;
+    TimingWheel::Handle m_retryTimer;
+    TimingWheel::Handle m_startCheckTimer;
+    QString m_sn;
+    QString m_name;
+    QString m_statusText;
+    QString m_localIp;
+    QString m_remoteIp;
+    QString m_playingPath;
+    QString m_sourceName;
+    QString m_taskName;
+    QString m_taskId;
+    QList<QByteArray> m_queue;
+    qint64 m_registeredAt = 0; ///< seconds since 1970
+    SessionSettings m_settings;
+    int m_priority = 0;
+    int m_sequence = 0;
+    int m_streamId = 0;
+    int m_chunkCounter = 0;
+    int m_kind = PullKind;
+    int m_leixing = PullKind;
+    int m_vol = 0;
+    int m_micD = 0;
+    int m_micE = 0;
+    int m_debugState = 0;
+    int m_voltage = 0;
+    int m_xuhao = 0;
+    quint16 m_mp3Port = 0;
+    quint8 m_onlineState = Offline;
+    quint8 m_requestBytes = 0; ///< of a request for a chunk that has arrived in part
+    bool m_enabled = true;
+    bool m_busy = false;
+    bool m_hold = false;
+    bool m_streamActive = false;
+    bool m_writeInProgress = false;
+    bool m_needConnect = true;
+    bool m_clockUnset = false;
 };

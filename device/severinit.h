@@ -13,6 +13,7 @@
 #include <QStringList>
 
 class fortcpclient;
+class LicenceCheck;
 class SAobj;
 class StateMirror;
 
@@ -30,17 +31,25 @@ public:
     ~Severinit() override;
 
     // --- settings assigned by start-up before the loop runs; read-only afterwards, from any thread ---
-    int bitrate = 128;     ///< MP3 bit rate, kbit/s
-    int ps2 = 6006;        ///< port of the second command server, this node's `nodeport3`
-    QString serverAddress; ///< address that speakers connect back to (`LocalIP`)
+    int bitrate = 128;  ///< MP3 bit rate, kbit/s
+    int ps2 = 6006;     ///< port of the second command server, this node's `nodeport3`
+    bool quiet = false; ///< keeps printinfo() silent
 
     /// Exact comparison with the service key; an empty service key matches nothing. Any thread.
     bool matchesServiceKey(const QString& sskey) const;
+    QStringList blockedSerials() const; ///< read once from "unuse.conf"; any thread
     /// The serial-number check: false for a serial on the block list. Any thread (the list is read
     /// once, before the loop runs).
     bool serialAllowed(const QString& sn) const;
 
+    const LicenceCheck& licence() const;
+
+    /// Device volume code of a level, see device/volume.h.
+    static unsigned char to_vol(unsigned char level);
+
     // --- registry ---
+    /// Most sessions: a bound on what made-up serials can cost, five times the largest fleet.
+    static constexpr int MaxSessions = 100'000;
     /// Serials known before any speaker registered: each gets an offline session at init_vison();
     /// those in `restricted` start disabled.
     void setStoredSerials(const QStringList& serials, const QStringList& restricted);
@@ -48,10 +57,17 @@ public:
     void init_redis();
     void setStateMirror(StateMirror* mirror); ///< not owned; null without Redis
     StateMirror* stateMirror() const;         ///< null, or the mirror while it is connected
+    /// The serial's session, created as a child of `parent` when there is none; null when the serial
+    /// is not allowed or there are too many.
+    SAobj* addSession(const QString& sn, QObject* parent);
+    /// Ends what `parent` created; for its destructor.
+    void removeSessionsOf(const QObject* parent);
     QMap<QString, SAobj*>& sessions();
     SAobj* session(const QString& sn) const; ///< null when unknown
     bool isOnline(const QString& sn) const;
     bool isRestricted(const QString& sn) const;
+    /// Puts the serial on the restricted list and disables its session, or undoes both.
+    void setRestricted(const QString& sn, bool restricted);
     TimingWheel& wheel();
     /// Devices online, one object each: "seed", "status", "vol", "voltage", "debug" (integers).
     QJsonArray onlineDevices() const;
@@ -65,15 +81,25 @@ public:
     void addCommand(const QString& word, Command command);
 
 public slots:
+    /// Binds a connection to its session; a serial without a session drops the connection. `port` is
+    /// the one that the speaker is told to fetch MP3 data from.
     void sasn_online(const QString& sn, fortcpclient* client, unsigned port);
+    /// The same for a serial on the restricted list; `flag` becomes the session's enable flag.
     void sasn_online_CL(const QString& sn, fortcpclient* client, unsigned port, bool flag);
     void sasn_offline(const QString& sn);
+    /// Writes every session's "STATUS" to the mirror, a batch a turn of the loop.
     void reflushredis();
+    /// Writes every session's "Line", "STATUS", "vol", "mic_d", "mic_e" likewise: the mirror is back
+    /// and may have lost what it had.
+    void remirror();
     /// Runs one JSON request; returns the reply as compact JSON, without "\r\n". Never fails: what
     /// does not parse is answered with "json_error", an unknown word with "unknown_cmd".
     QByteArray Diamonds_jsondidocom(const QByteArray& request);
 
 private:
+    SAobj* bindable(const QString& sn, fortcpclient* client) const;
+    void bind(SAobj* session, fortcpclient* client, unsigned port);
+
     struct State;
     std::unique_ptr<State> m_state;
 };

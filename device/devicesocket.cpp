@@ -1,0 +1,148 @@
+#include "device/devicesocket.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <netinet/in.h>
+#include <QDebug>
+#include <QSocketNotifier>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+bool isTemporary(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+} // namespace
+
+DeviceSocket::DeviceSocket(int descriptor, QHostAddress peer, QObject* parent)
+    : QObject(parent)
+    , m_reader(std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read))
+    , m_peer(std::move(peer))
+    , m_descriptor(descriptor) {
+    connect(m_reader.get(), &QSocketNotifier::activated, this, &DeviceSocket::readable);
+}
+
+DeviceSocket::~DeviceSocket() {
+    close();
+}
+
+QByteArray DeviceSocket::readAll() {
+    return std::exchange(m_input, {});
+}
+
+void DeviceSocket::readable() {
+    // Shared by all connections, which live on one thread: what is read is copied out at once.
+    static std::array<char, MaxRead> buffer;
+    const auto got = ::recv(m_descriptor, buffer.data(), buffer.size(), 0);
+    if (got > 0) {
+        m_input.append(buffer.data(), static_cast<int>(got));
+        emit readyRead();
+    } else if (got == 0 || !isTemporary(errno)) {
+        breakDown(got == 0 ? 0 : errno);
+        announceEnd();
+    }
+}
+
+int DeviceSocket::write(const QByteArray& bytes) {
+    if (!isConnected())
+        return -1;
+    int sent = 0;
+    if (m_backlog.isEmpty()) {
+        sent = sendNow(bytes.constData(), bytes.size());
+        if (sent < 0)
+            return fail(errno);
+        if (sent == bytes.size())
+            return sent;
+    }
+    if (m_backlog.size() + bytes.size() - sent > MaxBacklog) {
+        qWarning().noquote() << "Speaker does not read, dropped:" << m_peer.toString() << "with"
+                             << m_backlog.size() << "bytes waiting";
+        return fail(ENOBUFS);
+    }
+    m_backlog.append(bytes.constData() + sent, bytes.size() - sent);
+    if (!m_writer) {
+        m_writer = std::make_unique<QSocketNotifier>(m_descriptor, QSocketNotifier::Write);
+        connect(m_writer.get(), &QSocketNotifier::activated, this, &DeviceSocket::writable);
+    }
+    m_writer->setEnabled(true);
+    return bytes.size();
+}
+
+int DeviceSocket::sendNow(const char* data, int size) {
+    const auto sent = ::send(m_descriptor, data, static_cast<std::size_t>(size), MSG_NOSIGNAL);
+    if (sent >= 0)
+        return static_cast<int>(sent);
+    return isTemporary(errno) ? 0 : -1;
+}
+
+void DeviceSocket::writable() {
+    const int sent = sendNow(m_backlog.constData(), m_backlog.size());
+    if (sent < 0) {
+        fail(errno);
+        return;
+    }
+    m_backlog.remove(0, sent);
+    if (m_backlog.isEmpty()) {
+        m_backlog = {}; // gives the memory back
+        m_writer->setEnabled(false);
+    }
+}
+
+int DeviceSocket::fail(int error) {
+    breakDown(error);
+    QMetaObject::invokeMethod(this, &DeviceSocket::announceEnd, Qt::QueuedConnection);
+    return -1;
+}
+
+void DeviceSocket::breakDown(int error) {
+    m_broken = true;
+    m_error = error;
+    m_backlog = {};
+    m_reader->setEnabled(false);
+    if (m_writer)
+        m_writer->setEnabled(false);
+}
+
+void DeviceSocket::announceEnd() {
+    if (m_descriptor >= 0)
+        emit disconnected();
+}
+
+void DeviceSocket::close() {
+    if (m_descriptor < 0)
+        return;
+    breakDown(m_error);
+    ::close(m_descriptor);
+    m_descriptor = -1;
+}
+
+void DeviceSocket::abort() {
+    if (m_descriptor < 0)
+        return;
+    const linger discard{1, 0};
+    ::setsockopt(m_descriptor, SOL_SOCKET, SO_LINGER, &discard, sizeof discard);
+    close();
+}
+
+QHostAddress DeviceSocket::localAddress() const {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    if (m_descriptor < 0 || ::getsockname(m_descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        return {};
+    return plainAddress(address);
+}
+
+QString DeviceSocket::errorText() const {
+    return m_error == 0 ? QStringLiteral("closed by the peer")
+                        : QString::fromLocal8Bit(std::strerror(m_error));
+}
+
+QHostAddress DeviceSocket::plainAddress(const sockaddr_storage& address) {
+    QHostAddress plain(reinterpret_cast<const sockaddr*>(&address));
+    bool isMapped = false;
+    const quint32 mapped = plain.toIPv4Address(&isMapped);
+    if (isMapped)
+        plain.setAddress(mapped);
+    return plain;
+}

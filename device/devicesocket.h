@@ -1,0 +1,70 @@
+#pragma once
+
+#include <memory>
+#include <QByteArray>
+#include <QHostAddress>
+#include <QObject>
+
+class QSocketNotifier;
+
+/// One accepted TCP connection of a speaker, over the bare descriptor. It keeps no read buffer and,
+/// as long as the peer reads, no write buffer: a fleet of them costs a few hundred bytes each, where
+/// QTcpSocket costs kilobytes. Main loop only. Owns and closes the descriptor.
+class DeviceSocket : public QObject {
+    Q_OBJECT
+public:
+    /// What may wait for a speaker that has stopped reading. It holds more than any command or chunk
+    /// that a speaker is sent in a minute; beyond it the speaker is gone for all purposes.
+    static constexpr int MaxBacklog = 256 * 1024;
+    /// Most bytes handed on by one readyRead(). Reports are a few hundred bytes.
+    static constexpr int MaxRead = 64 * 1024;
+
+    /// `descriptor` is connected and non-blocking.
+    DeviceSocket(int descriptor, QHostAddress peer, QObject* parent = nullptr);
+    ~DeviceSocket() override;
+
+    /// The bytes that arrived; to be called from readyRead(). Empty when there are none.
+    QByteArray readAll();
+    /// Sends at once what the kernel takes and keeps the rest. Returns bytes.size(), or -1 when the
+    /// connection is broken or its backlog full; disconnected() then follows from the event loop.
+    int write(const QByteArray& bytes);
+    /// False once the connection is closed or known to be broken.
+    bool isConnected() const { return m_descriptor >= 0 && !m_broken; }
+    int backlog() const { return m_backlog.size(); }
+
+    /// Closes at once; no signal follows. What the kernel has taken is still delivered.
+    void close();
+    /// Closes at once and discards what the peer has not been sent yet.
+    void abort();
+
+    const QHostAddress& peerAddress() const { return m_peer; }
+    /// The address at which the peer reached this machine; null when the connection is closed.
+    QHostAddress localAddress() const;
+    /// Why the connection broke, for the log.
+    QString errorText() const;
+
+    /// An IPv4 address mapped into IPv6 is given as plain IPv4.
+    static QHostAddress plainAddress(const struct sockaddr_storage& address);
+
+signals:
+    void readyRead();
+    /// The peer closed, or the connection broke. Emitted once, never from inside write().
+    void disconnected();
+
+private:
+    void readable();
+    void writable();
+    void breakDown(int error);
+    void announceEnd();
+    int fail(int error);
+    int sendNow(const char* data, int size);
+
+    std::unique_ptr<QSocketNotifier> m_reader;
+    std::unique_ptr<QSocketNotifier> m_writer; ///< only while there is a backlog
+    QHostAddress m_peer;
+    QByteArray m_input;
+    QByteArray m_backlog;
+    int m_descriptor;
+    int m_error = 0;
+    bool m_broken = false;
+};

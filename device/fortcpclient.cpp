@@ -1,0 +1,96 @@
+#include "device/fortcpclient.h"
+
+#include "device/devicesocket.h"
+
+#include <chrono>
+#include <QDebug>
+
+using namespace std::chrono_literals;
+
+namespace {
+constexpr auto KeepAliveInterval = 5000ms;
+/// How long a connection that a newer one has replaced may stay: time for the speaker to close it
+/// itself, and a bound on what a speaker that registers again and again can keep open.
+constexpr auto SupersededGrace = 30s;
+constexpr int BeatLength = 4;
+
+enum Deadline { KeepAlive, Superseded };
+} // namespace
+
+fortcpclient::fortcpclient(QMap<QString, fortcpclient*>* map, DeviceSocket* socket, QString sn,
+                           TimingWheel& wheel, QObject* parent)
+    : QObject(parent)
+    , m_map(map)
+    , m_socket(socket)
+    , m_wheel(wheel)
+    , m_sn(std::move(sn)) {
+    m_socket->setParent(this);
+    connect(m_socket, &DeviceSocket::readyRead, this, &fortcpclient::sn_datain);
+    connect(m_socket, &DeviceSocket::disconnected, this, &fortcpclient::sn_disconnect);
+    m_timer = m_wheel.every(KeepAliveInterval, this, KeepAlive);
+}
+
+void fortcpclient::wheelTimeout(int tag) {
+    if (tag == KeepAlive)
+        sn_heartbeat();
+    else
+        release();
+}
+
+void fortcpclient::sn_datain() {
+    const QByteArray bytes = m_socket->readAll();
+    m_alive = true;
+    if (bytes.size() == BeatLength)
+        m_lastStatus = static_cast<unsigned char>(bytes.at(BeatLength - 1));
+    else
+        emit backdata(bytes);
+}
+
+void fortcpclient::sn_heartbeat() {
+    static const QByteArray beat = QByteArrayLiteral("OKOK");
+    if (m_socket->isConnected() && m_socket->write(beat) > 0)
+        return;
+    m_timer.reset();
+    qInfo().noquote() << "Dev is out line" << m_sn << m_socket->errorText();
+    leaveMap();
+    emit sn_imoutline(m_sn);
+    release();
+}
+
+void fortcpclient::sn_disconnect() {
+    leaveMap();
+    emit sn_imoutline(m_sn);
+    qInfo().noquote() << "_Disconnect__fuck" << m_sn << m_socket->peerAddress().toString()
+                      << m_socket->errorText();
+    release();
+}
+
+void fortcpclient::leaveMap() {
+    const auto entry = m_map->constFind(m_sn);
+    if (entry != m_map->constEnd() && *entry == this)
+        m_map->remove(m_sn);
+}
+
+int fortcpclient::Writedata(const QByteArray& bytes) {
+    if (m_alive && m_socket->isConnected())
+        return sn_Writedata(bytes);
+    qWarning().noquote() << "return: write:" << (m_alive ? "true" : "false") << m_sn;
+    return 0;
+}
+
+int fortcpclient::sn_Writedata(const QByteArray& bytes) {
+    return m_socket->write(bytes);
+}
+
+void fortcpclient::supersede() {
+    QObject::disconnect(this, nullptr, nullptr, nullptr);
+    m_timer = m_wheel.once(SupersededGrace, this, Superseded);
+}
+
+void fortcpclient::release() {
+    QObject::disconnect(this, nullptr, nullptr, nullptr);
+    QObject::disconnect(m_socket, nullptr, this, nullptr);
+    m_timer.reset();
+    m_socket->close();
+    deleteLater();
+}

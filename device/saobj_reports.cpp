@@ -1,0 +1,176 @@
+#include "device/packets.h"
+#include "device/saobj.h"
+
+#include <QDateTime>
+#include <QJsonDocument>
+
+// What speakers report on their control connection, told apart by its first bytes.
+
+namespace {
+/// Longest text of a report that a session keeps; a fleet of sessions pays for it.
+constexpr int MaxKeptText = 512;
+
+QString timeText() {
+    return QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd:hh:mm:ss"));
+}
+
+QString firstLine(const QJsonValue& value) {
+    return value.toString().section(QLatin1Char('\n'), 0, 0).trimmed().left(MaxKeptText);
+}
+
+/// Speakers write numbers as JSON numbers or as text.
+void readInteger(const QJsonObject& info, QLatin1String key, int& target) {
+    const QJsonValue value = info.value(key);
+    bool isNumber = false;
+    const int number = value.toVariant().toInt(&isNumber);
+    if (isNumber)
+        target = number;
+}
+} // namespace
+
+struct SAobj::Report {
+    const char* prefix;
+    int length; ///< of the whole report; 0 for any
+    void (SAobj::*handler)(const QByteArray& rest);
+};
+
+// The first row that fits takes the report.
+const SAobj::Report SAobj::Reports[] = {
+    {"DEIFS", 0, &SAobj::reportDeviceForm}, {"DEIF:", 0, &SAobj::reportDeviceForm},
+    {"DEIF", 0, &SAobj::reportDeviceForm},  {"J", 0, &SAobj::reportDeviceInfo},
+    {"K", 3, &SAobj::reportConnectReply},   {"UA1", 0, &SAobj::reportPathDone},
+    {"UA2", 0, &SAobj::reportPath},         {"UA3", 0, &SAobj::reportPlaying},
+    {"UA4", 0, &SAobj::reportWaiting},      {"UA5", 0, &SAobj::reportPaused},
+    {"UB1", 0, &SAobj::reportPreloaded},    {"UC1", 0, &SAobj::reportPurged},
+    {"UD1", 0, &SAobj::reportTimeWanted},   {"UT1", 0, &SAobj::reportTaskList},
+    {"UT2", 0, &SAobj::reportUpdate},       {"UV", 0, &SAobj::reportVersion},
+    {"Y", 0, &SAobj::reportAlarm},          {"U", 0, &SAobj::reportUpdate},
+};
+
+void SAobj::sn_onlinebackdata(const QByteArray& bytes) {
+    if (bytes.contains("MP__3"))
+        return reportMp3Path(bytes);
+    // Binary, so its first byte may be any letter: it is known by its length and end.
+    const QByteArray trailer = packets::statusTrailer();
+    if (bytes.size() == packets::StatusFormLength + trailer.size() && bytes.endsWith(trailer))
+        return reportDeviceForm(bytes);
+    for (const Report& report : Reports) {
+        if (bytes.startsWith(report.prefix) && (report.length == 0 || report.length == bytes.size()))
+            return (this->*report.handler)(bytes.mid(static_cast<int>(qstrlen(report.prefix))));
+    }
+}
+
+void SAobj::reportMp3Path(const QByteArray& /*rest*/) {
+    answerRequest();
+}
+
+void SAobj::reportDeviceForm(const QByteArray& form) {
+    const QJsonObject fields = packets::statusFields(form);
+    if (!fields.value(QLatin1String("res_____")).toBool())
+        return;
+    readInteger(fields, QLatin1String("vol"), m_vol);
+    readInteger(fields, QLatin1String("xuhao"), m_xuhao);
+    for (const char* const field : {"status", "vol", "severip", "leixing", "xuhao", "severport"})
+        mirror(field, fields.value(QLatin1String(field)).toString());
+    mirror("sn", m_sn);
+}
+
+void SAobj::reportDeviceInfo(const QByteArray& rest) {
+    dido('J' + rest);
+}
+
+QJsonObject SAobj::dido(const QByteArray& reply) {
+    const QJsonDocument document = QJsonDocument::fromJson(reply.mid(1));
+    QJsonObject info = document.object();
+    if (document.isObject())
+        takeInfo(info);
+    info.insert(QStringLiteral("res"), document.isObject());
+    return info;
+}
+
+void SAobj::takeInfo(const QJsonObject& info) {
+    readInteger(info, QLatin1String("kind"), m_kind);
+    readInteger(info, QLatin1String("vol"), m_vol);
+    readInteger(info, QLatin1String("Mic_d"), m_micD);
+    readInteger(info, QLatin1String("Mic_e"), m_micE);
+    readInteger(info, QLatin1String("debug"), m_debugState);
+    readInteger(info, QLatin1String("voltage"), m_voltage);
+    if (info.contains(QLatin1String("l_ip")))
+        m_localIp = firstLine(info.value(QLatin1String("l_ip")));
+    m_clockUnset = firstLine(info.value(QLatin1String("Date"))).contains(QLatin1String("1970"));
+    mirrorRegistration();
+    if (m_clockUnset)
+        update_time();
+}
+
+/// The speaker has heard the request for its data connection; the connection itself says the rest.
+void SAobj::reportConnectReply(const QByteArray& /*rest*/) {}
+
+void SAobj::reportPathDone(const QByteArray& /*rest*/) {
+    m_busy = false;
+    m_playingPath = QStringLiteral("Nothing");
+    mirror("Playing_local_path", m_playingPath);
+}
+
+void SAobj::reportPath(const QByteArray& path) {
+    m_playingPath = QString::fromUtf8(path).left(MaxKeptText);
+    mirror("Playing_local_path", m_playingPath);
+}
+
+void SAobj::reportLocalStatus(const QString& status, bool busy) {
+    m_busy = busy;
+    mirror("Playing_local_status", status);
+}
+
+void SAobj::reportPlaying(const QByteArray& /*rest*/) {
+    reportLocalStatus(QStringLiteral("Local_PLAYING"), true);
+}
+
+void SAobj::reportWaiting(const QByteArray& /*rest*/) {
+    reportLocalStatus(QStringLiteral("Local_WAITING"), false);
+}
+
+void SAobj::reportPaused(const QByteArray& /*rest*/) {
+    reportLocalStatus(QStringLiteral("Local_PLUSE"), false);
+}
+
+void SAobj::reportPreloaded(const QByteArray& /*rest*/) {
+    mirror("Preload", QStringLiteral("DONE"));
+}
+
+void SAobj::reportPurged(const QByteArray& /*rest*/) {
+    mirror("Purge", QStringLiteral("DONE"));
+}
+
+void SAobj::reportTimeWanted(const QByteArray& /*rest*/) {
+    update_time();
+}
+
+void SAobj::reportTaskList(const QByteArray& list) {
+    mirror("Task_list", QString::fromUtf8(list));
+}
+
+void SAobj::reportUpdate(const QByteArray& /*rest*/) {
+    mirror("Update_Time", timeText());
+}
+
+void SAobj::reportVersion(const QByteArray& number) {
+    bool isNumber = false;
+    const int version = number.trimmed().toInt(&isNumber, 10);
+    if (isNumber)
+        mirror("Version", version);
+}
+
+void SAobj::reportAlarm(const QByteArray& rest) {
+    const char first = rest.isEmpty() ? '\0' : rest.at(0);
+    const char second = rest.size() < 2 ? '\0' : rest.at(1);
+    if (StateMirror* const target = m_env.connectedMirror()) {
+        const QString time = timeText();
+        target->Set_sn_key_value(m_sn, QStringLiteral("Warming"), time);
+        if (first == '1')
+            target->Warmingup_push(m_sn, time);
+        else
+            target->Warmingdown_push(m_sn, time);
+    }
+    emit sn_get_kg_back(m_sn, first, second);
+}

@@ -1,0 +1,275 @@
+#include "device/devicesocket.h"
+#include "device/fortcpclient.h"
+#include "device/packets.h"
+#include "device/saobj.h"
+
+#include <chrono>
+#include <QDebug>
+
+// Streams forwarded to the speaker: who may, and the data connection by which the speaker takes them.
+
+using namespace std::chrono_literals;
+
+namespace {
+constexpr auto RetryDelay = 10000ms;
+constexpr auto HeartbeatInterval = 10000ms;
+/// Most chunks that wait for a speaker; one more and the backlog is dropped whole.
+constexpr int QueueLimit = 20;
+/// Chunks after which a speaker counts as playing a stream.
+constexpr int StreamIdleLimit = 2000;
+/// What the chunk counter starts from when a stream takes the speaker.
+constexpr int FirstChunkCount = 100;
+/// What may wait in a Wi-Fi speaker's socket, about four seconds of 128 kbit/s; chunks beyond are lost.
+constexpr int WifiBacklog = 64 * 1024;
+
+QByteArray heartbeat() {
+    return QByteArrayLiteral("HELL");
+}
+} // namespace
+
+int SAobj::send_mp3data(int streamId, const QString& taskName, int priority, int sequence, bool allowed,
+                        const QByteArray& chunk) {
+    return send_mp3data_mut(m_sourceName, streamId, taskName, priority, sequence, allowed, chunk);
+}
+
+int SAobj::send_mp3data_mut(const QString& sourceName, int streamId, const QString& taskName, int priority,
+                            int sequence, bool allowed, const QByteArray& chunk) {
+    if (m_streamActive) {
+        if (priority < m_priority)
+            return LowerPriority;
+        if (priority != m_priority)
+            takeSpeaker(sourceName, streamId, taskName, priority);
+    } else if (priority == m_priority && sequence == m_sequence) {
+        nameStream(sourceName, streamId, taskName);
+    } else {
+        takeSpeaker(sourceName, streamId, taskName, priority);
+        m_sequence = sequence;
+    }
+    if (m_sequence >= sequence) {
+        if (m_sequence != sequence || m_streamId != streamId)
+            return StaleSequence;
+    } else {
+        m_sequence = sequence;
+    }
+    if (!allowed || !m_client)
+        return NotAllowed;
+    if (m_leixing == WifiKind)
+        wifi_push_mp3(chunk);
+    else
+        push_mp3(chunk);
+    ++m_chunkCounter;
+    return 0;
+}
+
+void SAobj::takeSpeaker(const QString& sourceName, int streamId, const QString& taskName, int priority) {
+    nameStream(sourceName, streamId, taskName);
+    m_priority = priority;
+    m_queue.clear();
+    m_busy = false;
+}
+
+/// The stream is the speaker's current one from here on.
+void SAobj::nameStream(const QString& sourceName, int streamId, const QString& taskName) {
+    m_sourceName = sourceName;
+    m_taskName = taskName;
+    m_streamId = streamId;
+    m_taskId = QString::number(streamId);
+    m_chunkCounter = FirstChunkCount;
+    m_streamActive = true;
+}
+
+void SAobj::timeout() {
+    if (m_chunkCounter >= StreamIdleLimit) {
+        if (!m_streamActive)
+            m_onlineState = Streaming;
+        m_streamActive = true;
+        m_chunkCounter = 0;
+        m_busy = false;
+    } else if (m_streamActive) {
+        m_statusText = QStringLiteral("空闲");
+        m_onlineState = Online;
+        m_streamActive = false;
+        m_queue.clear();
+        m_chunkCounter = 0;
+    }
+}
+
+void SAobj::clear_que(int id) {
+    if (id == m_streamId)
+        m_queue.clear();
+}
+
+// --- the queue ---
+
+void SAobj::push_mp3(const QByteArray& chunk) {
+    if (m_hold)
+        return;
+    enqueue(chunk);
+    if (!m_mp3Socket)
+        requestConnection();
+    else if (!m_writeInProgress)
+        writeWaiting();
+}
+
+void SAobj::wifi_push_mp3(const QByteArray& chunk) {
+    if (m_hold)
+        return;
+    if (m_mp3Socket) {
+        if (m_mp3Socket->backlog() <= WifiBacklog)
+            wirteMp3(chunk);
+        return;
+    }
+    enqueue(chunk);
+    requestConnection();
+}
+
+void SAobj::enqueue(const QByteArray& chunk) {
+    m_queue.append(chunk);
+    if (m_queue.size() > QueueLimit)
+        m_queue.clear();
+}
+
+void SAobj::requestConnection() {
+    if (!m_needConnect)
+        return;
+    qInfo().noquote() << "Could do c 1" << m_sn;
+    domp3connect();
+}
+
+QByteArray SAobj::pop_mp3() {
+    if (!m_queue.isEmpty())
+        return m_queue.takeFirst();
+    m_writeInProgress = false;
+    return {};
+}
+
+bool SAobj::wirteMp3(const QByteArray& chunk) {
+    return m_client && m_mp3Socket && m_enabled && m_mp3Socket->write(chunk) > 0;
+}
+
+void SAobj::writeChunk(const QByteArray& chunk) {
+    // A heartbeat is nothing to play, so no request for the next chunk follows it.
+    if (wirteMp3(chunk) && chunk != heartbeat())
+        m_writeInProgress = true;
+}
+
+void SAobj::writeWaiting() {
+    const QByteArray chunk = pop_mp3();
+    if (!chunk.isEmpty())
+        writeChunk(chunk);
+}
+
+/// One request for a chunk: the queue's head, past at most two heartbeats.
+void SAobj::answerRequest() {
+    QByteArray chunk = pop_mp3();
+    for (int skipped = 0; skipped < 2 && chunk == heartbeat(); ++skipped)
+        chunk = pop_mp3();
+    if (!chunk.isEmpty())
+        writeChunk(chunk);
+}
+
+// --- the data connection ---
+
+int SAobj::domp3connect() {
+    const int written =
+        command("K", packets::addressBytes(addressForSpeaker()) + packets::portBytes(m_mp3Port));
+    qInfo().noquote() << "MPORT:" << m_mp3Port << m_sn;
+    m_needConnect = false;
+    m_retryTimer = m_env.wheel.once(RetryDelay, this, ConnectRetry);
+    return written;
+}
+
+/// The configured address, or the one at which the speaker reached us when none usable is configured.
+QString SAobj::addressForSpeaker() const {
+    const bool isUsable = QHostAddress(m_env.serverAddress).protocol() == QAbstractSocket::IPv4Protocol;
+    if (isUsable || !m_client)
+        return m_env.serverAddress;
+    return m_client->socket()->localAddress().toString();
+}
+
+bool SAobj::lacksConnection() const {
+    return m_client && !m_mp3Socket;
+}
+
+void SAobj::mp3recheck() {
+    if (!lacksConnection())
+        return;
+    m_needConnect = true;
+    if (!m_queue.isEmpty())
+        domp3connect();
+}
+
+void SAobj::_check_start_stream() {
+    if (lacksConnection() && (m_streamActive || !m_queue.isEmpty()))
+        domp3connect();
+}
+
+void SAobj::setmp3tcpsocket(DeviceSocket* socket) {
+    dropMp3Socket();
+    m_mp3Socket = socket;
+    m_mp3Socket->setParent(this);
+    m_retryTimer.reset();
+    m_writeInProgress = false;
+    m_requestBytes = 0;
+    connect(socket, &DeviceSocket::disconnected, this, &SAobj::mp3_disconnect);
+    connect(socket, &DeviceSocket::readyRead, this,
+            m_leixing == WifiKind ? &SAobj::mp3_wifi_rdy : &SAobj::mp3_rdy);
+    m_heartbeatTimer = m_env.wheel.every(HeartbeatInterval, this, Heartbeat);
+    qInfo().noquote() << "Set Remote:" << socket->peerAddress().toString();
+    qInfo().noquote() << "this sn is ready in" << m_sn;
+    do
+        writeWaiting();
+    while (m_leixing == WifiKind && !m_queue.isEmpty());
+}
+
+void SAobj::mp3_rdy() {
+    mp3Requested(m_mp3Socket->readAll().size());
+}
+
+void SAobj::mp3Requested(int bytes) {
+    const int all = m_requestBytes + bytes;
+    m_requestBytes = static_cast<quint8>(all % RequestLength);
+    // Requests beyond what waits find the queue empty, each in the same way.
+    const int requests = std::min(all / RequestLength, m_queue.size() + 1);
+    for (int i = 0; i < requests; ++i)
+        answerRequest();
+}
+
+/// A Wi-Fi speaker asks for nothing; what it sends is read so that the connection does not clog.
+void SAobj::mp3_wifi_rdy() {
+    m_mp3Socket->readAll();
+}
+
+void SAobj::mp3_disconnect() {
+    qInfo().noquote() << "SAobj::mp3_disconnect" << m_sn << m_mp3Socket->errorText();
+    dropMp3Socket();
+    m_needConnect = true;
+}
+
+void SAobj::mp3heat_() {
+    if (m_streamActive)
+        return;
+    if (m_leixing == WifiKind)
+        wifi_push_mp3(heartbeat());
+    else
+        push_mp3(heartbeat());
+}
+
+void SAobj::dropMp3Socket() {
+    m_heartbeatTimer.reset();
+    if (!m_mp3Socket)
+        return;
+    m_mp3Socket->close();
+    disconnect(m_mp3Socket, nullptr, this, nullptr);
+    m_mp3Socket->deleteLater();
+    m_mp3Socket = nullptr;
+}
+
+void SAobj::resetMp3Path() {
+    dropMp3Socket();
+    m_retryTimer.reset();
+    m_queue.clear();
+    m_chunkCounter = 0;
+    m_writeInProgress = false;
+    m_needConnect = true;
+}

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <memory>
+#include <QByteArray>
+#include <QJsonObject>
+#include <QMap>
+#include <QObject>
+#include <QString>
+
+class DeviceSocket;
+class fortcpclient;
+class Lobby;
+class Mp3DataServer;
+class QUdpSocket;
+class SAobj;
+class Severinit;
+class TcpAcceptor;
+
+/// The device control listener: takes speakers' connections on two ports, registers each by its first
+/// packet and hands it to the registry; the MP3 data server stands beside it. Main loop only. To be
+/// destroyed before the registry.
+class sever_listen : public QObject {
+    Q_OBJECT
+public:
+    /// Binds `DPort`, `DataPortBack3` and the MP3 data port `DPort` + 2; a port that cannot be bound
+    /// is logged ("exit er2s", "exit er1", "exit er5") and ends the process with status 0.
+    /// Connections are taken from set_svi() on. `TSWait`: keep-alive wait, ms.
+    sever_listen(int TSWait, int DPort, int DataPortBack3, QObject* parent = nullptr);
+    ~sever_listen() override;
+
+    /// The registry; not owned.
+    void set_svi(Severinit* registry);
+
+    /// Descriptions as packets::registration() and packets::statusForm() give them.
+    static QJsonObject didiv3(const QByteArray& packet);
+    static unsigned char to_vol(unsigned char level);
+    static unsigned char back_vol(unsigned char code);
+    static void getmsg(const QString& first, const QString& second);
+
+    const QMap<QString, fortcpclient*>& connections() const { return m_connections; }
+    int keepAliveWait() const { return m_keepAliveWait; }
+
+public slots:
+    /// Decodes a long status form and logs it with the tag "FDEFS:".
+    static QJsonObject didi(const QByteArray& packet);
+    void remotion_newcom();
+    void remotion_newcom2();
+    static void remotion_error(const QString& reason);
+    static void remotion_error2(const QString& reason);
+    /// Registers a connection by its first packet. Takes `socket` over.
+    void rdremotion_newcom(DeviceSocket* socket, const QByteArray& firstPacket);
+
+private:
+    static void listenOrExit(TcpAcceptor& acceptor, int port, const char* exitTag);
+    void enter(TcpAcceptor& acceptor);
+    void bind(DeviceSocket* socket, const QJsonObject& description);
+
+    int m_keepAliveWait;
+    int m_port;
+    Severinit* m_registry = nullptr;
+    std::unique_ptr<QUdpSocket> m_datagramSocket;
+    std::unique_ptr<TcpAcceptor> m_control;
+    std::unique_ptr<TcpAcceptor> m_control2;
+    std::unique_ptr<Mp3DataServer> m_mp3Server;
+    std::unique_ptr<Lobby> m_lobby;
+    QMap<QString, fortcpclient*> m_connections; ///< newest of each serial; not owned
+};

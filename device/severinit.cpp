@@ -1,0 +1,256 @@
+#include "device/severinit.h"
+
+#include "device/blocklist.h"
+#include "device/fortcpclient.h"
+#include "device/saobj.h"
+#include "device/severinit_state.h"
+#include "device/volume.h"
+
+#include <algorithm>
+#include <chrono>
+#include <QDebug>
+#include <QJsonObject>
+
+using namespace std::chrono_literals;
+
+// The registry; the dispatcher is in dispatcher.cpp.
+
+namespace {
+constexpr auto RefreshInterval = 1563ms;
+/// Sessions written to the mirror in one turn of the loop: a few milliseconds.
+constexpr int SweepBatch = 1000;
+
+/// "vol", "leixing" and "xuhao" are decimal texts in a registration.
+int number(const QJsonObject& description, QLatin1String key) {
+    return description.value(key).toVariant().toInt();
+}
+
+/// Visits the sessions from serial `from` on, a batch now and the rest in the loop's next turns; the
+/// map may grow meanwhile. `done` follows the last.
+void sweep(QObject* context, const QMap<QString, SAobj*>& sessions, const QString& from,
+           void (*visit)(SAobj&), const std::function<void()>& done) {
+    auto entry = sessions.lowerBound(from);
+    for (int i = 0; i < SweepBatch && entry != sessions.constEnd(); ++i, ++entry)
+        visit(**entry);
+    if (entry == sessions.constEnd())
+        return done();
+    const QString next = entry.key();
+    QMetaObject::invokeMethod(
+        context, [=, &sessions] { sweep(context, sessions, next, visit, done); }, Qt::QueuedConnection);
+}
+} // namespace
+
+Severinit::Severinit(QString updateListPath, QString upstreamcdn, QString localcdn,
+                     QString /*privateKeyText*/, QString /*publicKeyText*/, QString /*key*/, QString askey,
+                     int /*TSWait*/, int /*PackSize*/, int AryLen, int Check_, int Check_len, QString LocalIP,
+                     int /*OPort0*/, int /*OPort1*/, int /*BjPort*/, int /*DataPort*/, int /*ManagePort*/,
+                     int /*Netcross_Port0*/, int /*Netcross_Port1*/, int /*DataPortBack2*/, int /*Pastcmd*/,
+                     QObject* parent)
+    : QObject(parent)
+    , m_state(std::make_unique<State>()) {
+    m_state->updateListPath = std::move(updateListPath);
+    m_state->upstreamcdn = std::move(upstreamcdn);
+    m_state->localcdn = std::move(localcdn);
+    m_state->askey = std::move(askey);
+    m_state->sessionSettings = {AryLen, Check_, Check_len};
+    m_state->env.serverAddress = std::move(LocalIP);
+    for (const QString& sn : readBlockList(QStringLiteral("unuse.conf")))
+        m_state->blocked.insert(sn);
+    connect(&m_state->refreshTimer, &QTimer::timeout, this, &Severinit::reflushredis);
+}
+
+Severinit::~Severinit() {
+    removeSessionsOf(this);
+}
+
+bool Severinit::matchesServiceKey(const QString& sskey) const {
+    return !m_state->askey.isEmpty() && sskey == m_state->askey;
+}
+
+bool Severinit::serialAllowed(const QString& sn) const {
+    return !m_state->blocked.contains(sn);
+}
+
+QStringList Severinit::blockedSerials() const {
+    return m_state->blocked.values();
+}
+
+const LicenceCheck& Severinit::licence() const {
+    return m_state->licence;
+}
+
+unsigned char Severinit::to_vol(unsigned char level) {
+    return volumeCode(level);
+}
+
+void Severinit::setStoredSerials(const QStringList& serials, const QStringList& restricted) {
+    m_state->storedSerials = serials;
+    for (const QString& sn : restricted)
+        m_state->restricted.insert(sn);
+}
+
+void Severinit::init_vison() {
+    StateMirror* const mirror = stateMirror();
+    for (const QString& sn : std::as_const(m_state->storedSerials)) {
+        if (addSession(sn, this) && mirror)
+            mirror->Set_sn_key_value(sn, QStringLiteral("Line"), QStringLiteral("Offline"));
+    }
+    m_state->storedSerials.clear();
+}
+
+SAobj* Severinit::addSession(const QString& sn, QObject* parent) {
+    if (SAobj* const known = session(sn))
+        return known;
+    if (!serialAllowed(sn) || m_state->sessions.size() >= MaxSessions) {
+        qWarning().noquote() << "No session for" << sn << "- blocked, or" << MaxSessions << "are reached";
+        return nullptr;
+    }
+    auto* const added = new SAobj(sn, m_state->env, parent);
+    added->setName(QStringLiteral("No Name"));
+    added->setSettings(m_state->sessionSettings);
+    added->setEnabled(!isRestricted(sn));
+    m_state->sessions.insert(sn, added);
+    return added;
+}
+
+void Severinit::removeSessionsOf(const QObject* parent) {
+    for (auto entry = m_state->sessions.begin(); entry != m_state->sessions.end();) {
+        SAobj* const session = *entry;
+        if (session->parent() != parent) {
+            ++entry;
+            continue;
+        }
+        entry = m_state->sessions.erase(entry);
+        delete session;
+    }
+}
+
+void Severinit::setStateMirror(StateMirror* mirror) {
+    m_state->env.mirror = mirror;
+}
+
+StateMirror* Severinit::stateMirror() const {
+    return m_state->env.connectedMirror();
+}
+
+QMap<QString, SAobj*>& Severinit::sessions() {
+    return m_state->sessions;
+}
+
+SAobj* Severinit::session(const QString& sn) const {
+    return m_state->sessions.value(sn);
+}
+
+bool Severinit::isOnline(const QString& sn) const {
+    const SAobj* const found = session(sn);
+    return found && found->isOnline();
+}
+
+bool Severinit::isRestricted(const QString& sn) const {
+    return m_state->restricted.contains(sn);
+}
+
+void Severinit::setRestricted(const QString& sn, bool restricted) {
+    if (restricted)
+        m_state->restricted.insert(sn);
+    else
+        m_state->restricted.remove(sn);
+    if (SAobj* const found = session(sn))
+        found->setEnabled(!restricted);
+}
+
+TimingWheel& Severinit::wheel() {
+    return m_state->wheel;
+}
+
+QJsonArray Severinit::onlineDevices() const {
+    QJsonArray devices;
+    for (const SAobj* const session : std::as_const(m_state->sessions)) {
+        if (session->isOnline())
+            devices.append(QJsonObject{{QStringLiteral("seed"), session->sn()},
+                                       {QStringLiteral("status"), session->onlineState()},
+                                       {QStringLiteral("vol"), session->vol()},
+                                       {QStringLiteral("voltage"), session->voltage()},
+                                       {QStringLiteral("debug"), session->debugState()}});
+    }
+    return devices;
+}
+
+QSet<QString> Severinit::onlineSerials() const {
+    QSet<QString> serials;
+    for (const SAobj* const session : std::as_const(m_state->sessions)) {
+        if (session->isOnline())
+            serials.insert(session->sn());
+    }
+    return serials;
+}
+
+void Severinit::printinfo() {
+    if (quiet)
+        return;
+    const auto online = std::count_if(m_state->sessions.cbegin(), m_state->sessions.cend(),
+                                      [](const SAobj* session) { return session->isOnline(); });
+    qInfo() << "REDIDSONLINE:" << online << m_state->sessions.size();
+}
+
+// --- binding ---
+
+void Severinit::sasn_online(const QString& sn, fortcpclient* client, unsigned port) {
+    if (SAobj* const found = bindable(sn, client))
+        bind(found, client, port);
+}
+
+void Severinit::sasn_online_CL(const QString& sn, fortcpclient* client, unsigned port, bool flag) {
+    SAobj* const found = bindable(sn, client);
+    if (!found)
+        return;
+    found->setEnabled(flag);
+    bind(found, client, port);
+}
+
+SAobj* Severinit::bindable(const QString& sn, fortcpclient* client) const {
+    SAobj* const found = session(sn);
+    if (!found)
+        client->release();
+    return found;
+}
+
+void Severinit::bind(SAobj* session, fortcpclient* client, unsigned port) {
+    connect(client, &fortcpclient::sn_imoutline, this, &Severinit::sasn_offline);
+    const QJsonObject& description = client->description();
+    session->setSettings(m_state->sessionSettings);
+    session->setMp3Port(static_cast<quint16>(port));
+    session->setLocalIp(description.value(QLatin1String("localip")).toString());
+    session->setVol(number(description, QLatin1String("vol")));
+    session->setXuhao(number(description, QLatin1String("xuhao")));
+    session->gonline(client, number(description, QLatin1String("leixing")));
+}
+
+void Severinit::sasn_offline(const QString& sn) {
+    SAobj* const found = session(sn);
+    if (!found) {
+        qInfo().noquote() << "one device  on  line but not means info databases;" << sn;
+        return;
+    }
+    found->goffline();
+    qInfo().noquote() << "off line" << sn;
+}
+
+// --- mirroring ---
+
+void Severinit::init_redis() {
+    m_state->refreshTimer.start(RefreshInterval);
+}
+
+void Severinit::reflushredis() {
+    if (!stateMirror() || std::exchange(m_state->refreshing, true))
+        return;
+    sweep(
+        this, m_state->sessions, {}, [](SAobj& session) { session.mirrorStatus(); },
+        [this] { m_state->refreshing = false; });
+}
+
+void Severinit::remirror() {
+    sweep(
+        this, m_state->sessions, {}, [](SAobj& session) { session.mirrorState(); }, [] {});
+}

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "core/timingwheel.h"
+#include "device/licence.h"
+#include "device/sessionenv.h"
+#include "device/severinit.h"
+
+#include <QHash>
+#include <QMap>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <QTimer>
+
+/// What the registry and the dispatcher share; private to the device room.
+struct Severinit::State {
+    // --- settings as start-up gave them ---
+    QString updateListPath; ///< list of speaker programs to distribute
+    QString upstreamcdn;
+    QString localcdn;
+    QString askey; ///< service key
+    SessionSettings sessionSettings;
+    AcceptingLicence licence;
+
+    // --- registry ---
+    TimingWheel wheel;
+    SessionEnv env{wheel, {}, nullptr};
+    QMap<QString, SAobj*> sessions;
+    QSet<QString> restricted;
+    QSet<QString> blocked;
+    QStringList storedSerials;
+    QTimer refreshTimer;
+    bool refreshing = false; ///< a refresh has begun and not reached the last session
+
+    // --- dispatcher ---
+    QHash<QString, Command> addedCommands;
+};
