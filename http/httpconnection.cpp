@@ -100,6 +100,8 @@ std::optional<Refusal> HttpConnection::readHead(const char* method, const char* 
     MHD_get_connection_values_n(m_connection, MHD_HEADER_KIND, &collectField, &m_fields);
     if (auto refusal = checkHead(method, version, m_fields, body))
         return refusal;
+    if (!isLayoutVerbatim(method, version))
+        return Refusal{400, "head with line ends, spaces or NULs out of place"};
     m_request.m_method = method;
     m_request.m_version = version;
     m_request.m_peer = m_socket->peer;
@@ -109,6 +111,14 @@ std::optional<Refusal> HttpConnection::readHead(const char* method, const char* 
         return refusal;
     m_isForHandler = m_engine.handler()->wants(m_request.m_method, m_request.m_path);
     return m_request.m_body.begin(m_request.getHeader("Content-Type"), *body, m_engine.settings().limits);
+}
+
+bool HttpConnection::isLayoutVerbatim(const char* method, const char* version) const {
+    if (HttpEngine::libraryIsStrict())
+        return true;
+    const auto* info = MHD_get_connection_info(m_connection, MHD_CONNECTION_INFO_REQUEST_HEADER_SIZE);
+    return isVerbatim({method, version, static_cast<std::size_t>(m_target.size()), info->header_size},
+                      m_fields);
 }
 
 std::optional<Refusal> HttpConnection::readTarget() {
@@ -228,10 +238,13 @@ void HttpConnection::refuseAtOnce(const Refusal& refusal) {
            MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
-void HttpConnection::ended(const QByteArray& libraryReason) {
-    if (!libraryReason.isEmpty() && m_stage != Stage::Refused) {
-        m_engine.refusals().add(m_socket->peer, 400, libraryReason.constData());
-        m_socket->lingers = true;
-    }
+void HttpConnection::refusedByLibrary(const Refusal& refusal) {
+    if (m_stage == Stage::Refused)
+        return;
+    m_engine.refusals().add(m_socket->peer, refusal.status, refusal.reason);
+    m_socket->lingers = true;
+}
+
+void HttpConnection::ended() {
     m_socket->enter(HttpSocket::Phase::Head);
 }

@@ -24,14 +24,17 @@ public:
     /// The engine's call: once with the head, then with each piece of body, then once at its end, and
     /// once more after the worker. `*size` is set to what was not consumed. False closes the connection.
     bool proceed(const char* method, const char* version, const char* data, std::size_t* size);
-    /// The last call. `libraryReason` is set when the library refused the request by itself.
-    void ended(const QByteArray& libraryReason);
+    /// The library answered by itself.
+    void refusedByLibrary(const Refusal& refusal);
+    /// The last call: the answer was sent, or the connection ended.
+    void ended();
 
 private:
     enum class Stage { Head, Body, Working, Answer, Refused };
 
     bool takeHead(const char* method, const char* version);
     std::optional<Refusal> readHead(const char* method, const char* version, BodyLength* body);
+    bool isLayoutVerbatim(const char* method, const char* version) const;
     std::optional<Refusal> readTarget();
     bool takeBody(const char* data, std::size_t size);
     bool takeEnd();

@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <QCoreApplication>
 #include <QDebug>
+#include <QVersionNumber>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -15,8 +16,21 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// Reason of the refusal that the library made last on this thread: it tells it only in its log.
-thread_local QByteArray libraryRefusal;
+/// A refusal that the library made by itself: it tells it only in its log, on the same thread.
+struct LibraryRefusal {
+    int status = 0; ///< 0: none
+    QByteArray reason;
+};
+thread_local LibraryRefusal libraryRefusal;
+
+/// From "Error processing request (HTTP response code is 400 ('<html>…<title>Request malformed</title>…".
+LibraryRefusal parseRefusal(const QByteArray& message) {
+    const auto between = [&message](const char* begin, const char* end) {
+        const int from = message.indexOf(begin) + static_cast<int>(std::strlen(begin));
+        return message.mid(from, message.indexOf(end, from) - from);
+    };
+    return {between("code is ", " ").toInt(), between("<title>", "</title>")};
+}
 
 /// What an operator must know of what the library logs; the rest is clients that went away.
 constexpr const char* LibraryAlarms[] = {"Hit process or system resource limit", "Error accepting",
@@ -27,7 +41,7 @@ void onLibraryMessage(void* engine, const char* format, va_list arguments) {
     std::vsnprintf(text, sizeof text, format, arguments);
     const QByteArray message = QByteArray(text).trimmed();
     if (message.startsWith("Error processing request"))
-        libraryRefusal = message.mid(message.indexOf('(')).left(120);
+        libraryRefusal = parseRefusal(message);
     for (const char* alarm : LibraryAlarms) {
         if (message.startsWith(alarm))
             static_cast<HttpEngine*>(engine)->refusals().note(message.constData());
@@ -64,9 +78,10 @@ void onSocket(void* engine, MHD_Connection* connection, void** context, MHD_Conn
         *context = socket.release();
     } else {
         const std::unique_ptr<HttpSocket> socket(static_cast<HttpSocket*>(*context));
-        if (!libraryRefusal.isEmpty()) // refused for its very first line, before there was a request
-            static_cast<HttpEngine*>(engine)->refusals().add(socket->peer, 400, libraryRefusal.constData());
-        libraryRefusal.clear();
+        // Refused for its very first line, before there was a request.
+        if (const auto refusal = std::exchange(libraryRefusal, {}); refusal.status != 0)
+            static_cast<HttpEngine*>(engine)->refusals().add(socket->peer, refusal.status,
+                                                             refusal.reason.constData());
         guard.remove(socket.get());
     }
 }
@@ -77,7 +92,7 @@ void* onRequestLine(void* engine, const char* uri, MHD_Connection* connection) {
 
 MHD_Result onRequest(void*, MHD_Connection*, const char*, const char* method, const char* version,
                      const char* data, std::size_t* size, void** context) {
-    libraryRefusal.clear();
+    libraryRefusal = {};
     auto* request = static_cast<HttpConnection*>(*context);
     if (!request)
         return MHD_NO;
@@ -87,9 +102,11 @@ MHD_Result onRequest(void*, MHD_Connection*, const char*, const char* method, co
 void onRequestEnd(void*, MHD_Connection*, void** context, MHD_RequestTerminationCode code) {
     const std::unique_ptr<HttpConnection> request(static_cast<HttpConnection*>(*context));
     *context = nullptr;
+    const auto refusal = std::exchange(libraryRefusal, {});
+    if (request && code == MHD_REQUEST_TERMINATED_WITH_ERROR && refusal.status != 0)
+        request->refusedByLibrary({refusal.status, refusal.reason.constData()});
     if (request)
-        request->ended(code == MHD_REQUEST_TERMINATED_WITH_ERROR ? libraryRefusal : QByteArray());
-    libraryRefusal.clear();
+        request->ended();
 }
 
 /// Escapes are decoded by HttpConnection, which tells malformed ones from others.
@@ -108,6 +125,12 @@ unsigned int httpConnectionLimit() {
     return static_cast<unsigned int>(std::clamp(descriptors.rlim_cur / 4, least, most));
 }
 
+bool HttpEngine::libraryIsStrict() {
+    static const bool isStrict =
+        QVersionNumber::fromString(QLatin1String(MHD_get_version())) >= QVersionNumber(0, 9, 77);
+    return isStrict;
+}
+
 HttpEngine::HttpEngine(int listenSocket, const Settings& settings, HttpRequestHandler* handler,
                        HttpRequestHandler* files, const sqlite* database)
     : m_settings(settings)
@@ -117,7 +140,7 @@ HttpEngine::HttpEngine(int listenSocket, const Settings& settings, HttpRequestHa
     , m_guard(settings.readTimeout) {
     constexpr unsigned int flags =
         MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ERROR_LOG;
-    constexpr int strict = 1; // refuses spaces in a request target and a missing Host
+    const int strict = libraryIsStrict() ? 1 : 0;
     m_daemon = MHD_start_daemon(
         flags, 0, nullptr, nullptr, &onRequest, this, MHD_OPTION_EXTERNAL_LOGGER, &onLibraryMessage, this,
         MHD_OPTION_LISTEN_SOCKET, listenSocket, MHD_OPTION_THREAD_POOL_SIZE, Threads,

@@ -45,6 +45,10 @@ public:
     HttpEngine& operator=(const HttpEngine&) = delete;
     bool isRunning() const { return m_daemon != nullptr; }
 
+    /// Whether the library refuses sloppy request heads by itself. Where it doesn't, the head is
+    /// compared with its bytes in the library's buffer (see isVerbatim), which needs that parser.
+    static bool libraryIsStrict();
+
     // For connections, on engine threads.
     const Settings& settings() const { return m_settings; }
     HttpRequestHandler* handler() const { return m_handler; }

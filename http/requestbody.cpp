@@ -27,7 +27,7 @@ constexpr int MaxFileName = 1024;
 std::optional<Refusal> RequestBody::begin(const QByteArray& contentType, const BodyLength& length,
                                           const BodyLimits& limits) {
     m_limits = limits;
-    const QByteArray type = contentType.left(contentType.indexOf(';')).trimmed().toLower();
+    const QByteArray type = contentType.split(';').first().trimmed().toLower();
     const bool isMultipart = type == "multipart/form-data";
     m_isForm = type == "application/x-www-form-urlencoded";
     if (!length.chunked && length.length > (isMultipart ? limits.multiPart : limits.request))

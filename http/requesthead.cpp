@@ -95,6 +95,22 @@ std::optional<Refusal> checkHead(std::string_view method, std::string_view versi
     return std::nullopt;
 }
 
+bool isVerbatim(const HeadLayout& head, const std::vector<HeaderField>& fields) {
+    constexpr std::size_t lineEnd = 2; // CR and LF
+    const auto end = [](std::string_view text) {
+        return text.data() + text.size();
+    };
+    if (head.version.data() != end(head.method) + 1 + head.targetSize + 1)
+        return false;
+    const char* next = end(head.version) + lineEnd;
+    for (const HeaderField& field : fields) {
+        if (field.name.data() != next)
+            return false;
+        next = end(field.value) + lineEnd;
+    }
+    return next + lineEnd == head.method.data() + head.size;
+}
+
 std::optional<Target> splitTarget(const QByteArray& target) {
     const auto isBad = [](char c) {
         return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f || c == '#';

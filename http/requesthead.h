@@ -29,6 +29,19 @@ struct BodyLength {
 std::optional<Refusal> checkHead(std::string_view method, std::string_view version,
                                  const std::vector<HeaderField>& fields, BodyLength* body);
 
+/// Where a request head lies in memory: what was read, with each separator overwritten by NUL bytes.
+struct HeadLayout {
+    std::string_view method;
+    std::string_view version;
+    std::size_t targetSize = 0; ///< bytes of the request target as received
+    std::size_t size = 0;       ///< bytes of the whole head, from the method on, its blank line included
+};
+
+/// Whether the head consists of nothing but the pieces that the parser found, one space between the
+/// words of its first line and CRLF at the end of each line. A lone LF, a folded line, a NUL or a
+/// nameless header that another program would read differently shows as a gap.
+bool isVerbatim(const HeadLayout& head, const std::vector<HeaderField>& fields);
+
 /// Path and query of a request target, both still encoded; absolute form ("http://host/path") loses
 /// its scheme and host. nullopt for anything that is not a path, or that holds a space, a control
 /// byte or a fragment.
