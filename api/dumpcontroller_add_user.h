@@ -146,6 +146,7 @@ public:
 private:
     QByteArray answer(HttpRequest& request, const Params&);
     QByteArray call(const Route& route, HttpRequest& request, const Params&);
+    QByteArray runQuery(const QString& set, const Params&, const QString& path, bool inProcess);
     sqlite& db() const { return *m_database; } ///< this worker's own
     /// Sends commands to this node's command server, which the main loop is free to serve meanwhile.
     std::unique_ptr<Core_corss> commands() const;
