@@ -8,3 +8,6 @@
 QStringList readBlockList(const QString& path);
 /// The same from the file's content.
 QStringList parseBlockList(const QByteArray& json);
+/// Writes the list under a temporary name and renames it, so that no reader sees half of it. False,
+/// and a log line, when that fails.
+bool writeBlockList(const QString& path, const QStringList& serials);

@@ -17,6 +17,7 @@ using namespace std::chrono_literals;
 
 namespace {
 constexpr auto RefreshInterval = 1563ms;
+const QString BlockListFile = QStringLiteral("unuse.conf");
 /// Sessions written to the mirror in one turn of the loop: a few milliseconds.
 constexpr int SweepBatch = 1000;
 
@@ -54,7 +55,7 @@ Severinit::Severinit(QString updateListPath, QString upstreamcdn, QString localc
     m_state->askey = std::move(askey);
     m_state->sessionSettings = {AryLen, Check_, Check_len};
     m_state->env.serverAddress = std::move(LocalIP);
-    for (const QString& sn : readBlockList(QStringLiteral("unuse.conf")))
+    for (const QString& sn : readBlockList(BlockListFile))
         m_state->blocked.insert(sn);
     connect(&m_state->refreshTimer, &QTimer::timeout, this, &Severinit::reflushredis);
 }
@@ -68,11 +69,21 @@ bool Severinit::matchesServiceKey(const QString& sskey) const {
 }
 
 bool Severinit::serialAllowed(const QString& sn) const {
+    const QReadLocker locker(&m_state->blockedLock);
     return !m_state->blocked.contains(sn);
 }
 
 QStringList Severinit::blockedSerials() const {
+    const QReadLocker locker(&m_state->blockedLock);
     return m_state->blocked.values();
+}
+
+bool Severinit::setBlockedSerials(const QStringList& serials) {
+    if (!writeBlockList(BlockListFile, serials))
+        return false;
+    const QWriteLocker locker(&m_state->blockedLock);
+    m_state->blocked = QSet<QString>(serials.begin(), serials.end());
+    return true;
 }
 
 const LicenceCheck& Severinit::licence() const {

@@ -37,9 +37,12 @@ public:
 
     /// Exact comparison with the service key; an empty service key matches nothing. Any thread.
     bool matchesServiceKey(const QString& sskey) const;
-    QStringList blockedSerials() const; ///< read once from "unuse.conf"; any thread
-    /// The serial-number check: false for a serial on the block list. Any thread (the list is read
-    /// once, before the loop runs).
+    /// The block list, read from "unuse.conf" at start. Any thread.
+    QStringList blockedSerials() const;
+    /// Replaces the block list, in "unuse.conf" first; false, with nothing changed, when the file
+    /// can't be written. Takes effect on the next registrations.
+    bool setBlockedSerials(const QStringList& serials);
+    /// The serial-number check: false for a serial on the block list. Any thread.
     bool serialAllowed(const QString& sn) const;
 
     const LicenceCheck& licence() const;

@@ -7,6 +7,7 @@
 
 #include <QHash>
 #include <QMap>
+#include <QReadWriteLock>
 #include <QSet>
 #include <QString>
 #include <QStringList>
@@ -27,7 +28,8 @@ struct Severinit::State {
     SessionEnv env{wheel, {}, nullptr};
     QMap<QString, SAobj*> sessions;
     QSet<QString> restricted;
-    QSet<QString> blocked;
+    mutable QReadWriteLock blockedLock;
+    QSet<QString> blocked; ///< guarded by blockedLock
     QStringList storedSerials;
     QTimer refreshTimer;
     bool refreshing = false; ///< a refresh has begun and not reached the last session

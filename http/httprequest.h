@@ -1,16 +1,14 @@
 #pragma once
 
-#include "http/requestbody.h"
-
+#include <map>
 #include <memory>
 #include <QByteArray>
 #include <QHostAddress>
 #include <QMap>
 #include <QMultiMap>
+#include <QTemporaryFile>
 
-class QTemporaryFile;
 class sqlite;
-class WorkerDatabase;
 
 /// One parsed request. Owned by the connection, lent to the handler for the time of service().
 class HttpRequest {
@@ -21,7 +19,7 @@ public:
     HttpRequest& operator=(const HttpRequest&) = delete;
 
     QByteArray getMethod() const { return m_method; }
-    QByteArray getPath() const { return m_path; } ///< percent-decoded, without the query; begins with "/"
+    QByteArray getPath() const { return m_path; }       ///< percent-decoded, without the query
     QByteArray getRawPath() const { return m_rawPath; } ///< as received
     QByteArray getVersion() const { return m_version; }
     /// Header by name, case-insensitive; empty when absent, the last one when repeated.
@@ -30,9 +28,9 @@ public:
     /// Query string and form fields (URL-encoded and multipart), decoded; the last value wins.
     QByteArray getParameter(const QByteArray& name) const { return m_parameters.value(name); }
     QMap<QByteArray, QByteArray> getParameterMap() const { return m_parameters; }
-    /// The body as received, unless it was multipart; at most `maxRequestSize` bytes.
-    QByteArray getBody() const { return m_body.bytes; }
-    QByteArray getCookie(const QByteArray& name) const;
+    /// The body of a request that is not a form; at most `maxRequestSize` bytes.
+    QByteArray getBody() const { return m_body; }
+    QByteArray getCookie(const QByteArray& name) const { return m_cookies.value(name); }
     QHostAddress getPeerAddress() const { return m_peer; }
     /// Uploaded file of a multipart field, streamed to disk as it arrived, positioned at its start;
     /// null when there is none. Lives as long as the request.
@@ -40,16 +38,20 @@ public:
     /// File name the client gave for that field, as sent: never use it as a path.
     QByteArray getUploadedFileName(const QByteArray& fieldName) const;
 
-    /// The serving worker's own database object, made at its first use; null when the listener
-    /// carries none, and outside a worker.
-    sqlite* database() const;
+    /// The serving worker's own database object; null when the listener carries none.
+    sqlite* database() const { return m_database; }
 
 private:
     friend class HttpConnection;
-    QByteArray m_method, m_path, m_rawPath, m_version;
+    QByteArray m_method, m_path, m_rawPath, m_version, m_body;
     QMultiMap<QByteArray, QByteArray> m_headers;
     QMap<QByteArray, QByteArray> m_parameters;
-    RequestBody m_body;
+    QMap<QByteArray, QByteArray> m_cookies;
+    struct Upload {
+        QByteArray fileName;
+        std::unique_ptr<QTemporaryFile> file;
+    };
+    std::map<QByteArray, Upload> m_uploads;
     QHostAddress m_peer;
-    WorkerDatabase* m_database = nullptr;
+    sqlite* m_database = nullptr;
 };

@@ -1,0 +1,231 @@
+#include "device/didocmd.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <QDebug>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QPointer>
+#include <QSocketNotifier>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+/// How long bytes that arrive after the last reply are read and thrown away: a close with bytes
+/// unread would reset the connection and take the reply with it.
+constexpr auto DrainTime = 2s;
+
+bool isTemporary(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+ssize_t readBlock(int descriptor, const char*& data) {
+    // Shared by all connections, which live on one thread: what is read is copied out at once.
+    static std::array<char, 256 * 1024> block;
+    data = block.data();
+    return ::recv(descriptor, block.data(), block.size(), 0);
+}
+
+} // namespace
+
+didocmd::didocmd(int descriptor, QHostAddress peer, QString tag, CommandHandler handler,
+                 std::shared_ptr<qsizetype> buffered, QObject* parent)
+    : QObject(parent)
+    , m_reader(std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read))
+    , m_writer(std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Write))
+    , m_handler(std::move(handler))
+    , m_buffered(std::move(buffered))
+    , m_peer(std::move(peer))
+    , m_tag(std::move(tag))
+    , m_descriptor(descriptor) {
+    m_writer->setEnabled(false);
+    connect(m_reader.get(), &QSocketNotifier::activated, this, &didocmd::readable);
+    connect(m_writer.get(), &QSocketNotifier::activated, this, &didocmd::writable);
+    connect(&m_deadline, &QTimer::timeout, this, &didocmd::late);
+    m_deadline.setSingleShot(true);
+    m_deadline.start(Patience);
+}
+
+didocmd::~didocmd() {
+    *m_buffered -= m_counted;
+    m_reader.reset();
+    m_writer.reset();
+    ::close(m_descriptor);
+}
+
+void didocmd::readable() {
+    if (m_draining) {
+        drain();
+        return;
+    }
+    const char* data = nullptr;
+    const ssize_t got = readBlock(m_descriptor, data);
+    if (got < 0) {
+        if (!isTemporary(errno))
+            over();
+        return;
+    }
+    if (got == 0) {
+        m_ended = true;
+        m_reader->setEnabled(false);
+    }
+    m_parser.append(data, got);
+    countBuffered();
+    process();
+}
+
+void didocmd::countBuffered() {
+    *m_buffered += m_parser.bufferedBytes() - m_counted;
+    m_counted = m_parser.bufferedBytes();
+}
+
+void didocmd::process() {
+    if (m_busy || m_waiting || m_closing)
+        return;
+    const QPointer<didocmd> self(this);
+    processSlice();
+    if (!self)
+        return;
+    countBuffered();
+    if (!m_closing && m_counted > 0 && *m_buffered > MaxBufferedBytes)
+        refuse(QStringLiteral("too many incomplete requests on this server"));
+    settle();
+}
+
+void didocmd::processSlice() {
+    const QPointer<didocmd> self(this);
+    QElapsedTimer slice;
+    slice.start();
+    while (!isFull()) {
+        const auto next = m_parser.next();
+        if (next.status == CommandFrameParser::Status::Broken)
+            refuse(next.error);
+        if (next.status != CommandFrameParser::Status::Request) {
+            m_closing = m_closing || m_ended;
+            return;
+        }
+        answer(next.json);
+        if (!self)
+            return;
+        if (slice.elapsed() >= TimeSlice.count()) {
+            m_waiting = true;
+            QTimer::singleShot(0, this, [this] {
+                m_waiting = false;
+                process();
+            });
+            return;
+        }
+    }
+}
+
+void didocmd::answer(const QByteArray& request) {
+    QElapsedTimer timer;
+    timer.start();
+    m_busy = true;
+    m_reader->setEnabled(false);
+    const QPointer<didocmd> self(this);
+    const QByteArray reply = m_handler(request);
+    if (!self)
+        return;
+    m_busy = false;
+    m_hasSpoken = true;
+    m_deadline.stop();
+    send(reply);
+    qInfo().noquote() << m_tag << "finshed:" << m_peer.toString() << request.size() << "bytes in"
+                      << reply.size() << "out" << timer.elapsed() << "ms";
+}
+
+void didocmd::send(const QByteArray& reply) {
+    if (m_isGone)
+        return;
+    m_unsent += reply + "\r\n";
+    flush();
+}
+
+void didocmd::refuse(const QString& why) {
+    qWarning().noquote() << m_tag << "json_error:" << m_peer.toString() << why << "- closed";
+    m_closing = true;
+    const QJsonObject reply{{QStringLiteral("res"), QStringLiteral("json_error")},
+                            {QStringLiteral("info"), why}};
+    send(QJsonDocument(reply).toJson(QJsonDocument::Compact));
+}
+
+void didocmd::flush() {
+    while (!m_unsent.isEmpty()) {
+        const ssize_t sent =
+            ::send(m_descriptor, m_unsent.constData(), static_cast<size_t>(m_unsent.size()), MSG_NOSIGNAL);
+        if (sent <= 0) {
+            if (sent < 0 && !isTemporary(errno)) { // nobody is there to answer
+                m_unsent.clear();
+                m_isGone = m_ended = true;
+            }
+            return;
+        }
+        m_deadline.stop();
+        m_unsent.remove(0, static_cast<int>(sent));
+    }
+    m_unsent = QByteArray();
+}
+
+void didocmd::writable() {
+    flush();
+    process();
+    settle();
+}
+
+/// Sets the notifiers and the deadline to what the connection waits for now.
+void didocmd::settle() {
+    if (m_busy || m_draining)
+        return;
+    m_writer->setEnabled(!m_unsent.isEmpty());
+    m_reader->setEnabled(!m_closing && !m_ended && !m_waiting && !isFull());
+    if (m_closing && m_unsent.isEmpty()) {
+        if (m_ended) {
+            over();
+            return;
+        }
+        ::shutdown(m_descriptor, SHUT_WR);
+        m_draining = true;
+        m_reader->setEnabled(true);
+        m_deadline.start(DrainTime);
+        return;
+    }
+    if (m_hasSpoken && m_unsent.isEmpty() && !m_parser.isPartial())
+        m_deadline.stop();
+    else if (!m_deadline.isActive())
+        m_deadline.start(Patience);
+}
+
+void didocmd::drain() {
+    const char* data = nullptr;
+    const ssize_t got = readBlock(m_descriptor, data);
+    if (got == 0 || (got < 0 && !isTemporary(errno)))
+        over();
+}
+
+void didocmd::late() {
+    if (m_busy || m_waiting) { // ours is the delay, not the peer's
+        m_deadline.start(Patience);
+    } else if (m_draining) {
+        over();
+    } else if (m_parser.isPartial() && !isFull()) {
+        refuse(QStringLiteral("request not complete within %1 s").arg(Patience.count() / 1000));
+        settle();
+    } else {
+        qInfo().noquote() << m_tag << "closed:" << m_peer.toString()
+                          << (m_unsent.isEmpty() ? "no request" : "does not read its replies");
+        over();
+    }
+}
+
+void didocmd::over() {
+    m_closing = m_draining = true;
+    m_reader->setEnabled(false);
+    m_writer->setEnabled(false);
+    m_deadline.stop();
+    deleteLater();
+}

@@ -1,0 +1,181 @@
+#include "device/dispatcheranswers.h"
+
+#include "device/dispatcher.h"
+#include "device/jsontext.h"
+#include "device/licence.h"
+#include "device/saobj.h"
+
+#include <algorithm>
+#include <QDebug>
+#include <QJsonArray>
+
+namespace {
+
+/// Bytes of one entry of LIST, more or less.
+constexpr int ListEntryBytes = 260;
+
+void appendText(QByteArray& json, const char* key, const QString& text) {
+    json += key;
+    appendJsonText(json, text);
+}
+
+void appendNumber(QByteArray& json, const char* key, int value) {
+    json += key;
+    json += QByteArray::number(value);
+}
+
+void appendSession(QByteArray& json, const SAobj& session) {
+    appendText(json, "{\"sn\":", session.sn());
+    appendText(json, ",\"status_playfile\":", session.playingPath());
+    appendText(json, ",\"l_ip\":", session.localIp());
+    appendNumber(json, ",\"vol\":", session.vol());
+    appendNumber(json, ",\"status\":", session.onlineState());
+    appendNumber(json, ",\"kind\":", session.kind());
+    appendText(json, ",\"r_ip\":", session.remoteIp());
+    appendNumber(json, ",\"Mic_d\":", session.micD());
+    appendNumber(json, ",\"Mic_e\":", session.micE());
+    appendNumber(json, ",\"dsv\":", session.debugState());
+    appendNumber(json, ",\"xhstatus\":", session.xuhao());
+    json += '}';
+}
+
+/// The reply with "list": `entries` are JSON values, separated by commas.
+QByteArray withList(const QString& info, const QByteArray& entries) {
+    QByteArray json = Dispatcher::reply("success", info);
+    json.chop(1);
+    json += ",\"list\":[";
+    json += entries;
+    json += "]}";
+    return json;
+}
+
+bool isSerial(const QString& text) {
+    return (text.size() == 32 || text.size() == 24) && std::all_of(text.begin(), text.end(), [](QChar c) {
+               return (c >= QLatin1Char('0') && c <= QLatin1Char('9')) ||
+                      (c >= QLatin1Char('a') && c <= QLatin1Char('f'));
+           });
+}
+
+QStringList serials(const QJsonObject& request) {
+    QStringList found;
+    for (const QJsonValue entry : request.value(QLatin1String("snlist")).toArray())
+        found << entry.toString();
+    return found;
+}
+
+QByteArray noTargets() {
+    return Dispatcher::reply("Data_error_7", QStringLiteral("no serials in \"snlist\""));
+}
+
+QByteArray setEnabled(Dispatcher& dispatcher, const QJsonObject& request, bool isEnabled) {
+    const QStringList targets = serials(request);
+    if (targets.isEmpty())
+        return noTargets();
+    QStringList unknown;
+    for (const QString& sn : targets) {
+        if (isSerial(sn) || dispatcher.devices().session(sn))
+            dispatcher.devices().setRestricted(sn, !isEnabled);
+        if (!dispatcher.devices().session(sn))
+            unknown << sn;
+    }
+    const QString verb = isEnabled ? QStringLiteral("enabled") : QStringLiteral("disabled");
+    if (!unknown.isEmpty())
+        return Dispatcher::reply("out_of_range", QStringLiteral("%1 %2 for their first registration: %3")
+                                                     .arg(unknown.size())
+                                                     .arg(verb, unknown.join(QStringLiteral(", "))));
+    return Dispatcher::reply("success", QStringLiteral("%1 %2").arg(targets.size()).arg(verb));
+}
+
+/// How a command changes the list of refused serials.
+using ListChange = void (*)(QStringList& list, const QStringList& serials);
+
+/// The result word and the reason when the request may not change the list; no word when it may.
+Plan guard(const Severinit& devices, const QJsonObject& request) {
+    const Arguments arguments(request);
+    const QStringList named = serials(request);
+    if (named.isEmpty())
+        return Plan::refused("Data_error_7", QStringLiteral("no serials in \"snlist\""));
+    if (!devices.matchesServiceKey(arguments.text("sskey").value_or(QString())))
+        return Plan::refused("Data_error_7", QStringLiteral("\"sskey\" is not the service key"));
+    if (!devices.licence().mayRegister(arguments.text("seed").value_or(QString()),
+                                       arguments.text("key").value_or(QString())))
+        return Plan::refused("Data_error_7", QStringLiteral("the licence does not allow it"));
+    if (!std::all_of(named.begin(), named.end(), isSerial))
+        return Plan::refused("out_of_range",
+                             QStringLiteral("a serial is not 24 or 32 lower-case hexadecimal digits"));
+    return nullptr;
+}
+
+QByteArray changeRegistered(Dispatcher& dispatcher, const QJsonObject& request, ListChange change) {
+    Severinit& devices = dispatcher.devices();
+    const Plan verdict = guard(devices, request);
+    if (verdict.refusal)
+        return Dispatcher::reply(verdict.refusal, verdict.info);
+    QStringList list = devices.blockedSerials();
+    change(list, serials(request));
+    list.removeDuplicates();
+    list.sort();
+    if (!devices.setBlockedSerials(list))
+        return Dispatcher::reply("write_erro", QStringLiteral("\"unuse.conf\" can't be written"));
+    const Arguments arguments(request);
+    if (const auto url = arguments.filledText("url")) {
+        for (SAobj* const session : std::as_const(devices.sessions()))
+            session->_AATS(*url, arguments.text("md5").value_or(QString()),
+                           arguments.text("paths").value_or(QString()));
+    }
+    return Dispatcher::reply("success9000800", QStringLiteral("%1 serials in the list").arg(list.size()));
+}
+
+} // namespace
+
+QByteArray answers::list(Dispatcher& dispatcher, const QJsonObject& /*request*/) {
+    const auto& sessions = dispatcher.devices().sessions();
+    QByteArray entries;
+    entries.reserve(sessions.size() * ListEntryBytes);
+    for (const SAobj* const session : sessions) {
+        if (!entries.isEmpty())
+            entries += ',';
+        appendSession(entries, *session);
+    }
+    return withList(QStringLiteral("%1 speakers").arg(sessions.size()), entries);
+}
+
+QByteArray answers::group(Dispatcher& dispatcher, const QJsonObject& request) {
+    const QStringList members = dispatcher.expandGroup(request);
+    if (members.isEmpty())
+        return Dispatcher::reply("Data_error_7", QStringLiteral("no such group, or Redis is not connected"));
+    QByteArray entries;
+    for (const QString& sn : members) {
+        if (!entries.isEmpty())
+            entries += ',';
+        appendJsonText(entries, sn);
+    }
+    return withList(QStringLiteral("%1 speakers").arg(members.size()), entries);
+}
+
+QByteArray answers::enable(Dispatcher& dispatcher, const QJsonObject& request) {
+    return setEnabled(dispatcher, request, true);
+}
+
+QByteArray answers::disable(Dispatcher& dispatcher, const QJsonObject& request) {
+    return setEnabled(dispatcher, request, false);
+}
+
+QByteArray answers::addRegistered(Dispatcher& dispatcher, const QJsonObject& request) {
+    return changeRegistered(dispatcher, request,
+                            [](QStringList& list, const QStringList& serials) { list += serials; });
+}
+
+QByteArray answers::editRegistered(Dispatcher& dispatcher, const QJsonObject& request) {
+    return changeRegistered(dispatcher, request,
+                            [](QStringList& list, const QStringList& serials) { list = serials; });
+}
+
+QByteArray answers::deleteRegistered(Dispatcher& dispatcher, const QJsonObject& request) {
+    return changeRegistered(dispatcher, request, [](QStringList& list, const QStringList& serials) {
+        const QSet<QString> gone(serials.begin(), serials.end());
+        list.erase(
+            std::remove_if(list.begin(), list.end(), [&](const QString& sn) { return gone.contains(sn); }),
+            list.end());
+    });
+}
