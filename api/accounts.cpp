@@ -93,7 +93,7 @@ QByteArray DumpController_add_user::user_add_lite(const Params& params) {
     const Call call(params, *m_mapper);
     if (!call.has("sskey") || !call.has("username") || !call.has("passwd"))
         return refusal(QStringLiteral("ParER"));
-    if (!m_devices->matchesServiceKey(QString::fromUtf8(params.value("sskey"))))
+    if (!m_devices->matchesServiceKey(call.raw("sskey")))
         return refusal(QStringLiteral("sskey_ER"));
     if (!isUsableMaster(db(), call))
         return refusal(QStringLiteral("REID_ER"));
@@ -119,7 +119,7 @@ QByteArray DumpController_add_user::user_dbini(const Params& params) {
     const Call call(params, *m_mapper);
     if (!call.has("sskey") || !call.has("username") || !call.has("passwd"))
         return refusal(QStringLiteral("ParER"));
-    if (!m_devices->matchesServiceKey(QString::fromUtf8(params.value("sskey"))))
+    if (!m_devices->matchesServiceKey(call.raw("sskey")))
         return refusal(QStringLiteral("sskey_ER"));
     if (db().kind() != 0 && db().kind() != 1)
         return refusal(QStringLiteral("config.ini_dbk_ER"));

@@ -3,6 +3,7 @@
 #include "api/requestmapper.h"
 
 #include <QJsonDocument>
+#include <QRegularExpression>
 
 QByteArray reply(const QJsonObject& object) {
     return QJsonDocument(object).toJson(QJsonDocument::Indented);
@@ -15,26 +16,39 @@ QByteArray refusal(const QString& word, int code) {
     return reply(object);
 }
 
+QList<qint64> numbersIn(const QString& list) {
+    static const QRegularExpression separators(QStringLiteral("[|,]"));
+    QList<qint64> numbers;
+    const QStringList entries = list.split(separators);
+    for (const QString& entry : entries) {
+        bool isNumber = false;
+        const qint64 number = entry.trimmed().toLongLong(&isNumber);
+        if (isNumber)
+            numbers.append(number);
+    }
+    return numbers;
+}
+
 bool Call::require(std::initializer_list<const char*> names, const char* word) {
     bool complete = has("id") && has("token");
     for (const char* name : names)
         complete = complete && has(name);
-    if (!complete)
-        m_refused = refusal(QLatin1String(word));
-    return complete;
+    return complete || refuse(refusal(QLatin1String(word)));
 }
 
 bool Call::authenticate(const char* unknownWord) {
     if (m_tokens.token(userid()))
         return authenticateLoosely();
-    m_refused = refusal(QLatin1String(unknownWord), -1);
-    return false;
+    return refuse(refusal(QLatin1String(unknownWord), -1));
 }
 
 bool Call::authenticateLoosely() {
-    if (m_tokens.token(userid()).value_or(QString()) == text("token"))
-        return true;
-    m_refused = refusal(QStringLiteral("_FALSE6"), -2);
+    return m_tokens.token(userid()).value_or(QString()) == text("token") ||
+           refuse(refusal(QStringLiteral("_FALSE6"), -2));
+}
+
+bool Call::refuse(const QByteArray& answer) {
+    m_refused = answer;
     return false;
 }
 
@@ -42,8 +56,12 @@ bool Call::has(const char* name) const {
     return m_params.contains(name);
 }
 
+QString Call::raw(const char* name) const {
+    return QString::fromUtf8(m_params.value(name));
+}
+
 QString Call::text(const char* name) const {
-    return QString::fromUtf8(m_params.value(name)).trimmed();
+    return raw(name).trimmed();
 }
 
 int Call::number(const char* name) const {

@@ -18,6 +18,9 @@ QByteArray reply(const QJsonObject& object);
 /// {"res": false, "info": word}, with "code" when it is not 0.
 QByteArray refusal(const QString& word, int code = 0);
 
+/// The entries of a list, separated by "|" or ",", that are numbers.
+QList<qint64> numbersIn(const QString& list);
+
 /// The common steps of an authenticated endpoint. Use: require(), then authenticate(); each returns
 /// false when the request must be refused, and refused() is then the reply to send.
 class Call {
@@ -34,9 +37,12 @@ public:
     /// counts as the empty text.
     bool authenticateLoosely();
     QByteArray refused() const { return m_refused; }
+    /// Makes `answer` the refusal; returns false.
+    bool refuse(const QByteArray& answer);
 
     int userid() const { return number("id"); }
     bool has(const char* name) const;
+    QString raw(const char* name) const;  ///< as sent, for keys
     QString text(const char* name) const; ///< trimmed
     int number(const char* name) const;   ///< 0 when it is not a number
     /// Split at "|"; an empty value is a list with no entries.

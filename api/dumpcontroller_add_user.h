@@ -15,7 +15,7 @@ class Task_workque;
 /// One request of the management interface: turns it into a parameter map and calls one endpoint.
 /// Built for each request on the worker that serves it; keeps nothing between requests.
 /// The endpoints are spread over one file per family: accounts, accountinfo, payments, queries, devices,
-/// groups, files, speech, tasks, plans, temporaryplays, playback, alarmlines.
+/// groups, files, uploads, speech, tasks, plans, temporaryplays, playback, alarmlines.
 class DumpController_add_user : public HttpRequestHandler {
     Q_OBJECT
 public:
@@ -77,15 +77,17 @@ public:
     // files.cpp
     QByteArray user_reg_file(const Params&, HttpRequest&);
     QByteArray user_wxreg_file(const Params&, HttpRequest&);
-    QByteArray user_reg_filetx(const Params&, HttpRequest&);
-    QByteArray user_reg_filelg(const Params&, HttpRequest&);
-    QByteArray user_reg_fileallk(const Params&, HttpRequest&);
-    QByteArray swapupload(const Params&, HttpRequest&);
     QByteArray user_get_filelist(const Params&);
     QByteArray user_get_filelist_lite(const Params&);
     QByteArray user_get_filelist_wx(const Params&);
     QByteArray user_del_file(const Params&);
     QByteArray user_del_file_lite(const Params&);
+
+    // uploads.cpp
+    QByteArray user_reg_filetx(const Params&, HttpRequest&);
+    QByteArray user_reg_filelg(const Params&, HttpRequest&);
+    QByteArray user_reg_fileallk(const Params&, HttpRequest&);
+    QByteArray swapupload(const Params&, HttpRequest&);
 
     // speech.cpp
     QByteArray user_save_ttsfile(const Params&);
@@ -144,9 +146,14 @@ public:
 private:
     QByteArray answer(HttpRequest& request, const Params&);
     QByteArray call(const Route& route, HttpRequest& request, const Params&);
+    QByteArray runQuery(const QString& set, const Params&, const QString& path, bool inProcess);
     sqlite& db() const { return *m_database; } ///< this worker's own
     /// Sends commands to this node's command server, which the main loop is free to serve meanwhile.
     std::unique_ptr<Core_corss> commands() const;
+    /// The audio uploads' common body; `sizeKey` is the key that carries the size in bytes.
+    QByteArray storeUploadedAudio(const Params&, HttpRequest&, const char* sizeKey);
+    /// Replaces the picture at `url` (relative to the document root) by the uploaded one.
+    QByteArray storePicture(const Params&, HttpRequest&, const QString& url);
 
     sqlite* m_database;
     Task_workque* m_tasks;

@@ -4,6 +4,7 @@
 #include "support/waitfor.h"
 #include "tools/simspeaker.h"
 
+#include <csignal>
 #include <QTcpServer>
 #include <QTest>
 
@@ -225,6 +226,40 @@ private slots:
         QVERIFY(waitFor([&] { return speaker.data().heartbeats() == 1; }));
         audio.socket->write(", chunk two");
         QVERIFY(waitFor([&] { return speaker.data().bytes() == "chunk one, chunk two"; }));
+    }
+
+    void programFiresLines() {
+        FileServer files("no MP3");
+        Peer peer;
+        QProcess program;
+        program.start(BUILD_DIR "/speaker-sim",
+                      {"--server", "127.0.0.1:" + QString::number(peer.serverPort()), "--quiet"});
+        QVERIFY(waitFor([&] { return peer.socket != nullptr && !peer.reads.isEmpty(); }));
+        peer.socket->write("AS" + files.address("/b.mp3B"));
+        peer.info(); // answered after the binding was read
+        program.write("fire B\n");
+        QVERIFY(waitFor([&] { return files.requests == QList<QByteArray>{"/b.mp3"}; }));
+        ::kill(pid_t(program.processId()), SIGUSR1);
+        QVERIFY(waitFor([&] { return files.requests == QList<QByteArray>{"/b.mp3", "/b.mp3"}; }));
+        program.terminate();
+        QVERIFY(waitFor([&] { return program.state() == QProcess::NotRunning; }));
+        QCOMPARE(program.exitCode(), 0);
+        QVERIFY(program.readAll().contains("1 speakers online at the end, 2 fetches, 0 failed"));
+    }
+
+    void programRefusesNonsense_data() {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::newRow("short serial") << QStringList{"--first-sn", "12"};
+        QTest::newRow("no port") << QStringList{"--server", "127.0.0.1"};
+        QTest::newRow("no speakers") << QStringList{"--count", "0"};
+    }
+    void programRefusesNonsense() {
+        QFETCH(QStringList, arguments);
+        QProcess program;
+        program.start(BUILD_DIR "/speaker-sim", arguments);
+        QVERIFY(program.waitForFinished());
+        QCOMPARE(program.exitCode(), 2);
+        QVERIFY(program.readAllStandardError().startsWith("speaker-sim: --"));
     }
 
     void countsSerialsOn() {

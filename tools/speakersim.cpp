@@ -109,14 +109,19 @@ void watchStandardInput(sim::Fleet& fleet) {
                      });
 }
 
-/// SIGUSR1 fires line B, SIGUSR2 line F; SIGINT and SIGTERM end the program.
-void watchSignals(sim::Fleet& fleet) {
+/// Blocks the signals that the program takes from a descriptor, which it returns. Called before
+/// anything starts a thread: threads inherit the mask, and one without it would be killed.
+int openSignals() {
     sigset_t set;
     sigemptyset(&set);
     for (const int number : {SIGUSR1, SIGUSR2, SIGINT, SIGTERM})
         sigaddset(&set, number);
     sigprocmask(SIG_BLOCK, &set, nullptr);
-    const int fd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+    return signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+}
+
+/// SIGUSR1 fires line B, SIGUSR2 line F; SIGINT and SIGTERM end the program.
+void watchSignals(sim::Fleet& fleet, int fd) {
     auto* notifier = new QSocketNotifier(fd, QSocketNotifier::Read, &fleet);
     QObject::connect(notifier, &QSocketNotifier::activated, &fleet, [&fleet, fd] {
         signalfd_siginfo info{};
@@ -192,6 +197,7 @@ Arguments parse(const QCoreApplication& app) {
 
 int main(int argc, char** argv) {
     raiseFileLimit();
+    const int signalDescriptor = openSignals();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("speaker-sim"));
     QCoreApplication::setApplicationVersion(QStringLiteral(SPEAKERD_VERSION));
@@ -213,7 +219,7 @@ int main(int argc, char** argv) {
     }
     QObject::connect(&fleet, &sim::Fleet::allOnline,
                      [&] { say(QStringLiteral("all %1 speakers online").arg(fleet.size())); });
-    watchSignals(fleet);
+    watchSignals(fleet, signalDescriptor);
     watchStandardInput(fleet);
     fleet.start();
     const int status = QCoreApplication::exec();

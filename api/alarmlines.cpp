@@ -1,0 +1,305 @@
+#include "api/dumpcontroller_add_user.h"
+#include "api/linebindings.h"
+#include "api/requestmapper.h"
+
+#include "core/mainloop.h"
+#include "core/sqlite.h"
+#include "device/severinit.h"
+#include "redis/core_corss.h"
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QRegularExpression>
+#include <QUrl>
+
+namespace {
+
+/// What the column `kind` of `warregister` tells a binding's sort by.
+enum class BindingKind { File = 0, Plan = 1 };
+
+struct LineRegistration {
+    QString sn;
+    BindingKind kind;
+    QString url;
+    QString deviceName;
+    QString fileName;
+    int userid;
+    QString line; ///< "B" or "F"
+};
+
+QByteArray done() {
+    return reply({{QStringLiteral("res"), true}, {QStringLiteral("info"), QStringLiteral("done")}});
+}
+
+QByteArray rowsReply(const char* key, const SqlResult& rows) {
+    if (!rows.ok)
+        return refusal(QStringLiteral("exec_error"));
+    return reply({{QStringLiteral("res"), true},
+                  {QStringLiteral("info"), QStringLiteral("done")},
+                  {QString::fromLatin1(key), rows.objects()}});
+}
+
+bool isLine(const QString& text) {
+    return text == QLatin1String("B") || text == QLatin1String("F");
+}
+
+/// Characters that can't leave their place in a line that the speaker's shell reads.
+bool isPlain(const QString& text) {
+    static const QRegularExpression allowed(QStringLiteral("\\A[A-Za-z0-9.:_/\\[\\]-]+\\z"));
+    return allowed.match(text).hasMatch();
+}
+
+QString percentEncoded(const QString& text) {
+    return QString::fromLatin1(QUrl::toPercentEncoding(text));
+}
+
+bool isOwnSpeaker(sqlite& database, int userid, const QString& sn) {
+    const SqlResult rows =
+        database.run(QStringLiteral("SELECT `id` FROM `sbox_device_info` WHERE (`device_seed` = "
+                                    "'@sn' and `user_id` = '@userid');"),
+                     {{QStringLiteral("@sn"), sn}, {QStringLiteral("@userid"), userid}});
+    return rows.ok && !rows.isEmpty();
+}
+
+bool areOwnSpeakers(sqlite& database, int userid, const QStringList& serials) {
+    for (const QString& sn : serials)
+        if (!isOwnSpeaker(database, userid, sn))
+            return false;
+    return !serials.isEmpty();
+}
+
+bool areOnline(Severinit* devices, const QStringList& serials) {
+    return callOnLoop(devices, [&] {
+        for (const QString& sn : serials)
+            if (!devices->isOnline(sn))
+                return false;
+        return true;
+    });
+}
+
+void clearLine(Core_corss& commander, const QString& sn, const QString& line) {
+    if (line == QLatin1String("B"))
+        commander.WarningB_NONE(sn);
+    else
+        commander.WarningF_NONE(sn);
+}
+
+SqlArgs registrationArgs(const LineRegistration& line) {
+    return {{QStringLiteral("@sn"), line.sn},
+            {QStringLiteral("@kind"), static_cast<int>(line.kind)},
+            {QStringLiteral("@url"), line.url},
+            {QStringLiteral("@devname"), line.deviceName},
+            {QStringLiteral("@filename"), line.fileName},
+            {QStringLiteral("@userid"), line.userid},
+            {QStringLiteral("@fb"), line.line}};
+}
+
+/// Stores the binding in place of the one that the line had before.
+SqlResult storeRegistration(sqlite& database, const LineRegistration& line) {
+    const SqlArgs args = registrationArgs(line);
+    SqlResult result;
+    const bool committed = database.transaction([&] {
+        result =
+            database.run(QStringLiteral("DELETE FROM `warregister` WHERE (`userid` = '@userid'  and  `sn` = "
+                                        "'@sn' and  `fb` = '@fb');"),
+                         args);
+        if (result.ok)
+            result =
+                database.run(QStringLiteral("INSERT INTO `warregister` (`sn`, `kind`, `url`, `devname` , "
+                                            "`filename`, `userid`, `fb`) VALUES ( '@sn' , '@kind', '@url', "
+                                            "'@devname', '@filename' , '@userid' , '@fb' );"),
+                             args);
+        return result.ok;
+    });
+    result.ok = result.ok && committed;
+    return result;
+}
+
+QString taskAddress(const Call& call) {
+    return QStringLiteral("http://%1/Startwaringtask.php?username=%2&passwd=%3&taskid=%4")
+        .arg(call.text("host"), percentEncoded(call.text("username")), percentEncoded(call.text("passwd")),
+             percentEncoded(call.text("taskid")));
+}
+
+} // namespace
+
+QByteArray DumpController_add_user::user_add_DOPlane(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({"url", "plantname", "snlist"}, "Paruser") || !call.authenticate())
+        return call.refused();
+    if (call.list("snlist").isEmpty())
+        return refusal(QStringLiteral("snlist_error"));
+    const SqlResult added =
+        db().run(QStringLiteral("INSERT INTO  `warningplant` (`snids`,`url`, `name`, `userid`) "
+                                "VALUES ('@snids','@url','@name','@userid')"),
+                 {{QStringLiteral("@snids"), call.text("snlist")},
+                  {QStringLiteral("@url"), call.text("url")},
+                  {QStringLiteral("@name"), call.text("plantname")},
+                  {QStringLiteral("@userid"), call.userid()}});
+    if (!added.ok)
+        return refusal(QStringLiteral("exec_error"));
+    return reply({{QStringLiteral("res"), true},
+                  {QStringLiteral("info"), QStringLiteral("done")},
+                  {QStringLiteral("pltid"), added.lastId}});
+}
+
+QByteArray DumpController_add_user::user_get_DOPlist(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({}, "Paruser") || !call.authenticate())
+        return call.refused();
+    return rowsReply("plantlist",
+                     db().run(QStringLiteral("select * from  `warningplant` where `userid` =  '@userid' ;"),
+                              {{QStringLiteral("@userid"), call.userid()}}));
+}
+
+QByteArray DumpController_add_user::user_rm_DOPlane(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({"pltid"}, "Paruser") || !call.authenticate())
+        return call.refused();
+    const SqlResult gone =
+        db().run(QStringLiteral("DELETE FROM `warningplant` WHERE (`id` = '@id'  and userid = '@userid') ;"),
+                 {{QStringLiteral("@id"), call.number("pltid")}, {QStringLiteral("@userid"), call.userid()}});
+    return gone.ok && gone.affected > 0 ? done() : refusal(QStringLiteral("exec_error"));
+}
+
+QByteArray DumpController_add_user::user_reg_DOPane(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({"pltid", "sn", "dname", "fb"}, "Paruser") || !call.authenticate())
+        return call.refused();
+    const QString sn = call.text("sn");
+    const QString line = call.text("fb");
+    if (!isLine(line))
+        return refusal(QStringLiteral("Paruser"));
+    const SqlResult plan = db().run(
+        QStringLiteral("select * from  `warningplant` where `userid` =  '@userid' and  id = '@id'  ; "),
+        {{QStringLiteral("@userid"), call.userid()}, {QStringLiteral("@id"), call.number("pltid")}});
+    if (!plan.ok || plan.isEmpty() || !isOwnSpeaker(db(), call.userid(), sn))
+        return refusal(QStringLiteral("exec_error"));
+    if (!areOnline(m_devices, {sn}))
+        return refusal(QStringLiteral("unline_error"));
+    const QString address =
+        db().site.warningurl + QStringLiteral("user/startwarning?pltid=%1&dd.mp3").arg(call.number("pltid"));
+    const SqlResult stored = storeRegistration(db(), {sn, BindingKind::Plan, address, call.text("dname"),
+                                                      plan.text(0, "name"), call.userid(), line});
+    if (!stored.ok)
+        return refusal(QStringLiteral("exec_error"));
+    commands()->WarningAS(sn, address + line);
+    return done();
+}
+
+QByteArray DumpController_add_user::user_reg_DOFile(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({"url", "filename", "sn", "dname", "fb"}, "Paruser") || !call.authenticate())
+        return call.refused();
+    const QString sn = call.text("sn");
+    const QString line = call.text("fb");
+    if (!isLine(line))
+        return refusal(QStringLiteral("Paruser"));
+    if (!isOwnSpeaker(db(), call.userid(), sn))
+        return refusal(QStringLiteral("exec_error"));
+    if (!areOnline(m_devices, {sn}))
+        return refusal(QStringLiteral("unline_error"));
+    const SqlResult stored =
+        storeRegistration(db(), {sn, BindingKind::File, call.text("url"), call.text("dname"),
+                                 call.text("filename"), call.userid(), line});
+    if (!stored.ok)
+        return reply({{QStringLiteral("res"), false},
+                      {QStringLiteral("info"), QStringLiteral("exec_error")},
+                      {QStringLiteral("sqline"), stored.sql}});
+    if (line == QLatin1String("B"))
+        commands()->WarningB(sn, call.text("url"));
+    else
+        commands()->WarningF(sn, call.text("url"));
+    return done();
+}
+
+QByteArray DumpController_add_user::user_reg_listDOFile(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({}, "Paruser") || !call.authenticate())
+        return call.refused();
+    return rowsReply("filelist",
+                     db().run(QStringLiteral("select * from `warregister` where  `userid` =  '@userid' ;"),
+                              {{QStringLiteral("@userid"), call.userid()}}));
+}
+
+/// A speaker that is the caller's must be there to be cleared: a line that stays bound would still
+/// raise the alarm. Of a speaker that is no longer his only the row goes.
+QByteArray DumpController_add_user::user_unreg_DO(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({"sn", "fb", "rgid"}, "Paruser") || !call.authenticate())
+        return call.refused();
+    const QString sn = call.text("sn");
+    const QString line = call.text("fb");
+    if (!isLine(line))
+        return refusal(QStringLiteral("Paruser"));
+    const bool own = isOwnSpeaker(db(), call.userid(), sn);
+    if (own && !areOnline(m_devices, {sn}))
+        return refusal(QStringLiteral("unline_error"));
+    const SqlResult gone =
+        db().run(QStringLiteral("DELETE FROM `warregister` WHERE (`id` = '@rgid'  and `userid` = "
+                                "'@userid'  and  `sn` = '@sn' and  `fb` = '@fb');"),
+                 {{QStringLiteral("@rgid"), call.number("rgid")},
+                  {QStringLiteral("@userid"), call.userid()},
+                  {QStringLiteral("@sn"), sn},
+                  {QStringLiteral("@fb"), line}});
+    if (!gone.ok || gone.affected < 1)
+        return refusal(QStringLiteral("exec_error"));
+    if (own) {
+        clearLine(*commands(), sn, line);
+    }
+    return reply({{QStringLiteral("res"), true},
+                  {QStringLiteral("info"), QStringLiteral("done")},
+                  {QStringLiteral("EF"), gone.affected}});
+}
+
+QByteArray DumpController_add_user::user_unreg_DO_foce(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({"sn", "fb", "rgid"}, "Paruser") || !call.authenticate())
+        return call.refused();
+    const QString line = call.text("fb");
+    if (!isLine(line))
+        return refusal(QStringLiteral("Paruser"));
+    if (!isOwnSpeaker(db(), call.userid(), call.text("sn")))
+        return refusal(QStringLiteral("exec_error"));
+    clearLine(*commands(), call.text("sn"), line);
+    return done();
+}
+
+QByteArray DumpController_add_user::setwaringlinetaskid(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({"sn", "taskid", "username", "passwd", "host", "lineid"}, "Paruser") ||
+        !call.authenticate())
+        return call.refused();
+    const QString lineid = call.text("lineid");
+    if (!isPlain(call.text("host")) || !LineBindings::isLineId(lineid) || call.number("taskid") <= 0)
+        return refusal(QStringLiteral("Paruser"));
+    const QStringList serials = call.list("sn");
+    const LineBindings bindings(db().site.waringdir);
+    const auto former = bindings.read(lineid);
+    if ((former && former->userid != call.userid()) || !areOwnSpeakers(db(), call.userid(), serials))
+        return refusal(QStringLiteral("exec_error"));
+    if (!areOnline(m_devices, serials))
+        return refusal(QStringLiteral("unline_error"));
+    const QString address = taskAddress(call);
+    if (!bindings.write({call.userid(), lineid, serials, call.number("taskid"), address}))
+        return refusal(QStringLiteral("exec_error"));
+    commands()->play_urlsetwarning(serials, lineid, address);
+    return done();
+}
+
+QByteArray DumpController_add_user::rmwaringlinetaskid(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({"sn", "lineid"}, "Paruser") || !call.authenticate())
+        return call.refused();
+    const QString lineid = call.text("lineid");
+    if (!LineBindings::isLineId(lineid))
+        return refusal(QStringLiteral("Paruser"));
+    const QStringList serials = call.list("sn");
+    const LineBindings bindings(db().site.waringdir);
+    const auto former = bindings.read(lineid);
+    if ((former && former->userid != call.userid()) || !areOwnSpeakers(db(), call.userid(), serials) ||
+        !bindings.remove(lineid))
+        return refusal(QStringLiteral("exec_error"));
+    commands()->play_urlrmwarning(serials, lineid);
+    return done();
+}

@@ -1,0 +1,266 @@
+// Endpoints for the speakers of an account.
+#include "api/dumpcontroller_add_user.h"
+
+#include "api/requestmapper.h"
+#include "core/mainloop.h"
+#include "core/sqlite.h"
+#include "device/severinit.h"
+#include "redis/core_corss.h"
+
+#include <algorithm>
+#include <QSet>
+
+namespace {
+constexpr int SerialLength = 32;
+/// `iswarning` of a speaker that takes part in alarms.
+constexpr int AlarmDevice = 99;
+
+bool isLowerHex(QChar character) {
+    return (character >= QLatin1Char('0') && character <= QLatin1Char('9')) ||
+           (character >= QLatin1Char('a') && character <= QLatin1Char('f'));
+}
+
+/// The word that refuses a serial number; null when it is fit.
+const char* serialFault(const QString& sn, const Severinit& devices) {
+    if (sn.isEmpty())
+        return "_FALSE2";
+    if (sn.size() != SerialLength)
+        return "_FALSE3";
+    if (!std::all_of(sn.begin(), sn.end(), isLowerHex))
+        return "_FALSE4";
+    return devices.serialAllowed(sn) ? nullptr : "_FALSE1";
+}
+
+/// Refusal that names the first unfit serial; empty when all are fit.
+QByteArray refusedSerial(const QStringList& sns, const Severinit& devices) {
+    for (const QString& sn : sns) {
+        if (const char* fault = serialFault(sn, devices))
+            return reply({{QStringLiteral("res"), false},
+                          {QStringLiteral("sn"), sn},
+                          {QStringLiteral("info"), QLatin1String(fault)}});
+    }
+    return {};
+}
+
+/// Key that ties a speaker to its account.
+QString accountSerial(int userid, const QString& sn) {
+    return QString::number(userid) + sn;
+}
+
+SqlResult insertDevice(sqlite& database, int userid, const QString& name, const QString& sn, int iswarning) {
+    return database.run(
+        QStringLiteral(
+            "INSERT INTO  `sbox_device_info` (`user_id`, `device_name`, `device_code`, `device_seed`, "
+            "`node_id`, `userid_seed`, `kind`, `iswarning`)   VALUES ('@user_id', '@device_name', "
+            "'@device_code', '@device_seed', 1, '@userid_seed', @kind , @iswarning )"),
+        {{QStringLiteral("@user_id"), userid},
+         {QStringLiteral("@device_name"), name},
+         {QStringLiteral("@device_code"), sn},
+         {QStringLiteral("@device_seed"), sn},
+         {QStringLiteral("@userid_seed"), accountSerial(userid, sn)},
+         {QStringLiteral("@kind"), 1},
+         {QStringLiteral("@iswarning"), iswarning}});
+}
+
+/// Reply of a statement that acts on one row; `nothing` is the word when it met none.
+QByteArray changed(const SqlResult& result, int userid, const char* nothing) {
+    if (!result.ok)
+        return refusal(QStringLiteral("ER_EXE"));
+    if (result.affected <= 0)
+        return refusal(QLatin1String(nothing));
+    return reply({{QStringLiteral("res"), true},
+                  {QStringLiteral("userid"), userid},
+                  {QStringLiteral("EF"), result.affected},
+                  {QStringLiteral("info"), QStringLiteral("SUC")}});
+}
+
+/// Which of the result's serials are online, asked in one go.
+QSet<QString> onlineAmong(Severinit* devices, const SqlResult& rows) {
+    QStringList sns;
+    for (int row = 0; row < rows.rows.size(); ++row)
+        sns.append(rows.text(row, "device_seed"));
+    if (sns.isEmpty())
+        return {};
+    return callOnLoop(devices, [&] {
+        QSet<QString> online;
+        for (const QString& sn : qAsConst(sns)) {
+            if (devices->isOnline(sn))
+                online.insert(sn);
+        }
+        return online;
+    });
+}
+
+SqlResult webLogin(sqlite& database, const Call& call) {
+    return database.run(
+        QStringLiteral("SELECT * FROM  sbox_users where  user_name = '@username' and user_pass = '@passwd';"),
+        {{QStringLiteral("@username"), call.text("username")},
+         {QStringLiteral("@passwd"), call.text("passwd")}});
+}
+
+/// The steps that enabling and disabling share: both are guarded by the service key alone.
+template<typename Send>
+QByteArray switchDevices(const Call& call, const Severinit& devices, Send send) {
+    if (!call.has("sskey") || !call.has("snlist"))
+        return refusal(QStringLiteral("Paruser"));
+    if (!devices.matchesServiceKey(call.raw("sskey")))
+        return refusal(QStringLiteral("sskey_error"), -2);
+    const QStringList sns = call.list("snlist");
+    if (sns.isEmpty())
+        return refusal(QStringLiteral("snlist_error"), -1);
+    send(sns);
+    return reply({{QStringLiteral("res"), true}});
+}
+} // namespace
+
+QByteArray DumpController_add_user::user_add_dev(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({"sn", "name"}, "ParERuser_add_dev"))
+        return call.refused();
+    if (db().kind() == 0)
+        return refusal(QStringLiteral("no Need to add device on lite mode."));
+    if (!call.authenticate())
+        return call.refused();
+    const QStringList sns = call.text("sn").split(QLatin1Char('|'));
+    const QByteArray refused = refusedSerial(sns, *m_devices);
+    if (!refused.isEmpty())
+        return refused;
+    const int iswarning = call.number("device_kind") == 1 ? AlarmDevice : 0;
+    const bool stored = db().transaction([&] {
+        return std::all_of(sns.begin(), sns.end(), [&](const QString& sn) {
+            return insertDevice(db(), call.userid(), call.text("name"), sn, iswarning).ok;
+        });
+    });
+    if (!stored)
+        return refusal(QStringLiteral("ER_EXE"));
+    return reply({{QStringLiteral("res"), true},
+                  {QStringLiteral("userid"), call.userid()},
+                  {QStringLiteral("info"), QStringLiteral("SUC")}});
+}
+
+QByteArray DumpController_add_user::user_get_devlist(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({}, "Paruser") || !call.authenticate())
+        return call.refused();
+    const SqlResult rows =
+        db().run(QStringLiteral("SELECT *   FROM `sbox_device_info` where user_id = '@userid'"),
+                 {{QStringLiteral("@userid"), call.userid()}});
+    if (!rows.ok)
+        return refusal(QStringLiteral("ER_EXE"));
+    const QSet<QString> online = onlineAmong(m_devices, rows);
+    QJsonArray list;
+    for (int row = 0; row < rows.rows.size(); ++row) {
+        QJsonObject device = rows.object(row);
+        device.insert(QStringLiteral("regTime"), device.value(QStringLiteral("ctime")));
+        device.insert(QStringLiteral("voltage"), device.value(QStringLiteral("xhstatus")));
+        device.insert(QStringLiteral("online"), online.contains(rows.text(row, "device_seed")));
+        list.append(device);
+    }
+    return reply({{QStringLiteral("res"), true}, {QStringLiteral("devlist"), list}});
+}
+
+QByteArray DumpController_add_user::user_deldevs(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({"snid"}, "ParERuser_add_dev") || !call.authenticate())
+        return call.refused();
+    return changed(
+        db().run(
+            QStringLiteral(
+                "DELETE FROM  `sbox_device_info`  WHERE (`id` = '@snid'  and user_id = '@userid') ;"),
+            {{QStringLiteral("@snid"), call.number("snid")}, {QStringLiteral("@userid"), call.userid()}}),
+        call.userid(), "No Need to del device");
+}
+
+QByteArray DumpController_add_user::user_renamedevs(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({"devid", "newname"}, "ParERuser") || !call.authenticate())
+        return call.refused();
+    return changed(
+        db().run(QStringLiteral(
+                     "UPDATE  `sbox_device_info`  SET  `device_name` = '@newname' WHERE (`id` = '@devid' "
+                     "and user_id = '@user_id');"),
+                 {{QStringLiteral("@newname"), call.text("newname")},
+                  {QStringLiteral("@devid"), call.number("devid")},
+                  {QStringLiteral("@user_id"), call.userid()}}),
+        call.userid(), "ER_REJECT");
+}
+
+QByteArray DumpController_add_user::user_resndevs(const Params& params) {
+    Call call(params, *m_mapper);
+    if (!call.require({"devid", "newsn"}, "ParERuser") || !call.authenticate())
+        return call.refused();
+    const QByteArray refused = refusedSerial({call.text("newsn")}, *m_devices);
+    if (!refused.isEmpty())
+        return refused;
+    return changed(
+        db().run(
+            QStringLiteral("UPDATE  `sbox_device_info`  SET  `device_seed` = '@newsn' WHERE (`id` = '@devid' "
+                           "and user_id = '@user_id');"),
+            {{QStringLiteral("@newsn"), call.text("newsn")},
+             {QStringLiteral("@devid"), call.number("devid")},
+             {QStringLiteral("@user_id"), call.userid()}}),
+        call.userid(), "ER_REJECT");
+}
+
+QByteArray DumpController_add_user::user_enable_device(const Params& params) {
+    return switchDevices({params, *m_mapper}, *m_devices,
+                         [this](const QStringList& sns) { commands()->enable_device(sns); });
+}
+
+QByteArray DumpController_add_user::user_disable_device(const Params& params) {
+    return switchDevices({params, *m_mapper}, *m_devices,
+                         [this](const QStringList& sns) { commands()->disable_device(sns); });
+}
+
+QByteArray DumpController_add_user::user_LIST(const Params& /*params*/) {
+    const QJsonArray list = callOnLoop(m_devices, [this] { return m_devices->onlineDevices(); });
+    return reply({{QStringLiteral("res"), true}, {QStringLiteral("devlist"), list}});
+}
+
+QByteArray DumpController_add_user::get_devicelistweb(const Params& params, const QString& /*path*/) {
+    const Call call(params, *m_mapper);
+    if (!call.has("username") || !call.has("passwd"))
+        return refusal(QStringLiteral("ParER"));
+    const SqlResult login = webLogin(db(), call);
+    if (login.isEmpty())
+        return refusal(login.ok ? QStringLiteral("ER_REJECT") : QStringLiteral("ER_EXE"));
+    const SqlResult rows =
+        db().run(QStringLiteral(
+                     "SELECT sbox_device_info.*, sbox_node.nodeip, sbox_node.node_name, sbox_node.nodeport3, "
+                     "sbox_node.nodeport4, sbox_node.nodeport5 FROM  sbox_device_info,sbox_node where "
+                     "sbox_node.id = sbox_device_info.node_id and sbox_device_info.user_id = '@userid' ;"),
+                 {{QStringLiteral("@userid"), login.integer(0, "id")}});
+    if (!rows.ok)
+        return refusal(QStringLiteral("ER_EXE"));
+    return reply({{QStringLiteral("res"), true}, {QStringLiteral("dataJson"), rows.objects()}});
+}
+
+QByteArray DumpController_add_user::add_user_devices_cross(const Params& params, const QString& /*path*/) {
+    const Call call(params, *m_mapper);
+    if (!call.has("username") || !call.has("passwd") || !call.has("name") || !call.has("sed"))
+        return refusal(QStringLiteral("ParER"));
+    const SqlResult login = webLogin(db(), call);
+    if (login.isEmpty())
+        return refusal(login.ok ? QStringLiteral("ER_REJECT") : QStringLiteral("ER_EXE"));
+    const QString sn = call.text("sed");
+    const QByteArray refused = refusedSerial({sn}, *m_devices);
+    if (!refused.isEmpty())
+        return refused;
+    const int userid = login.integer(0, "id");
+    const SqlResult insert = db().run(
+        QStringLiteral(
+            "INSERT INTO  `sbox_device_info` (`user_id`, `device_type`,   `device_name`, `device_seed`, "
+            "`node_id`, `tag1`, `tag2`, `userid_seed` ,`iswarning` ,`device_code` )VALUES ('$user_id', "
+            "'1',  '$name', '$sed', '$nodeid', 'tg1', 'tg2', '$userid_seed','99','$device_code')"),
+        {{QStringLiteral("$user_id"), userid},
+         {QStringLiteral("$name"), call.text("name")},
+         {QStringLiteral("$sed"), sn},
+         {QStringLiteral("$nodeid"), 1},
+         {QStringLiteral("$userid_seed"), accountSerial(userid, sn)},
+         {QStringLiteral("$device_code"), call.has("device_code") ? call.text("device_code") : sn}});
+    if (!insert.ok)
+        return refusal(QStringLiteral("ER_EXE"));
+    return reply({{QStringLiteral("res"), true},
+                  {QStringLiteral("userid"), userid},
+                  {QStringLiteral("info"), QStringLiteral("SUC")}});
+}

@@ -1,0 +1,155 @@
+#include "api/filestore.h"
+
+#include "api/call.h"
+#include "core/sqlite.h"
+
+#include <cstdio>
+#include <QDebug>
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonObject>
+#include <QLocale>
+
+namespace {
+
+constexpr qint64 CopyBlock = 256 * 1024;
+
+const QString& workFolder() {
+    static const QString folder = QStringLiteral("/etc/upload");
+    return folder;
+}
+
+SqlArgs rowOf(const AudioUpload& upload, const StoredAudio& audio) {
+    const QByteArray name = FileStore::cleanName(upload.name).toUtf8().toBase64();
+    return {{QStringLiteral("@userid"), upload.userid},
+            {QStringLiteral("@filename"), QString::fromLatin1(name)},
+            {QStringLiteral("@url"), audio.url},
+            {QStringLiteral("@len"), audio.measure.seconds},
+            {QStringLiteral("@crl"), audio.measure.checksum},
+            {QStringLiteral("@filesize"), audio.measure.bytes}};
+}
+
+/// Writes the row, taking over the one that this user already has for the address.
+SqlResult writeRow(sqlite& database, const AudioUpload& upload, StoredAudio& audio) {
+    const SqlArgs args = rowOf(upload, audio);
+    const SqlResult old = database.run(
+        QStringLiteral("SELECT `id` FROM `userfile` WHERE (`userid` = '@userid' and `url` = '@url')"), args);
+    if (!old.ok)
+        return old;
+    if (old.isEmpty()) {
+        const SqlResult added = database.run(
+            QStringLiteral("INSERT INTO `userfile` (`userid`, `filename`, `url`, `len`, `crl`,   `ziuse`, "
+                           "`sizeByte`)                             VALUES ( '@userid', '@filename', '@url', "
+                           "'@len' , '@crl' , 1 , '@filesize' )"),
+            args);
+        audio.id = added.lastId;
+        return added;
+    }
+    audio.id = old.integer(0, "id");
+    return database.run(
+        QStringLiteral("UPDATE `userfile` SET `filename` = '@filename', `len` = '@len', `crl` = '@crl', "
+                       "`sizeByte` = '@filesize' WHERE (`userid` = '@userid' and `url` = '@url')"),
+        args);
+}
+
+} // namespace
+
+FileStore::FileStore(const sqlite& database)
+    : m_work(database.site.runingdir + workFolder())
+    , m_root(QDir::cleanPath(database.site.runingdir + QStringLiteral("/etc/docroot")))
+    , m_preurl(database.site.preurl) {}
+
+QString FileStore::cleanName(const QString& name) {
+    static const QString removed = QStringLiteral("& |_/*@!^%$#");
+    QString kept;
+    int bytes = 0;
+    for (int i = 0; i < name.size();) {
+        const int units = name.at(i).isHighSurrogate() && i + 1 < name.size() ? 2 : 1;
+        const QString character = name.mid(i, units);
+        i += units;
+        if (removed.contains(character) || character == QChar(QChar::Null))
+            continue;
+        bytes += character.toUtf8().size();
+        if (bytes > MaxNameBytes)
+            break;
+        kept += character;
+    }
+    return kept;
+}
+
+QString FileStore::audioUrl(int userid, const QString& cleanedName) {
+    return QStringLiteral("mp3/%1/%2.mp3").arg(userid).arg(QString::fromLatin1(cleanedName.toUtf8().toHex()));
+}
+
+QString FileStore::sizeText(qint64 bytes) {
+    return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeTraditionalFormat);
+}
+
+std::unique_ptr<QTemporaryDir> FileStore::workDirectory() const {
+    if (!QDir().mkpath(m_work))
+        qWarning().noquote() << "no directory for uploads:" << m_work;
+    return std::make_unique<QTemporaryDir>(m_work + QStringLiteral("/up-XXXXXX"));
+}
+
+bool FileStore::copyTo(QIODevice& source, const QString& target) {
+    QFile file(target);
+    if (!file.open(QIODevice::WriteOnly))
+        return false;
+    QByteArray block;
+    while (!(block = source.read(CopyBlock)).isEmpty())
+        if (file.write(block) != block.size())
+            return false;
+    return file.flush();
+}
+
+bool FileStore::install(const QString& file, const QString& url) const {
+    const QString target = path(url);
+    QFile::setPermissions(file, QFile::permissions(file) | QFile::ReadGroup | QFile::ReadOther);
+    const bool moved =
+        QDir().mkpath(QFileInfo(target).path()) &&
+        std::rename(QFile::encodeName(file).constData(), QFile::encodeName(target).constData()) == 0;
+    if (!moved)
+        qWarning().noquote() << "file not stored:" << target << qt_error_string();
+    return moved;
+}
+
+bool FileStore::remove(const QString& url) const {
+    const QString target = QDir::cleanPath(path(url));
+    if (!target.startsWith(m_root + QLatin1Char('/')))
+        return false;
+    return !QFile::exists(target) || QFile::remove(target);
+}
+
+void FileStore::removeLeftovers(const QString& runingdir) {
+    QDir(runingdir + workFolder()).removeRecursively();
+}
+
+QByteArray StoreResult::refusalReply() const {
+    QJsonObject object{{QStringLiteral("res"), false}, {QStringLiteral("info"), word}};
+    if (!sql.isEmpty())
+        object.insert(QStringLiteral("sqline"), sql);
+    return reply(object);
+}
+
+StoreResult storeAudio(sqlite& database, const FileStore& store, const AudioUpload& upload,
+                       const QString& source, const QTemporaryDir& work) {
+    const QString encoded = work.filePath(QStringLiteral("encoded.mp3"));
+    const audio::Outcome outcome = audio::encode(source, encoded, work.path(), upload.bitrate);
+    if (outcome != audio::Outcome::Done)
+        return {std::nullopt,
+                outcome == audio::Outcome::Undecodable ? QStringLiteral("Decode_error")
+                                                       : QStringLiteral("exc_error_ext"),
+                {}};
+    const auto measure = audio::measure(encoded);
+    if (!measure)
+        return {std::nullopt, QStringLiteral("Decode_error"), {}};
+    StoredAudio audio{0, FileStore::audioUrl(upload.userid, FileStore::cleanName(upload.name)), *measure};
+    if (!store.install(encoded, audio.url))
+        return {std::nullopt, QStringLiteral("exc_error_ext"), {}};
+    if (upload.withRow) {
+        const SqlResult row = writeRow(database, upload, audio);
+        if (!row.ok)
+            return {std::nullopt, QStringLiteral("ER_EXE"), row.sql};
+    }
+    return {audio, QString(), {}};
+}

@@ -1,0 +1,75 @@
+// Endpoints for the service periods of speakers and what was paid for them.
+#include "api/dumpcontroller_add_user.h"
+
+#include "api/requestmapper.h"
+#include "core/sqlite.h"
+
+#include <QDate>
+
+namespace {
+/// "yyyy-MM-dd", with or without a time of day: periods are compared as text.
+bool isEndOfPeriod(const QString& text) {
+    return QDate::fromString(text.left(10), QStringLiteral("yyyy-MM-dd")).isValid();
+}
+
+/// The rows that a statement about one account gives.
+QByteArray listFor(sqlite& database, const Call& call, const QString& statement) {
+    if (!call.has("userid"))
+        return refusal(QStringLiteral("ParER"));
+    const SqlResult rows = database.run(statement, {{QStringLiteral("@userid"), call.number("userid")}});
+    if (!rows.ok)
+        return refusal(QStringLiteral("ER_EXE"));
+    return reply({{QStringLiteral("res"), true},
+                  {QStringLiteral("info"), QStringLiteral("SUC")},
+                  {QStringLiteral("data"), rows.objects()}});
+}
+} // namespace
+
+QByteArray DumpController_add_user::odds_fuckpay(const Params& params) {
+    const Call call(params, *m_mapper);
+    for (const char* name : {"sn", "overtime", "userid", "fei", "info"}) {
+        if (!call.has(name))
+            return refusal(QStringLiteral("ParER"));
+    }
+    const QString payKey = db().site.payKey;
+    if (!payKey.isEmpty() && call.raw("sskey") != payKey)
+        return refusal(QStringLiteral("sskey_ER"));
+    if (!isEndOfPeriod(call.text("overtime")))
+        return refusal(QStringLiteral("ParER"));
+    int extended = 0;
+    const bool stored = db().transaction([&] {
+        const SqlResult period = db().run(
+            QStringLiteral(
+                "UPDATE `snover` SET `overtime` = '@overtime' , `statu` = 3 WHERE ( `id` > 0  and  "
+                "sn = '@sn' );"),
+            {{QStringLiteral("@overtime"), call.text("overtime")}, {QStringLiteral("@sn"), call.text("sn")}});
+        extended = period.affected;
+        return period.ok &&
+               db().run(QStringLiteral(
+                            "INSERT INTO `fei` (`userid`, `fei`, `info`) VALUES ( '@userid','@fei','@info')"),
+                        {{QStringLiteral("@userid"), call.number("userid")},
+                         {QStringLiteral("@fei"), call.text("fei")},
+                         {QStringLiteral("@info"), call.text("info")}})
+                   .ok;
+    });
+    if (!stored)
+        return refusal(QStringLiteral("ER_EXE"));
+    return reply({{QStringLiteral("res"), true},
+                  {QStringLiteral("EF"), extended},
+                  {QStringLiteral("info"), QStringLiteral("SUC")}});
+}
+
+QByteArray DumpController_add_user::seemyoder(const Params& params) {
+    return listFor(
+        db(), Call(params, *m_mapper),
+        QStringLiteral("select *  from `fei` WHERE ( `userid` = '@userid' ) order by id desc limit 50 ;"));
+}
+
+QByteArray DumpController_add_user::seemydaoqishebei(const Params& params) {
+    return listFor(
+        db(), Call(params, *m_mapper),
+        QStringLiteral("select `sbox_device_info`.`device_name`, `sbox_device_info`.`device_seed`, "
+                       "`snover`.`overtime`, `snover`.`statu` from `snover`,`sbox_device_info` WHERE ( "
+                       "`snover`.`sn` = `sbox_device_info`.`device_seed` and "
+                       "`sbox_device_info`.`user_id` = '@userid' ) order by `snover`.`overtime` ;"));
+}

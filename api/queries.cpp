@@ -1,0 +1,197 @@
+// Endpoints of the account-centred query sets: in-process on SQLite, by the program find.js on MySQL.
+#include "api/dumpcontroller_add_user.h"
+
+#include "api/findprogram.h"
+#include "api/querytable.h"
+#include "api/requestmapper.h"
+#include "core/sqlite.h"
+#include "device/severinit.h"
+
+#include <algorithm>
+#include <optional>
+#include <QDate>
+#include <QRegularExpression>
+
+namespace {
+const QString plainSet = QStringLiteral("fnkukei");
+const QString subscriptionSet = QStringLiteral("fnckukei");
+
+using Type = QueryTable::Type;
+using Values = QMap<QString, SqlValue>;
+
+const QueryTable::Command* commandFor(const QString& set, const QString& path) {
+    const QString prefix = QStringLiteral("/user/") + set + QLatin1Char('/');
+    return path.startsWith(prefix) ? QueryTable::embedded().find(set, path.mid(prefix.size())) : nullptr;
+}
+
+QString joined(const QList<qint64>& ids) {
+    QStringList texts;
+    for (const qint64 id : ids)
+        texts.append(QString::number(id));
+    return texts.join(QLatin1Char(','));
+}
+
+bool isSerial(const QString& text) {
+    static const QRegularExpression serial(QStringLiteral("\\A[0-9a-f]{32}\\z"));
+    return serial.match(text).hasMatch();
+}
+
+bool startsWithDate(const QString& text) {
+    return QDate::fromString(text.left(10), QStringLiteral("yyyy-MM-dd")).isValid();
+}
+
+/// The statement's value for a text of the request; nothing when the text is not of the type.
+std::optional<SqlValue> convert(const QString& text, Type type, bool mayBeEmpty) {
+    switch (type) {
+    case Type::Int:
+        return static_cast<qint64>(text.toInt());
+    case Type::IdText:
+        return joined(numbersIn(text));
+    case Type::Ids: {
+        const QList<qint64> ids = numbersIn(text);
+        return ids.isEmpty() ? QList<qint64>{0} : ids;
+    }
+    case Type::Random:
+        return RequestMapper::randomToken();
+    case Type::Serial:
+        return isSerial(text) ? std::optional<SqlValue>(text) : std::nullopt;
+    case Type::Date:
+        return startsWithDate(text) ? std::optional<SqlValue>(text) : std::nullopt;
+    case Type::Text:
+        break;
+    }
+    return mayBeEmpty || !text.isEmpty() ? std::optional<SqlValue>(text) : std::nullopt;
+}
+
+std::optional<Values> valuesOf(const QueryTable::Command& command, const Call& call) {
+    Values values;
+    for (const QueryTable::Parameter& parameter : command.parameters) {
+        QByteArray name = parameter.name.toUtf8();
+        if (!call.has(name) && !parameter.alternative.isEmpty())
+            name = parameter.alternative.toUtf8();
+        if (!call.has(name) && parameter.type != Type::Random)
+            return std::nullopt;
+        const auto value = convert(call.text(name), parameter.type, parameter.mayBeEmpty);
+        if (!value)
+            return std::nullopt;
+        values.insert(parameter.name, *value);
+    }
+    const auto& same = QueryTable::embedded().sameValues();
+    for (auto entry = same.begin(); entry != same.end(); ++entry) {
+        if (values.contains(entry.value()))
+            values.insert(entry.key(), values.value(entry.value()));
+    }
+    return values;
+}
+
+SqlArgs arguments(const Values& values) {
+    SqlArgs args;
+    for (auto value = values.begin(); value != values.end(); ++value) {
+        const QString placeholder = QLatin1Char('@') + value.key();
+        std::visit([&](const auto& typed) { args.emplace_back(placeholder, typed); }, value.value());
+    }
+    return args;
+}
+
+/// Replaces values by columns of the statement's first row.
+void take(const QueryTable::Step& step, const SqlResult& result, Values& values) {
+    for (auto column = step.take.begin(); column != step.take.end(); ++column) {
+        if (const auto value = convert(result.text(0, column.key().toUtf8()), column.value(), true))
+            values.insert(column.key(), *value);
+    }
+}
+
+/// Runs the steps one after the other. Returns the word that refuses, null when all went well;
+/// `result` is then the last step's.
+const char* runSteps(sqlite& database, const QueryTable::Command& command, Values values, SqlResult& result) {
+    for (const QueryTable::Step& step : command.steps) {
+        result = database.run(step.statement, arguments(values));
+        if (!result.ok)
+            return "ER_EXE";
+        if ((step.rows == QueryTable::Rows::Some && result.isEmpty()) ||
+            (step.rows == QueryTable::Rows::None && !result.isEmpty()))
+            return "ER_REJECT";
+        take(step, result, values);
+    }
+    return command.writes && result.affected == 0 ? "ER_REJECT" : nullptr;
+}
+
+QJsonArray visibleRows(const SqlResult& result) {
+    QJsonArray rows;
+    for (int row = 0; row < result.rows.size(); ++row) {
+        QJsonObject object = result.object(row);
+        for (const QString& column : QueryTable::embedded().hiddenColumns())
+            object.remove(column);
+        rows.append(object);
+    }
+    return rows;
+}
+
+QByteArray runCommand(sqlite& database, const QueryTable::Command& command, const Values& values) {
+    SqlResult result;
+    const char* fault = nullptr;
+    const auto run = [&] {
+        fault = runSteps(database, command, values, result);
+        return fault == nullptr;
+    };
+    const bool finished = command.writes ? database.transaction(run) : run();
+    if (!finished)
+        return refusal(QLatin1String(fault ? fault : "ER_EXE"));
+    QJsonObject answer{{QStringLiteral("res"), true}, {QStringLiteral("info"), QStringLiteral("SUC")}};
+    if (command.writes)
+        answer.insert(QStringLiteral("EF"), result.affected);
+    else
+        answer.insert(QStringLiteral("data"), visibleRows(result));
+    return reply(answer);
+}
+
+/// What precedes a command of either database kind: its parameters and the service key. Returns the
+/// refusal, empty when it may run with `values`.
+QByteArray refuseCommand(const QueryTable::Command& command, const Call& call, const Severinit& devices,
+                         Values& values) {
+    const std::optional<Values> found = valuesOf(command, call);
+    if (!found)
+        return refusal(QStringLiteral("ParER"));
+    if (command.needsServiceKey && !devices.matchesServiceKey(call.raw("sskey")))
+        return refusal(QStringLiteral("sskey_ER"));
+    values = *found;
+    return {};
+}
+
+QByteArray outputOf(const sqlite& database, const QString& path, const Params& params) {
+    const std::optional<QByteArray> output = runFindProgram(database, path, params);
+    return output ? *output : refusal(QStringLiteral("exc_error_ext"));
+}
+} // namespace
+
+QByteArray DumpController_add_user::runQuery(const QString& set, const Params& params, const QString& path,
+                                             bool inProcess) {
+    const QueryTable::Command* command = commandFor(set, path);
+    if (!command)
+        return fucktext(params);
+    Values values;
+    const QByteArray refused = refuseCommand(*command, Call(params, *m_mapper), *m_devices, values);
+    if (!refused.isEmpty())
+        return refused;
+    return inProcess ? runCommand(db(), *command, values) : outputOf(db(), path, params);
+}
+
+QByteArray DumpController_add_user::user_nodejs(const Params& params, const QString& path) {
+    return runQuery(plainSet, params, path, false);
+}
+
+QByteArray DumpController_add_user::user_nodejsc(const Params& params, const QString& path) {
+    return runQuery(subscriptionSet, params, path, false);
+}
+
+QByteArray DumpController_add_user::user_nodejso(const Params& params, const QString& path) {
+    return outputOf(db(), path, params);
+}
+
+QByteArray DumpController_add_user::user_nodesqlite3js(const Params& params, const QString& path) {
+    return runQuery(plainSet, params, path, true);
+}
+
+QByteArray DumpController_add_user::user_nodesqlite3jsc(const Params& params, const QString& path) {
+    return runQuery(subscriptionSet, params, path, true);
+}

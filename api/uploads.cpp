@@ -1,0 +1,128 @@
+#include "api/audio.h"
+#include "api/dumpcontroller_add_user.h"
+#include "api/filestore.h"
+
+#include "core/sqlite.h"
+#include "http/httprequest.h"
+
+#include <QJsonObject>
+#include <QUuid>
+
+namespace {
+
+constexpr int HeadBytes = 64;
+
+QByteArray stored(const FileStore& store, const QString& url) {
+    return reply({{QStringLiteral("res"), true},
+                  {QStringLiteral("info"), QStringLiteral("SUC")},
+                  {QStringLiteral("url"), url},
+                  {QStringLiteral("playurl"), store.playUrl(url)}});
+}
+
+QByteArray failedStatement(const SqlResult& result) {
+    return reply({{QStringLiteral("res"), false},
+                  {QStringLiteral("info"), QStringLiteral("ER_EXE")},
+                  {QStringLiteral("sqline"), result.sql}});
+}
+
+/// Puts the upload at an address in one step: a reader sees the old file or the new one.
+bool place(const FileStore& store, QTemporaryFile& upload, const QString& url) {
+    const auto work = store.workDirectory();
+    const QString copy = work->filePath(QStringLiteral("upload"));
+    return work->isValid() && upload.seek(0) && FileStore::copyTo(upload, copy) && store.install(copy, url);
+}
+
+QString pictureSuffixOf(QTemporaryFile& upload) {
+    return audio::pictureSuffix(upload.peek(HeadBytes));
+}
+
+/// A name that can stand in a directory: not empty, and no dots in front.
+QString sharedName(const QString& name) {
+    QString cleaned = FileStore::cleanName(name);
+    while (cleaned.startsWith(QLatin1Char('.')))
+        cleaned.remove(0, 1);
+    return cleaned.isEmpty() ? QStringLiteral("file") : cleaned;
+}
+
+} // namespace
+
+QByteArray DumpController_add_user::storePicture(const Params& params, HttpRequest& request,
+                                                 const QString& url) {
+    QTemporaryFile* file = request.getUploadedFile("file");
+    if (!file)
+        return refusal(QStringLiteral("NoFile in FormData"));
+    Call call(params, *m_mapper);
+    if (!call.require({}, "Paruser") || !call.authenticate())
+        return call.refused();
+    if (pictureSuffixOf(*file).isEmpty())
+        return refusal(QStringLiteral("Decode_error"));
+    const FileStore store(db());
+    return place(store, *file, url) ? stored(store, url) : refusal(QStringLiteral("exc_error_ext"));
+}
+
+QByteArray DumpController_add_user::user_reg_filetx(const Params& params, HttpRequest& request) {
+    return storePicture(params, request, QStringLiteral("static/u1.jpg"));
+}
+
+QByteArray DumpController_add_user::user_reg_filelg(const Params& params, HttpRequest& request) {
+    return storePicture(params, request, QStringLiteral("static/logo.png"));
+}
+
+QByteArray DumpController_add_user::user_reg_fileallk(const Params& params, HttpRequest& request) {
+    QTemporaryFile* file = request.getUploadedFile("file");
+    if (!file)
+        return refusal(QStringLiteral("NoFile in FormData"));
+    Call call(params, *m_mapper);
+    if (!call.require({}, "Parusersss") || !call.authenticate())
+        return call.refused();
+    const QString given =
+        call.has("filename") ? call.text("filename") : QString::fromUtf8(request.getUploadedFileName("file"));
+    const QString name = sharedName(given);
+    const FileStore store(db());
+    const QString url = QStringLiteral("ksfile/%1/%2").arg(call.userid()).arg(name);
+    const SqlArgs args{{QStringLiteral("@userid"), call.userid()},
+                       {QStringLiteral("@path"), url},
+                       {QStringLiteral("@filename"), name}};
+    const SqlResult known = db().run(
+        QStringLiteral("SELECT `id` FROM `sharefiles` WHERE (`userid` = '@userid' and `path` = '@path')"),
+        args);
+    if (!known.ok)
+        return failedStatement(known);
+    if (!place(store, *file, url))
+        return refusal(QStringLiteral("exc_error_ext"));
+    if (!known.isEmpty())
+        return stored(store, url);
+    const SqlResult added =
+        db().run(QStringLiteral("INSERT INTO  `sharefiles` (`userid`, `path`, `uname`) VALUES "
+                                "('@userid', '@path', '@filename');"),
+                 args);
+    return added.ok ? stored(store, url) : failedStatement(added);
+}
+
+QByteArray DumpController_add_user::swapupload(const Params& params, HttpRequest& request) {
+    QTemporaryFile* file = request.getUploadedFile("file");
+    if (!file)
+        return refusal(QStringLiteral("NoFile in FormData"));
+    Call call(params, *m_mapper);
+    if (!call.require({"lunbotext"}, "Parusersss") || !call.authenticate())
+        return call.refused();
+    const QString suffix = pictureSuffixOf(*file);
+    if (suffix.isEmpty())
+        return refusal(QStringLiteral("Decode_error"));
+    const FileStore store(db());
+    const QString url =
+        QStringLiteral("static/swap_%1.%2").arg(QUuid::createUuid().toString(QUuid::Id128), suffix);
+    if (!place(store, *file, url) || !place(store, *file, QStringLiteral("tmp.jpg")))
+        return refusal(QStringLiteral("exc_error_ext"));
+    const SqlResult added =
+        db().run(QStringLiteral("INSERT INTO  `swap_info` (`url`, `title`, `type`, `to`) VALUES "
+                                "('@url', '@title', '@type', '@to');"),
+                 {{QStringLiteral("@url"), url},
+                  {QStringLiteral("@title"), call.text("lunbotext")},
+                  {QStringLiteral("@type"), call.text("type")},
+                  {QStringLiteral("@to"), call.text("to")}});
+    if (added.ok)
+        return stored(store, url);
+    store.remove(url);
+    return failedStatement(added);
+}

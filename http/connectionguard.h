@@ -1,0 +1,66 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <list>
+#include <mutex>
+#include <QHostAddress>
+#include <thread>
+#include <unordered_set>
+
+/// One accepted TCP connection, from accept to close. Made and destroyed on an engine thread, which
+/// sets the phase; the guard's thread reads it.
+struct HttpSocket {
+    enum class Phase { Head, Body, Answer };
+    int descriptor = -1;
+    QHostAddress peer;
+    std::atomic<Phase> phase{Phase::Head};
+    std::atomic<std::chrono::steady_clock::time_point> phaseBegin{};
+    std::atomic<std::chrono::steady_clock::time_point> lastData{};
+    std::atomic<qint64> bodyBytes{0};
+    /// The client may still be sending what nobody will read: see ConnectionGuard::linger.
+    bool lingers = false;
+
+    void enter(Phase next);
+};
+
+/// Ends connections whose client takes too long to say what it wants: a request head must be whole
+/// within `readTimeout` of the connection's start or of the answer before it, a body may not pause
+/// longer than that nor be slower than MinBodyRate. Also ends refused connections gently. One thread,
+/// asleep while there is no connection.
+class ConnectionGuard {
+public:
+    static constexpr std::chrono::milliseconds Tick{250};
+    static constexpr qint64 MinBodyRate = 1024; ///< bytes/s, after SlowBodyGrace; a poor GPRS link
+    static constexpr std::chrono::seconds SlowBodyGrace{30}; ///< for the slow start of a far client
+    static constexpr std::chrono::seconds LingerTime{2};     ///< as long as a client needs to see the answer
+    static constexpr std::size_t MaxLingering = 64;          ///< past that the rest are closed at once
+
+    explicit ConnectionGuard(std::chrono::milliseconds readTimeout);
+    ~ConnectionGuard();
+
+    void add(HttpSocket* socket);
+    /// Call before the descriptor is closed. Afterwards the guard doesn't touch the socket any more.
+    void remove(HttpSocket* socket);
+
+private:
+    struct Lingering {
+        int descriptor;
+        std::chrono::steady_clock::time_point end;
+    };
+    void run();
+    void endOverdue(std::chrono::steady_clock::time_point now);
+    void drainLingering(std::chrono::steady_clock::time_point now);
+    /// Keeps reading what a refused client still sends: closing with unread data would reset the
+    /// connection, and the reset can destroy the answer before the client has read it.
+    void linger(int descriptor);
+
+    const std::chrono::milliseconds m_readTimeout;
+    std::mutex m_mutex; ///< guards all below
+    std::condition_variable m_wake;
+    std::unordered_set<HttpSocket*> m_sockets;
+    std::list<Lingering> m_lingering;
+    bool m_ending = false;
+    std::thread m_thread;
+};

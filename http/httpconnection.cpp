@@ -1,0 +1,250 @@
+#include "http/httpconnection.h"
+
+#include "http/connectionguard.h"
+#include "http/httpengine.h"
+#include "http/httprequesthandler.h"
+#include "http/urlencoded.h"
+
+#include <microhttpd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+struct ResponseDeleter {
+    void operator()(MHD_Response* response) const { MHD_destroy_response(response); }
+};
+using ResponsePointer = std::unique_ptr<MHD_Response, ResponseDeleter>;
+
+MHD_Result collectField(void* fields, MHD_ValueKind, const char* name, std::size_t nameSize,
+                        const char* value, std::size_t valueSize) {
+    static_cast<std::vector<HeaderField>*>(fields)->push_back(
+        {{name, nameSize}, {value ? value : "", value ? valueSize : 0}});
+    return MHD_YES;
+}
+
+QByteArray bytesOf(std::string_view text) {
+    return {text.data(), static_cast<int>(text.size())};
+}
+
+void freeBody(void* body) {
+    delete static_cast<QByteArray*>(body);
+}
+
+/// The text of a refusal's page: enough for who reads it in a terminal.
+QByteArray refusalPage(const Refusal& refusal) {
+    return QByteArray::number(refusal.status) + ' ' +
+           MHD_get_reason_phrase_for(static_cast<unsigned>(refusal.status)) + ": " + refusal.reason + '\n';
+}
+
+ResponsePointer bodyResponse(const QByteArray& body) {
+    auto owned = std::make_unique<QByteArray>(body);
+    const auto size = static_cast<std::size_t>(owned->size());
+    const char* data = owned->constData();
+    ResponsePointer response(MHD_create_response_from_buffer_with_free_callback_cls(
+        size, const_cast<char*>(data), &freeBody, owned.get()));
+    if (response)
+        owned.release(); // NOLINT(bugprone-unused-return-value): the response frees it
+    return response;
+}
+
+} // namespace
+
+HttpConnection::HttpConnection(HttpEngine& engine, MHD_Connection* connection, HttpSocket* socket,
+                               QByteArray target)
+    : m_engine(engine)
+    , m_connection(connection)
+    , m_socket(socket)
+    , m_target(std::move(target)) {}
+
+HttpConnection::~HttpConnection() {
+    if (m_isInFlight)
+        --m_engine.inFlight;
+}
+
+bool HttpConnection::proceed(const char* method, const char* version, const char* data, std::size_t* size) {
+    switch (m_stage) {
+    case Stage::Head:
+        return takeHead(method, version);
+    case Stage::Body: {
+        if (*size == 0)
+            return takeEnd();
+        const std::size_t taken = std::exchange(*size, 0);
+        return takeBody(data, taken);
+    }
+    case Stage::Working:
+        return true;
+    case Stage::Answer:
+        return answer();
+    case Stage::Refused:
+        return false;
+    }
+    return false;
+}
+
+bool HttpConnection::takeHead(const char* method, const char* version) {
+    BodyLength body;
+    const auto refusal = readHead(method, version, &body);
+    m_fields.clear();
+    if (refusal) {
+        m_socket->lingers = true;
+        return refuse(*refusal);
+    }
+    m_stage = Stage::Body;
+    if (body.present())
+        m_socket->enter(HttpSocket::Phase::Body);
+    return true;
+}
+
+std::optional<Refusal> HttpConnection::readHead(const char* method, const char* version, BodyLength* body) {
+    MHD_get_connection_values_n(m_connection, MHD_HEADER_KIND, &collectField, &m_fields);
+    if (auto refusal = checkHead(method, version, m_fields, body))
+        return refusal;
+    if (!isLayoutVerbatim(method, version))
+        return Refusal{400, "head with line ends, spaces or NULs out of place"};
+    m_request.m_method = method;
+    m_request.m_version = version;
+    m_request.m_peer = m_socket->peer;
+    for (const HeaderField& field : m_fields)
+        m_request.m_headers.insert(bytesOf(field.name), bytesOf(field.value));
+    if (auto refusal = readTarget())
+        return refusal;
+    m_isForHandler = m_engine.handler()->wants(m_request.m_method, m_request.m_path);
+    return m_request.m_body.begin(m_request.getHeader("Content-Type"), *body, m_engine.settings().limits);
+}
+
+bool HttpConnection::isLayoutVerbatim(const char* method, const char* version) const {
+    if (HttpEngine::libraryIsStrict())
+        return true;
+    const auto* info = MHD_get_connection_info(m_connection, MHD_CONNECTION_INFO_REQUEST_HEADER_SIZE);
+    return isVerbatim({method, version, static_cast<std::size_t>(m_target.size()), info->header_size},
+                      m_fields);
+}
+
+std::optional<Refusal> HttpConnection::readTarget() {
+    const auto target = splitTarget(m_target);
+    const auto path = target ? decodePercent(target->path) : std::nullopt;
+    if (!path)
+        return Refusal{400, "malformed path"};
+    if (!decodeForm(target->query, m_request.m_parameters))
+        return Refusal{400, "malformed query"};
+    m_request.m_rawPath = target->path;
+    m_request.m_path = *path;
+    return std::nullopt;
+}
+
+bool HttpConnection::takeBody(const char* data, std::size_t size) {
+    m_socket->lastData = std::chrono::steady_clock::now();
+    m_socket->bodyBytes += static_cast<qint64>(size);
+    const auto refusal = m_request.m_body.feed(data, static_cast<int>(size));
+    if (!refusal)
+        return true;
+    refuseAtOnce(*refusal);
+    return false;
+}
+
+bool HttpConnection::takeEnd() {
+    m_socket->enter(HttpSocket::Phase::Answer);
+    if (const auto refusal = m_request.m_body.finish())
+        return refuse(*refusal);
+    for (auto field = m_request.m_body.fields.cbegin(); field != m_request.m_body.fields.cend(); ++field)
+        m_request.m_parameters.insert(field.key(), field.value());
+    if (!m_isForHandler) {
+        serveFile();
+        return answer();
+    }
+    m_stage = Stage::Working;
+    m_isInFlight = true;
+    ++m_engine.inFlight;
+    MHD_suspend_connection(m_connection);
+    if (!m_engine.workers().submit(this))
+        cancel();
+    return true;
+}
+
+void HttpConnection::serveFile() {
+    if (m_engine.files())
+        m_engine.files()->service(m_request, m_response);
+    else
+        m_response.setStatus(404);
+}
+
+void HttpConnection::run(WorkerDatabase& database) {
+    m_request.m_database = &database;
+    m_engine.handler()->service(m_request, m_response);
+    m_request.m_database = nullptr;
+    resume();
+}
+
+void HttpConnection::cancel() {
+    constexpr Refusal busy{503, "too many requests wait"};
+    m_engine.refusals().add(m_socket->peer, busy.status, busy.reason);
+    m_response.setStatus(busy.status);
+    m_response.setHeader("Retry-After", 1);
+    m_response.write(refusalPage(busy));
+    resume();
+}
+
+void HttpConnection::resume() {
+    m_stage = Stage::Answer;
+    MHD_resume_connection(m_connection);
+}
+
+bool HttpConnection::answer() {
+    ResponsePointer response;
+    HttpResponse::File& file = m_response.m_file;
+    if (file.descriptor >= 0 && file.length > 0) {
+        response.reset(MHD_create_response_from_fd_at_offset64(static_cast<std::uint64_t>(file.length),
+                                                               file.descriptor,
+                                                               static_cast<std::uint64_t>(file.offset)));
+        if (response)
+            file.descriptor = -1; // closed with the response
+    } else {
+        response = bodyResponse(m_response.m_body);
+    }
+    if (!response)
+        return false;
+    const auto& headers = m_response.m_headers;
+    for (auto header = headers.cbegin(); header != headers.cend(); ++header)
+        MHD_add_response_header(response.get(), header.key().constData(), header.value().constData());
+    for (const QByteArray& cookie : qAsConst(m_response.m_cookies))
+        MHD_add_response_header(response.get(), MHD_HTTP_HEADER_SET_COOKIE, cookie.constData());
+    return MHD_queue_response(m_connection, static_cast<unsigned>(m_response.m_status), response.get()) ==
+           MHD_YES;
+}
+
+bool HttpConnection::refuse(const Refusal& refusal) {
+    m_engine.refusals().add(m_socket->peer, refusal.status, refusal.reason);
+    m_stage = Stage::Refused;
+    m_response.setStatus(refusal.status);
+    m_response.setHeader("Content-Type", "text/plain");
+    m_response.setHeader("Connection", "close");
+    m_response.write(refusalPage(refusal));
+    return answer();
+}
+
+// While a body arrives the library takes no answer, so this one goes to the socket directly: nothing
+// has been sent on it since the answer before, but for a possible "100 Continue".
+void HttpConnection::refuseAtOnce(const Refusal& refusal) {
+    m_engine.refusals().add(m_socket->peer, refusal.status, refusal.reason);
+    m_stage = Stage::Refused;
+    m_socket->lingers = true;
+    const QByteArray page = refusalPage(refusal);
+    const QByteArray phrase = MHD_get_reason_phrase_for(static_cast<unsigned>(refusal.status));
+    const QByteArray message = "HTTP/1.1 " + QByteArray::number(refusal.status) + ' ' + phrase +
+                               "\r\nContent-Type: text/plain\r\nConnection: close\r\nContent-Length: " +
+                               QByteArray::number(page.size()) + "\r\n\r\n" + page;
+    ::send(m_socket->descriptor, message.constData(), static_cast<std::size_t>(message.size()),
+           MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+void HttpConnection::refusedByLibrary(const Refusal& refusal) {
+    if (m_stage == Stage::Refused)
+        return;
+    m_engine.refusals().add(m_socket->peer, refusal.status, refusal.reason);
+    m_socket->lingers = true;
+}
+
+void HttpConnection::ended() {
+    m_socket->enter(HttpSocket::Phase::Head);
+}

@@ -1,0 +1,73 @@
+#pragma once
+
+#include "http/connectionguard.h"
+#include "http/refusallog.h"
+#include "http/requestbody.h"
+#include "http/workerpool.h"
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <QString>
+
+class HttpRequestHandler;
+class sqlite;
+struct MHD_Daemon;
+
+/// The threads that accept, parse and send, over libmicrohttpd's epoll loop, with the worker pool and
+/// the connection guard beside them. Started by the constructor, ended by the destructor.
+class HttpEngine {
+public:
+    struct Settings {
+        std::chrono::milliseconds readTimeout{10'000};
+        BodyLimits limits;
+        WorkerPool::Settings workers;
+    };
+
+    static constexpr unsigned int Threads = 2;
+    /// Per connection, for the request head and the answer's head; a longer request head is refused.
+    static constexpr std::size_t ConnectionMemory = 8 * 1024;
+    /// Kernel memory per download: a speaker's own buffer refills from it; unset, each slow reader
+    /// would take megabytes.
+    static constexpr int SendBuffer = 64 * 1024;
+    /// A download that makes no progress for so long is given up. Players stop reading while their own
+    /// buffer lasts: half a megabyte is a minute of speech at 64 kbit/s.
+    static constexpr std::chrono::seconds StalledDownload{120};
+    /// How long the end waits for finished answers to reach their clients.
+    static constexpr std::chrono::seconds FlushTime{1};
+
+    /// `listenSocket` is taken over, whether or not the engine starts. `files` may be null.
+    HttpEngine(int listenSocket, const Settings& settings, HttpRequestHandler* handler,
+               HttpRequestHandler* files, const sqlite* database);
+    /// Main loop, which goes on serving what running handlers ask of it.
+    ~HttpEngine();
+    HttpEngine(const HttpEngine&) = delete;
+    HttpEngine& operator=(const HttpEngine&) = delete;
+    bool isRunning() const { return m_daemon != nullptr; }
+
+    /// Whether the library refuses sloppy request heads by itself. Where it doesn't, the head is
+    /// compared with its bytes in the library's buffer (see isVerbatim), which needs that parser.
+    static bool libraryIsStrict();
+
+    // For connections, on engine threads.
+    const Settings& settings() const { return m_settings; }
+    HttpRequestHandler* handler() const { return m_handler; }
+    HttpRequestHandler* files() const { return m_files; }
+    WorkerPool& workers() { return m_workers; }
+    ConnectionGuard& guard() { return m_guard; }
+    RefusalLog& refusals() { return m_refusals; }
+    std::atomic<int> inFlight{0}; ///< requests given to the workers and not yet answered in full
+
+private:
+    const Settings m_settings;
+    HttpRequestHandler* m_handler;
+    HttpRequestHandler* m_files;
+    RefusalLog m_refusals;
+    WorkerPool m_workers;
+    ConnectionGuard m_guard;
+    MHD_Daemon* m_daemon = nullptr;
+};
+
+/// Connections that the engine may hold: a quarter of the process's descriptors, because a download
+/// takes two and the rest belong to speakers.
+unsigned int httpConnectionLimit();

@@ -1,0 +1,172 @@
+#include "http/staticfilecontroller.h"
+
+#include "http/filerange.h"
+#include "http/httpdate.h"
+#include "http/httprequest.h"
+#include "http/httpresponse.h"
+#include "http/mimetypes.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <QDebug>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSettings>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+QByteArray resolvedPath(const QSettings& settings) {
+    const QString path = settings.value(QStringLiteral("path"), QStringLiteral("docroot")).toString();
+    const QDir base(QFileInfo(settings.fileName()).absolutePath());
+    return QFile::encodeName(QDir::cleanPath(base.absoluteFilePath(path)));
+}
+
+/// Whether a path may be looked up at all: no step upwards, nothing hidden.
+bool isServable(const QByteArray& path) {
+    return !path.contains("/.");
+}
+
+bool isDirectory(int descriptor) {
+    struct stat info {};
+    return ::fstat(descriptor, &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+FileQuery queryOf(const HttpRequest& request) {
+    FileQuery query;
+    query.ifNoneMatch = request.getHeader("If-None-Match");
+    query.ifModifiedSince = request.getHeader("If-Modified-Since");
+    if (request.getMethod() == "GET") {
+        query.range = request.getHeader("Range");
+        query.ifRange = request.getHeader("If-Range");
+    }
+    return query;
+}
+
+FileVersion versionOf(const struct stat& info) {
+    const auto modified = static_cast<quint64>(info.st_mtim.tv_sec) * 1'000'000'000U +
+                          static_cast<quint64>(info.st_mtim.tv_nsec);
+    const QByteArray etag = '"' + QByteArray::number(modified, 16) + '-' +
+                            QByteArray::number(static_cast<qint64>(info.st_size), 16) + '"';
+    return {info.st_size, etag, info.st_mtim.tv_sec};
+}
+
+void fail(HttpResponse& response, int status, const char* text) {
+    response.setStatus(status);
+    response.setHeader("Content-Type", "text/plain");
+    response.write(text, true);
+}
+
+void failToOpen(HttpResponse& response, int error) {
+    if (error == EMFILE || error == ENFILE)
+        fail(response, 503, "503 too many open files\n");
+    else if (error == EACCES || error == EPERM || error == EXDEV || error == ELOOP)
+        fail(response, 403, "403 forbidden\n");
+    else
+        fail(response, 404, "404 not found\n");
+}
+
+} // namespace
+
+StaticFileController::StaticFileController(const QSettings* settings, QObject* parent)
+    : HttpRequestHandler(parent)
+    , m_path(resolvedPath(*settings))
+    , m_encoding(settings->value(QStringLiteral("encoding"), QStringLiteral("UTF-8")).toString().toLatin1())
+    , m_maxAgeSeconds(settings->value(QStringLiteral("maxAge"), 60'000).toInt() / 1000) {
+    if (openRoot() < 0)
+        qWarning("StaticFileController: document root %s can't be opened: %s", m_path.constData(),
+                 strerror(errno));
+    else
+        qDebug("StaticFileController: docroot=%s, encoding=%s, maxAge=%d s", m_path.constData(),
+               m_encoding.constData(), m_maxAgeSeconds);
+}
+
+StaticFileController::~StaticFileController() {
+    if (m_root >= 0)
+        ::close(m_root);
+}
+
+void StaticFileController::service(HttpRequest& request, HttpResponse& response) {
+    const QByteArray method = request.getMethod();
+    if (method != "GET" && method != "HEAD" && method != "POST") {
+        response.setHeader("Allow", "GET, HEAD, POST");
+        return fail(response, 405, "405 method not allowed\n");
+    }
+    const QByteArray path = request.getPath();
+    if (!isServable(path))
+        return fail(response, 403, "403 forbidden\n");
+    int descriptor = openFile(path);
+    QByteArray name = path;
+    if (descriptor >= 0 && isDirectory(descriptor)) {
+        name = QByteArrayLiteral("index.html");
+        const int directory = std::exchange(descriptor, -1);
+        descriptor = openBelow(directory, name);
+        const int error = errno;
+        ::close(directory);
+        errno = error;
+    }
+    if (descriptor < 0)
+        return failToOpen(response, errno);
+    sendFile(descriptor, name, queryOf(request), response);
+}
+
+int StaticFileController::openRoot() {
+    int root = m_root;
+    if (root >= 0)
+        return root;
+    int opened = ::open(m_path.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (opened >= 0 && !m_root.compare_exchange_strong(root, opened)) {
+        ::close(opened); // another thread was faster
+        opened = root;
+    }
+    return opened;
+}
+
+int StaticFileController::openFile(const QByteArray& path) {
+    const int root = openRoot();
+    if (root < 0)
+        return -1;
+    int skip = 0;
+    while (skip < path.size() && path.at(skip) == '/')
+        ++skip;
+    return openBelow(root, skip == path.size() ? QByteArrayLiteral(".") : path.mid(skip));
+}
+
+int StaticFileController::openBelow(int directory, const QByteArray& name) {
+    open_how how{};
+    how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    // A link inside index.html's directory may point to elsewhere in the root only when it is below
+    // that directory; the kernel refuses everything else with EXDEV.
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+    return static_cast<int>(::syscall(SYS_openat2, directory, name.constData(), &how, sizeof how));
+}
+
+void StaticFileController::sendFile(int descriptor, const QByteArray& name, const FileQuery& query,
+                                    HttpResponse& response) const {
+    struct stat info {};
+    if (::fstat(descriptor, &info) != 0 || !S_ISREG(info.st_mode)) {
+        ::close(descriptor);
+        return fail(response, 404, "404 not found\n");
+    }
+    const FileVersion version = versionOf(info);
+    const FilePart part = choosePart(query, version);
+    response.setStatus(part.status);
+    response.setHeader("Accept-Ranges", "bytes");
+    response.setHeader("ETag", version.etag);
+    response.setHeader("Last-Modified", httpDate(version.modified));
+    response.setHeader("Cache-Control", "max-age=" + QByteArray::number(m_maxAgeSeconds));
+    const QByteArray size = QByteArray::number(version.size);
+    if (part.status == 416)
+        response.setHeader("Content-Range", "bytes */" + size);
+    if (part.status == 206)
+        response.setHeader("Content-Range", "bytes " + QByteArray::number(part.offset) + '-' +
+                                                QByteArray::number(part.offset + part.length - 1) + '/' +
+                                                size);
+    if (part.status == 200 || part.status == 206)
+        response.setHeader("Content-Type", mimeType(name, m_encoding));
+    response.setFile(descriptor, part.offset, part.length);
+}

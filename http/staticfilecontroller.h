@@ -1,0 +1,38 @@
+#pragma once
+
+#include "http/httprequesthandler.h"
+
+#include <atomic>
+#include <QByteArray>
+
+class QSettings;
+struct FileQuery;
+
+/// Serves the files below the document root, straight from their descriptors. Files are opened beneath
+/// the root by the kernel's own check, so neither ".." nor a symbolic link leads out of it; a name
+/// that begins with a dot is never served. GET, HEAD and POST get the file, other methods 405.
+/// service() runs on any thread, several at once.
+class StaticFileController : public HttpRequestHandler {
+    Q_OBJECT
+public:
+    /// Reads `path` (relative to the INI file; default "docroot"), `encoding` (charset of text files;
+    /// default UTF-8) and `maxAge` (ms that a client may keep a file; default 60000) of the group that
+    /// `settings` stands in.
+    explicit StaticFileController(const QSettings* settings, QObject* parent = nullptr);
+    ~StaticFileController() override;
+
+    void service(HttpRequest& request, HttpResponse& response) override;
+    QByteArray root() const { return m_path; }
+
+private:
+    int openRoot();
+    int openFile(const QByteArray& path);
+    int openBelow(int directory, const QByteArray& name);
+    void sendFile(int descriptor, const QByteArray& name, const FileQuery& query,
+                  HttpResponse& response) const;
+
+    QByteArray m_path;
+    QByteArray m_encoding;
+    int m_maxAgeSeconds;
+    std::atomic<int> m_root{-1}; ///< opened at first use, so that it may be made after the start
+};

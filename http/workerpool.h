@@ -1,0 +1,67 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+class QThread;
+class sqlite;
+class WorkerDatabase;
+
+/// The threads that run controllers: as many as there is work for, between the settings' bounds.
+/// A thread that finds nothing to do for `idleTime` ends, or at the lower bound gives its database
+/// connection back. All methods are thread-safe.
+class WorkerPool {
+public:
+    struct Settings {
+        int minThreads = 4;
+        int maxThreads = 100;
+        std::chrono::milliseconds idleTime{60'000};
+    };
+
+    /// Exactly one of the two is called, once, from any thread. The owner keeps the job until then.
+    class Job {
+    public:
+        virtual void run(WorkerDatabase& database) = 0;
+        virtual void cancel() = 0; ///< the pool ends before its turn came
+
+    protected:
+        ~Job() = default;
+    };
+
+    /// Jobs that may wait. At 5 ms each and four threads the last one waits about a second, which
+    /// clients bear; past that a prompt refusal serves them better.
+    static constexpr std::size_t MaxQueued = 1024;
+
+    WorkerPool(const Settings& settings, const sqlite* database);
+    ~WorkerPool();
+
+    /// False when the queue is full or the pool ends: the job was not taken.
+    bool submit(Job* job);
+    /// Takes no more jobs and cancels those that wait. Does not wait for those that run.
+    void stop();
+    /// Waits up to `timeout` for the running jobs; whether they are done.
+    bool waitIdle(std::chrono::milliseconds timeout);
+    int threadCount() const;
+
+private:
+    void startThread();
+    void work();
+    Job* nextJob(std::unique_lock<std::mutex>& lock, WorkerDatabase& database);
+    void retire();
+    void reapRetired();
+
+    const Settings m_settings;
+    const sqlite* m_database;
+    mutable std::mutex m_mutex; ///< guards all below
+    std::condition_variable m_wake;
+    std::condition_variable m_idle;
+    std::deque<Job*> m_queue;
+    std::vector<std::unique_ptr<QThread>> m_threads;
+    std::vector<std::unique_ptr<QThread>> m_retired; ///< ended or about to
+    int m_waiting = 0;                               ///< threads with nothing to do
+    bool m_stopping = false;
+};

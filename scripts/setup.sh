@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that are missing; says nothing when none is.
+# usage: scripts/setup.sh [run|test]   what to be ready for (default: run; test includes run)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(
+  # to build
+  g++ cmake ninja-build pkg-config qtbase5-dev libqt5websockets5-dev libmicrohttpd-dev libmpg123-dev
+  # to run
+  libqt5sql5-sqlite libqt5sql5-mysql lame ffmpeg espeak-ng nodejs
+  # for the show
+  sox sqlite3 curl jq
+)
+if [ "${1:-run}" = test ]; then
+  packages+=(redis-server mariadb-server npm)
+fi
+
+has() {
+  case $1 in
+    nodejs) command -v node >/dev/null && return 0 ;; # Node.js may come from elsewhere
+    npm) command -v npm >/dev/null && return 0 ;;
+  esac
+  [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null || true)" = installed ]
+}
+
+missing=()
+for package in "${packages[@]}"; do
+  has "$package" || missing+=("$package")
+done
+
+if [ ${#missing[@]} -gt 0 ]; then
+  as_root=()
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || {
+      echo "These packages are missing and need root to install: ${missing[*]}" >&2
+      exit 1
+    }
+    as_root=(sudo)
+  fi
+  echo "Installing ${missing[*]}"
+  log=$(mktemp)
+  trap 'rm -f "$log"' EXIT
+  install() {
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q &&
+      "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -q -y --no-install-recommends "${missing[@]}"
+  }
+  install </dev/null >"$log" 2>&1 || {
+    tail -n 30 "$log" >&2
+    echo "Could not install: ${missing[*]}" >&2
+    exit 1
+  }
+fi
+
+# What the outside programs need; only what their lock file names.
+if [ -f programs/package-lock.json ] && command -v npm >/dev/null; then
+  if ! cmp -s programs/package-lock.json programs/node_modules/.installed-lock; then
+    (cd programs && npm ci --silent --no-audit --no-fund </dev/null)
+    cp programs/package-lock.json programs/node_modules/.installed-lock
+  fi
+fi

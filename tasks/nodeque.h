@@ -1,0 +1,101 @@
+#pragma once
+
+#include "tasks/commandrelay.h"
+#include "tasks/devicestatus.h"
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <QMap>
+#include <QMutex>
+#include <QSemaphore>
+#include <QThread>
+#include <QThreadPool>
+#include <QTimer>
+
+class Getdevinfo;
+class Severinit;
+class sqlite;
+class Tasxkobj;
+class Warning;
+
+/// One play node: an address and the port of its command server. Relays the commands of the players
+/// bound to it, in order, and on the node that is this machine watches service periods and the state
+/// of the speakers. Owner: the task queue. Every method and slot belongs to the main loop; only run()
+/// is the object's own thread, and all it touches is the command queue.
+class Nodeque : public QThread {
+    Q_OBJECT
+public:
+    static constexpr std::chrono::milliseconds CommandPause{100}; ///< between two commands of a node
+    static constexpr std::chrono::milliseconds PollInterval{5171};
+    /// What waits for a node that can't be reached: a day of it must not eat the machine's memory.
+    static constexpr qint64 MaxWaitingBytes = 256 * 1024 * 1024;
+
+    /// `kind`: of the database, as sqlite::kind() has it.
+    Nodeque(Severinit* devices, int kind, sqlite* database, const QString& address, int port,
+            QObject* parent = nullptr);
+    ~Nodeque() override;
+
+    QString address() const { return m_node.host; }
+    int port() const { return m_node.port; }
+
+    /// Takes the player, starts it and drops it when it is over. An id that is bound already is
+    /// logged; the player is then given up.
+    void insert(quint64 taskid, Tasxkobj* player);
+    Tasxkobj* player(quint64 taskid) const; ///< null when there is none
+    /// Ends the players that would end by themselves within `time`.
+    void endDue(std::chrono::milliseconds time);
+
+    void insertwarming(const QString& name, Warning* warning);
+    void diswarming(const QString& name);
+
+    /// Asks the thread to end after the command under way. What waits is dropped.
+    void stop();
+
+public slots:
+    /// Queues a command.
+    void fuckin(const QByteArray& command);
+    /// Relays a command at once: from the poller's own thread it waits for the node, from the main
+    /// loop it does not.
+    void fuckmg(const QByteArray& command);
+    void fuckover(quint64 taskid);
+    void getinfotime();
+    void useing_enable(const QStringList& serials);
+    void useing_disable(const QStringList& serials);
+    void getdevinfo(const QByteArray& answer);
+
+signals:
+    /// A statement for the database, complete.
+    void updatedatabase(const QString& sql);
+
+protected:
+    void run() override;
+
+private:
+    void checkServicePeriods();
+    void sendUseing(const char* word, const QStringList& serials);
+    void emitStatements();
+    bool takeCommand(QByteArray& command);
+
+    Severinit* m_devices;
+    sqlite* m_database;
+    const NodeAddress m_node;
+
+    QMutex m_mutex;
+    std::deque<QByteArray> m_commands; ///< guarded by m_mutex
+    qint64 m_waitingBytes = 0;         ///< guarded by m_mutex
+    QSemaphore m_waiting;              ///< counts m_commands, and one for stop()
+    QSemaphore m_quit;                 ///< ends the pause between two commands
+    std::atomic<bool> m_stopping{false};
+
+    QMap<quint64, Tasxkobj*> m_players; ///< children of this object
+    QMap<QString, QMetaObject::Connection> m_warnings;
+
+    // On this machine's node only.
+    QTimer m_pollTimer;
+    Getdevinfo* m_query = nullptr;
+    DeviceStatus m_deviceStatus; ///< used on m_parser's thread, one run at a time
+    QThreadPool m_parser;
+    bool m_polling = false;   ///< from a query to the last of its statements
+    QStringList m_statements; ///< found by the last answer and not emitted yet
+};

@@ -1,0 +1,115 @@
+#include "tasks/taskreader.h"
+
+#include "tasks/tasxkobj.h"
+
+#include "core/sqlite.h"
+
+namespace {
+
+const QString SelectTask = QStringLiteral("SELECT  *  FROM  task   where  id = '@id'  ;");
+const QString SelectNode = QStringLiteral("SELECT * FROM  sbox_node where id = '@nodeid';");
+const QString SelectSeeds =
+    QStringLiteral("SELECT sbox_device_info.device_seed as seed   FROM taskseed ,sbox_device_info where "
+                   "taskseed.taskid = @taskid and taskseed.devseedid = sbox_device_info.id  ;");
+const QString SelectFiles =
+    QStringLiteral("SELECT userfile.url as url ,userfile.len as len FROM  taskfile , userfile where "
+                   "taskfile.taskid = @taskid and taskfile.fileid = userfile.id ;");
+const QString SelectLength =
+    QStringLiteral("SELECT `len` FROM `userfile` WHERE (`url` = '@url' and `userid` = '@userid');");
+
+} // namespace
+
+TaskTimes TaskReader::times(const SqlResult& tasks, int row) {
+    return {tasks.integer(row, "start_time"), tasks.value(row, "startdate").toLongLong(),
+            tasks.value(row, "enddate").toLongLong(), tasks.text(row, "week")};
+}
+
+std::unique_ptr<Tasxkobj> TaskReader::player(const SqlResult& tasks, int row) const {
+    auto player = std::make_unique<Tasxkobj>(m_database);
+    player->id = static_cast<quint64>(tasks.value(row, "id").toLongLong());
+    player->name = tasks.text(row, "task_name");
+    player->userid = tasks.integer(row, "userid");
+    player->nodeid = tasks.integer(row, "nodeid");
+    player->jiange = tasks.integer(row, "jiange");
+    player->len = tasks.integer(row, "len");
+    player->repeat = tasks.integer(row, "kind");
+    return player;
+}
+
+std::unique_ptr<Tasxkobj> TaskReader::temporaryPlayer(const SqlResult& requests, int row, quint64 key) const {
+    auto player = std::make_unique<Tasxkobj>(m_database);
+    player->isTemporary = true;
+    player->id = key;
+    player->requestRow = requests.value(row, "id").toLongLong();
+    player->name = QStringLiteral("PLAYTMP_%1").arg(player->requestRow);
+    player->userid = requests.integer(row, "userid");
+    player->jiange = requests.integer(row, "jiange");
+    player->len = requests.integer(row, "len");
+    player->repeat = requests.integer(row, "playmode");
+    player->seeds = requests.text(row, "seeds").split(QLatin1Char('|'), Qt::SkipEmptyParts);
+    player->files = requests.text(row, "urls").split(QLatin1Char('|'), Qt::SkipEmptyParts);
+    return player;
+}
+
+SqlResult TaskReader::task(int id) const {
+    return m_database->run(SelectTask, {{QStringLiteral("@id"), id}});
+}
+
+bool TaskReader::readNode(int nodeid, NodeAddress& address) {
+    if (!m_nodes.contains(nodeid)) {
+        const SqlResult found = m_database->run(SelectNode, {{QStringLiteral("@nodeid"), nodeid}});
+        if (!found.ok)
+            return false;
+        m_nodes.insert(nodeid, {found.text(0, "nodeip"), found.integer(0, "nodeport3")});
+    }
+    address = m_nodes.value(nodeid);
+    return true;
+}
+
+bool TaskReader::readSeeds(Tasxkobj& player) const {
+    if (!player.isTemporary) {
+        const SqlResult found =
+            m_database->run(SelectSeeds, {{QStringLiteral("@taskid"), static_cast<qint64>(player.id)}});
+        if (!found.ok)
+            return false;
+        player.seeds.reserve(found.rows.size());
+        for (const auto& row : found.rows)
+            player.seeds += row.first().toString();
+    }
+    player.seeds.removeDuplicates(); // a speaker named twice plays once
+    return true;
+}
+
+bool TaskReader::readFiles(Tasxkobj& player) const {
+    return player.isTemporary ? readTemporaryFiles(player) : readStoredFiles(player);
+}
+
+bool TaskReader::readStoredFiles(Tasxkobj& player) const {
+    const SqlResult found =
+        m_database->run(SelectFiles, {{QStringLiteral("@taskid"), static_cast<qint64>(player.id)}});
+    player.files.clear(); // of an earlier try
+    for (int row = 0; row < found.rows.size(); ++row) {
+        player.files += absolute(found.text(row, "url"));
+        player.fileLengths.insert(player.files.last(), found.integer(row, "len"));
+    }
+    return found.ok;
+}
+
+bool TaskReader::readTemporaryFiles(Tasxkobj& player) const {
+    QStringList addresses;
+    for (const QString& url : qAsConst(player.files)) {
+        const SqlResult found = m_database->run(
+            SelectLength, {{QStringLiteral("@url"), url}, {QStringLiteral("@userid"), player.userid}});
+        if (!found.ok)
+            return false;
+        addresses += absolute(url);
+        if (!found.isEmpty())
+            player.fileLengths.insert(addresses.last(), found.integer(0, "len"));
+    }
+    player.files = addresses;
+    return true;
+}
+
+QString TaskReader::absolute(const QString& url) const {
+    return url.contains(QStringLiteral("://")) ? url : m_database->site.preurl + url;
+}

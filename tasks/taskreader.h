@@ -1,0 +1,42 @@
+#pragma once
+
+#include "tasks/commandrelay.h"
+#include "tasks/schedule.h"
+
+#include <memory>
+#include <optional>
+#include <QHash>
+#include <QString>
+
+class sqlite;
+struct SqlResult;
+class Tasxkobj;
+
+/// Fills players from the database: the task's row, its node, its speakers and its files. Main loop
+/// only. A reader that returns a bool returns false when the database could not be asked.
+class TaskReader {
+public:
+    explicit TaskReader(sqlite* database)
+        : m_database(database) {}
+
+    static TaskTimes times(const SqlResult& tasks, int row);
+    std::unique_ptr<Tasxkobj> player(const SqlResult& tasks, int row) const;
+    /// A temporary play as its request's row has it, without the lengths of its files.
+    std::unique_ptr<Tasxkobj> temporaryPlayer(const SqlResult& requests, int row, quint64 key) const;
+
+    /// The task of that id; no row when there is none.
+    SqlResult task(int id) const;
+    /// Address of a row of `sbox_node`; kept until forgetNodes(). A port of 0 when there is no such row.
+    bool readNode(int nodeid, NodeAddress& address);
+    void forgetNodes() { m_nodes.clear(); }
+    bool readSeeds(Tasxkobj& player) const;
+    bool readFiles(Tasxkobj& player) const;
+
+private:
+    bool readStoredFiles(Tasxkobj& player) const;
+    bool readTemporaryFiles(Tasxkobj& player) const;
+    /// Speakers fetch by absolute address; the table holds addresses below this server's own.
+    QString absolute(const QString& url) const;
+    sqlite* m_database;
+    QHash<int, NodeAddress> m_nodes;
+};

@@ -1,0 +1,158 @@
+#include "tasks/tasxkobj.h"
+
+#include <algorithm>
+#include <QDebug>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRandomGenerator>
+
+namespace {
+
+// Named in the second stop document, where an address has to stand.
+const QString NoFile = QStringLiteral("none.mp3");
+
+// QTimer counts in int milliseconds; no play is longer than a day.
+std::chrono::milliseconds timerSpan(int seconds) {
+    return std::chrono::seconds(std::clamp(seconds, 0, 86400));
+}
+
+QByteArray compact(const QJsonObject& command) {
+    return QJsonDocument(command).toJson(QJsonDocument::Compact).replace('\n', QByteArray());
+}
+
+QByteArray withoutBlanks(const QJsonObject& command) {
+    return compact(command).replace(' ', QByteArray());
+}
+
+QJsonObject command(const char* word, const QStringList& seeds) {
+    return {{QStringLiteral("cmd"), QLatin1String(word)},
+            {QStringLiteral("snlist"), QJsonArray::fromStringList(seeds)}};
+}
+
+QJsonObject playCommand(const char* word, const QStringList& seeds, const QString& url) {
+    QJsonObject object = command(word, seeds);
+    object.insert(QStringLiteral("filelist"), QJsonArray{url});
+    return object;
+}
+
+} // namespace
+
+Tasxkobj::Tasxkobj(sqlite* /*database*/, QObject* parent)
+    : QObject(parent) {
+    for (QTimer* timer : {&m_taskTimer, &m_fileTimer}) {
+        timer->setSingleShot(true);
+        timer->setTimerType(Qt::PreciseTimer);
+    }
+    connect(&m_taskTimer, &QTimer::timeout, this, &Tasxkobj::TimerOut);
+    connect(&m_fileTimer, &QTimer::timeout, this, &Tasxkobj::TimerNext);
+}
+
+bool Tasxkobj::endsWithin(std::chrono::milliseconds time) const {
+    if (!isPlaying())
+        return false;
+    const bool lastFile = repeat != 0 && playlist.isEmpty() && m_fileTimer.isActive();
+    return m_taskTimer.remainingTimeAsDuration() <= time ||
+           (lastFile && m_fileTimer.remainingTimeAsDuration() <= time);
+}
+
+void Tasxkobj::Start() {
+    if (repeat == 0) {
+        randplay();
+        return;
+    }
+    if (repeat < 0)
+        return;
+    repeat = std::min(repeat, MaxRepeat);
+    playlist.clear();
+    for (int i = 0; i < repeat; ++i)
+        playlist += files;
+    finished = false;
+    m_taskTimer.start(timerSpan(len));
+    ruderplay();
+}
+
+void Tasxkobj::randplay() {
+    if (len == 0 && jiange == 0) {
+        finished = true;
+        emit Over(id);
+        return;
+    }
+    if (len < 1 || files.isEmpty())
+        return;
+    finished = false;
+    m_taskTimer.start(timerSpan(len));
+    playAny();
+}
+
+void Tasxkobj::playAny() {
+    play_file(files.at(QRandomGenerator::global()->bounded(files.size())));
+}
+
+void Tasxkobj::ruderplay() {
+    if (!playlist.isEmpty()) {
+        play_file(playlist.takeFirst());
+        return;
+    }
+    stopPlaying();
+    qInfo() << "云平台定时任务:" << name << id << "正常播放结束";
+    emit Over(id);
+}
+
+void Tasxkobj::play_file(const QString& url) {
+    const int length = fileLengths.value(url, 0);
+    if (length < 1)
+        return;
+    qInfo() << "云平台定时任务 播放url：" << name << id << url << "文件播放时长" << length;
+    play_JSON(url, length);
+    m_fileTimer.start(timerSpan(length));
+}
+
+void Tasxkobj::play_JSON(const QString& url, int /*length*/) {
+    play_JSON(url);
+}
+
+void Tasxkobj::play_JSON(const QString& url) {
+    if (forcePlayAs)
+        playAS_JSON(url);
+    else
+        emit Ocmd(compact(playCommand("PLAYOFF", seeds, url)));
+}
+
+void Tasxkobj::playAS_JSON(const QString& url) {
+    emit Ocmd(compact(playCommand("PLAYAS", seeds, url)));
+}
+
+void Tasxkobj::playA5_JSON() {
+    emit Ocmd(withoutBlanks(command(forcePlayAs ? "PLAYAS" : "FORCESTOP", seeds)));
+    qInfo() << "云平台定时任务 停止命令已发送" << name << id;
+    // Stops an alarm's "PLAYAS" too, and is the second chance when the first frame is lost.
+    QJsonObject again = playCommand("FORCESTOP", seeds, NoFile);
+    again.insert(QStringLiteral("level"), QStringLiteral("5"));
+    emit Ocmd(withoutBlanks(again));
+}
+
+void Tasxkobj::TimerNext() {
+    if (finished)
+        return;
+    m_fileTimer.stop();
+    if (repeat == 0)
+        playAny();
+    else
+        ruderplay();
+}
+
+void Tasxkobj::TimerOut() {
+    if (finished)
+        return;
+    stopPlaying();
+    qInfo() << "云平台定时任务 到点结束" << name << id;
+    emit Over(id);
+}
+
+void Tasxkobj::stopPlaying() {
+    finished = true;
+    m_taskTimer.stop();
+    m_fileTimer.stop();
+    playA5_JSON();
+}

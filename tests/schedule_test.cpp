@@ -1,0 +1,284 @@
+// Which second starts which task: a week of bells against a calculation of its own, and the clock's tricks.
+#include "support/testmain.h"
+#include "tasks/schedule.h"
+#include "tasks/tasktime.h"
+
+#include <QDateTime>
+#include <QRandomGenerator>
+#include <QTimeZone>
+#include <set>
+
+namespace {
+
+constexpr qint64 Day = 86400;
+
+/// A zone's offset, looked up once a quarter of an hour: no zone changes at another moment.
+UtcOffset offsetOf(const QTimeZone& zone) {
+    auto known = std::make_shared<QHash<qint64, int>>();
+    return [zone, known](qint64 epoch) {
+        const qint64 quarter = epoch / 900;
+        if (!known->contains(quarter))
+            known->insert(quarter, zone.offsetFromUtc(QDateTime::fromSecsSinceEpoch(quarter * 900, Qt::UTC)));
+        return known->value(quarter);
+    };
+}
+
+/// The first moment that has this local date and time, by the calendar's own rules; -1 when none has.
+qint64 firstMoment(const QDate& date, int secondOfDay, const QTimeZone& zone) {
+    const qint64 asUtc = QDateTime(date, QTime(0, 0), Qt::UTC).toSecsSinceEpoch() + secondOfDay;
+    for (int offset = 15 * 3600; offset >= -15 * 3600; offset -= 900) {
+        const QDateTime moment = QDateTime::fromSecsSinceEpoch(asUtc - offset, Qt::UTC);
+        if (zone.offsetFromUtc(moment) == offset)
+            return moment.toSecsSinceEpoch();
+    }
+    return -1;
+}
+
+using Starts = std::multiset<std::pair<qint64, int>>; ///< second, task
+
+struct Bell {
+    int id;
+    TaskTimes times;
+};
+
+/// Bells at random and at every border: midnight, the span's ends, the hours that clocks skip and repeat.
+std::vector<Bell> makeBells(const WorkingSpan& span, const QDate& from) {
+    QRandomGenerator random(7);
+    const std::vector<int> borders{0,           1,    10,   86399, span.from - 1, span.from, span.to,
+                                   span.to + 1, 7199, 7200, 7201,  9000,          10799,     10800,
+                                   10801,       3600, 3599, 1800,  5400,          12 * 3600};
+    const qint64 firstDay = QDate(1970, 1, 1).daysTo(from);
+    std::vector<Bell> bells;
+    for (int id = 1; id <= 500; ++id) {
+        TaskTimes times;
+        times.startTime =
+            id <= 200 ? borders[static_cast<size_t>(id) % borders.size()] : random.bounded(86400);
+        if (id % 3 == 1)
+            times.startdate = firstDay + random.bounded(-1, 8);
+        if (id % 4 == 2)
+            times.enddate = firstDay + random.bounded(-1, 8);
+        for (int i = 0; i < (id % 50 == 0 ? 6 : 7); ++i)
+            times.week += id % 2 == 0 || random.bounded(2) == 1 ? '1' : '0';
+        bells.push_back({id, times});
+    }
+    return bells;
+}
+
+/// Every start from `from` on for `days`, worked out per bell and calendar day.
+Starts expectedStarts(const std::vector<Bell>& bells, const WorkingSpan& span, const QDate& from, int days,
+                      const QTimeZone& zone) {
+    Starts starts;
+    for (int i = 0; i < days; ++i) {
+        const QDate date = from.addDays(i);
+        for (const Bell& bell : bells) {
+            const int at = bell.times.startTime;
+            const qint64 moment = firstMoment(date, at, zone);
+            if (moment < 0 || at < span.from || at > span.to)
+                continue;
+            const qint64 utcDay =
+                QDate(1970, 1, 1).daysTo(QDateTime::fromSecsSinceEpoch(moment, Qt::UTC).date());
+            const bool byDate = (bell.times.startdate == 0 || utcDay >= bell.times.startdate) &&
+                                (bell.times.enddate == 0 || utcDay <= bell.times.enddate);
+            const bool byWeek =
+                bell.times.week.size() != 7 || bell.times.week[date.dayOfWeek() - 1] == QChar('1');
+            if (byDate && byWeek)
+                starts.insert({moment, bell.id});
+        }
+    }
+    return starts;
+}
+
+} // namespace
+
+class ScheduleTest : public QObject {
+    Q_OBJECT
+private slots:
+    void week_data() {
+        QTest::addColumn<QByteArray>("zone");
+        QTest::addColumn<QDate>("from");
+        QTest::newRow("ordinary") << QByteArray("Asia/Shanghai") << QDate(2026, 11, 23);
+        QTest::newRow("into summer time") << QByteArray("Europe/Berlin") << QDate(2027, 3, 24);
+        QTest::newRow("out of summer time") << QByteArray("Europe/Berlin") << QDate(2027, 10, 27);
+        QTest::newRow("half an hour back") << QByteArray("Australia/Lord_Howe") << QDate(2027, 4, 1);
+        QTest::newRow("skipped midnight") << QByteArray("Africa/Cairo") << QDate(2027, 4, 27);
+        QTest::newRow("west of Greenwich") << QByteArray("America/New_York") << QDate(2026, 10, 29);
+    }
+    void week() {
+        QFETCH(QByteArray, zone);
+        QFETCH(QDate, from);
+        const QTimeZone rules(zone);
+        QVERIFY(rules.isValid());
+        const WorkingSpan span{zone == "Asia/Shanghai" ? 21276 : 0, zone == "Asia/Shanghai" ? 82800 : 86399};
+        const std::vector<Bell> bells = makeBells(span, from);
+        QMultiHash<int, const Bell*> byTime;
+        for (const Bell& bell : bells)
+            byTime.insert(bell.times.startTime, &bell);
+
+        // Ticks come up to 40 s late, sometimes two in one second.
+        const LocalTime localTime(offsetOf(rules));
+        const qint64 first =
+            firstMoment(from, 0, rules) < 0 ? firstMoment(from, 3600, rules) : firstMoment(from, 0, rules);
+        const qint64 last = firstMoment(from.addDays(7), 0, rules) - 1;
+        SecondSequence sequence(first - 1);
+        QRandomGenerator random(1);
+        Starts starts;
+        for (qint64 now = first;; now = qMin(now + random.bounded(41), last)) {
+            const SecondSequence::Due due = sequence.due(now);
+            QCOMPARE(due.jump, 0);
+            for (qint64 s = due.first; s <= due.last; ++s) {
+                const ScheduleSecond second = localTime.at(s);
+                sequence.handled(s);
+                for (const Bell* bell : byTime.values(second.secondOfDay)) {
+                    if (isDue(bell->times, second) && !second.repeated && span.contains(second.secondOfDay))
+                        starts.insert({s, bell->id});
+                }
+            }
+            if (now == last)
+                break;
+        }
+        const Starts expected = expectedStarts(bells, span, from, 7, rules);
+        QVERIFY(expected.size() > 500);
+        Starts missed, extra;
+        std::set_difference(expected.begin(), expected.end(), starts.begin(), starts.end(),
+                            std::inserter(missed, missed.end()));
+        std::set_difference(starts.begin(), starts.end(), expected.begin(), expected.end(),
+                            std::inserter(extra, extra.end()));
+        for (const auto& [second, id] : missed)
+            qWarning() << "missed" << id << QDateTime::fromSecsSinceEpoch(second, rules);
+        for (const auto& [second, id] : extra)
+            qWarning() << "extra" << id << QDateTime::fromSecsSinceEpoch(second, rules);
+        QVERIFY(missed.empty() && extra.empty());
+    }
+
+    void skippedHourIsTold() {
+        const LocalTime berlin(offsetOf(QTimeZone("Europe/Berlin")));
+        const qint64 change = QDateTime({2027, 3, 28}, {1, 0}, Qt::UTC).toSecsSinceEpoch();
+        QVERIFY(berlin.skippedBefore(change - 1).empty());
+        const auto skipped = berlin.skippedBefore(change);
+        QCOMPARE(skipped.size(), size_t{1});
+        QCOMPARE(skipped[0].first, 2 * 3600);
+        QCOMPARE(skipped[0].last, 3 * 3600 - 1);
+        QCOMPARE(skipped[0].weekday, 7);
+        QVERIFY(isDueIn({9000, 0, 0, "0000001"}, skipped[0]));
+        QVERIFY(!isDueIn({9000, 0, 0, "1111110"}, skipped[0]));
+        QVERIFY(!isDueIn({10800, 0, 0, "1111111"}, skipped[0]));
+        QVERIFY(berlin.skippedBefore(change + 1).empty());
+    }
+
+    void clockChanges_data() {
+        QTest::addColumn<QList<int>>("ticks");
+        QTest::addColumn<QList<int>>("seconds");
+        QTest::addColumn<int>("jumps");
+        const auto upTo = [](int from, int to) {
+            QList<int> all;
+            for (int i = from; i <= to; ++i)
+                all += i;
+            return all;
+        };
+        QTest::newRow("every second") << QList<int>{101, 102, 103} << QList<int>{101, 102, 103} << 0;
+        QTest::newRow("late") << QList<int>{101, 104} << QList<int>{101, 102, 103, 104} << 0;
+        QTest::newRow("a minute late") << QList<int>{160} << upTo(101, 160) << 0;
+        QTest::newRow("later than that") << QList<int>{161, 162} << QList<int>{161, 162} << 1;
+        QTest::newRow("twice in one second") << QList<int>{101, 101} << QList<int>{101} << 0;
+        QTest::newRow("set back a little") << QList<int>{101, 90, 95, 101, 102} << QList<int>{101, 102} << 0;
+        QTest::newRow("set back a minute") << QList<int>{101, 41, 102} << QList<int>{101, 102} << 0;
+        QTest::newRow("set back more") << QList<int>{101, 40, 41} << QList<int>{101, 40, 41} << 1;
+    }
+    void clockChanges() {
+        QFETCH(QList<int>, ticks);
+        QFETCH(QList<int>, seconds);
+        QFETCH(int, jumps);
+        SecondSequence sequence(100);
+        QList<int> handled;
+        int jumped = 0;
+        for (int now : ticks) {
+            const auto due = sequence.due(now);
+            jumped += due.jump != 0;
+            for (qint64 s = due.first; s <= due.last; ++s) {
+                handled += static_cast<int>(s);
+                sequence.handled(s);
+            }
+        }
+        QCOMPARE(handled, seconds);
+        QCOMPARE(jumped, jumps);
+    }
+
+    void unhandledSecondComesAgain() {
+        SecondSequence sequence(100);
+        sequence.due(103);
+        sequence.handled(101); // 102 could not be read from the database
+        QCOMPARE(sequence.due(104).first, 102);
+    }
+
+    void oneStartAMinute() {
+        StartGuard guard;
+        QVERIFY(guard.admit(1, 3600, 0));
+        QVERIFY(!guard.admit(1, 3600, 59999));
+        QVERIFY(guard.admit(1, 3601, 59999)); // moved to another time meanwhile
+        QVERIFY(guard.admit(2, 3600, 59999));
+        QVERIFY(guard.admit(1, 3600, 60000));
+    }
+
+    void dueByDateAndWeek_data() {
+        QTest::addColumn<qint64>("startdate");
+        QTest::addColumn<qint64>("enddate");
+        QTest::addColumn<QString>("week");
+        QTest::addColumn<bool>("due");
+        const qint64 today = 20778; // 2026-11-21, a Saturday
+        QTest::newRow("unbounded") << 0LL << 0LL << "1111111" << true;
+        QTest::newRow("from today") << today << 0LL << "1111111" << true;
+        QTest::newRow("from tomorrow") << today + 1 << 0LL << "1111111" << false;
+        QTest::newRow("until today") << 0LL << today << "1111111" << true;
+        QTest::newRow("until yesterday") << 0LL << today - 1 << "1111111" << false;
+        QTest::newRow("not at weekends") << 0LL << 0LL << "1111100" << false;
+        QTest::newRow("Saturdays only") << 0LL << 0LL << "0000010" << true;
+        QTest::newRow("six characters") << 0LL << 0LL << "000000" << true;
+        QTest::newRow("empty week") << 0LL << 0LL << "" << true;
+    }
+    void dueByDateAndWeek() {
+        QFETCH(qint64, startdate);
+        QFETCH(qint64, enddate);
+        QFETCH(QString, week);
+        QFETCH(bool, due);
+        const LocalTime utc([](qint64) { return 0; });
+        const ScheduleSecond second = utc.at(20778 * Day + 3600);
+        QCOMPARE(isDue({3600, startdate, enddate, week}, second), due);
+        QVERIFY(!isDue({3601, startdate, enddate, week}, second));
+    }
+
+    void texts_data() {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<int>("time"); // -1 refused
+        QTest::addColumn<int>("date");
+        QTest::newRow("time") << "8:5:0" << 29100 << -1;
+        QTest::newRow("padded time") << "08:05:00" << 29100 << -1;
+        QTest::newRow("last second") << "23:59:59" << 86399 << -1;
+        QTest::newRow("hour 24") << "24:0:0" << -1 << -1;
+        QTest::newRow("minute 60") << "1:60:0" << -1 << -1;
+        QTest::newRow("two parts") << "8:00" << -1 << -1;
+        QTest::newRow("sign") << "+8:0:0" << -1 << -1;
+        QTest::newRow("empty") << "" << -1 << 0;
+        QTest::newRow("date") << "2026-11-21" << -1 << 20778;
+        QTest::newRow("padded date") << "2027-01-02" << -1 << 20820;
+        QTest::newRow("no such day") << "2027-2-29" << -1 << -1;
+        QTest::newRow("leap day") << "2028-2-29" << -1 << 21243;
+        QTest::newRow("unbounded") << "0" << -1 << 0;
+        QTest::newRow("two-digit year") << "27-1-1" << -1 << -1;
+    }
+    void texts() {
+        QFETCH(QString, text);
+        QFETCH(int, time);
+        QFETCH(int, date);
+        QCOMPARE(secondsOfTime(text).value_or(-1), time);
+        QCOMPARE(daysOfDate(text).value_or(-1), qint64{date});
+        if (time >= 0)
+            QCOMPARE(secondsOfTime(timeOfSeconds(time)).value_or(-1), time);
+        if (date >= 0)
+            QCOMPARE(daysOfDate(dateOfDays(date)).value_or(-1), qint64{date});
+    }
+};
+
+int main(int argc, char** argv) {
+    return runTest<ScheduleTest>(argc, argv);
+}
+#include "schedule_test.moc"
