@@ -120,14 +120,6 @@ void Task_workque::forNodeout() {
     }
 }
 
-Tasxkobj* Task_workque::runningPlayer(quint64 key) const {
-    for (const Node& node : m_nodes) {
-        if (Tasxkobj* player = node.poller->player(key))
-            return player;
-    }
-    return nullptr;
-}
-
 // --- the scheduling tick ---
 
 void Task_workque::scheduleTick() {
