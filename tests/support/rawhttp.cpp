@@ -83,6 +83,11 @@ bool RawHttp::hasEnded() const {
     return got == 0 || (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK);
 }
 
+bool RawHttp::hasData() const {
+    char byte;
+    return ::recv(m_socket, &byte, 1, MSG_DONTWAIT | MSG_PEEK) >= 0;
+}
+
 bool RawHttp::drain() {
     while (fill())
         m_buffer.clear();

@@ -30,6 +30,7 @@ public:
     bool drain();
     /// Whether it has ended already; looks at nothing but the end.
     bool hasEnded() const;
+    bool hasData() const; ///< bytes to read are there, or the end
     /// Bytes that are there at once or within the deadline; empty at the end.
     QByteArray receiveSome(int most);
     void close();
