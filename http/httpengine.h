@@ -19,7 +19,7 @@ struct MHD_Daemon;
 class HttpEngine {
 public:
     struct Settings {
-        std::chrono::milliseconds readTimeout{10'000};
+        std::chrono::milliseconds readTimeout{60'000};
         BodyLimits limits;
         WorkerPool::Settings workers;
     };

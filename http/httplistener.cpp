@@ -17,10 +17,10 @@ std::chrono::milliseconds duration(const QSettings& settings, const QString& key
 
 HttpEngine::Settings engineSettings(const QSettings& settings) {
     HttpEngine::Settings result;
-    result.readTimeout = duration(settings, QStringLiteral("readTimeout"), 10'000);
+    result.readTimeout = duration(settings, QStringLiteral("readTimeout"), 60'000);
     // A list of twenty thousand serials is 660 kB; an hour of speech at 128 kbit/s is 58 MB.
     result.limits.request = settings.value(QStringLiteral("maxRequestSize"), 2'000'000).toLongLong();
-    result.limits.multiPart = settings.value(QStringLiteral("maxMultiPartSize"), 100'000'000).toLongLong();
+    result.limits.multiPart = settings.value(QStringLiteral("maxMultiPartSize"), 134'217'728).toLongLong();
     result.workers.minThreads = std::max(1, settings.value(QStringLiteral("minThreads"), 4).toInt());
     result.workers.maxThreads =
         std::max(result.workers.minThreads, settings.value(QStringLiteral("maxThreads"), 100).toInt());

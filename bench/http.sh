@@ -1,0 +1,105 @@
+#!/usr/bin/env bash
+# HTTP side by side with nginx: one 1 MB MP3 to 64 connections, and 2,000 slow readers.
+# Usage: bench/http.sh [BUILD_DIR]      (default build/release; RUNS=5 and READERS=2000 may be set)
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=$(cd "${1:-$root/build/release}" && pwd)
+runs=${RUNS:-5}
+readers=${READERS:-2000}
+dir=$(mktemp -d)
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+  rm -rf "$dir"
+}
+trap cleanup EXIT
+ulimit -n "$(ulimit -Hn)"
+
+free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
+wait_for() {
+  for _ in $(seq 200); do
+    curl -sf -o /dev/null "http://127.0.0.1:$1/song.mp3" && return
+    sleep 0.1
+  done
+  echo "no answer on port $1" >&2
+  exit 1
+}
+median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+
+chmod 755 "$dir" # nginx drops its privileges
+mkdir -p "$dir/docroot" "$dir/nginx" "$dir/speakerd"
+head -c 1048576 /dev/urandom >"$dir/docroot/song.mp3"
+
+nginx_port=$(free_port)
+cat >"$dir/nginx.conf" <<CONF
+worker_processes 2;
+pid $dir/nginx.pid;
+error_log $dir/nginx.log;
+events { worker_connections 8192; }
+http {
+  access_log off;
+  sendfile on;
+  tcp_nopush on;
+  keepalive_requests 1000000;
+  default_type audio/mpeg;
+  client_body_temp_path $dir/nginx; proxy_temp_path $dir/nginx; fastcgi_temp_path $dir/nginx;
+  uwsgi_temp_path $dir/nginx; scgi_temp_path $dir/nginx;
+  server { listen 127.0.0.1:$nginx_port backlog=4096; root $dir/docroot; }
+}
+CONF
+nginx -c "$dir/nginx.conf" -g 'daemon off;' &
+pids+=($!)
+wait_for "$nginx_port"
+mapfile -t nginx_pids < <(pgrep -P "${pids[0]}")
+
+http_port=$(free_port)
+cat >"$dir/speakerd/config.ini" <<CONF
+[Settings]
+LocalIP=127.0.0.1
+DPort=$(free_port)
+PS1=$(free_port)
+PS2=$(free_port)
+dbk=3
+EnableRedis=false
+[listener]
+host=127.0.0.1
+port=$http_port
+[docroot]
+path=$dir/docroot
+CONF
+(cd "$dir/speakerd" && exec "$build/speakerd" config.ini) 2>"$dir/speakerd.log" &
+pids+=($!)
+speakerd_pid=$!
+wait_for "$http_port"
+
+throughput() { # port: requests a second
+  wrk -t2 -c64 -d"${SECONDS_EACH:-8}s" "http://127.0.0.1:$1/song.mp3" | awk '/Requests\/sec/ { print $2 }'
+}
+echo "== static: 1 MB MP3, 64 connections, requests/s (runs alternate)"
+for _ in $(seq "$runs"); do
+  throughput "$nginx_port" >>"$dir/nginx.rps"
+  throughput "$http_port" >>"$dir/speakerd.rps"
+done
+echo "nginx    $(paste -sd' ' "$dir/nginx.rps") median $(median <"$dir/nginx.rps")"
+echo "speakerd $(paste -sd' ' "$dir/speakerd.rps") median $(median <"$dir/speakerd.rps")"
+paste "$dir/speakerd.rps" "$dir/nginx.rps" | awk '{ print $1 / $2 }' | median | sed 's/^/ratio    /'
+
+echo "== slow: $readers readers at 16 kB/s, CPU of the server (runs alternate)"
+nginx_arguments=()
+for pid in "${nginx_pids[@]}"; do nginx_arguments+=(--pid "$pid"); done
+slow() { "$build/httpload" --readers "$readers" --seconds "${SECONDS_EACH:-8}" "$@"; }
+for _ in $(seq "$runs"); do
+  slow --port "$nginx_port" "${nginx_arguments[@]}" | sed 's/^/nginx    /' | tee -a "$dir/slow"
+  slow --port "$http_port" --pid "$speakerd_pid" --api /user/test | sed 's/^/speakerd /' | tee -a "$dir/slow"
+done
+for name in nginx speakerd; do
+  awk -v n="$name" '$1 == n { sub("%", "", $3); print $3 }' "$dir/slow" | median | sed "s/^/$name median CPU % /"
+done
+
+echo "== JSON: POST /user/test, 64 connections"
+cat >"$dir/post.lua" <<'LUA'
+wrk.method = "POST"
+LUA
+wrk -t2 -c64 -d"${SECONDS_EACH:-8}s" --latency -s "$dir/post.lua" "http://127.0.0.1:$http_port/user/test" |
+  awk '/Requests\/sec|99%|50%/'
