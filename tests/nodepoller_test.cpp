@@ -1,0 +1,131 @@
+// What a poller makes of the speakers' state that its own node tells, and of service periods.
+#include "core/sqlite.h"
+#include "support/scriptednode.h"
+#include "support/testmain.h"
+#include "support/waitfor.h"
+#include "tasks/devicestatus.h"
+#include "tasks/nodeque.h"
+#include "tasks/serviceperiod.h"
+
+#include <QDate>
+#include <QFile>
+#include <QTemporaryDir>
+
+class NodePollerTest : public QObject {
+    Q_OBJECT
+private slots:
+    void initTestCase() {
+        QVERIFY(QDir::setCurrent(m_directory.path()));
+        m_db = std::make_unique<sqlite>(QString(), 0, QString(), QString(), QString(), 3);
+        m_db->init();
+        QFile script(":/etc/ttys/sqlite3main.sql");
+        QVERIFY(script.open(QIODevice::ReadOnly));
+        QVERIFY(m_db->runScript(QString::fromUtf8(script.readAll())) > 0);
+    }
+
+    void changes_data() {
+        QTest::addColumn<QList<QByteArray>>("entries");
+        QTest::addColumn<QStringList>("last"); // statements of the last answer
+        const QByteArray a = "{'sn':'a1','vol':7,'kind':2,'status':1,'xhstatus':3}";
+        const QString all = "UPDATE `sbox_device_info` SET `vol` = '7', `kind` = '2', `xhstatus` = '3', "
+                            "`status` = '1' WHERE (`device_seed` = 'a1' ) ;";
+        QTest::newRow("new") << QList<QByteArray>{a} << QStringList{all};
+        QTest::newRow("quiet") << QList<QByteArray>{a, a} << QStringList{};
+        QTest::newRow("changed and back")
+            << QList<QByteArray>{a, "{'sn':'a1','vol':8,'kind':2,'status':1,'xhstatus':3}", a}
+            << QStringList{all};
+        QTest::newRow("one of two") << QList<QByteArray>{a + ",{'sn':'b2','vol':1,'kind':1,'status':0}",
+                                                         a + ",{'sn':'b2','vol':1,'kind':1,'status':1}"}
+                                    << QStringList{
+                                           "UPDATE `sbox_device_info` SET `vol` = '1', `status` = '1', "
+                                           "`kind` = '1' WHERE (`device_seed` = 'b2' and `id` > 0 );"};
+        QTest::newRow("counters add up every time")
+            << QList<QByteArray>{"{'sn':'a1','status':1,'rt':4,'pyl':2}",
+                                 "{'sn':'a1','status':1,'rt':4,'py':0}"}
+            << QStringList{
+                   "UPDATE `sbox_device_info` SET `rt` = `rt`+'4', `status` = '1' WHERE (`device_seed` = "
+                   "'a1' ) ;"};
+        QTest::newRow("serial that is none")
+            << QList<QByteArray>{"{'sn':'a1 or 1','status':1}"} << QStringList{};
+        QTest::newRow("no state") << QList<QByteArray>{"{'sn':'a1','vol':1}"} << QStringList{};
+        QTest::newRow("does not parse") << QList<QByteArray>{"{'sn':"} << QStringList{};
+    }
+    void changes() {
+        QFETCH(QList<QByteArray>, entries);
+        QFETCH(QStringList, last);
+        DeviceStatus status(SqlDialect::Sqlite);
+        QStringList statements;
+        for (QByteArray entry : entries)
+            statements = status.changes("{\"res\":\"success\",\"list\":[" + entry.replace('\'', '"') + "]}");
+        QCOMPARE(statements, last);
+    }
+
+    void listBecomesStatements() {
+        ScriptedNode node;
+        node.list = "{\"res\":\"success\",\"list\":[";
+        for (int i = 0; i < 1000; ++i)
+            node.list += (i ? ",{\"sn\":\"" : "{\"sn\":\"") + QByteArray::number(i) + "\",\"status\":1}";
+        node.list += "]}";
+        Nodeque poller(nullptr, 3, m_db.get(), "127.0.0.1", node.port());
+        QStringList statements;
+        connect(&poller, &Nodeque::updatedatabase, [&](const QString& sql) { statements += sql; });
+        poller.getinfotime();
+        poller.getinfotime(); // while the first is under way
+        QVERIFY(waitFor([&] { return statements.size() == 1000; }));
+        QCOMPARE(node.listsAsked(), 1);
+        node.list.replace("\"7\",\"status\":1", "\"7\",\"status\":0");
+        poller.getinfotime();
+        QVERIFY(waitFor([&] { return statements.size() == 1001; }));
+        QVERIFY(statements.last().contains("`status` = '0' WHERE (`device_seed` = '7' )"));
+    }
+
+    void servicePeriods_data() {
+        QTest::addColumn<int>("days");
+        QTest::addColumn<int>("statu");
+        QTest::addColumn<QString>("becomes");
+        QTest::newRow("over, active") << -1 << 1 << "expired";
+        QTest::newRow("last day, active") << 0 << 1 << "";
+        QTest::newRow("over, disabled already") << -1 << 2 << "";
+        QTest::newRow("renewed") << 1 << 3 << "renewed";
+        QTest::newRow("renewed too short") << -1 << 3 << "";
+        QTest::newRow("active") << 1 << 1 << "";
+    }
+    void servicePeriods() {
+        QFETCH(int, days);
+        QFETCH(int, statu);
+        QFETCH(QString, becomes);
+        m_db->exec("DELETE FROM snover");
+        for (const char* sn : {"a1", "b2", "c 3"}) // the last one is no serial
+            m_db->exec(QStringLiteral("INSERT INTO snover (sn, overtime, statu) VALUES ('%1', '%2', %3)")
+                           .arg(sn, QDate::currentDate().addDays(days).toString(Qt::ISODate))
+                           .arg(statu));
+        const ServicePeriods periods(m_db.get());
+        QVERIFY(periods.exists());
+        const QStringList both{"a1", "b2"};
+        QCOMPARE(periods.expired(), becomes == "expired" ? both : QStringList());
+        QCOMPARE(periods.renewed(), becomes == "renewed" ? both : QStringList());
+        if (becomes == "expired")
+            periods.markDisabled(both);
+        if (becomes == "renewed")
+            periods.markEnabled(both);
+        QVERIFY(periods.expired().isEmpty() && periods.renewed().isEmpty());
+        const int marked = becomes == "expired" ? 2 : becomes == "renewed" ? 1 : statu;
+        QCOMPARE(
+            m_db->run("SELECT id FROM snover WHERE statu = @s and sn != 'c 3'", {{"@s", marked}}).rows.size(),
+            2);
+    }
+
+    void noTableOfServicePeriods() {
+        m_db->exec("DROP TABLE snover");
+        QVERIFY(!ServicePeriods(m_db.get()).exists());
+    }
+
+private:
+    QTemporaryDir m_directory;
+    std::unique_ptr<sqlite> m_db;
+};
+
+int main(int argc, char** argv) {
+    return runTest<NodePollerTest>(argc, argv);
+}
+#include "nodepoller_test.moc"
