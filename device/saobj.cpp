@@ -86,9 +86,13 @@ void SAobj::mirrorRegistration() {
     StateMirror* const target = m_env.connectedMirror();
     if (!target)
         return;
-    const QDateTime registered = QDateTime::fromSecsSinceEpoch(m_registeredAt);
     target->online_newdevices(m_sn, m_kind, m_vol, m_micD, m_micE, m_localIp, m_remoteIp,
-                              registered.toString(QStringLiteral("yyyy-MM-dd hh:mm:ss")));
+                              registrationTime(QLatin1Char(' ')));
+}
+
+QString SAobj::registrationTime(QChar separator) const {
+    const QDateTime registered = QDateTime::fromSecsSinceEpoch(m_registeredAt);
+    return registered.toString(QStringLiteral("yyyy-MM-dd%1hh:mm:ss").arg(separator));
 }
 
 void SAobj::mirrorState() {
@@ -97,6 +101,13 @@ void SAobj::mirrorState() {
     mirror("vol", m_vol);
     mirror("mic_d", m_micD);
     mirror("mic_e", m_micE);
+    if (m_registeredAt == 0)
+        return;
+    mirror("sn", m_sn);
+    mirror("kindsk", m_kind);
+    mirror("l_ip", m_localIp);
+    mirror("r_ip", m_remoteIp);
+    mirror("Reg_Date", registrationTime(QLatin1Char('-')));
 }
 
 void SAobj::mirrorStatus() {

@@ -153,7 +153,8 @@ public:
     /// Decodes a device information reply (one byte, then a JSON object) into the session; returns the
     /// object with "res" added: whether it could be read.
     QJsonObject dido(const QByteArray& reply);
-    /// Writes "Line", "STATUS", "vol", "mic_d" and "mic_e" to the mirror.
+    /// Writes "Line", "STATUS", "vol", "mic_d" and "mic_e" to the mirror, and of a speaker that has
+    /// registered "sn", "kindsk", "l_ip", "r_ip" and "Reg_Date" too.
     void mirrorState();
     /// Writes "STATUS" alone.
     void mirrorStatus();
@@ -178,6 +179,7 @@ private:
     int pushContentServer(const char* word, const QString& url);
     void mirror(const char* field, const QVariant& value);
     void mirrorRegistration();
+    QString registrationTime(QChar separator) const;
     void letGo();
     QString addressForSpeaker() const;
 

@@ -200,6 +200,6 @@ int SAobj::_AATS(const QString& a, const QString& b, const QString& c) {
 int SAobj::QT_test(const QByteArray& bytes) {
     const int written = wirteonlinecmd(bytes);
     if (written > 0)
-        mirror("test", QString::fromUtf8(bytes));
+        mirror("test", bytes);
     return written;
 }

@@ -114,7 +114,7 @@ void SAobj::reportPathDone(const QByteArray& /*rest*/) {
 
 void SAobj::reportPath(const QByteArray& path) {
     m_playingPath = QString::fromUtf8(path).left(MaxKeptText);
-    mirror("Playing_local_path", m_playingPath);
+    mirror("Playing_local_path", path);
 }
 
 void SAobj::reportLocalStatus(const QString& status, bool busy) {
@@ -147,7 +147,7 @@ void SAobj::reportTimeWanted(const QByteArray& /*rest*/) {
 }
 
 void SAobj::reportTaskList(const QByteArray& list) {
-    mirror("Task_list", QString::fromUtf8(list));
+    mirror("Task_list", list);
 }
 
 void SAobj::reportUpdate(const QByteArray& /*rest*/) {

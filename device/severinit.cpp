@@ -26,18 +26,22 @@ int number(const QJsonObject& description, QLatin1String key) {
     return description.value(key).toVariant().toInt();
 }
 
+/// Before a sweep looks again whether a mirror that has fallen behind has caught up.
+constexpr auto SweepPause = 5ms;
+
 /// Visits the sessions from serial `from` on, a batch now and the rest in the loop's next turns; the
 /// map may grow meanwhile. `done` follows the last.
 void sweep(QObject* context, const QMap<QString, SAobj*>& sessions, const QString& from,
-           void (*visit)(SAobj&), const std::function<void()>& done) {
+           void (*visit)(SAobj&), const std::function<void()>& done, const StateMirror* paceOf = nullptr) {
     auto entry = sessions.lowerBound(from);
-    for (int i = 0; i < SweepBatch && entry != sessions.constEnd(); ++i, ++entry)
+    const bool pause = paceOf && paceOf->isBacklogged();
+    for (int i = 0; !pause && i < SweepBatch && entry != sessions.constEnd(); ++i, ++entry)
         visit(**entry);
     if (entry == sessions.constEnd())
         return done();
     const QString next = entry.key();
-    QMetaObject::invokeMethod(
-        context, [=, &sessions] { sweep(context, sessions, next, visit, done); }, Qt::QueuedConnection);
+    QTimer::singleShot(pause ? SweepPause : 0ms, context,
+                       [=, &sessions] { sweep(context, sessions, next, visit, done, paceOf); });
 }
 } // namespace
 
@@ -263,5 +267,7 @@ void Severinit::reflushredis() {
 
 void Severinit::remirror() {
     sweep(
-        this, m_state->sessions, {}, [](SAobj& session) { session.mirrorState(); }, [] {});
+        this, m_state->sessions, {}, [](SAobj& session) { session.mirrorState(); },
+        [this] { qInfo() << "redis: sessions written again:" << m_state->sessions.size(); },
+        m_state->env.mirror);
 }

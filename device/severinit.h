@@ -92,7 +92,7 @@ public slots:
     void sasn_offline(const QString& sn);
     /// Writes every session's "STATUS" to the mirror, a batch a turn of the loop.
     void reflushredis();
-    /// Writes every session's "Line", "STATUS", "vol", "mic_d", "mic_e" likewise: the mirror is back
+    /// Writes what is known of every session likewise, no faster than the mirror takes it: it is back
     /// and may have lost what it had.
     void remirror();
     /// Runs one JSON request; returns the reply as compact JSON, without "\r\n". Never fails: what

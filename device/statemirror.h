@@ -13,6 +13,8 @@ public:
 
     /// True while writes reach the server. Every caller tests it first.
     virtual bool isConnected() const = 0;
+    /// True while so much waits to be sent that a sweep over every speaker should pause.
+    virtual bool isBacklogged() const = 0;
     /// Writes one field of the speaker's hash.
     virtual void Set_sn_key_value(const QString& sn, const QString& field, const QVariant& value) = 0;
     /// Alarm input events; the crossing of names and lists is the catalogue's own.

@@ -15,14 +15,16 @@ constexpr auto LongestPause = 30s;
 constexpr auto ReadLimit = 3s;
 /// The same for a read that blocks the loop because another one is waiting already.
 constexpr auto BlockingReadLimit = 1s;
-/// Sessions written again in one turn of the loop (about 1 ms), and the pause between two turns.
-constexpr int SessionsPerSlice = 200;
-constexpr auto SlicePause = 5ms;
-/// No further slice while this much is waiting to be sent.
-constexpr qint64 RewriteBacklog = 512L * 1024;
+/// What is still moving fast: half of what the socket is handed at once.
+constexpr qint64 MuchBacklog = WriteLink::MaxSocketBytes / 2;
 
 QByteArray bytes(const QString& text) {
     return text.toUtf8();
+}
+
+/// Bytes stay as they are; everything else is written as text.
+QByteArray bytes(const QVariant& value) {
+    return value.userType() == QMetaType::QByteArray ? value.toByteArray() : bytes(value.toString());
 }
 
 } // namespace
@@ -32,7 +34,6 @@ fuck_redis::fuck_redis(QObject* parent)
     , m_pause(FirstPause) {
     m_retryTimer.setSingleShot(true);
     connect(&m_retryTimer, &QTimer::timeout, this, &fuck_redis::retry);
-    connect(&m_rewriteTimer, &QTimer::timeout, this, &fuck_redis::rewriteSlice);
     connect(&m_writer, &WriteLink::lost, this, &fuck_redis::goAway);
     // Queued: what follows waits in an event loop, which has no place inside a socket's signal.
     connect(&m_writer, &WriteLink::ready, this, &fuck_redis::finishRetry, Qt::QueuedConnection);
@@ -42,6 +43,10 @@ fuck_redis::~fuck_redis() = default;
 
 bool fuck_redis::isConnected() const {
     return m_phase == Phase::Ready;
+}
+
+bool fuck_redis::isBacklogged() const {
+    return m_writer.backlog() > MuchBacklog;
 }
 
 // ---- connection ----
@@ -113,11 +118,8 @@ void fuck_redis::settle(bool up) {
     m_pause = FirstPause;
     m_awayLogged = false;
     qInfo().noquote() << "redis: connected to" << m_host << m_port;
-    if (wasAway) {
-        m_rewrittenTo.clear();
-        m_rewritten = 0;
-        m_rewriteTimer.start(SlicePause);
-    }
+    if (wasAway)
+        emit restored();
 }
 
 /// One outage is told once, however many attempts it takes.
@@ -125,7 +127,6 @@ void fuck_redis::goAway(const QString& reason) {
     if (m_phase == Phase::Idle || m_phase == Phase::Away)
         return;
     m_phase = Phase::Away;
-    m_rewriteTimer.stop();
     m_writer.close();
     for (QtRedis* client : {m_redis.get(), m_spare.get()})
         client->giveUp();
@@ -160,27 +161,6 @@ void fuck_redis::redis_disconnected() {
 void fuck_redis::slotMessage(const QtRedis::Reply& reply) {
     qDebug().noquote() << "Channel:" << reply.channel << "Pattern:" << reply.pattern
                        << reply.value.toString();
-}
-
-/// Writes the next sessions as they stand now; what changes later is written by its own change.
-void fuck_redis::rewriteSlice() {
-    if (m_writer.backlog() > RewriteBacklog)
-        return;
-    const auto page =
-        m_sessionSource ? m_sessionSource(m_rewrittenTo, SessionsPerSlice) : std::vector<SessionState>();
-    for (const SessionState& session : page) {
-        QByteArrayList request{"HSET", bytes(session.sn)};
-        for (const auto& field : session.fields)
-            request << bytes(field.first) << bytes(field.second.toString());
-        m_writer.send(request);
-        m_rewrittenTo = session.sn;
-    }
-    m_rewritten += static_cast<int>(page.size());
-    if (!page.empty())
-        return;
-    m_rewriteTimer.stop();
-    qInfo() << "redis: sessions written again:" << m_rewritten;
-    emit restored();
 }
 
 // ---- reads ----
@@ -225,7 +205,7 @@ QtRedis::Reply fuck_redis::askGroup(QtRedis& client, const QByteArray& key) {
 
 void fuck_redis::Set_sn_key_value(const QString& sn, const QString& field, const QVariant& value) {
     const bool refresh = field == QLatin1String("STATUS");
-    m_writer.send({"HSET", bytes(sn), bytes(field), bytes(value.toString())},
+    m_writer.send({"HSET", bytes(sn), bytes(field), bytes(value)},
                   refresh ? WriteLink::Kind::Refresh : WriteLink::Kind::Event);
 }
 
@@ -268,7 +248,7 @@ void fuck_redis::writeDevice(const QString& sn, const Fields& fields) {
     }
     QByteArrayList request{"HMSET", bytes(sn)};
     for (auto field = fields.cbegin(); field != fields.cend(); ++field)
-        request << bytes(field.key()) << bytes(field.value().toString());
+        request << bytes(field.key()) << bytes(field.value());
     m_writer.send(request);
 }
 

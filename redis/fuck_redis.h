@@ -4,23 +4,19 @@
 #include "redis/qtredis.h"
 #include "redis/writelink.h"
 
-#include <functional>
 #include <memory>
 #include <QObject>
-#include <QPair>
 #include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QTimer>
 #include <QVariant>
-#include <QVector>
-#include <vector>
 
 /// The state link: the one bridge to the Redis server, keeper of every key, field and list name
 /// (docs/redis.md has the catalogue). Reads wait for their answer on the synchronous client; writes go
 /// out on a connection of their own and are never waited for. While the server is away the link tries
-/// again with a pause of 1 s to 30 s; what is sent meanwhile is lost, and once it is back the
-/// session source is asked for what stands now. Owner: start-up. Main loop only.
+/// again with a pause of 1 s to 30 s; what is sent meanwhile is lost, and restored() asks for it again.
+/// Owner: start-up. Main loop only.
 class fuck_redis : public QObject, public StateMirror {
     Q_OBJECT
 public:
@@ -31,18 +27,10 @@ public:
 
     /// True from the server's readiness to take commands until its connection is lost.
     bool isConnected() const override;
+    bool isBacklogged() const override;
     /// Every serial that online_newdevices() was called for, in first-seen order.
     QStringList knownSerials() const { return m_knownSerials; }
     const WriteLink& writeLink() const { return m_writer; }
-
-    /// What stands in one speaker's hash now: field names and values.
-    struct SessionState {
-        QString sn;
-        QVector<QPair<QString, QVariant>> fields;
-    };
-    /// The sessions after `sn` in key order (from the first one for an empty text), at most `limit`.
-    using SessionSource = std::function<std::vector<SessionState>(const QString& sn, int limit)>;
-    void setSessionSource(SessionSource source) { m_sessionSource = std::move(source); }
 
 public slots:
     /// Connects and authenticates, waiting at most a few seconds. Returns whether the server was
@@ -67,7 +55,8 @@ public slots:
     void test();
 
 signals:
-    /// The server is there (again), and every known session has been written.
+    /// The server is back, or there for the first time after a start without it: what it holds may be
+    /// old or gone, and wants to be written again.
     void restored();
 
 private:
@@ -83,7 +72,6 @@ private:
     void goAway(const QString& reason);
     void retry();
     void finishRetry();
-    void rewriteSlice();
 
     static Fields deviceFields(const QString& sn, int kindsk, int vol, int mic_d, int mic_e,
                                const QString& l_ip, const QString& r_ip);
@@ -103,11 +91,6 @@ private:
     QTimer m_retryTimer;
     std::chrono::seconds m_pause;
     bool m_awayLogged = false;
-
-    SessionSource m_sessionSource;
-    QTimer m_rewriteTimer;
-    QString m_rewrittenTo;
-    int m_rewritten = 0;
 
     QStringList m_knownSerials;
     QSet<QString> m_knownSet;
