@@ -26,6 +26,7 @@ public:
     void wakeUp() override;
     void interrupt() override;
     void flush() override;
+    void closingDown() override;
 
     /// Longest turn (from wake-up to the next wait) since the last call; logged by the dispatcher
     /// itself when a turn exceeds 200 ms.

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/logging.h"
+#include "core/eventdispatcher.h"
 
 #include <QCoreApplication>
 #include <QtTest>
@@ -9,6 +9,7 @@
 ///     int main(int argc, char** argv) { return runTest<SettingsTest>(argc, argv); }
 template<typename Test>
 int runTest(int argc, char** argv) {
+    QCoreApplication::setEventDispatcher(new EpollEventDispatcher); // the application owns it
     QCoreApplication application(argc, argv);
     Test test;
     return QTest::qExec(&test, argc, argv);
