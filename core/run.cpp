@@ -1,0 +1,77 @@
+#include "core/run.h"
+
+#include "core/endsignals.h"
+#include "core/eventdispatcher.h"
+#include "core/logging.h"
+#include "core/settings.h"
+#include "core/startup.h"
+
+#include <cstdio>
+#include <QCoreApplication>
+#include <QDebug>
+#include <QHostAddress>
+#include <QNetworkInterface>
+#include <QTextCodec>
+#include <sys/resource.h>
+
+namespace {
+
+constexpr auto Usage = "Usage: speakerd [CONFIG]\n"
+                       "Service for a fleet of networked IP speakers.\n"
+                       "\n"
+                       "  CONFIG      INI file; \"config.ini\" in the working directory when not given\n"
+                       "  --help      this text\n"
+                       "  --version   the version\n"
+                       "\n"
+                       "SIGTERM and SIGINT end it.\n";
+
+// Answers the options that need no service; false when there is none.
+bool answersOption(const char* argument) {
+    const QByteArray option(argument);
+    if (option == "--help")
+        std::fputs(Usage, stdout);
+    else if (option == "--version")
+        std::puts("speakerd " SPEAKERD_VERSION);
+    else
+        return false;
+    return true;
+}
+
+// Every speaker, request and stream is a descriptor: take all that the system grants.
+void raiseOpenFileLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0)
+        qWarning("open-file limit stays as it is");
+}
+
+void logOwnIpv6Addresses() {
+    const QList<QHostAddress> addresses = QNetworkInterface::allAddresses();
+    for (const QHostAddress& address : addresses) {
+        if (address.protocol() == QAbstractSocket::IPv6Protocol)
+            qDebug().noquote() << "Local IPv6 Address:" << address.toString();
+    }
+}
+
+} // namespace
+
+int runService(int argc, char** argv) {
+    if (argc > 1 && answersOption(argv[1]))
+        return 0;
+    installLogging();
+    raiseOpenFileLimit();
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    QCoreApplication::setEventDispatcher(new EpollEventDispatcher); // the application owns it
+    QCoreApplication application(argc, argv);
+    const EndSignals endSignals;
+
+    qDebug() << "argv:" << QCoreApplication::arguments();
+    logOwnIpv6Addresses();
+    const QString path = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("config.ini");
+    qDebug().noquote() << "Use config:" << path;
+    Startup service(&application, Settings::load(path, detectLanAddress()));
+    service.run();
+    return QCoreApplication::exec();
+}

@@ -1,0 +1,64 @@
+#pragma once
+
+#include "core/settings.h"
+
+#include <memory>
+#include <QJsonArray>
+#include <QSettings>
+#include <QString>
+
+class cmdthread;
+class cmdthread6;
+class fuck_redis;
+class HttpListener;
+class QCoreApplication;
+class RequestMapper;
+class sever_listen;
+class Severinit;
+class sqlite;
+class StaticFileController;
+class Task_workque;
+
+/// Creates and wires the long-lived objects, each once, in the order in which they need each other, and
+/// holds them until the process ends (they go in reverse order). Main thread, before the event loop.
+class Startup {
+public:
+    Startup(QCoreApplication* application, Settings settings);
+    ~Startup();
+
+    /// Everything that the configuration asks for. Nothing here but a speaker port that is taken ends
+    /// the process: what can't be had is logged and the service runs with the rest.
+    void run();
+
+private:
+    void reportAddresses() const;
+    void connectRedis();
+    void createDevices();
+    void listenForSpeakers();
+    void listenForCommands();
+    void openDatabase();
+    void loadStoredSpeakers();
+    void createTasks();
+    void serveHttp();
+    void logReady() const;
+
+    QString text(const char* key) const { return m_settings.text(key); }
+    int integer(const char* key) const { return m_settings.integer(key); }
+
+    QCoreApplication* m_application;
+    const Settings m_settings;
+
+    // In the order of their making; destroyed from the last to the first.
+    std::unique_ptr<fuck_redis> m_redis; ///< null with Redis disabled
+    std::unique_ptr<Severinit> m_devices;
+    std::unique_ptr<sever_listen> m_speakerListener;
+    std::unique_ptr<cmdthread> m_commands;
+    std::unique_ptr<cmdthread6> m_commands6;
+    std::unique_ptr<sqlite> m_database;    ///< this and what follows: null in media-only mode
+    std::unique_ptr<Task_workque> m_tasks; ///< null unless the database is ready and its kind has tasks
+    std::unique_ptr<QSettings> m_docrootGroup;
+    std::unique_ptr<QSettings> m_listenerGroup;
+    std::unique_ptr<StaticFileController> m_files;
+    std::unique_ptr<RequestMapper> m_router;
+    std::unique_ptr<HttpListener> m_http;
+};
