@@ -4,11 +4,12 @@
 #include "api/requestmapper.h"
 #include "core/mainloop.h"
 #include "core/sqlite.h"
+#include "device/saobj.h"
 #include "device/severinit.h"
 #include "redis/core_corss.h"
 
 #include <algorithm>
-#include <QSet>
+#include <QVector>
 
 namespace {
 constexpr int SerialLength = 32;
@@ -74,20 +75,27 @@ QByteArray changed(const SqlResult& result, int userid, const char* nothing) {
                   {QStringLiteral("info"), QStringLiteral("SUC")}});
 }
 
-/// Which of the result's serials are online, asked in one go.
-QSet<QString> onlineAmong(Severinit* devices, const SqlResult& rows) {
+/// What the registry knows of a speaker that is not only a stored record.
+struct LiveState {
+    bool online = false;
+    int voltage = 0;
+};
+
+/// The live state of the result's speakers, row by row, asked in one go.
+QVector<LiveState> liveStates(Severinit* devices, const SqlResult& rows) {
     QStringList sns;
     for (int row = 0; row < rows.rows.size(); ++row)
         sns.append(rows.text(row, "device_seed"));
     if (sns.isEmpty())
         return {};
     return callOnLoop(devices, [&] {
-        QSet<QString> online;
+        QVector<LiveState> states;
+        states.reserve(sns.size());
         for (const QString& sn : qAsConst(sns)) {
-            if (devices->isOnline(sn))
-                online.insert(sn);
+            const SAobj* session = devices->session(sn);
+            states.append(session ? LiveState{session->isOnline(), session->voltage()} : LiveState{});
         }
-        return online;
+        return states;
     });
 }
 
@@ -147,13 +155,13 @@ QByteArray DumpController_add_user::user_get_devlist(const Params& params) {
                  {{QStringLiteral("@userid"), call.userid()}});
     if (!rows.ok)
         return refusal(QStringLiteral("ER_EXE"));
-    const QSet<QString> online = onlineAmong(m_devices, rows);
+    const QVector<LiveState> states = liveStates(m_devices, rows);
     QJsonArray list;
     for (int row = 0; row < rows.rows.size(); ++row) {
         QJsonObject device = rows.object(row);
         device.insert(QStringLiteral("regTime"), device.value(QStringLiteral("ctime")));
-        device.insert(QStringLiteral("voltage"), device.value(QStringLiteral("xhstatus")));
-        device.insert(QStringLiteral("online"), online.contains(rows.text(row, "device_seed")));
+        device.insert(QStringLiteral("voltage"), states.value(row).voltage);
+        device.insert(QStringLiteral("online"), states.value(row).online);
         list.append(device);
     }
     return reply({{QStringLiteral("res"), true}, {QStringLiteral("devlist"), list}});

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <QCoreApplication>
 #include <QDebug>
 #include <QNetworkInterface>
 #include <QRandomGenerator>
@@ -52,10 +51,10 @@ QString commandHost(const QString& ownAddress) {
 }
 } // namespace
 
-RequestMapper::RequestMapper(QCoreApplication* application, int /*RDDATAPORT*/,
+RequestMapper::RequestMapper(QCoreApplication* /*application*/, int /*RDDATAPORT*/,
                              const QString& /*mediaAddress*/, sqlite* database, Severinit* devices,
                              Task_workque* tasks, QObject* parent)
-    : HttpRequestHandler(parent ? parent : application)
+    : HttpRequestHandler(parent)
     , m_database(database)
     , m_devices(devices)
     , m_tasks(tasks)
