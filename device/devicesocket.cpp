@@ -20,7 +20,7 @@ DeviceSocket::DeviceSocket(int descriptor, QHostAddress peer, QObject* parent)
     , m_reader(std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read))
     , m_peer(std::move(peer))
     , m_descriptor(descriptor) {
-    connect(m_reader.get(), &QSocketNotifier::activated, this, &DeviceSocket::readable);
+    connect(m_reader.get(), &QSocketNotifier::activated, this, &DeviceSocket::readNow);
 }
 
 DeviceSocket::~DeviceSocket() {
@@ -31,7 +31,7 @@ QByteArray DeviceSocket::readAll() {
     return std::exchange(m_input, {});
 }
 
-void DeviceSocket::readable() {
+void DeviceSocket::readNow() {
     // Shared by all connections, which live on one thread: what is read is copied out at once.
     static std::array<char, MaxRead> buffer;
     const auto got = ::recv(m_descriptor, buffer.data(), buffer.size(), 0);

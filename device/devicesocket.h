@@ -25,6 +25,8 @@ public:
 
     /// The bytes that arrived; to be called from readyRead(). Empty when there are none.
     QByteArray readAll();
+    /// Looks for bytes or the end now, without waiting for the event loop to tell; signals as it does.
+    void readNow();
     /// Sends at once what the kernel takes and keeps the rest. Returns bytes.size(), or -1 when the
     /// connection is broken or its backlog full; disconnected() then follows from the event loop.
     int write(const QByteArray& bytes);
@@ -52,7 +54,6 @@ signals:
     void disconnected();
 
 private:
-    void readable();
     void writable();
     void breakDown(int error);
     void announceEnd();

@@ -32,6 +32,12 @@ void juice_tcp::readFirst() {
     emit over();
 }
 
+void juice_tcp::makeRoom() {
+    m_socket->readNow();
+    if (m_socket && m_socket->isConnected())
+        refuse(QStringLiteral("too many connections wait"));
+}
+
 void juice_tcp::wheelTimeout(int /*tag*/) {
     refuse(QStringLiteral("silent for 30 s"));
 }

@@ -18,8 +18,8 @@ public:
     juice_tcp(QString name, std::unique_ptr<DeviceSocket> socket, TimingWheel& wheel, QObject* parent);
     ~juice_tcp() override;
 
-    /// Closes the connection; over() follows.
-    void refuse(const QString& reason);
+    /// Hands the connection on if its first bytes are there already, closes it otherwise.
+    void makeRoom();
 
 signals:
     /// The receiver owns `socket` from now on. over() follows.
@@ -30,6 +30,7 @@ signals:
 private:
     void wheelTimeout(int tag) override;
     void readFirst();
+    void refuse(const QString& reason);
 
     QString m_name;
     std::unique_ptr<DeviceSocket> m_socket;

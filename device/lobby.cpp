@@ -20,5 +20,5 @@ void Lobby::enter(std::unique_ptr<DeviceSocket> socket) {
         reader->deleteLater();
     });
     if (m_waiting.size() > MaxWaiting)
-        m_waiting.begin()->second->refuse(QStringLiteral("too many connections wait"));
+        m_waiting.begin()->second->makeRoom();
 }

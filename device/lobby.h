@@ -15,9 +15,9 @@ class juice_tcp;
 class Lobby : public QObject {
     Q_OBJECT
 public:
-    /// Most connections that wait at once; one more sends the oldest away. Speakers that come back
-    /// together speak at once, so only silent connections are ever pushed out.
-    static constexpr int MaxWaiting = 4096;
+    /// Most connections that wait at once; one more sends the oldest away, unless it has spoken by then.
+    /// Speakers that come back together speak at once, so only silent connections are pushed out.
+    static constexpr int MaxWaiting = 32'768;
 
     /// `name` stands in the log for the listener.
     Lobby(QString name, TimingWheel& wheel, QObject* parent);

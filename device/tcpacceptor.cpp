@@ -91,24 +91,36 @@ bool TcpAcceptor::openSocket(int family, quint16 port) {
 }
 
 void TcpAcceptor::acceptBatch() {
-    for (int i = 0; i < BatchSize; ++i) {
-        sockaddr_storage peer{};
-        socklen_t length = sizeof peer;
-        const int descriptor = ::accept4(m_descriptor, reinterpret_cast<sockaddr*>(&peer), &length,
-                                         SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (descriptor >= 0) {
-            m_pending.push_back(std::make_unique<DeviceSocket>(descriptor, DeviceSocket::plainAddress(peer)));
-            emit newConnection();
-        } else if (isExhausted(errno)) {
-            pause(errno);
-            return;
-        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            return;
-        } // else this one connection ended before it was taken
+    int taken = 0;
+    while (taken < BatchSize && acceptOne())
+        ++taken;
+    // In a storm the event loop has thousands of ready sockets to go round before it tells of this one
+    // again; by then the kernel's queue would have overflowed.
+    if (taken > 0)
+        QMetaObject::invokeMethod(this, &TcpAcceptor::acceptBatch, Qt::QueuedConnection);
+}
+
+/// False when none waits, or none can be taken for now.
+bool TcpAcceptor::acceptOne() {
+    sockaddr_storage peer{};
+    socklen_t length = sizeof peer;
+    const int descriptor =
+        ::accept4(m_descriptor, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (descriptor >= 0) {
+        m_pending.push_back(std::make_unique<DeviceSocket>(descriptor, DeviceSocket::plainAddress(peer)));
+        emit newConnection();
+        return true;
     }
+    const int error = errno;
+    if (isExhausted(error))
+        pause(error);
+    // Any other error is that of one connection, which ended before it was taken.
+    return !isExhausted(error) && error != EAGAIN && error != EWOULDBLOCK;
 }
 
 void TcpAcceptor::pause(int error) {
+    if (!m_notifier->isEnabled())
+        return;
     m_notifier->setEnabled(false);
     QTimer::singleShot(ExhaustedPause, this, [this] { m_notifier->setEnabled(true); });
     emit acceptError(QString::fromLocal8Bit(std::strerror(error)));
