@@ -17,6 +17,7 @@
 class MirrorRecord : public StateMirror {
 public:
     bool isConnected() const override { return connected; }
+    bool isBacklogged() const override { return false; }
     void Set_sn_key_value(const QString& sn, const QString& field, const QVariant& value) override {
         fields[sn][field] = value.toString();
         ++writes;
