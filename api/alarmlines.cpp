@@ -1,6 +1,7 @@
 #include "api/dumpcontroller_add_user.h"
 #include "api/linebindings.h"
 #include "api/requestmapper.h"
+#include "api/taskstore.h"
 
 #include "core/mainloop.h"
 #include "core/sqlite.h"
@@ -302,4 +303,35 @@ QByteArray DumpController_add_user::rmwaringlinetaskid(const Params& params) {
         return refusal(QStringLiteral("exec_error"));
     commands()->play_urlrmwarning(serials, lineid);
     return done();
+}
+
+/// What a speaker requests when a line that is bound to a stored task fires.
+QByteArray DumpController_add_user::Startwaringtask(const Params& params, const QString& /*path*/) {
+    const Call call(params, *m_mapper);
+    for (const char* name : {"username", "passwd", "taskid"})
+        if (!call.has(name))
+            return refusal(QStringLiteral("Parer"));
+    const SqlResult account =
+        db().run(QStringLiteral("SELECT * FROM  sbox_users where `user_name`='@username' and "
+                                "`user_pass` = '@passwd';"),
+                 {{QStringLiteral("@username"), call.text("username")},
+                  {QStringLiteral("@passwd"), call.text("passwd")}});
+    if (!account.ok || account.isEmpty())
+        return refusal(QStringLiteral("账号密码不正确"));
+    if (call.has("token") && call.text("token") != account.text(0, "token"))
+        return refusal(QStringLiteral("token 不对"));
+    switch (
+        requestStart(db(), account.integer(0, "id"), call.number("taskid"), QStringLiteral("Waringstart"))) {
+    case StartRequest::Done:
+        return reply({{QStringLiteral("res"), true},
+                      {QStringLiteral("info"), QStringLiteral("SUC")},
+                      {QStringLiteral("EF"), 1}});
+    case StartRequest::NotOwn:
+        return refusal(QStringLiteral("ER_REJECT"));
+    case StartRequest::Working:
+        return refusal(QStringLiteral("Task is Working"));
+    case StartRequest::Failed:
+        break;
+    }
+    return refusal(QStringLiteral("ER_EXE"));
 }

@@ -1,5 +1,6 @@
 #include "api/requestmapper.h"
 
+#include "api/filestore.h"
 #include "api/dumpcontroller_add_user.h"
 #include "api/examplecontrollers.h"
 #include "core/sqlite.h"
@@ -59,6 +60,7 @@ RequestMapper::RequestMapper(QCoreApplication* /*application*/, int /*RDDATAPORT
     , m_devices(devices)
     , m_tasks(tasks)
     , m_commandHost(::commandHost(database->site.ownAddress)) {
+    FileStore::removeLeftovers(database->site.runingdir);
     loadTokens();
     qDebug("RequestMapper: created");
 }

@@ -8,7 +8,7 @@ const std::vector<Route>& getRoutes() {
     static const std::vector<Route> routes{
         {"/user/startwarning", &C::user_play_wplant, {}, {}, {}, true},
         {"/get_devicelistweb.php", &C::get_devicelistweb},
-        // {"/Startwaringtask.php", &C::Startwaringtask},
+        {"/Startwaringtask.php", &C::Startwaringtask},
     };
     return routes;
 }
