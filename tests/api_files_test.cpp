@@ -250,7 +250,7 @@ void ApiFilesTest::survivesAKillWhileUploading() {
     const HttpParams params = m_admin.params({{"filename", "lost"}});
     std::thread client(
         [&] { HttpClient(port).postMultipart("/user/uploadfile", params, "file", "f", large); });
-    const bool started = m_service->waitForLog("encode start ./etc/upload");
+    const bool started = m_service->waitForLog("from " + QByteArray::number(large.size()));
     m_service->kill9();
     client.join();
     QVERIFY(started);
