@@ -1,7 +1,11 @@
 #include "core/sqlconnection.h"
 
+#include <QCoreApplication>
 #include <QDebug>
+#include <QNetworkProxy>
 #include <QStringList>
+#include <QTcpSocket>
+#include <QThread>
 
 namespace {
 
@@ -31,8 +35,8 @@ const QStringList MysqlSession = {QStringLiteral("SET NAMES utf8mb4 COLLATE utf8
 const QStringList LostCodes = {QStringLiteral("2002"), QStringLiteral("2003"), QStringLiteral("2006"),
                                QStringLiteral("2013"), QStringLiteral("2055"), QStringLiteral("1053"),
                                QStringLiteral("1927")};
-// Of these the one that tells that nothing was sent, so that sending again is safe.
-constexpr auto GoneBeforeSending = "2006";
+// Of these the ones that tell that nothing was done, so that sending again is safe.
+const QStringList NothingDoneCodes = {QStringLiteral("2006"), QStringLiteral("1927")};
 
 } // namespace
 
@@ -60,6 +64,7 @@ SqlConnection::SqlConnection(const SqlServer& server, const QString& name)
     default:
         break;
     }
+    m_sinceUse.start();
     if (open())
         qDebug() << "SQLITE 3";
     else if (server.kind == 1)
@@ -117,7 +122,7 @@ bool SqlConnection::execute(Use use, const QString& sql, const QString& loggedAs
     if (query(use).exec(sql))
         return true;
     QSqlError error = query(use).lastError();
-    if (lostBy(error) && error.nativeErrorCode() == QLatin1String(GoneBeforeSending) && !m_inTransaction &&
+    if (m_server.kind == 1 && NothingDoneCodes.contains(error.nativeErrorCode()) && !m_inTransaction &&
         reopen()) {
         if (query(use).exec(sql))
             return true;
@@ -138,8 +143,12 @@ bool SqlConnection::usable() {
         return fail(QStringLiteral("no database driver"));
     if (m_transactionLost)
         return fail(QStringLiteral("the connection was lost in this transaction"));
-    if (!m_down || (m_sinceAttempt.hasExpired(m_pause.count()) && reopen()))
+    if (m_down ? mayReopen() && reopen() : survivedIdling() || reopen())
         return true;
+    if (!m_down) {
+        outageBegins(m_database.lastError());
+        return fail(m_database.lastError().text());
+    }
     ++m_failedStatements;
     return fail(QStringLiteral("no connection to the database server"));
 }
@@ -149,12 +158,55 @@ bool SqlConnection::fail(const QString& why) {
     return false;
 }
 
+bool SqlConnection::survivedIdling() {
+    const bool trusted = m_server.kind != 1 || m_inTransaction ||
+                         !m_sinceUse.hasExpired(std::chrono::milliseconds(TrustedIdle).count());
+    m_sinceUse.start();
+    return trusted || query(Control).exec(QStringLiteral("DO 0"));
+}
+
+bool SqlConnection::mayReopen() {
+    const bool isMainLoop =
+        QCoreApplication::instance() && QThread::currentThread() == QCoreApplication::instance()->thread();
+    // "localhost" means the server's local socket, which does not keep anybody waiting.
+    if (!isMainLoop || m_server.host == QLatin1String("localhost"))
+        return m_sinceAttempt.hasExpired(m_pause.count());
+    return isReachable();
+}
+
+// Asks without waiting; the answer is there at a later statement.
+bool SqlConnection::isReachable() {
+    constexpr std::chrono::milliseconds ProbeLimit{3000}; // as long as a connection may take
+    if (!m_probe) {
+        if (m_sinceAttempt.hasExpired(m_pause.count())) {
+            m_probe = std::make_unique<QTcpSocket>();
+            m_probe->setProxy(QNetworkProxy::NoProxy);
+            m_probe->connectToHost(m_server.host, static_cast<quint16>(m_server.port));
+            m_sinceAttempt.start();
+        }
+        return false;
+    }
+    const bool connected = m_probe->state() == QAbstractSocket::ConnectedState;
+    const bool over = m_probe->state() == QAbstractSocket::UnconnectedState ||
+                      m_sinceAttempt.hasExpired(ProbeLimit.count());
+    if (connected || over)
+        m_probe.reset();
+    if (!connected && over)
+        backOff();
+    return connected;
+}
+
+void SqlConnection::backOff() {
+    m_pause = std::min<std::chrono::milliseconds>(m_pause * 2, LongestPause);
+    m_sinceAttempt.start();
+}
+
 bool SqlConnection::reopen() {
     dropQueries();
     m_database.close();
     m_sinceAttempt.start();
     if (!open()) {
-        m_pause = std::min<std::chrono::milliseconds>(m_pause * 2, LongestPause);
+        backOff();
         return false;
     }
     if (m_down) {
@@ -163,6 +215,7 @@ bool SqlConnection::reopen() {
     }
     m_down = false;
     m_pause = FirstPause;
+    m_sinceUse.start();
     return true;
 }
 

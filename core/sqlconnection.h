@@ -9,6 +9,8 @@
 #include <QSqlQuery>
 #include <QString>
 
+class QTcpSocket;
+
 /// What a connection is opened with.
 struct SqlServer {
     QString host;
@@ -20,12 +22,17 @@ struct SqlServer {
 };
 
 /// One QSqlDatabase with the rules of its server: pragmas or session settings at each opening and, on
-/// MySQL, the way back after the server was lost. Belongs to the thread that made it.
+/// MySQL, the way back after the server was lost. Belongs to the thread that made it. On the main loop
+/// a server that does not answer at all is not waited for again and again: the way back begins when a
+/// plain connection, made in the background, has reached it.
 class SqlConnection {
 public:
     /// Pause before the first attempt to come back; doubled at each failure up to the longest.
     static constexpr std::chrono::seconds FirstPause{1};
     static constexpr std::chrono::seconds LongestPause{30};
+    /// A MySQL connection that was not used for longer may have been closed by the server: it is tried
+    /// before a statement is trusted to it.
+    static constexpr std::chrono::seconds TrustedIdle{2};
 
     /// Adds and opens the connection; logs what it opened or the error.
     SqlConnection(const SqlServer& server, const QString& name);
@@ -60,6 +67,10 @@ private:
     bool open();
     bool prepareSession();
     bool reopen();
+    bool survivedIdling();
+    bool mayReopen();
+    bool isReachable();
+    void backOff();
     bool usable();
     bool fail(const QString& why);
     bool lostBy(const QSqlError& error) const;
@@ -75,10 +86,12 @@ private:
     bool m_inTransaction = false;
     bool m_transactionLost = false;
 
-    // The outage, MySQL only.
+    // MySQL only: when it was last used, and the outage.
+    QElapsedTimer m_sinceUse;
     bool m_down = false;
     int m_failedStatements = 0;
     std::chrono::milliseconds m_pause = FirstPause;
     QElapsedTimer m_sinceAttempt;
     QElapsedTimer m_sinceLost;
+    std::unique_ptr<QTcpSocket> m_probe; ///< main loop only: finds out without waiting
 };

@@ -1,0 +1,88 @@
+#include "tests/support/mariadb.h"
+
+#include "tests/support/waitfor.h"
+
+#include <csignal>
+#include <unistd.h>
+
+namespace {
+
+// The server refuses to run as root unless told to.
+QStringList asWhom() {
+    return geteuid() == 0 ? QStringList{QStringLiteral("--user=root")} : QStringList{};
+}
+
+constexpr std::chrono::seconds StartLimit{60};
+
+} // namespace
+
+MariaDb::MariaDb()
+    : m_port(freePort()) {
+    QProcess install;
+    install.start(QStringLiteral("mariadb-install-db"),
+                  QStringList{QStringLiteral("--no-defaults"), QStringLiteral("--datadir=") + file("data"),
+                              QStringLiteral("--auth-root-authentication-method=normal"),
+                              QStringLiteral("--skip-test-db")} +
+                      asWhom());
+    if (!install.waitForFinished(120'000) || install.exitCode() != 0)
+        qFatal("mariadb-install-db: %s", install.readAllStandardError().constData());
+}
+
+MariaDb::~MariaDb() {
+    resume();
+    kill();
+}
+
+bool MariaDb::start() {
+    m_process.setStandardOutputFile(file("log"));
+    m_process.setStandardErrorFile(file("log"), QIODevice::Append);
+    m_process.start(QStringLiteral("mariadbd"),
+                    QStringList{QStringLiteral("--no-defaults"), QStringLiteral("--datadir=") + file("data"),
+                                QStringLiteral("--socket=") + file("s"),
+                                QStringLiteral("--port=%1").arg(m_port),
+                                QStringLiteral("--bind-address=127.0.0.1"),
+                                QStringLiteral("--innodb-flush-log-at-trx-commit=2"),
+                                QStringLiteral("--skip-name-resolve")} +
+                        asWhom());
+    return m_process.waitForStarted() && waitFor([this] { return answers(); }, StartLimit);
+}
+
+void MariaDb::kill() {
+    m_process.kill();
+    m_process.waitForFinished();
+}
+
+void MariaDb::suspend() {
+    ::kill(static_cast<pid_t>(m_process.processId()), SIGSTOP);
+}
+
+void MariaDb::resume() {
+    if (m_process.state() == QProcess::Running)
+        ::kill(static_cast<pid_t>(m_process.processId()), SIGCONT);
+}
+
+bool MariaDb::answers() {
+    return sql(QStringLiteral("SELECT 'up'")) == "up\n";
+}
+
+DatabaseAccess MariaDb::createDatabase(const QString& name) {
+    DatabaseAccess access;
+    access.port = m_port;
+    access.name = name;
+    access.user = QStringLiteral("user_") + name;
+    access.password = QStringLiteral("p%1").arg(m_port);
+    sql(QStringLiteral("CREATE DATABASE `%1` CHARACTER SET utf8mb4; CREATE USER '%2'@'%' IDENTIFIED BY '%3'; "
+                       "GRANT ALL ON `%1`.* TO '%2'@'%';")
+            .arg(name, access.user, access.password));
+    return access;
+}
+
+QByteArray MariaDb::sql(const QString& statements) {
+    QProcess client;
+    client.start(QStringLiteral("mariadb"),
+                 {QStringLiteral("--no-defaults"), QStringLiteral("-uroot"),
+                  QStringLiteral("--socket=") + file("s"), QStringLiteral("--default-character-set=utf8mb4"),
+                  QStringLiteral("-BNe"), statements});
+    client.waitForFinished();
+    return client.readAllStandardOutput();
+}
