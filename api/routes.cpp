@@ -99,6 +99,7 @@ const std::vector<Route>& postRoutes() {
         {"/user/seemydaoqishebei", &C::seemydaoqishebei},
         {"/user/setwaringlinetaskid", &C::setwaringlinetaskid},
         {"/user/rmwaringlinetaskid", &C::rmwaringlinetaskid},
+        {"/get_devicelistweb.php", &C::get_devicelistweb},
         // clang-format on
     };
     return routes;
