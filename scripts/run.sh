@@ -184,6 +184,7 @@ wait_until $deadline answers || { tail -n 5 speakerd.log >&2; die "the service d
 echo "speakerd answers at $base/"
 
 rm -rf fetched
+: >speakers.log
 "$SPEAKERD_BIN/speaker-sim" --count $speakers --first-sn $first_serial \
   --server "$address:$(setting DPort)" --save fetched >speakers.log 2>&1 </dev/null &
 speakers_pid=$!

@@ -16,6 +16,7 @@
 
 namespace {
 
+const QByteArray kReady = QByteArrayLiteral("speakerd ready:");
 constexpr std::chrono::seconds kStartDeadline{60}; ///< an instrumented build on a busy machine is slow
 constexpr std::chrono::seconds kStopDeadline{30};
 constexpr int kCommandTimeoutMs = 40'000;
@@ -92,7 +93,6 @@ Service::Service(ServiceOptions options)
         writeFile(file(it.key()), it.value());
     if (m_options.createDatabase)
         makeDatabase();
-    m_http = std::make_unique<HttpClient>(httpPort());
 
     m_process.setWorkingDirectory(directory());
     auto environment = QProcessEnvironment::systemEnvironment();
@@ -172,21 +172,13 @@ void Service::makeDatabase() {
     }
 }
 
-bool Service::serves() const {
-    const bool mediaOnly = m_options.settings.value(QStringLiteral("isonly_media")).toBool();
-    QTcpSocket socket;
-    socket.setProxy(QNetworkProxy::NoProxy);
-    socket.connectToHost(QStringLiteral("127.0.0.1"), mediaOnly ? commandPort6() : httpPort());
-    return socket.waitForConnected(1000);
-}
-
 bool Service::start() {
     m_log.clear();
     m_process.start(QStringLiteral(BUILD_DIR "/speakerd"), {QStringLiteral("config.ini")});
-    const bool ready =
-        waitFor([this] { return !isRunning() ? m_process.state() == QProcess::NotRunning : serves(); },
-                kStartDeadline) &&
-        isRunning();
+    m_http = std::make_unique<HttpClient>(httpPort()); // keeps no connection to an earlier process
+    waitFor([this] { return m_log.contains(kReady) || m_process.state() == QProcess::NotRunning; },
+            kStartDeadline);
+    const bool ready = isRunning() && m_log.contains(kReady);
     if (!ready)
         qWarning("the service did not start:\n%s", m_log.constData());
     return ready;

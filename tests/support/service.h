@@ -89,7 +89,6 @@ private:
     quint16 port(const char* key) const;
     void writeConfiguration();
     void makeDatabase();
-    bool serves() const;
 
     ServiceOptions m_options;
     QTemporaryDir m_directory;

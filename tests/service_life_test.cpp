@@ -1,0 +1,153 @@
+// Start, end and restart of the real service, and the ways it runs with less than it expects.
+#include "support/service.h"
+#include "support/testmain.h"
+#include "support/waitfor.h"
+#include "tools/simfleet.h"
+
+#include <csignal>
+#include <QTcpServer>
+
+namespace {
+
+sim::SpeakerOptions speakerOf(const Service& service) {
+    sim::SpeakerOptions options;
+    options.serial = QByteArray::fromHex("5eed0000000000000000000000000001");
+    options.port = service.devicePort();
+    options.player.speed = 10;
+    return options;
+}
+
+bool registers(sim::Speaker& speaker) {
+    speaker.start();
+    return waitFor([&] { return speaker.isOnline(); });
+}
+
+} // namespace
+
+class ServiceLifeTest : public QObject {
+    Q_OBJECT
+private slots:
+    void endsOnSignal_data() {
+        QTest::addColumn<int>("number");
+        QTest::newRow("SIGTERM") << SIGTERM;
+        QTest::newRow("SIGINT") << SIGINT;
+    }
+    void endsOnSignal() {
+        QFETCH(int, number);
+        Service service;
+        QVERIFY(service.start());
+        sim::Speaker speaker(speakerOf(service));
+        QVERIFY(registers(speaker));
+        ::kill(pid_t(service.pid()), number);
+        QCOMPARE(service.waitForEnd(), 0);
+        QVERIFY(waitFor([&] { return !speaker.isConnected(); }));
+    }
+
+    void survivesKill9() {
+        Service service;
+        QVERIFY(service.start());
+        auto options = speakerOf(service);
+        options.reconnectPause = std::chrono::milliseconds(100);
+        sim::Fleet fleet(options, 20);
+        fleet.start();
+        QVERIFY(waitFor([&] { return fleet.online() == 20; }));
+        const Account account = service.addAccount("admin");
+        for (int round = 0; round < 3; ++round) {
+            // Killed while it writes: the database must come up whole, with every answered account in it.
+            for (int i = 0; i < 5; ++i)
+                service.addAccount(QString("user%1x%2").arg(round).arg(i));
+            service.kill9();
+            QVERIFY(waitFor([&] { return fleet.online() == 0; }));
+            QVERIFY(service.start());
+            QCOMPARE(service.sql("PRAGMA integrity_check").value(0).first().toString(), QString("ok"));
+            QCOMPARE(service.sql("SELECT id FROM sbox_users WHERE length(token) = 40").size(),
+                     1 + 5 * (round + 1));
+            QVERIFY(waitFor([&] { return fleet.online() == 20; }));
+        }
+        const HttpReply reply = service.http().postForm(
+            "/user/editvols", account.params({{"vol", "9"}, {"snlist", fleet.serials().join('|')}}));
+        QVERIFY2(reply.res(), reply.body);
+        QVERIFY(waitFor([&] { return fleet.at(19).volume() == 9 && fleet.at(0).volume() == 9; }));
+        QCOMPARE(service.stop(), 0);
+    }
+
+    void mediaOnlyOpensNoHttp() {
+        ServiceOptions options;
+        options.settings = {{"isonly_media", true}};
+        options.createDatabase = false;
+        Service service(options);
+        QVERIFY(service.start());
+        sim::Speaker speaker(speakerOf(service));
+        QVERIFY(registers(speaker));
+        QCOMPARE(service.command({{"cmd", "LIST"}}).value("list").toArray().size(), 1);
+        QCOMPARE(service.http().get("/").status, 0);
+        QVERIFY(!QFile::exists(service.file(".Elvor.db")));
+        QCOMPARE(service.stop(), 0);
+    }
+
+    void runsOnWith_data() {
+        QTest::addColumn<int>("kind");
+        QTest::addColumn<QString>("missing");
+        QTest::addColumn<QByteArray>("logged");
+        QTest::newRow("no LocalIP") << 3 << "LocalIP" << QByteArray("LocalIP Error");
+        QTest::newRow("no database") << 2 << "" << QByteArray("db init error");
+    }
+    void runsOnWith() {
+        QFETCH(int, kind);
+        QFETCH(QString, missing);
+        QFETCH(QByteArray, logged);
+        ServiceOptions options;
+        options.kind = kind;
+        if (!missing.isEmpty())
+            options.settings.insert(missing, QVariant());
+        Service service(options);
+        QVERIFY(service.start());
+        QVERIFY(service.waitForLog(logged));
+        sim::Speaker speaker(speakerOf(service));
+        QVERIFY(registers(speaker));
+        QCOMPARE(service.http().postForm("/user/test", {{"x", "y"}}).body, QByteArray("dbtest"));
+        service.command({{"cmd", "VOL_V"}, {"sn", speaker.sn()}, {"vol", 4}});
+        QVERIFY(waitFor([&] { return speaker.volume() == 4; }));
+        QCOMPARE(service.stop(), 0);
+    }
+
+    void endsWhenAPortIsTaken_data() {
+        QTest::addColumn<int>("offset");
+        QTest::addColumn<bool>("second");
+        QTest::addColumn<QByteArray>("logged");
+        QTest::newRow("control port") << 0 << false << QByteArray("exit er2s");
+        QTest::newRow("second control port") << 0 << true << QByteArray("exit er1");
+        QTest::newRow("audio port") << 2 << false << QByteArray("exit er5");
+    }
+    void endsWhenAPortIsTaken() {
+        QFETCH(int, offset);
+        QFETCH(bool, second);
+        QFETCH(QByteArray, logged);
+        Service service;
+        QTcpServer other;
+        const int port = (second ? service.secondDevicePort() : service.devicePort()) + offset;
+        QVERIFY(other.listen(QHostAddress::Any, quint16(port)));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("the service did not start"));
+        QVERIFY(!service.start());
+        QCOMPARE(service.waitForEnd(), 0);
+        QVERIFY2(service.log().contains(logged), service.log());
+    }
+
+    void answersAboutItself() {
+        QProcess process;
+        process.start(BUILD_DIR "/speakerd", {"--version"});
+        QVERIFY(process.waitForFinished());
+        QCOMPARE(process.exitCode(), 0);
+        QVERIFY(process.readAllStandardOutput().contains("speakerd"));
+        process.start(BUILD_DIR "/speakerd", {"--help"});
+        QVERIFY(process.waitForFinished());
+        QCOMPARE(process.exitCode(), 0);
+        QVERIFY(process.readAllStandardOutput().contains("config.ini"));
+    }
+};
+
+int main(int argc, char** argv) {
+    return runTest<ServiceLifeTest>(argc, argv);
+}
+
+#include "service_life_test.moc"

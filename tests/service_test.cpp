@@ -1,0 +1,227 @@
+// The main job from an HTTP request to a speaker's wire, with the real service, on every kind of database
+// that needs no server.
+#include "support/service.h"
+#include "support/testmain.h"
+#include "support/waitfor.h"
+#include "tools/simfleet.h"
+
+namespace {
+
+constexpr int kSpeakers = 3;
+/// A whole campus; fewer in an instrumented build, which has to finish too.
+#ifdef __SANITIZE_ADDRESS__
+constexpr int kCampus = 400;
+#else
+constexpr int kCampus = 2000;
+#endif
+
+sim::SpeakerOptions speakersOf(const Service& service) {
+    sim::SpeakerOptions options;
+    options.serial = QByteArray::fromHex("5eed0000000000000000000000000001");
+    options.port = service.devicePort();
+    options.player.keepBodies = true;
+    options.player.speed = 10;
+    return options;
+}
+
+QString joined(sim::Fleet& fleet) {
+    return fleet.serials().join('|');
+}
+
+/// True when every speaker meets `condition` within the deadline.
+template<typename Condition>
+bool every(sim::Fleet& fleet, Condition condition) {
+    return waitFor(
+        [&] {
+            for (int i = 0; i < fleet.size(); ++i)
+                if (!condition(fleet.at(i)))
+                    return false;
+            return true;
+        },
+        std::chrono::seconds(60));
+}
+
+} // namespace
+
+class ServiceTest : public QObject {
+    Q_OBJECT
+private slots:
+    void initTestCase_data() {
+        QTest::addColumn<int>("kind");
+        QTest::newRow("SQLite without tasks") << 0;
+        QTest::newRow("SQLite") << 3;
+    }
+
+    void initTestCase() { m_mp3 = makeMp3(2); }
+
+    void init() {
+        QFETCH_GLOBAL(int, kind);
+        ServiceOptions options;
+        options.kind = kind;
+        m_service = std::make_unique<Service>(options);
+        QVERIFY(m_service->start());
+        QFile file(m_service->docroot() + "/mp3/notice.mp3");
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(m_mp3);
+        file.close();
+        m_account = m_service->addAccount("admin");
+        m_fleet = std::make_unique<sim::Fleet>(speakersOf(*m_service), kSpeakers);
+        m_fleet->start();
+        QVERIFY(every(*m_fleet, [](const sim::Speaker& s) { return s.isOnline(); }));
+    }
+
+    void cleanup() {
+        m_fleet.reset();
+        if (m_service)
+            QCOMPARE(m_service->stop(), 0);
+        m_service.reset();
+    }
+
+    void playsAndStops() {
+        const QString url = m_service->url("/mp3/notice.mp3");
+        QVERIFY(ask("/user/urlplay", {{"url", url}, {"snlist", joined(*m_fleet)}}));
+        QVERIFY(every(*m_fleet, [this](const sim::Speaker& s) {
+            return s.fetches().size() == 1 && s.fetches().front().body == m_mp3;
+        }));
+        QVERIFY(waitFor([this] {
+            return statesOf("status_playfile") ==
+                   QStringList{"/mp3/notice.mp3", "/mp3/notice.mp3", "/mp3/notice.mp3"};
+        }));
+        QVERIFY(every(*m_fleet, [](sim::Speaker& s) { return !s.player().isPlaying(); }));
+
+        QVERIFY(ask("/user/urlq39play", {{"url", url}, {"snlist", m_fleet->at(0).sn()}}));
+        QVERIFY(waitFor([this] { return m_fleet->at(0).fetches().size() == 2; }));
+        QCOMPARE(m_fleet->at(0).last(sim::Op::Stream)->argument, (url + "A").toUtf8());
+
+        QVERIFY(ask("/user/urlstop", {{"snlist", joined(*m_fleet)}}));
+        QVERIFY(every(*m_fleet, [](const sim::Speaker& s) { return s.last(sim::Op::Stop) != nullptr; }));
+        QCOMPARE(m_fleet->at(1).fetches().size(), std::size_t(1));
+    }
+
+    void setsVolumeAndDebug() {
+        QVERIFY(ask("/user/editvols", {{"vol", "7"}, {"snlist", joined(*m_fleet)}}));
+        QVERIFY(every(*m_fleet, [](const sim::Speaker& s) { return s.volume() == 7; }));
+        QVERIFY(ask("/user/sndebug", {{"sn", m_fleet->at(1).sn()}, {"dsv", "1"}}));
+        QVERIFY(waitFor([this] { return m_fleet->at(1).deviceInfo().value("debug").toInt() == 1; }));
+        QCOMPARE(m_fleet->at(0).count(sim::Op::Debug), 0);
+    }
+
+    void refusesStrangers() {
+        const HttpParams play{{"url", "http://127.0.0.1/x.mp3"}, {"snlist", joined(*m_fleet)}};
+        Account stranger = m_account;
+        stranger.token = "0000";
+        const HttpReply wrong = m_service->http().postForm("/user/urlplay", stranger.params(play));
+        QCOMPARE(wrong.info(), QString("_FALSE6"));
+        stranger.id = 4711;
+        QCOMPARE(m_service->http().postForm("/user/urlplay", stranger.params(play)).info(),
+                 QString("_FALSE5"));
+        m_service->command({{"cmd", "DEBUG"}, {"sn", m_fleet->at(0).sn()}, {"dev_ks", 1}});
+        QVERIFY(waitFor([this] { return m_fleet->at(0).count(sim::Op::Debug) == 1; }));
+        QCOMPARE(m_fleet->at(0).count(sim::Op::PlayList), 0); // commands keep their order on the wire
+    }
+
+    void answersForUnknownAndOfflineSpeakers() {
+        const QString gone = m_fleet->at(2).sn();
+        m_fleet->at(2).stop();
+        QVERIFY(waitFor([&] { return statesOf("status").value(2) == "0"; }));
+        const auto vol = [this](const QString& sn) {
+            return m_service->command({{"cmd", "DEBUG"}, {"sn", sn}, {"dev_ks", 0}}).value("res").toString();
+        };
+        QCOMPARE(vol(gone), QString("unline"));
+        QCOMPARE(vol("ffffffffffffffffffffffffffffffff"), QString("out_of_range2"));
+        QCOMPARE(vol(m_fleet->at(0).sn()), QString("success"));
+        // One that is gone does not keep a command from the others.
+        QVERIFY(ask("/user/editvols", {{"vol", "3"}, {"snlist", gone + '|' + joined(*m_fleet)}}));
+        QVERIFY(waitFor([this] { return m_fleet->at(1).volume() == 3; }));
+    }
+
+    void survivesBadBodies_data() {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<QString>("info");
+        QTest::newRow("empty") << QByteArray() << "uni_error2";
+        QTest::newRow("not JSON") << QByteArray("{\"id\": ") << "uni_error2";
+        QTest::newRow("an array") << QByteArray("[1, 2]") << "uni_error1";
+        QTest::newRow("no keys") << QByteArray("{}") << "uni_error1";
+        QTest::newRow("a number for a text")
+            << QByteArray(R"({"id": 1, "token": "x", "url": "u", "snlist": "s"})") << "_FALSE5";
+        QTest::newRow("nested") << QByteArray(
+                                       R"({"id": {"a": [1]}, "token": null, "url": "u", "snlist": "s"})")
+                                << "_FALSE5";
+        QTest::newRow("not text") << QByteArray("\xff\xfe\x00\x01", 4) << "uni_error2";
+    }
+    void survivesBadBodies() {
+        QFETCH(QByteArray, body);
+        const HttpReply reply = m_service->http().postUniapp("/user/urlplay", body);
+        QCOMPARE(reply.status, 200);
+        QTEST(reply.info(), "info");
+    }
+
+    void refusesOversizedBody() {
+        const HttpReply reply = m_service->http().postForm(
+            "/user/urlplay", m_account.params({{"url", QString(40'000'000, 'x')}, {"snlist", "s"}}));
+        QVERIFY2(reply.status == 413 || reply.status == 0, reply.body.left(200)); // 0: cut off while sending
+        QVERIFY(ask("/user/editvols", {{"vol", "5"}, {"snlist", joined(*m_fleet)}}));
+    }
+
+    void quotesReachNoOtherStatement() {
+        const auto before = m_service->sql("SELECT * FROM sbox_users");
+        for (const char* name :
+             {"o'brien", "x' OR '1'='1", "'; DELETE FROM sbox_users; --", "\\' OR 1=1 -- "}) {
+            const HttpReply reply =
+                m_service->http().postForm("/user/gtoken", {{"username", name}, {"passwd", "y' OR 'a'='a"}});
+            QVERIFY2(!reply.res(), reply.body);
+        }
+        QCOMPARE(m_service->sql("SELECT * FROM sbox_users"), before);
+    }
+
+    void servesACampus() {
+        auto options = speakersOf(*m_service);
+        options.serial = QByteArray::fromHex("ca000000000000000000000000000000");
+        options.player.keepBodies = false;
+        options.player.speed = 0.01; // still playing when it is stopped
+        sim::Fleet campus(options, kCampus);
+        campus.start();
+        QVERIFY(every(campus, [](const sim::Speaker& s) { return s.isOnline(); }));
+        QCOMPARE(m_service->command({{"cmd", "LIST"}}).value("list").toArray().size(), kCampus + kSpeakers);
+
+        const QJsonArray all = QJsonArray::fromStringList(campus.serials());
+        m_service->command({{"cmd", "VOL_S"}, {"snlist", all}, {"vol", 11}, {"vols", 11}});
+        QVERIFY(every(campus, [](const sim::Speaker& s) { return s.volume() == 11; }));
+        m_service->command({{"cmd", "PLAYOFF"},
+                            {"snlist", all},
+                            {"filelist", QJsonArray{m_service->url("/mp3/notice.mp3")}}});
+        QVERIFY(every(campus, [this](const sim::Speaker& s) {
+            return s.fetches().size() == 1 && s.fetches().front().size == m_mp3.size();
+        }));
+        m_service->command({{"cmd", "FORCESTOP"}, {"snlist", all}});
+        QVERIFY(every(
+            campus, [](sim::Speaker& s) { return !s.player().isPlaying() && s.count(sim::Op::Stop) == 1; }));
+    }
+
+private:
+    bool ask(const QString& path, const HttpParams& params) {
+        const HttpReply reply = m_service->http().postForm(path, m_account.params(params));
+        if (!reply.res())
+            qWarning("%s: %s", qPrintable(path), reply.body.constData());
+        return reply.res();
+    }
+
+    /// One value of each speaker as the service lists it, in the order of the serials.
+    QStringList statesOf(const QString& key) {
+        QMap<QString, QString> states;
+        for (const QJsonValue& entry : m_service->command({{"cmd", "LIST"}}).value("list").toArray())
+            states.insert(entry["sn"].toString(), entry[key].toVariant().toString());
+        return states.values();
+    }
+
+    std::unique_ptr<Service> m_service;
+    std::unique_ptr<sim::Fleet> m_fleet;
+    Account m_account;
+    QByteArray m_mp3;
+};
+
+int main(int argc, char** argv) {
+    return runTest<ServiceTest>(argc, argv);
+}
+
+#include "service_test.moc"
