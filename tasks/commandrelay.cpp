@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr int LoggedBytes = 512; ///< of a payload; the list of speakers in it may be long
+constexpr int LoggedBytes = 256; ///< of a payload; the list of speakers in it may be long
 
 void logConnectFailure(const NodeAddress& node, const QTcpSocket& socket) {
     qWarning() << "sck连接失败" << node.host << node.port << socket.errorString();

@@ -115,8 +115,9 @@ void Task_workque::setClock(TaskClock clock) {
 
 void Task_workque::forNodeout() {
     for (const Node& node : qAsConst(m_nodes)) {
-        connect(node.poller, &Nodeque::updatedatabase, this, &Task_workque::instsqk, Qt::UniqueConnection);
-        qInfo() << "nodeport3" << node.poller->address() << node.poller->port();
+        if (connect(node.poller, &Nodeque::updatedatabase, this, &Task_workque::instsqk,
+                    Qt::UniqueConnection))
+            qInfo() << "nodeport3" << node.poller->address() << node.poller->port();
     }
 }
 

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr qint64 SliceMs = 15; ///< of one turn of the main loop
+constexpr qint64 SliceMs = 10; ///< of one turn of the main loop
 const QString Separator = QStringLiteral(">_#@#_<");
 
 } // namespace
