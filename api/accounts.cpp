@@ -4,6 +4,7 @@
 #include "api/requestmapper.h"
 #include "core/sqlite.h"
 #include "device/severinit.h"
+#include "tasks/task_workque.h"
 
 #include <QCryptographicHash>
 #include <QDateTime>
@@ -131,6 +132,8 @@ QByteArray DumpController_add_user::user_dbini(const Params& params) {
         return reply({{QStringLiteral("res"), false},
                       {QStringLiteral("info"), QStringLiteral("excvp_ER")},
                       {QStringLiteral("infors"), affected}});
+    if (m_tasks) // this node's row must hold its own address again
+        QMetaObject::invokeMethod(m_tasks, &Task_workque::systeminit, Qt::QueuedConnection);
     return reply({{QStringLiteral("res"), true}, {QStringLiteral("info"), affected}});
 }
 
