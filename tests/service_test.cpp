@@ -1,5 +1,5 @@
-// The main job from an HTTP request to a speaker's wire, with the real service, on every kind of database
-// that needs no server.
+// The main job from an HTTP request to a speaker's wire, with the real service, on every kind of database.
+#include "support/mariadb.h"
 #include "support/service.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
@@ -50,14 +50,20 @@ private slots:
         QTest::addColumn<int>("kind");
         QTest::newRow("SQLite without tasks") << 0;
         QTest::newRow("SQLite") << 3;
+        QTest::newRow("MySQL") << 1;
     }
 
-    void initTestCase() { m_mp3 = makeMp3(2); }
+    void initTestCase() {
+        m_mp3 = makeMp3(2);
+        QVERIFY(m_server.start());
+    }
 
     void init() {
         QFETCH_GLOBAL(int, kind);
         ServiceOptions options;
         options.kind = kind;
+        if (kind == 1)
+            options.database = m_server.createDatabase(QString("service%1").arg(++m_databases));
         m_service = std::make_unique<Service>(options);
         QVERIFY(m_service->start());
         QFile file(m_service->docroot() + "/mp3/notice.mp3");
@@ -214,6 +220,8 @@ private:
         return states.values();
     }
 
+    MariaDb m_server;
+    int m_databases = 0;
     std::unique_ptr<Service> m_service;
     std::unique_ptr<sim::Fleet> m_fleet;
     Account m_account;
