@@ -1,4 +1,5 @@
 // speaker-sim: one or many speakers in one process, for trying the service out and for load.
+#include "core/eventdispatcher.h"
 #include "tools/simfleet.h"
 
 #include <array>
@@ -198,6 +199,7 @@ Arguments parse(const QCoreApplication& app) {
 int main(int argc, char** argv) {
     raiseFileLimit();
     const int signalDescriptor = openSignals();
+    QCoreApplication::setEventDispatcher(new EpollEventDispatcher); // the default one scans every connection
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("speaker-sim"));
     QCoreApplication::setApplicationVersion(QStringLiteral(SPEAKERD_VERSION));
