@@ -7,6 +7,7 @@
 #include "device/sever_listen.h"
 #include "device/severinit.h"
 #include "http/httplistener.h"
+#include "http/httpsessionstore.h"
 #include "http/staticfilecontroller.h"
 #include "redis/fuck_redis.h"
 #include "tasks/task_workque.h"
@@ -166,8 +167,10 @@ void Startup::createTasks() {
 }
 
 void Startup::serveHttp() {
+    m_sessionsGroup = openGroup(m_settings, QStringLiteral("sessions"));
     m_docrootGroup = openGroup(m_settings, QStringLiteral("docroot"));
     m_listenerGroup = openGroup(m_settings, QStringLiteral("listener"));
+    m_sessions = std::make_unique<HttpSessionStore>(m_sessionsGroup.get());
     m_files = std::make_unique<StaticFileController>(m_docrootGroup.get());
     const char* const key = text("ASKEY").isEmpty() ? "(no key)" : "(key)";
     qDebug().noquote() << text("Meida_ip") << integer("Meida_port") << integer("wbport") << key;

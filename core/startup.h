@@ -11,6 +11,7 @@ class cmdthread;
 class cmdthread6;
 class fuck_redis;
 class HttpListener;
+class HttpSessionStore;
 class QCoreApplication;
 class RequestMapper;
 class sever_listen;
@@ -56,8 +57,10 @@ private:
     std::unique_ptr<cmdthread6> m_commands6;
     std::unique_ptr<sqlite> m_database;    ///< this and what follows: null in media-only mode
     std::unique_ptr<Task_workque> m_tasks; ///< null unless the database is ready and its kind has tasks
+    std::unique_ptr<QSettings> m_sessionsGroup;
     std::unique_ptr<QSettings> m_docrootGroup;
     std::unique_ptr<QSettings> m_listenerGroup;
+    std::unique_ptr<HttpSessionStore> m_sessions;
     std::unique_ptr<StaticFileController> m_files;
     std::unique_ptr<RequestMapper> m_router;
     std::unique_ptr<HttpListener> m_http;

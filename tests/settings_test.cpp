@@ -1,7 +1,10 @@
 #include "core/settings.h"
 #include "support/testmain.h"
 
+#include <array>
+#include <cstdio>
 #include <QFile>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 class SettingsTest : public QObject {
@@ -11,6 +14,8 @@ private slots:
     void valuesAreConverted();
     void addressesAreDerived_data();
     void addressesAreDerived();
+    void documentationIsTheTable();
+    void exampleIsTheTable();
 
 private:
     Settings load(const QByteArray& ini, const char* detected = "10.1.2.3");
@@ -79,6 +84,56 @@ void SettingsTest::addressesAreDerived() {
                                .join(QLatin1Char(' '));
     QTEST(actual, "expected");
     QCOMPARE(settings.hasLocalIp(), ini.contains("LocalIP"));
+}
+
+static QString readSource(const char* path) {
+    QFile file(QString(SOURCE_DIR "/") + path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+void SettingsTest::documentationIsTheTable() {
+    constexpr std::array<const char*, 3> types = {"text", "integer", "flag"};
+    QString expected;
+    QString group;
+    for (const SettingKey& key : settingKeys()) {
+        if (group != key.group)
+            expected += QString("\n## [%1]\n\n| Key | Type | Default | Meaning |\n|---|---|---|---|\n")
+                            .arg(key.group);
+        group = key.group;
+        const QString value = *key.defaultValue ? QString("`%1`").arg(key.defaultValue) : QString();
+        expected += QString("| `%1` | %2 | %3 | %4 |\n")
+                        .arg(key.name, types.at(static_cast<size_t>(key.type)), value, key.doc);
+    }
+    const bool documented = readSource("docs/configuration.md").contains(expected);
+    if (!documented) // too long for a test's message
+        std::fputs(qPrintable("docs/configuration.md must hold:\n" + expected), stderr);
+    QVERIFY(documented);
+}
+
+// Every key stands in the example, in the table's order; one that is commented out shows its default.
+void SettingsTest::exampleIsTheTable() {
+    const QStringList lines = readSource("packaging/config.ini.example").split('\n');
+    const QRegularExpression keyLine("^(;?)(\\w+)=(.*)$");
+    QString group;
+    QStringList found;
+    QMap<QString, QString> shown;
+    for (const QString& line : lines) {
+        if (line.startsWith('['))
+            group = line.mid(1, line.indexOf(']') - 1) + '/';
+        const auto match = keyLine.match(line);
+        if (match.hasMatch())
+            found.append(group + match.captured(2));
+        if (match.hasMatch() && !match.captured(1).isEmpty())
+            shown.insert(found.last(), match.captured(3));
+    }
+    QStringList expected;
+    for (const SettingKey& key : settingKeys()) {
+        const QString name = QString(key.group) + '/' + key.name;
+        expected.append(name);
+        if (shown.contains(name))
+            QCOMPARE(name + '=' + shown.value(name), name + '=' + key.defaultValue);
+    }
+    QCOMPARE(found, expected);
 }
 
 int main(int argc, char** argv) {
