@@ -2,7 +2,6 @@
 #include "tests/support/service.h"
 #include "tests/support/waitfor.h"
 
-#include <csignal>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QTcpServer>
@@ -11,20 +10,11 @@
 class StartupTest : public QObject {
     Q_OBJECT
 private slots:
-    void options_data();
-    void options();
     void missingConfigurationIsTold();
     void onlyTheFirstArgumentCounts();
     void reportsInOrderAndKeepsSecrets();
-    void mediaOnlyOpensNoDatabase();
-    void goesOnWithoutItsAddress();
-    void goesOnWithoutADatabase_data();
-    void goesOnWithoutADatabase();
     void storedSpeakersAreKnown();
     void portsOfZeroAreTold();
-    void takenDevicePortEndsIt();
-    void signalsEndIt_data();
-    void signalsEndIt();
     void raisesItsOpenFileLimit();
 };
 
@@ -49,21 +39,6 @@ static bool answers(quint16 port) {
     QTcpSocket socket;
     socket.connectToHost("127.0.0.1", port);
     return socket.waitForConnected(2000);
-}
-
-void StartupTest::options_data() {
-    QTest::addColumn<QString>("option");
-    QTest::addColumn<QByteArray>("expected");
-    QTest::newRow("help") << QString("--help") << QByteArray("Usage: speakerd [CONFIG]");
-    QTest::newRow("version") << QString("--version") << QByteArray("speakerd " SPEAKERD_VERSION "\n");
-}
-
-void StartupTest::options() {
-    QFETCH(QString, option);
-    const Run run = runToEnd({option});
-    QCOMPARE(run.status, 0);
-    QFETCH(QByteArray, expected);
-    QVERIFY(run.output.startsWith(expected));
 }
 
 // The default ports are taken here, so that the run ends by itself.
@@ -118,51 +93,6 @@ void StartupTest::reportsInOrderAndKeepsSecrets() {
     QVERIFY(!log.contains(Service::serviceKey()));
 }
 
-void StartupTest::mediaOnlyOpensNoDatabase() {
-    ServiceOptions options;
-    options.settings = {{"isonly_media", true}};
-    options.createDatabase = false;
-    Service service(options);
-    QVERIFY(service.start());
-    QVERIFY(service.waitForLog("speakerd ready: "));
-    QVERIFY(answers(service.devicePort()) && answers(service.commandPort()) &&
-            answers(service.commandPort6()));
-    QVERIFY(!answers(service.httpPort()));
-    QVERIFY(!QFile::exists(service.file(".Elvor.db")));
-    QVERIFY(service.command({{"cmd", "LIST"}, {"snlist", QJsonArray()}}).contains("res"));
-    QCOMPARE(service.stop(), 0);
-}
-
-void StartupTest::goesOnWithoutItsAddress() {
-    ServiceOptions options;
-    options.settings = {{"LocalIP", QVariant()}};
-    Service service(options);
-    QVERIFY(service.start());
-    QVERIFY(service.log().contains("LocalIP Error"));
-    QVERIFY(service.waitForLog("warningurl http://:"));
-    QVERIFY(service.addAccount("someone").id > 0);
-}
-
-void StartupTest::goesOnWithoutADatabase_data() {
-    QTest::addColumn<int>("kind");
-    QTest::newRow("no such kind") << 2;
-    QTest::newRow("unreachable server") << 1;
-}
-
-void StartupTest::goesOnWithoutADatabase() {
-    QFETCH(int, kind);
-    ServiceOptions options;
-    options.createDatabase = false;
-    options.kind = kind;
-    options.settings = {{"sqltask_port", freePort()}};
-    Service service(options);
-    QVERIFY(service.start());
-    QVERIFY(service.waitForLog("speakerd ready: "));
-    QVERIFY(service.log().contains("db init error"));
-    QVERIFY(service.command({{"cmd", "LIST"}, {"snlist", QJsonArray()}}).contains("res"));
-    QCOMPARE(service.stop(), 0);
-}
-
 void StartupTest::storedSpeakersAreKnown() {
     const QString active(32, 'a');
     const QString expired(32, 'b');
@@ -187,35 +117,6 @@ void StartupTest::portsOfZeroAreTold() {
     const QRegularExpression ready("speakerd ready: devices \\d+/\\d+, commands (\\d+)/\\d+\n");
     const quint16 port = ready.match(QString::fromUtf8(service.log())).captured(1).toUShort();
     QVERIFY(port != 0 && answers(port));
-}
-
-void StartupTest::takenDevicePortEndsIt() {
-    QTcpServer taken;
-    QVERIFY(taken.listen(QHostAddress::Any));
-    ServiceOptions options;
-    options.settings = {{"DPort", taken.serverPort()}};
-    Service service(options);
-    const Run run = runToEnd({"config.ini"}, service.directory());
-    QCOMPARE(run.status, 0);
-    QVERIFY(run.output.contains("exit er"));
-}
-
-void StartupTest::signalsEndIt_data() {
-    QTest::addColumn<int>("signal");
-    QTest::newRow("SIGTERM") << SIGTERM;
-    QTest::newRow("SIGINT") << SIGINT;
-}
-
-void StartupTest::signalsEndIt() {
-    QFETCH(int, signal);
-    Service service;
-    QVERIFY(service.start());
-    QTcpSocket speaker;
-    speaker.connectToHost("127.0.0.1", service.devicePort());
-    QVERIFY(speaker.waitForConnected());
-    ::kill(static_cast<pid_t>(service.pid()), SIGPIPE); // is nothing
-    ::kill(static_cast<pid_t>(service.pid()), signal);
-    QCOMPARE(service.waitForEnd(), 0);
 }
 
 void StartupTest::raisesItsOpenFileLimit() {
