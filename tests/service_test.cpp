@@ -141,6 +141,29 @@ private slots:
         QVERIFY(waitFor([this] { return m_fleet->at(1).volume() == 3; }));
     }
 
+    void outlivesSpeakersThatVanish() {
+        auto options = speakersOf(*m_service);
+        options.serial = QByteArray::fromHex("da000000000000000000000000000000");
+        sim::Fleet crowd(options, 60);
+        crowd.start();
+        const QJsonArray all = QJsonArray::fromStringList(crowd.serials());
+        for (int round = 1; round <= 3; ++round) {
+            QVERIFY(every(crowd, [](const sim::Speaker& s) { return s.isOnline(); }));
+            // Every other one resets its connection while the command goes out.
+            QTimer::singleShot(0, &crowd, [&] {
+                for (int i = 0; i < crowd.size(); i += 2)
+                    crowd.at(i).drop();
+            });
+            m_service->command({{"cmd", "VOL_S"}, {"snlist", all}, {"vol", round}, {"vols", round}});
+            for (int i = 1; i < crowd.size(); i += 2)
+                QVERIFY(waitFor([&] { return crowd.at(i).volume() == round; }));
+            for (int i = 0; i < crowd.size(); i += 2)
+                crowd.at(i).start();
+        }
+        QVERIFY(every(crowd, [](const sim::Speaker& s) { return s.isOnline(); }));
+        QVERIFY(waitFor([&] { return statesOf("status").count("1") == crowd.size() + kSpeakers; }));
+    }
+
     void survivesBadBodies_data() {
         QTest::addColumn<QByteArray>("body");
         QTest::addColumn<QString>("info");
