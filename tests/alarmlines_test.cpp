@@ -9,6 +9,7 @@
 class AlarmLinesTest : public QObject {
     Q_OBJECT
 private slots:
+    void initTestCase_data();
     void init();
     void cleanup();
     void aLineStartsItsPlan();
@@ -41,8 +42,16 @@ private:
     Account m_admin;
 };
 
+void AlarmLinesTest::initTestCase_data() {
+    QTest::addColumn<int>("kind");
+    QTest::newRow("kind 3") << 3;
+    QTest::newRow("kind 1") << 1;
+}
+
 void AlarmLinesTest::init() {
+    QFETCH_GLOBAL(int, kind);
     ServiceOptions options;
+    options.kind = kind;
     options.files = {{"etc/docroot/mp3/alarm.mp3", makeMp3(0.5)}};
     m_service = std::make_unique<Service>(options);
     QVERIFY(m_service->start());

@@ -56,6 +56,7 @@ void ApiFilesTest::initTestCase_data() {
     QTest::addColumn<int>("kind");
     QTest::newRow("kind 3") << 3;
     QTest::newRow("kind 0") << 0;
+    QTest::newRow("kind 1") << 1;
 }
 
 void ApiFilesTest::init() {

@@ -100,6 +100,7 @@ private slots:
         QTest::addColumn<int>("kind");
         QTest::newRow("kind 0") << 0;
         QTest::newRow("kind 3") << 3;
+        QTest::newRow("kind 1") << 1;
     }
     void init() {
         QFETCH_GLOBAL(int, kind);

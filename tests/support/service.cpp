@@ -1,5 +1,6 @@
 #include "tests/support/service.h"
 
+#include "tests/support/mariadb.h"
 #include "tests/support/waitfor.h"
 
 #include <csignal>
@@ -50,6 +51,16 @@ void writeFile(const QString& path, const QByteArray& bytes) {
         qFatal("cannot write %s", qPrintable(path));
 }
 
+/// A database of its own for each service of kind 1, on one server a test process.
+DatabaseAccess ownMysqlDatabase() {
+    static MariaDb server;
+    static const bool started = server.start();
+    static int count = 0;
+    if (!started)
+        qFatal("no database server");
+    return server.createDatabase(QStringLiteral("service%1").arg(++count));
+}
+
 } // namespace
 
 quint16 freePort(int span) {
@@ -78,6 +89,8 @@ QByteArray makeMp3(double seconds, int hertz) {
 
 Service::Service(ServiceOptions options)
     : m_options(std::move(options)) {
+    if (m_options.kind == 1 && m_options.database.name.isEmpty())
+        m_options.database = ownMysqlDatabase();
     const quint16 device = freePort(3); // the audio port is the control port + 2
     m_ports = {{QStringLiteral("DPort"), device}};
     for (const char* key : {"DataPortBack3", "PS1", "PS2", "wbport", "listener/port"}) {
@@ -225,8 +238,11 @@ QList<QVariantMap> Service::sql(const QString& statement) {
             database.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=20000"));
         }
     }
+    const bool opened = !database.isOpen() && database.open();
+    if (opened && m_options.kind == 1)
+        database.exec(QStringLiteral("SET NAMES utf8mb4"));
     QSqlQuery query(database);
-    if ((!database.isOpen() && !database.open()) || !query.exec(statement))
+    if (!database.isOpen() || !query.exec(statement))
         qFatal("%s: %s", qPrintable(statement),
                qPrintable(query.lastError().text() + database.lastError().text()));
     QList<QVariantMap> rows;

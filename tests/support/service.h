@@ -20,7 +20,7 @@ struct DatabaseAccess {
 
 struct ServiceOptions {
     int kind = 3;            ///< `dbk`
-    DatabaseAccess database; ///< only for kind 1
+    DatabaseAccess database; ///< only for kind 1; without a name the harness starts a server and makes one
     /// Further configuration, "key" of group "Settings" or "group/key"; overrides what the harness
     /// writes. An invalid value leaves the key out.
     QMap<QString, QVariant> settings;
