@@ -10,6 +10,7 @@
 #include "http/httpsessionstore.h"
 #include "http/staticfilecontroller.h"
 #include "redis/fuck_redis.h"
+#include "tasks/alarmcast.h"
 #include "tasks/task_workque.h"
 
 #include <QCoreApplication>
@@ -130,6 +131,7 @@ void Startup::listenForCommands() {
     m_commands6 = std::make_unique<cmdthread6>(integer("PS2"));
     m_commands6->setFilter(filter);
     m_commands6->init(m_devices.get());
+    m_alarms = std::make_unique<Alarmcast>(m_devices.get(), text("runingdir"));
 }
 
 void Startup::openDatabase() {

@@ -7,8 +7,9 @@
 #include <QSettings>
 #include <QString>
 
-class cmdthread;
+class Alarmcast;
 class cmdthread6;
+class cmdthread;
 class fuck_redis;
 class HttpListener;
 class HttpSessionStore;
@@ -55,6 +56,7 @@ private:
     std::unique_ptr<sever_listen> m_speakerListener;
     std::unique_ptr<cmdthread> m_commands;
     std::unique_ptr<cmdthread6> m_commands6;
+    std::unique_ptr<Alarmcast> m_alarms;
     std::unique_ptr<sqlite> m_database;    ///< this and what follows: null in media-only mode
     std::unique_ptr<Task_workque> m_tasks; ///< null unless the database is ready and its kind has tasks
     std::unique_ptr<QSettings> m_sessionsGroup;

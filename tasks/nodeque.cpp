@@ -3,6 +3,7 @@
 #include "tasks/getdevinfo.h"
 #include "tasks/serviceperiod.h"
 #include "tasks/tasxkobj.h"
+#include "tasks/warning.h"
 
 #include "core/sqlite.h"
 #include "device/severinit.h"
@@ -144,6 +145,17 @@ void Nodeque::fuckmg(const QByteArray& command) {
         relayCommand(m_node, command);
     else
         relayCommandFromLoop(m_node, command, this);
+}
+
+// --- alarm sources ---
+
+void Nodeque::insertwarming(const QString& name, Warning* warning) {
+    diswarming(name);
+    m_warnings.insert(name, connect(warning, &Warning::cmd, this, &Nodeque::fuckmg));
+}
+
+void Nodeque::diswarming(const QString& name) {
+    disconnect(m_warnings.take(name));
 }
 
 // --- this machine's node ---

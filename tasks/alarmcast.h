@@ -1,0 +1,59 @@
+#pragma once
+
+#include <list>
+#include <memory>
+#include <QByteArray>
+#include <QJsonObject>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+class Baojingobject;
+class SAobj;
+class Severinit;
+
+/// Feeds alarm files to speakers as a stream: the commands "PLAYMG" and "STOPMG". Each start is a cast
+/// of its own with a higher sequence than the one before; where casts meet on a speaker, the higher
+/// level plays, and of equal levels the newer. Main loop only. Owner: start-up.
+class Alarmcast : public QObject {
+    Q_OBJECT
+public:
+    /// Casts at once: each is a timer and an open file. An installation has a handful of zones.
+    static constexpr int MaxCasts = 64;
+    static constexpr int MaxFiles = 1000; ///< of one cast
+    static constexpr int DefaultLevel = 1;
+    static constexpr int MaxLevel = 1000;
+
+    /// Registers the commands with `devices`, which outlives this object. Files are taken from below
+    /// `runingdir` only.
+    Alarmcast(Severinit* devices, QString runingdir, QObject* parent = nullptr);
+    ~Alarmcast() override;
+
+    QJsonObject play(const QJsonObject& request, const QStringList& targets);
+    QJsonObject stop(const QStringList& targets);
+    int castCount() const { return static_cast<int>(m_casts.size()); }
+
+    /// The real path of `entry` below `directory`, links resolved; empty when it leads out of it, does
+    /// not exist or is no regular file.
+    static QString fileBelow(const QString& directory, const QString& entry);
+
+private:
+    struct Cast {
+        int sequence = 0;
+        int level = 0;
+        QVector<QPointer<SAobj>> speakers;
+        std::unique_ptr<Baojingobject> player;
+    };
+    QStringList filesOf(const QJsonObject& request) const;
+    bool start(const QStringList& files, const QStringList& targets, int level);
+    void feed(const Cast& cast, const QByteArray& packet);
+    void endSoon(int sequence);
+    QJsonObject outcome(const QStringList& targets) const;
+
+    Severinit* m_devices;
+    QString m_directory;
+    std::list<Cast> m_casts; ///< addresses stay while casts come and go
+    int m_sequence = 0;
+};
