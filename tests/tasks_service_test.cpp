@@ -1,0 +1,218 @@
+// Bells from the management interface to the speakers' wire, and what becomes of them when the service
+// is killed or the clock changes.
+#include "support/mariadb.h"
+#include "support/service.h"
+#include "support/testmain.h"
+#include "support/waitfor.h"
+#include "tools/simfleet.h"
+
+#include <QDateTime>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// A service with an account, its speakers and one file, 3 s long; the speakers are there.
+struct School {
+    explicit School(ServiceOptions options = {}, int speakers = 2)
+        : service(std::move(options)) {
+        if (!service.start())
+            qFatal("no service");
+        account = service.addAccount("school");
+        sim::SpeakerOptions first;
+        first.serial = QByteArray::fromHex("00000000000000000000000000abc000");
+        first.port = service.devicePort();
+        first.reconnectPause = 200ms;
+        fleet = std::make_unique<sim::Fleet>(first, speakers);
+        service.giveSpeakers(account, fleet->serials());
+        QDir().mkpath(service.docroot() + "/mp3");
+        QFile mp3(service.docroot() + "/mp3/bell.mp3");
+        mp3.open(QIODevice::WriteOnly);
+        mp3.write(makeMp3(3));
+        service.sql(QStringLiteral("INSERT INTO userfile (userid, url, len) VALUES (%1, 'mp3/bell.mp3', 3)")
+                        .arg(account.id));
+        fleet->start();
+        if (!waitFor([&] { return fleet->online() == speakers; }))
+            qFatal("no speakers");
+    }
+    HttpReply call(const char* path, const HttpParams& params) {
+        return service.http().postForm(path, account.params(params));
+    }
+    /// A task for all speakers at a local time.
+    int addTask(const QString& startTime, const HttpParams& more = {}) {
+        const HttpReply reply = call("/user/add_task", HttpParams{{"snids", "1|2"},
+                                                                  {"fileids", "1"},
+                                                                  {"start_time", startTime},
+                                                                  {"task_name", "bell " + startTime},
+                                                                  {"len", "600"}} +
+                                                           more);
+        return reply.json()["taskid"].toInt();
+    }
+    int statu(int task) {
+        return service.sql(QStringLiteral("SELECT statu FROM task WHERE id = %1").arg(task))
+            .value(0)["statu"]
+            .toInt();
+    }
+    /// Every speaker has been told this often.
+    bool told(sim::Op op, int times) {
+        for (int i = 0; i < fleet->size(); ++i) {
+            if (fleet->at(i).count(op) != times)
+                return false;
+        }
+        return true;
+    }
+    Service service;
+    Account account;
+    std::unique_ptr<sim::Fleet> fleet;
+};
+
+QString inSeconds(int seconds) {
+    return QDateTime::currentDateTime().addSecs(seconds).toString("h:m:s");
+}
+
+} // namespace
+
+class TasksServiceTest : public QObject {
+    Q_OBJECT
+private slots:
+    void bellRingsAndStops_data() { kinds(); }
+    void bellRingsAndStops() {
+        QFETCH(int, kind);
+        School school(ofKind(kind));
+        const int task = school.addTask(inSeconds(2), {{"kind", "9"}});
+        QVERIFY(waitFor([&] { return school.told(sim::Op::PlayList, 1); }));
+        QCOMPARE(school.fleet->at(0).last(sim::Op::PlayList)->argument,
+                 school.service.url("/mp3/bell.mp3").toUtf8());
+        QVERIFY(waitFor([&] { return !school.fleet->at(1).fetches().empty(); }));
+        QCOMPARE(school.fleet->at(1).fetches()[0].httpStatus, 200);
+        QCOMPARE(school.statu(task), 1);
+        QVERIFY(waitFor([&] { return school.told(sim::Op::PlayList, 2); })); // the list is played again
+        const HttpParams named{{"taskid", QString::number(task)}};
+        QCOMPARE(school.call("/user/starttask", named).info(), "Task is Working");
+        QVERIFY(school.call("/user/stoptask", named).res());
+        QVERIFY(waitFor([&] { return school.fleet->at(0).count(sim::Op::Stop) > 0; }));
+        QVERIFY(waitFor([&] { return school.statu(task) == 0; }));
+        QCOMPARE(school.call("/user/stoptask", named).info(), "fuckU_ass_hole");
+        QVERIFY(school.told(sim::Op::PlayList, 2));
+        QVERIFY(school.call("/user/starttask", named).res()); // and once more by hand
+        QVERIFY(waitFor([&] { return school.told(sim::Op::PlayList, 3); }));
+        QCOMPARE(school.service.stop(), 0); // in the middle of it
+    }
+
+    void listEndsByItself() {
+        School school;
+        const int task = school.addTask("0:0:0");
+        QVERIFY(school.call("/user/starttask", {{"taskid", QString::number(task)}}).res());
+        QVERIFY(waitFor([&] { return school.statu(task) == 1; }));
+        QVERIFY(waitFor([&] { return school.statu(task) == 0; }));
+        QVERIFY(waitFor([&] { return school.fleet->at(0).count(sim::Op::Stop) > 0; }));
+        QVERIFY(school.told(sim::Op::PlayList, 1));
+    }
+
+    void temporaryPlay() {
+        School school;
+        const QString play =
+            QString::number(school
+                                .call("/user/tmpstartpl",
+                                      {{"snids", "2"}, {"fileids", "1"}, {"playmode", "0"}, {"len", "60"}})
+                                .json()["tmpid"]
+                                .toInt());
+        sim::Speaker& speaker = school.fleet->at(1);
+        QVERIFY(waitFor([&] { return speaker.count(sim::Op::PlayList) == 2; })); // at random, over and over
+        QCOMPARE(school.fleet->at(0).count(sim::Op::PlayList), 0);
+        QVERIFY(school.call("/user/tmpstoppl", {{"tpid", play}}).res());
+        QVERIFY(waitFor([&] { return speaker.count(sim::Op::Stop) > 0; }));
+        QCOMPARE(school.call("/user/tmplistpl", {}).json()["list"].toArray().size(), 0);
+    }
+
+    void killedInTheMiddle() {
+        School school;
+        const int task = school.addTask(inSeconds(2), {{"kind", "9"}});
+        school.call("/user/tmpstartpl", {{"snids", "2"}, {"fileids", "1"}, {"len", "60"}});
+        QVERIFY(waitFor([&] { return school.statu(task) == 1; }));
+        QVERIFY(waitFor([&] { return school.fleet->at(0).count(sim::Op::PlayList) > 0; }));
+        school.service.kill9();
+        QVERIFY(school.service.start());
+        QCOMPARE(school.statu(task), 0);
+        QVERIFY(school.service.sql("SELECT id FROM taskpop").isEmpty());
+        QVERIFY(waitFor([&] { return school.fleet->online() == 2; }));
+        const int next = school.addTask(inSeconds(3));
+        school.fleet->at(0).forget();
+        QVERIFY(waitFor([&] { return school.statu(next) == 1; }));
+        QVERIFY(waitFor([&] { return school.fleet->at(0).count(sim::Op::PlayList) == 1; }));
+        QCOMPARE(school.statu(task), 0);
+    }
+
+    void speakersStateAndServicePeriod_data() { kinds(); }
+    void speakersStateAndServicePeriod() {
+        QFETCH(int, kind);
+        School school(ofKind(kind));
+        const QString sn = school.fleet->at(0).sn();
+        const auto device = [&] {
+            return school.service
+                .sql(QStringLiteral("SELECT * FROM sbox_device_info WHERE device_seed = '%1'").arg(sn))
+                .value(0);
+        };
+        const auto period = [&] {
+            return school.service.sql("SELECT statu FROM snover").value(0)["statu"].toInt();
+        };
+        school.service.sql(
+            QStringLiteral("INSERT INTO snover (sn, overtime, statu) VALUES ('%1', '2020-01-01 00:00:00', 1)")
+                .arg(sn));
+        QVERIFY(waitFor([&] { return device()["status"].toInt() == 1; }));
+        QVERIFY(waitFor([&] { return period() == 2; }));
+        QVERIFY(school.service.waitForLog("Disable sn:"));
+        school.service.sql("UPDATE snover SET statu = 3, overtime = '2099-01-01 00:00:00'");
+        QVERIFY(waitFor([&] { return period() == 1; }));
+        school.fleet->at(0).stop();
+        QVERIFY(waitFor([&] { return device()["status"].toInt() == 0; }));
+    }
+
+    // The real process by a clock that says it is the night in which summer time begins.
+    void nightOfTheSkippedHour() {
+        const QString library = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
+        if (!QFile::exists(library))
+            QSKIP("no libfaketime on this machine");
+        ServiceOptions options;
+        options.environment = {{"LD_PRELOAD", library},
+                               {"FAKETIME", "@2027-03-28 01:59:48"},
+                               {"TZ", "Europe/Berlin"},
+                               {"FAKETIME_DONT_FAKE_MONOTONIC", "1"},
+                               {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+        School school(options);
+        const int before = school.addTask("1:59:58"), skipped = school.addTask("2:30:0"),
+                  after = school.addTask("3:0:1"), weekday = school.addTask("3:0:1", {{"weeks", "1111110"}});
+        QVERIFY(waitFor([&] { return school.statu(before) == 1; }));
+        QVERIFY(waitFor([&] { return school.statu(after) == 1; }));
+        QVERIFY(school.service.waitForLog("task skipped: today has no \"2:30:0\""));
+        QCOMPARE(school.statu(skipped) + school.statu(weekday), 0);
+        QVERIFY(waitFor([&] { return school.told(sim::Op::PlayList, 2); }));
+    }
+
+private:
+    static void kinds() {
+        QTest::addColumn<int>("kind");
+        QTest::newRow("kind 3") << 3;
+        QTest::newRow("kind 1") << 1;
+    }
+    ServiceOptions ofKind(int kind) {
+        ServiceOptions options;
+        options.kind = kind;
+        if (kind == 1) {
+            if (!m_server) {
+                m_server = std::make_unique<MariaDb>();
+                if (!m_server->start())
+                    qFatal("no database server");
+            }
+            options.database = m_server->createDatabase(QStringLiteral("school%1").arg(++m_databases));
+        }
+        return options;
+    }
+    std::unique_ptr<MariaDb> m_server;
+    int m_databases = 0;
+};
+
+int main(int argc, char** argv) {
+    return runTest<TasksServiceTest>(argc, argv);
+}
+#include "tasks_service_test.moc"
