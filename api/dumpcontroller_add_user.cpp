@@ -62,33 +62,34 @@ void DumpController_add_user::service(HttpRequest& request, HttpResponse& respon
     } else {
         params = request.getParameterMap();
     }
-    response.write(answer(request, params), true);
+    response.write(answer(request.getMethod(), request.getPath(), params, request), true);
 }
 
-QByteArray DumpController_add_user::answer(HttpRequest& request, const Params& params) {
-    const QByteArray method = request.getMethod();
+QByteArray DumpController_add_user::answer(const QByteArray& method, const QByteArray& path,
+                                           const Params& params, HttpRequest& uploads) {
     QByteArray body;
     if (method == "GET") {
-        if (const Route* route = findRoute(getRoutes(), request.getPath())) {
-            body = call(*route, request, params);
+        if (const Route* route = findRoute(getRoutes(), path)) {
+            body = call(*route, path, params, uploads);
             if (!route->appendMethod)
                 return body;
         }
     }
     if (method != "POST")
         return body + method;
-    const Route* route = findRoute(postRoutes(), request.getPath());
-    return route ? call(*route, request, params) : fucktext(params);
+    const Route* route = findRoute(postRoutes(), path);
+    return route ? call(*route, path, params, uploads) : fucktext(params);
 }
 
-QByteArray DumpController_add_user::call(const Route& route, HttpRequest& request, const Params& params) {
+QByteArray DumpController_add_user::call(const Route& route, const QByteArray& path, const Params& params,
+                                         HttpRequest& uploads) {
     const Handler& handler = handlerFor(route, db().kind());
     if (const auto* endpoint = std::get_if<Endpoint>(&handler))
         return (this->**endpoint)(params);
     if (const auto* endpoint = std::get_if<UploadEndpoint>(&handler))
-        return (this->**endpoint)(params, request);
+        return (this->**endpoint)(params, uploads);
     if (const auto* endpoint = std::get_if<PathEndpoint>(&handler))
-        return (this->**endpoint)(params, QString::fromUtf8(request.getPath()));
+        return (this->**endpoint)(params, QString::fromUtf8(path));
     const auto* fixedBody = std::get_if<const char*>(&handler);
     return fixedBody ? QByteArray(*fixedBody) : QByteArray();
 }

@@ -21,6 +21,8 @@ class DumpController_add_user : public HttpRequestHandler {
 public:
     DumpController_add_user(sqlite* database, Task_workque* tasks, Severinit* devices, RequestMapper* mapper);
     void service(HttpRequest& request, HttpResponse& response) override;
+    /// The reply to a request whose parameters are known; `uploads` holds its files, if any.
+    QByteArray answer(const QByteArray& method, const QByteArray& path, const Params&, HttpRequest& uploads);
 
     // What a route may point at.
     using Endpoint = QByteArray (DumpController_add_user::*)(const Params&);
@@ -144,8 +146,7 @@ public:
     QByteArray Startwaringtask(const Params&, const QString& path);
 
 private:
-    QByteArray answer(HttpRequest& request, const Params&);
-    QByteArray call(const Route& route, HttpRequest& request, const Params&);
+    QByteArray call(const Route& route, const QByteArray& path, const Params&, HttpRequest& uploads);
     QByteArray runQuery(const QString& set, const Params&, const QString& path, bool inProcess);
     sqlite& db() const { return *m_database; } ///< this worker's own
     /// Sends commands to this node's command server, which the main loop is free to serve meanwhile.

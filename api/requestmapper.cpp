@@ -1,8 +1,8 @@
 #include "api/requestmapper.h"
 
-#include "api/filestore.h"
 #include "api/dumpcontroller_add_user.h"
 #include "api/examplecontrollers.h"
+#include "api/filestore.h"
 #include "core/sqlite.h"
 #include "http/httprequest.h"
 #include "http/httpresponse.h"
@@ -90,6 +90,15 @@ void RequestMapper::service(HttpRequest& request, HttpResponse& response) {
         response.setStatus(404);
         response.write(QByteArrayLiteral("404"), true);
     }
+}
+
+QByteArray RequestMapper::post(const QByteArray& path, const QMap<QByteArray, QByteArray>& parameters,
+                               sqlite* database) {
+    if (controllerFor(path) != Controller::Management)
+        return refusal(QStringLiteral("path_error"));
+    HttpRequest noUploads;
+    return DumpController_add_user(database, m_tasks, m_devices, this)
+        .answer(QByteArrayLiteral("POST"), path, parameters, noUploads);
 }
 
 QString RequestMapper::randomToken() {

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <QHash>
+#include <QMap>
 #include <QReadWriteLock>
 #include <QString>
 
@@ -23,6 +24,13 @@ public:
 
     bool wants(const QByteArray& method, const QByteArray& path) const override;
     void service(HttpRequest& request, HttpResponse& response) override;
+
+    /// The reply to a POST of `path` for a front that does not speak HTTP; no files can be uploaded.
+    /// A path that is no endpoint's is refused with "path_error". May block; `database` is the calling
+    /// thread's own.
+    QByteArray post(const QByteArray& path, const QMap<QByteArray, QByteArray>& parameters, sqlite* database);
+    /// The main object, for clones.
+    const sqlite* database() const { return m_database; }
 
     // Token table: user id to token. Any thread.
     std::optional<QString> token(int userid) const;  ///< nullopt for an unknown user; never an empty text

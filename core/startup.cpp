@@ -6,6 +6,7 @@
 #include "device/commandserver.h"
 #include "device/sever_listen.h"
 #include "device/severinit.h"
+#include "fronts/maincellinit.h"
 #include "http/httplistener.h"
 #include "http/httpsessionstore.h"
 #include "http/staticfilecontroller.h"
@@ -179,8 +180,11 @@ void Startup::serveHttp() {
     qDebug().noquote() << "warningurl" << m_database->site.warningurl;
     qDebug().noquote() << "preurl" << m_database->site.preurl;
 
+    m_front = std::make_unique<MainCellInit>(nullptr, text("ASKEY"), integer("Meida_port"), integer("wbport"),
+                                             text("Meida_ip"));
     m_router = std::make_unique<RequestMapper>(m_application, integer("RDDATAPORT"), text("Meida_ip"),
                                                m_database.get(), m_devices.get(), m_tasks.get());
+    m_front->setRouter(m_router.get());
     m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_router.get());
     m_http->setStaticFiles(m_files.get());
     m_http->listen();
@@ -195,5 +199,7 @@ void Startup::logReady() const {
                        .arg(m_commands6->serverPort());
     if (m_http)
         line += QStringLiteral(", http %1").arg(m_http->serverPort());
+    if (m_front && m_front->serverPort() > 0)
+        line += QStringLiteral(", websocket %1").arg(m_front->serverPort());
     qInfo().noquote() << line;
 }

@@ -13,6 +13,7 @@ class cmdthread;
 class fuck_redis;
 class HttpListener;
 class HttpSessionStore;
+class MainCellInit;
 class QCoreApplication;
 class RequestMapper;
 class sever_listen;
@@ -65,5 +66,6 @@ private:
     std::unique_ptr<HttpSessionStore> m_sessions;
     std::unique_ptr<StaticFileController> m_files;
     std::unique_ptr<RequestMapper> m_router;
+    std::unique_ptr<MainCellInit> m_front; ///< made before the router, ends before it
     std::unique_ptr<HttpListener> m_http;
 };

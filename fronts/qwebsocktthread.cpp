@@ -1,0 +1,78 @@
+#include "fronts/qwebsocktthread.h"
+
+#include <QDebug>
+#include <QHostAddress>
+#include <QWebSocket>
+
+qwebsocktthread::qwebsocktthread(QWebSocket* socket, QObject* parent)
+    : QObject(parent)
+    , m_socket(socket) {
+    socket->setParent(this);
+    socket->setMaxAllowedIncomingFrameSize(MaxMessageBytes);
+    socket->setMaxAllowedIncomingMessageSize(MaxMessageBytes);
+    connect(socket, &QWebSocket::textMessageReceived, this, &qwebsocktthread::take);
+    connect(socket, &QWebSocket::binaryMessageReceived, this, [this] {
+        refuse(QWebSocketProtocol::CloseCodeDatatypeNotSupported, QStringLiteral("only text is understood"));
+    });
+    connect(socket, &QWebSocket::pong, this, [this] { m_hasAnswered = true; });
+    connect(socket, &QWebSocket::disconnected, this, &QObject::deleteLater);
+    m_first.setSingleShot(true);
+    connect(&m_first, &QTimer::timeout, this,
+            [this] { refuse(QWebSocketProtocol::CloseCodePolicyViolated, QStringLiteral("no request")); });
+    m_first.start(FirstMessage);
+    connect(&m_ping, &QTimer::timeout, this, &qwebsocktthread::ping);
+    m_ping.start(PingInterval);
+}
+
+qwebsocktthread::~qwebsocktthread() = default;
+
+void qwebsocktthread::take(const QString& message) {
+    m_first.stop();
+    const QByteArray bytes = message.toUtf8();
+    m_waiting.enqueue(bytes);
+    m_waitingBytes += bytes.size();
+    if (m_waiting.size() > MaxWaiting || m_waitingBytes > MaxWaitingBytes)
+        refuse(QWebSocketProtocol::CloseCodePolicyViolated, QStringLiteral("too many requests wait"));
+    else
+        next();
+}
+
+void qwebsocktthread::next() {
+    if (m_isBusy || m_waiting.isEmpty())
+        return;
+    m_isBusy = true;
+    const QByteArray message = m_waiting.dequeue();
+    m_waitingBytes -= message.size();
+    emit request(message);
+}
+
+void qwebsocktthread::reply(const QByteArray& text) {
+    m_isBusy = false;
+    if (!m_socket->isValid())
+        return;
+    if (m_socket->bytesToWrite() + text.size() > MaxUnsentBytes) {
+        qWarning().noquote() << "WebSocket: does not read its replies, dropped:"
+                             << m_socket->peerAddress().toString();
+        m_socket->abort();
+        return;
+    }
+    m_socket->sendTextMessage(QString::fromUtf8(text));
+    next();
+}
+
+void qwebsocktthread::ping() {
+    if (!m_hasAnswered) {
+        qInfo().noquote() << "WebSocket: no answer to a ping, dropped:" << m_socket->peerAddress().toString();
+        m_socket->abort();
+        return;
+    }
+    m_hasAnswered = false;
+    m_socket->ping();
+}
+
+void qwebsocktthread::refuse(int code, const QString& why) {
+    qWarning().noquote() << "WebSocket: closed:" << m_socket->peerAddress().toString() << why;
+    m_waiting.clear();
+    m_isBusy = true; // nothing more is taken
+    m_socket->close(static_cast<QWebSocketProtocol::CloseCode>(code), why);
+}

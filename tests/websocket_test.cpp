@@ -1,0 +1,194 @@
+#include "support/service.h"
+#include "support/testmain.h"
+#include "support/waitfor.h"
+#include "tools/simfleet.h"
+
+#include <QTcpSocket>
+#include <QWebSocket>
+
+namespace {
+
+/// A client that keeps every answer.
+struct Client {
+    QWebSocket socket;
+    QStringList answers;
+    int closeCode = 0;
+
+    explicit Client(quint16 port) {
+        QObject::connect(&socket, &QWebSocket::textMessageReceived,
+                         [this](const QString& text) { answers << text; });
+        QObject::connect(&socket, &QWebSocket::disconnected, [this] { closeCode = socket.closeCode(); });
+        socket.open(QUrl(QString("ws://127.0.0.1:%1/").arg(port)));
+        waitFor([this] { return socket.state() == QAbstractSocket::ConnectedState; });
+    }
+    QJsonObject ask(const QJsonObject& request) {
+        answers.clear();
+        socket.sendTextMessage(QJsonDocument(request).toJson());
+        waitFor([this] { return !answers.isEmpty(); });
+        return QJsonDocument::fromJson(answers.value(0).toUtf8()).object();
+    }
+};
+
+} // namespace
+
+class WebSocketTest : public QObject {
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void refusals_data();
+    void refusals();
+    void sameAnswersAsOverHttp();
+    void answersKeepTheOrderOfRequests();
+    void playsOnSpeakers();
+    void mediaAddress();
+    void tooLongOrBinary_data();
+    void tooLongOrBinary();
+    void tooManyWaiting();
+    void connectionsAreBounded();
+    void endsWhileRequestsRun();
+
+private:
+    QJsonObject withToken(QJsonObject request) const {
+        request.insert("id", QString::number(m_account.id));
+        request.insert("token", m_account.token);
+        return request;
+    }
+    quint16 m_port = freePort();
+    std::unique_ptr<Service> m_service;
+    Account m_account;
+};
+
+void WebSocketTest::initTestCase() {
+    ServiceOptions options;
+    options.settings = {{"wbport", m_port}, {"Meida_ip", "192.0.2.7"}, {"Meida_port", 8123}};
+    m_service = std::make_unique<Service>(options);
+    QVERIFY(m_service->start());
+    m_account = m_service->addAccount("front");
+}
+
+void WebSocketTest::refusals_data() {
+    QTest::addColumn<QString>("message");
+    QTest::addColumn<QString>("info");
+    QTest::newRow("no JSON") << "hello"
+                             << "uni_error2";
+    QTest::newRow("array") << "[1]"
+                           << "uni_error2";
+    QTest::newRow("empty object") << "{}"
+                                  << "uni_error1";
+    QTest::newRow("path is no text") << "{\"path\":7}"
+                                     << "uni_error1";
+    QTest::newRow("no endpoint") << "{\"path\":\"/index.html\"}"
+                                 << "path_error";
+    QTest::newRow("unknown account") << "{\"path\":\"/user/listdev\",\"id\":\"999\",\"token\":\"x\"}"
+                                     << "_FALSE5";
+    QTest::newRow("wrong token") << "{\"path\":\"/user/listdev\",\"id\":\"1\",\"token\":\"\"}"
+                                 << "_FALSE6";
+}
+
+void WebSocketTest::refusals() {
+    QFETCH(QString, message);
+    Client client(m_port);
+    client.socket.sendTextMessage(message);
+    QVERIFY(waitFor([&] { return !client.answers.isEmpty(); }));
+    QTEST(QJsonDocument::fromJson(client.answers[0].toUtf8())["info"].toString(), "info");
+}
+
+void WebSocketTest::sameAnswersAsOverHttp() {
+    Client client(m_port);
+    for (const QString path :
+         {"/user/listdev", "/user/listgroups", "/user/list_task", "/user/uploadfile", "/user/none"})
+        QCOMPARE(client.ask(withToken({{"path", path}})),
+                 m_service->http().postForm(path, m_account.params()).json());
+}
+
+void WebSocketTest::answersKeepTheOrderOfRequests() {
+    Client client(m_port);
+    const QString worked = R"({"path":"/user/listdev","id":"1","token":"x"})";
+    QStringList expected;
+    for (int i = 0; i < 20; ++i) {
+        client.socket.sendTextMessage(i % 2 ? "{}" : worked);
+        expected << (i % 2 ? "uni_error1" : "_FALSE6");
+    }
+    QVERIFY(waitFor([&] { return client.answers.size() == 20; }));
+    QStringList got;
+    for (const QString& answer : client.answers)
+        got << QJsonDocument::fromJson(answer.toUtf8())["info"].toString();
+    QCOMPARE(got, expected);
+}
+
+void WebSocketTest::playsOnSpeakers() {
+    sim::SpeakerOptions options;
+    options.serial = QByteArray::fromHex("b0000000000000000000000000000001");
+    options.port = m_service->devicePort();
+    sim::Speaker speaker(options);
+    speaker.start();
+    QVERIFY(waitFor([&] { return speaker.isOnline(); }));
+    m_service->giveSpeakers(m_account, {speaker.sn()});
+    Client client(m_port);
+    const auto answer = client.ask(
+        withToken({{"path", "/user/urlplay"}, {"url", "http://127.0.0.1/x.mp3"}, {"snlist", speaker.sn()}}));
+    QVERIFY2(answer["res"].toBool(), QJsonDocument(answer).toJson());
+    QVERIFY(waitFor([&] { return speaker.count(sim::Op::PlayList) == 1; }));
+}
+
+void WebSocketTest::mediaAddress() {
+    Client client(m_port);
+    const auto answer = client.ask(withToken({{"path", "/media"}}));
+    QCOMPARE(answer["ip"], "192.0.2.7");
+    QCOMPARE(answer["port"], 8123);
+    QCOMPARE(client.ask({{"path", "/media"}, {"id", "1"}, {"token", "x"}})["res"], false);
+}
+
+void WebSocketTest::tooLongOrBinary_data() {
+    QTest::addColumn<bool>("binary");
+    QTest::addColumn<int>("closeCode");
+    QTest::newRow("too long") << false << int(QWebSocketProtocol::CloseCodeTooMuchData);
+    QTest::newRow("binary") << true << int(QWebSocketProtocol::CloseCodeDatatypeNotSupported);
+}
+
+void WebSocketTest::tooLongOrBinary() {
+    QFETCH(bool, binary);
+    Client client(m_port);
+    if (binary)
+        client.socket.sendBinaryMessage("{}");
+    else
+        client.socket.sendTextMessage(QString(1024 * 1024 + 1, 'x'));
+    QVERIFY(waitFor([&] { return client.closeCode != 0; }));
+    QTEST(client.closeCode, "closeCode");
+}
+
+void WebSocketTest::tooManyWaiting() {
+    Client client(m_port);
+    const QString slow = QJsonDocument(withToken({{"path", "/user/listdev"}})).toJson();
+    for (int i = 0; i < 2000; ++i)
+        client.socket.sendTextMessage(slow);
+    QVERIFY(waitFor([&] { return client.closeCode == QWebSocketProtocol::CloseCodePolicyViolated; }));
+}
+
+/// More than may be at once: those that never finish their handshake count too.
+void WebSocketTest::connectionsAreBounded() {
+    std::vector<std::unique_ptr<QTcpSocket>> silent;
+    int closed = 0;
+    for (int i = 0; i < 520; ++i) {
+        silent.push_back(std::make_unique<QTcpSocket>());
+        connect(silent.back().get(), &QTcpSocket::disconnected, this, [&] { ++closed; });
+        silent.back()->connectToHost("127.0.0.1", m_port);
+    }
+    QVERIFY(waitFor([&] { return closed >= 8; }));
+    silent.clear();
+    QVERIFY(waitFor([&] { return Client(m_port).ask({})["info"] == "uni_error1"; }));
+}
+
+void WebSocketTest::endsWhileRequestsRun() {
+    Client client(m_port);
+    const QString request = QJsonDocument(withToken({{"path", "/user/olist"}})).toJson();
+    for (int i = 0; i < 40; ++i)
+        client.socket.sendTextMessage(request);
+    QVERIFY(waitFor([&] { return !client.answers.isEmpty(); }));
+    QCOMPARE(m_service->stop(), 0);
+}
+
+int main(int argc, char** argv) {
+    return runTest<WebSocketTest>(argc, argv);
+}
+#include "websocket_test.moc"
