@@ -7,6 +7,7 @@
 class ApiFrameTest : public QObject {
     Q_OBJECT
 private slots:
+    void cleanupTestCase();
     void answersPaths_data();
     void answersPaths();
     void readsUniApp_data();
@@ -28,7 +29,8 @@ private:
             QTest::addRow("kind %d", kind) << kind;
     }
     /// Two speakers that are online at the service of kind 3, with nothing on their record.
-    static sim::Fleet& fleet();
+    sim::Fleet& fleet();
+    std::unique_ptr<sim::Fleet> m_fleet;
 };
 
 void ApiFrameTest::answersPaths_data() {
@@ -215,19 +217,23 @@ void ApiFrameTest::resetsTheDatabase() {
 }
 
 sim::Fleet& ApiFrameTest::fleet() {
-    static std::unique_ptr<sim::Fleet> fleet;
-    if (!fleet) {
+    if (!m_fleet) {
         sim::SpeakerOptions options;
         options.serial = QByteArray::fromHex(QByteArray(32, '7'));
         options.port = ApiWorld::of(3).service.devicePort();
-        fleet = std::make_unique<sim::Fleet>(options, 2);
-        fleet->start();
+        m_fleet = std::make_unique<sim::Fleet>(options, 2);
+        m_fleet->start();
     }
-    if (!waitFor([] { return fleet->online() == 2; }))
+    if (!waitFor([this] { return m_fleet->online() == 2; }))
         qFatal("speakers not online");
-    for (int i = 0; i < fleet->size(); ++i)
-        fleet->at(i).forget();
-    return *fleet;
+    for (int i = 0; i < m_fleet->size(); ++i)
+        m_fleet->at(i).forget();
+    return *m_fleet;
+}
+
+void ApiFrameTest::cleanupTestCase() {
+    m_fleet.reset();
+    ApiWorld::stopAll();
 }
 
 void ApiFrameTest::commandsSpeakers_data() {

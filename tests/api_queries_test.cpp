@@ -141,6 +141,7 @@ const QueryCase* caseFor(const QString& name) {
 class ApiQueriesTest : public QObject {
     Q_OBJECT
 private slots:
+    void cleanupTestCase() { ApiWorld::stopAll(); }
     void tableIsSound();
     void serves_data();
     void serves();

@@ -126,6 +126,7 @@ HttpParams without(HttpParams params, int index) {
 class ApiRoutesTest : public QObject {
     Q_OBJECT
 private slots:
+    void cleanupTestCase() { ApiWorld::stopAll(); }
     void refusesAndServes_data();
     void refusesAndServes();
     void checksSerials_data() { addKinds(); }

@@ -18,12 +18,13 @@ public:
     static QList<int> kinds() { return {0, 3, 1}; }
 
     static ApiWorld& of(int kind) {
-        static std::map<int, std::unique_ptr<ApiWorld>> worlds;
-        auto& world = worlds[kind];
+        auto& world = worlds()[kind];
         if (!world)
             world.reset(new ApiWorld(kind));
         return *world;
     }
+    /// Stops the services. For cleanupTestCase(): they must go before the application object.
+    static void stopAll() { worlds().clear(); }
 
     void reset() {
         for (const char* table :
@@ -65,6 +66,10 @@ public:
     Account bob;
 
 private:
+    static std::map<int, std::unique_ptr<ApiWorld>>& worlds() {
+        static std::map<int, std::unique_ptr<ApiWorld>> worlds;
+        return worlds;
+    }
     explicit ApiWorld(int kind)
         : service(options(kind)) {
         if (!service.start())
