@@ -238,7 +238,7 @@ private:
     /// One value of each speaker as the service lists it, in the order of the serials.
     QStringList statesOf(const QString& key) {
         QMap<QString, QString> states;
-        for (const QJsonValue& entry : m_service->command({{"cmd", "LIST"}}).value("list").toArray())
+        for (const QJsonValue entry : m_service->command({{"cmd", "LIST"}}).value("list").toArray())
             states.insert(entry["sn"].toString(), entry[key].toVariant().toString());
         return states.values();
     }

@@ -20,7 +20,7 @@ QByteArray words(const std::vector<sim::Command>& commands) {
 /// Serves one file at every path.
 class FileServer : public QTcpServer {
 public:
-    explicit FileServer(QByteArray file) {
+    explicit FileServer(const QByteArray& file) {
         listen(QHostAddress::LocalHost);
         connect(this, &QTcpServer::newConnection, this, [this, file] {
             QTcpSocket* socket = nextPendingConnection();

@@ -10,11 +10,12 @@ const QByteArray kHeartbeat = QByteArrayLiteral("HELL");
 
 } // namespace
 
-DataPath::DataPath(Options options, QByteArray registration, QHostAddress localAddress, QObject* parent)
+DataPath::DataPath(Options options, QByteArray registration, const QHostAddress& localAddress,
+                   QObject* parent)
     : QObject(parent)
     , m_options(options)
     , m_registration(std::move(registration))
-    , m_localAddress(std::move(localAddress)) {
+    , m_localAddress(localAddress) {
     m_socket.setProxy(QNetworkProxy::NoProxy);
     m_pullTimer.setSingleShot(true);
     connect(&m_pullTimer, &QTimer::timeout, this, &DataPath::pull);

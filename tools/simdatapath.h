@@ -19,7 +19,7 @@ public:
         bool pulls = true;                      ///< false: connects but never asks
         bool keepBytes = true;                  ///< false: only counted
     };
-    DataPath(Options options, QByteArray registration, QHostAddress localAddress, QObject* parent);
+    DataPath(Options options, QByteArray registration, const QHostAddress& localAddress, QObject* parent);
 
     void open(const QHostAddress& address, quint16 port);
     void close();

@@ -30,8 +30,8 @@ QHttpPart part(const QString& disposition, const QByteArray& body) {
 
 } // namespace
 
-HttpClient::HttpClient(quint16 port, QString host)
-    : m_base(QStringLiteral("http://%1:%2").arg(std::move(host)).arg(port)) {
+HttpClient::HttpClient(quint16 port, const QString& host)
+    : m_base(QStringLiteral("http://%1:%2").arg(host).arg(port)) {
     m_network.setProxy(QNetworkProxy::NoProxy);
     m_network.setTransferTimeout(kAnswerTimeoutMs);
 }

@@ -26,7 +26,7 @@ using HttpParams = QList<QPair<QString, QString>>;
 /// meanwhile. One request, one answer; no redirects, no proxy.
 class HttpClient {
 public:
-    explicit HttpClient(quint16 port, QString host = QStringLiteral("127.0.0.1"));
+    explicit HttpClient(quint16 port, const QString& host = QStringLiteral("127.0.0.1"));
 
     HttpReply get(const QString& path);
     HttpReply postForm(const QString& path, const HttpParams& params);
