@@ -1,6 +1,7 @@
 #include "device/juice_tcp.h"
 
 #include "device/devicesocket.h"
+#include "device/lobby.h"
 
 #include <chrono>
 #include <QDebug>
@@ -12,9 +13,9 @@ namespace {
 constexpr auto FirstReadDeadline = 30s;
 } // namespace
 
-juice_tcp::juice_tcp(QString name, std::unique_ptr<DeviceSocket> socket, TimingWheel& wheel, QObject* parent)
-    : QObject(parent)
-    , m_name(std::move(name))
+juice_tcp::juice_tcp(Lobby& lobby, quint64 ticket, std::unique_ptr<DeviceSocket> socket, TimingWheel& wheel)
+    : m_lobby(lobby)
+    , m_ticket(ticket)
     , m_socket(std::move(socket))
     , m_deadline(wheel.once(FirstReadDeadline, this, 0)) {
     connect(m_socket.get(), &DeviceSocket::readyRead, this, &juice_tcp::readFirst);
@@ -24,12 +25,11 @@ juice_tcp::juice_tcp(QString name, std::unique_ptr<DeviceSocket> socket, TimingW
 juice_tcp::~juice_tcp() = default;
 
 void juice_tcp::readFirst() {
-    qInfo().noquote() << "juice_tcp disconnect1" << m_name << m_socket->peerAddress().toString();
+    qInfo().noquote() << "juice_tcp disconnect1" << m_lobby.name() << m_socket->peerAddress().toString();
     m_deadline.reset();
     disconnect(m_socket.get(), nullptr, this, nullptr);
-    DeviceSocket* const socket = m_socket.release();
-    emit firstRead(socket, socket->readAll());
-    emit over();
+    const QByteArray bytes = m_socket->readAll();
+    m_lobby.handOn(m_ticket, std::move(m_socket), bytes);
 }
 
 void juice_tcp::makeRoom() {
@@ -43,8 +43,9 @@ void juice_tcp::wheelTimeout(int /*tag*/) {
 }
 
 void juice_tcp::refuse(const QString& reason) {
-    qInfo().noquote() << "juice_tcp disconnect2" << m_name << m_socket->peerAddress().toString() << reason;
+    qInfo().noquote() << "juice_tcp disconnect2" << m_lobby.name() << m_socket->peerAddress().toString()
+                      << reason;
     m_deadline.reset();
     m_socket->close();
-    emit over();
+    m_lobby.leave(m_ticket);
 }

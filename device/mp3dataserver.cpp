@@ -43,12 +43,14 @@ Mp3DataServer::~Mp3DataServer() = default;
 
 void Mp3DataServer::start(Severinit* registry) {
     m_registry = registry;
-    m_lobby = std::make_unique<Lobby>(QStringLiteral("mp3_data"), registry->wheel(), nullptr);
+    m_lobby = std::make_unique<Lobby>(QStringLiteral("mp3_data"), registry->wheel());
     connect(m_lobby.get(), &Lobby::firstRead, this, &Mp3DataServer::attach);
     connect(m_acceptor.get(), &TcpAcceptor::newConnection, this,
             [this] { m_lobby->enter(m_acceptor->nextPendingConnection()); });
-    connect(m_acceptor.get(), &TcpAcceptor::acceptError, this,
-            [](const QString& reason) { qWarning().noquote() << "MP3 data port:" << reason; });
+    connect(m_acceptor.get(), &TcpAcceptor::acceptError, this, [this](const QString& reason) {
+        qWarning().noquote() << "MP3 data port:" << reason;
+        m_lobby->makeRoom();
+    });
 }
 
 void Mp3DataServer::attach(DeviceSocket* socket, const QByteArray& firstMessage) {

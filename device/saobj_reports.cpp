@@ -76,7 +76,9 @@ void SAobj::reportDeviceForm(const QByteArray& form) {
 }
 
 void SAobj::reportDeviceInfo(const QByteArray& rest) {
-    dido('J' + rest);
+    const QJsonDocument document = QJsonDocument::fromJson(rest);
+    if (document.isObject())
+        takeInfo(document.object());
 }
 
 QJsonObject SAobj::dido(const QByteArray& reply) {

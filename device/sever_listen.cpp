@@ -50,7 +50,7 @@ void sever_listen::listenOrExit(TcpAcceptor& acceptor, int port, const char* exi
 
 void sever_listen::set_svi(Severinit* registry) {
     m_registry = registry;
-    m_lobby = std::make_unique<Lobby>(QStringLiteral("sev_listen_3333"), registry->wheel(), nullptr);
+    m_lobby = std::make_unique<Lobby>(QStringLiteral("sev_listen_3333"), registry->wheel());
     connect(m_lobby.get(), &Lobby::firstRead, this, &sever_listen::rdremotion_newcom);
     m_mp3Server->start(registry);
     qInfo() << "un_useing" << registry->blockedSerials();
@@ -71,10 +71,12 @@ void sever_listen::enter(TcpAcceptor& acceptor) {
 
 void sever_listen::remotion_error(const QString& reason) {
     qWarning().noquote() << "remotion_error" << reason;
+    m_lobby->makeRoom();
 }
 
 void sever_listen::remotion_error2(const QString& reason) {
     qWarning().noquote() << "remotion_error2" << reason;
+    m_lobby->makeRoom();
 }
 
 void sever_listen::rdremotion_newcom(DeviceSocket* socket, const QByteArray& firstPacket) {

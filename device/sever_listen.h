@@ -45,8 +45,8 @@ public slots:
     static QJsonObject didi(const QByteArray& packet);
     void remotion_newcom();
     void remotion_newcom2();
-    static void remotion_error(const QString& reason);
-    static void remotion_error2(const QString& reason);
+    void remotion_error(const QString& reason);
+    void remotion_error2(const QString& reason);
     /// Registers a connection by its first packet. Takes `socket` over.
     void rdremotion_newcom(DeviceSocket* socket, const QByteArray& firstPacket);
 

@@ -3,8 +3,11 @@
 #include "tests/support/devicelink.h"
 #include "tests/support/testmain.h"
 
+#include <netinet/in.h>
 #include <QRandomGenerator>
 #include <QTcpServer>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -29,6 +32,7 @@ private slots:
     void unknownSerialIsDropped();
     void speakerThatStopsReading();
     void manyAtOnce();
+    void silentConnectionsMakeRoom();
 
 private:
     QTemporaryDir m_directory;
@@ -215,6 +219,36 @@ void ListenerTest::manyAtOnce() {
     speakers.clear();
     QVERIFY(waitFor([&] { return m_link->registry.onlineSerials().isEmpty(); }));
     QCOMPARE(m_link->registry.sessions().size(), 300);
+}
+
+// With no descriptor left, connections that have said nothing yet give way to a speaker.
+void ListenerTest::silentConnectionsMakeRoom() {
+    std::vector<std::unique_ptr<RawConnection>> silent;
+    for (int i = 0; i < 10; ++i)
+        silent.push_back(std::make_unique<RawConnection>(m_link->port));
+    const int speaker = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(m_link->port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    QCOMPARE(::connect(speaker, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    const QByteArray packet = sim::registrationPacket(testSerial(), 20);
+    QCOMPARE(::send(speaker, packet.constData(), size_t(packet.size()), 0), ssize_t(packet.size()));
+
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit tight{rlim_t(speaker) + 20, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &tight);
+    std::vector<int> rest;
+    for (int taken = 0; (taken = ::dup(speaker)) >= 0;)
+        rest.push_back(taken);
+    const bool registered = waitFor([&] { return m_link->registry.isOnline(testSerial().toHex()); });
+    setrlimit(RLIMIT_NOFILE, &limit);
+    for (const int descriptor : rest)
+        ::close(descriptor);
+    ::close(speaker);
+    QVERIFY(registered);
+    QVERIFY(waitFor([&] { return !silent.front()->isOpen(); }));
 }
 
 int main(int argc, char** argv) {
