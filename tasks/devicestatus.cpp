@@ -49,7 +49,8 @@ QStringList DeviceStatus::changes(const QByteArray& answer) {
         return {};
     }
     QStringList statements;
-    for (const QJsonValue& entry : document.object().value(QLatin1String("list")).toArray()) {
+    const QJsonArray list = document.object().value(QLatin1String("list")).toArray();
+    for (const QJsonValue& entry : list) {
         const QString statement = change(entry.toObject());
         if (!statement.isEmpty())
             statements.append(statement);

@@ -39,7 +39,8 @@ Nodeque::Nodeque(Severinit* devices, int kind, sqlite* database, const QString& 
     , m_node{address.isEmpty() ? QStringLiteral("127.0.0.1") : address, port}
     , m_deviceStatus(kind == 1 ? SqlDialect::Mysql : SqlDialect::Sqlite) {
     m_parser.setMaxThreadCount(1);
-    if (!isThisMachine(address))
+    // An address that only the world outside knows this machine by is its own too.
+    if (!isThisMachine(address) && address != m_database->site.ownAddress)
         return;
     m_query = new Getdevinfo(this);
     connect(m_query, &Getdevinfo::over, this, &Nodeque::getdevinfo);

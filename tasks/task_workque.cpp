@@ -46,10 +46,10 @@ TaskClock TaskClock::system() {
 }
 
 Task_workque::Task_workque(Severinit* devices, int DPort, int DataPort, int PS1, QString src_ipstr,
-                           QString cdn_str, QJsonArray nodeList, QCoreApplication* /*application*/,
-                           QString /*Meida_ip*/, int PS2, QString /*task_username*/, QString /*task_passwd*/,
-                           QString /*basename*/, sqlite* database, int /*sqltaskid*/, int /*mode*/,
-                           int taskstart, int taskend, QObject* parent)
+                           QString cdn_str, const QJsonArray& nodeList, QCoreApplication* /*application*/,
+                           const QString& /*Meida_ip*/, int PS2, const QString& /*task_username*/,
+                           const QString& /*task_passwd*/, const QString& /*basename*/, sqlite* database,
+                           int /*sqltaskid*/, int /*mode*/, int taskstart, int taskend, QObject* parent)
     : QObject(parent)
     , m_database(database)
     , m_devices(devices)
@@ -66,11 +66,11 @@ Task_workque::Task_workque(Severinit* devices, int DPort, int DataPort, int PS1,
     , m_reader(database)
     , m_writeBack(database) {
     connect(m_database, &sqlite::error, this, &Task_workque::sqlerror);
-    if (m_database->dialect() == SqlDialect::Sqlite)
-        m_database->exec(ShortLockWait);
     m_database->run(TasksIdle);
     m_database->run(EmptyRequests);
     systeminit();
+    if (m_database->dialect() == SqlDialect::Sqlite)
+        m_database->exec(ShortLockWait);
     for (const QJsonValue& entry : nodeList) {
         const QJsonObject object = entry.toObject();
         node({object.value(QLatin1String("nodeip")).toString(),

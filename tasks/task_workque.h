@@ -38,9 +38,10 @@ public:
     /// uses the CDN ("nocdn" false) files of the host `src_ipstr` are fetched from `cdn_str`.
     /// The database's credentials travel in `database`.
     Task_workque(Severinit* devices, int DPort, int DataPort, int PS1, QString src_ipstr, QString cdn_str,
-                 QJsonArray nodeList, QCoreApplication* application, QString Meida_ip, int PS2,
-                 QString task_username, QString task_passwd, QString basename, sqlite* database,
-                 int sqltaskid, int mode, int taskstart, int taskend, QObject* parent = nullptr);
+                 const QJsonArray& nodeList, QCoreApplication* application, const QString& Meida_ip, int PS2,
+                 const QString& task_username, const QString& task_passwd, const QString& basename,
+                 sqlite* database, int sqltaskid, int mode, int taskstart, int taskend,
+                 QObject* parent = nullptr);
     /// Ends the threads of the node pollers: waits for the command that each has under way.
     ~Task_workque() override;
 

@@ -6,6 +6,7 @@
 #include "tasks/devicestatus.h"
 #include "tasks/nodeque.h"
 #include "tasks/serviceperiod.h"
+#include "tasks/warning.h"
 
 #include <QDate>
 #include <QFile>
@@ -77,6 +78,49 @@ private slots:
         poller.getinfotime();
         QVERIFY(waitFor([&] { return statements.size() == 1001; }));
         QVERIFY(statements.last().contains("`status` = '0' WHERE (`device_seed` = '7' )"));
+    }
+
+    void commandsLeaveAsFrames() {
+        QCOMPARE(commandFrame(""), QByteArray("0\n"));
+        QCOMPARE(commandFrame("{\"cmd\":1}"), QByteArray("9\n{\"cmd\":1}"));
+        ScriptedNode node;
+        Nodeque poller(nullptr, 3, m_db.get(), "127.0.0.1", node.port());
+        const QByteArray large = "{\"cmd\":\"PLAYOFF\",\"fill\":\"" + QByteArray(2000000, 'x') + "\"}";
+        poller.fuckmg(large); // an alarm's, straight from the main loop
+        QVERIFY(waitFor([&] { return node.requests().size() == 1; }));
+        poller.start();
+        poller.fuckin(large);
+        QVERIFY(waitFor([&] { return node.requests().size() == 2; }));
+        QVERIFY(node.requests()[0].bytes == large && node.requests()[1].bytes == large);
+    }
+
+    void alarmIsRelayedUntilTheWatchEnds() {
+        ScriptedNode node;
+        Nodeque poller(nullptr, 3, m_db.get(), "127.0.0.1", node.port());
+        Warning first(1000), second(1000);
+        poller.insertwarming("gate", &first);
+        poller.insertwarming("gate", &first); // not twice
+        poller.insertwarming("hall", &second);
+        emit first.cmd("{\"cmd\":\"a\"}");
+        QVERIFY(waitFor([&] { return node.requests().size() == 1; }));
+        poller.diswarming("gate");
+        emit first.cmd("{\"cmd\":\"b\"}");
+        emit second.cmd("{\"cmd\":\"c\"}");
+        QVERIFY(waitFor([&] { return node.requests().size() == 2; }));
+        QCOMPARE(node.requests()[1].word(), "c");
+    }
+
+    void silentNodeHoldsNobodyUp() {
+        Nodeque poller(nullptr, 3, m_db.get(), "192.0.2.1", 6006); // an address without a host
+        poller.start();
+        for (int i = 0; i < 50; ++i)
+            poller.fuckin("{}");
+        QElapsedTimer clock;
+        clock.start();
+        poller.fuckmg("{}");
+        QVERIFY(clock.elapsed() < 500);
+        poller.stop();
+        QVERIFY(poller.wait(5000));
     }
 
     void servicePeriods_data() {
