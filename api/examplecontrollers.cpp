@@ -2,6 +2,7 @@
 
 #include "http/httprequest.h"
 #include "http/httpresponse.h"
+#include "http/templateloader.h"
 
 namespace {
 QByteArray escaped(const QByteArray& text) {
@@ -27,10 +28,22 @@ void DumpController::service(HttpRequest& request, HttpResponse& response) {
 }
 
 void TemplateController::service(HttpRequest& request, HttpResponse& response) {
-    QByteArray content = QByteArrayLiteral("<h1>{method}</h1><p>{path}</p>");
-    content.replace("{method}", escaped(request.getMethod()));
-    content.replace("{path}", escaped(request.getPath()));
-    page(response, content);
+    const QByteArray name = request.getPath().mid(int(sizeof("/template/")) - 1);
+    Template filled(QString{});
+    if (m_templates)
+        filled = m_templates->load(name.isEmpty() ? QByteArrayLiteral("demo") : name);
+    if (filled.isEmpty())
+        filled = Template(QStringLiteral("<h1>{method}</h1><p>{path}</p>"
+                                         "{loop header}<p>{header.name}: {header.value}</p>{end header}"));
+    QList<QMap<QString, QString>> rows;
+    const auto headers = request.getHeaderMap();
+    for (auto header = headers.begin(); header != headers.end(); ++header)
+        rows.append({{QStringLiteral("name"), QString::fromUtf8(escaped(header.key()))},
+                     {QStringLiteral("value"), QString::fromUtf8(escaped(header.value()))}});
+    filled.setVariable(QStringLiteral("method"), QString::fromUtf8(escaped(request.getMethod())));
+    filled.setVariable(QStringLiteral("path"), QString::fromUtf8(escaped(request.getPath())));
+    filled.loop(QStringLiteral("header"), rows);
+    page(response, filled.text().toUtf8());
 }
 
 void FormController::service(HttpRequest& request, HttpResponse& response) {

@@ -2,6 +2,8 @@
 
 #include "http/httprequesthandler.h"
 
+class TemplateLoader;
+
 /// Demonstration pages of the HTTP layer, one idea each; they touch nothing of the service. Only the
 /// first two are routed. Built for each request; any thread.
 
@@ -12,11 +14,18 @@ public:
     void service(HttpRequest& request, HttpResponse& response) override;
 };
 
-/// Renders a page with the request's values filled in.
+/// Renders the template that the path names ("/template/NAME"; "demo" without a name) with the
+/// request's values filled in; a page of its own when there is no such template.
 class TemplateController : public HttpRequestHandler {
     Q_OBJECT
 public:
+    /// `templates` may be null.
+    explicit TemplateController(const TemplateLoader* templates)
+        : m_templates(templates) {}
     void service(HttpRequest& request, HttpResponse& response) override;
+
+private:
+    const TemplateLoader* m_templates;
 };
 
 /// A form, and what was entered in it.

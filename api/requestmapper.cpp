@@ -79,7 +79,7 @@ void RequestMapper::service(HttpRequest& request, HttpResponse& response) {
         DumpController().service(request, response);
         break;
     case Controller::Template:
-        TemplateController().service(request, response);
+        TemplateController(m_templates).service(request, response);
         break;
     case Controller::Management: {
         sqlite* database = request.database() ? request.database() : m_database;

@@ -18,7 +18,6 @@
 #include <fstream>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sstream>
 #include <string>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -80,18 +79,15 @@ void sendAll(int descriptor, const std::string& text) {
         fail("send");
 }
 
-/// CPU seconds that a process and its threads have used.
+/// CPU seconds that a process's threads have used, exact to the nanosecond.
 double cpuSeconds(int pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(file)), {});
-    std::istringstream fields(text.substr(text.rfind(')') + 1));
-    std::string skipped;
-    for (int i = 0; i < 11; ++i)
-        fields >> skipped;
-    double user = 0;
-    double system = 0;
-    fields >> user >> system;
-    return (user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    double sum = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        double nanoseconds = 0;
+        std::ifstream(task.path() / "schedstat") >> nanoseconds;
+        sum += nanoseconds / 1e9;
+    }
+    return sum;
 }
 
 long threadsOf(int pid) {
@@ -154,7 +150,7 @@ public:
             total += reader.bytes;
             behind += reader.failed || static_cast<double>(reader.bytes) < 0.9 * expected ? 1 : 0;
         }
-        std::printf("cpu %.1f%% threads %ld->%ld MB/s %.1f behind %ld", 100 * cpu / seconds, threadsBefore,
+        std::printf("cpu %.2f%% threads %ld->%ld MB/s %.1f behind %ld", 100 * cpu / seconds, threadsBefore,
                     threadsNow, static_cast<double>(total) / seconds / 1e6, behind);
         if (!m_times.empty()) {
             std::sort(m_times.begin(), m_times.end());

@@ -6,14 +6,6 @@
 
 using Clock = std::chrono::steady_clock;
 
-void HttpSocket::enter(Phase next) {
-    const auto now = Clock::now();
-    phaseBegin = now;
-    lastData = now;
-    bodyBytes = 0;
-    phase = next;
-}
-
 ConnectionGuard::ConnectionGuard(std::chrono::milliseconds readTimeout)
     : m_readTimeout(readTimeout)
     , m_thread([this] { run(); }) {}
@@ -29,16 +21,44 @@ ConnectionGuard::~ConnectionGuard() {
         ::close(lingering.descriptor);
 }
 
+std::list<HttpSocket*>& ConnectionGuard::listOf(HttpSocket::Phase phase) {
+    switch (phase) {
+    case HttpSocket::Phase::Head:
+        return m_heads;
+    case HttpSocket::Phase::Body:
+        return m_bodies;
+    case HttpSocket::Phase::Answer:
+        break;
+    }
+    return m_answers;
+}
+
 void ConnectionGuard::add(HttpSocket* socket) {
+    {
+        const std::lock_guard lock(m_mutex);
+        socket->place = m_answers.insert(m_answers.end(), socket);
+        socket->phase = HttpSocket::Phase::Answer;
+    }
+    enter(socket, HttpSocket::Phase::Head);
+}
+
+void ConnectionGuard::enter(HttpSocket* socket, HttpSocket::Phase phase) {
+    const auto now = Clock::now();
     const std::lock_guard lock(m_mutex);
-    m_sockets.insert(socket);
-    if (m_sockets.size() == 1)
+    const bool wasIdle = isIdle();
+    auto& list = listOf(phase);
+    list.splice(list.end(), listOf(socket->phase), socket->place);
+    socket->phase = phase;
+    socket->phaseBegin = now;
+    socket->lastData = now;
+    socket->bodyBytes = 0;
+    if (wasIdle && !isIdle())
         m_wake.notify_all();
 }
 
 void ConnectionGuard::remove(HttpSocket* socket) {
     const std::lock_guard lock(m_mutex);
-    m_sockets.erase(socket);
+    listOf(socket->phase).erase(socket->place);
     if (socket->lingers)
         linger(socket->descriptor);
 }
@@ -57,7 +77,7 @@ void ConnectionGuard::linger(int descriptor) {
 void ConnectionGuard::run() {
     std::unique_lock lock(m_mutex);
     while (!m_ending) {
-        m_wake.wait(lock, [this] { return m_ending || !m_sockets.empty() || !m_lingering.empty(); });
+        m_wake.wait(lock, [this] { return m_ending || !isIdle(); });
         m_wake.wait_for(lock, Tick, [this] { return m_ending; });
         const auto now = Clock::now();
         endOverdue(now);
@@ -66,18 +86,20 @@ void ConnectionGuard::run() {
 }
 
 void ConnectionGuard::endOverdue(Clock::time_point now) {
-    for (HttpSocket* socket : m_sockets) {
-        const auto phase = socket->phase.load();
-        if (phase == HttpSocket::Phase::Answer)
-            continue;
-        bool overdue = now - socket->lastData.load() > m_readTimeout;
-        if (phase == HttpSocket::Phase::Body) {
-            const std::chrono::seconds paid(socket->bodyBytes / MinBodyRate);
-            overdue = overdue || now - socket->phaseBegin.load() > SlowBodyGrace + paid;
-        }
-        if (overdue)
+    for (const HttpSocket* socket : m_heads) {
+        if (now - socket->phaseBegin <= m_readTimeout)
+            break; // so are all after it
+        ::shutdown(socket->descriptor, SHUT_RDWR);
+    }
+    for (const HttpSocket* socket : m_bodies) {
+        if (isBodyOverdue(*socket, now))
             ::shutdown(socket->descriptor, SHUT_RDWR);
     }
+}
+
+bool ConnectionGuard::isBodyOverdue(const HttpSocket& socket, Clock::time_point now) const {
+    const std::chrono::seconds paid(socket.bodyBytes / MinBodyRate);
+    return now - socket.lastData.load() > m_readTimeout || now - socket.phaseBegin > SlowBodyGrace + paid;
 }
 
 void ConnectionGuard::drainLingering(Clock::time_point now) {

@@ -7,28 +7,29 @@
 #include <mutex>
 #include <QHostAddress>
 #include <thread>
-#include <unordered_set>
 
-/// One accepted TCP connection, from accept to close. Made and destroyed on an engine thread, which
-/// sets the phase; the guard's thread reads it.
+/// One accepted TCP connection, from accept to close. Belongs to its engine thread.
 struct HttpSocket {
     enum class Phase { Head, Body, Answer };
     int descriptor = -1;
     QHostAddress peer;
-    std::atomic<Phase> phase{Phase::Head};
-    std::atomic<std::chrono::steady_clock::time_point> phaseBegin{};
-    std::atomic<std::chrono::steady_clock::time_point> lastData{};
-    std::atomic<qint64> bodyBytes{0};
     /// The client may still be sending what nobody will read: see ConnectionGuard::linger.
     bool lingers = false;
+    // Read by the guard's thread.
+    std::atomic<std::chrono::steady_clock::time_point> lastData{};
+    std::atomic<qint64> bodyBytes{0};
 
-    void enter(Phase next);
+private:
+    friend class ConnectionGuard;
+    Phase phase = Phase::Head;
+    std::chrono::steady_clock::time_point phaseBegin;
+    std::list<HttpSocket*>::iterator place; ///< in the guard's list of its phase
 };
 
 /// Ends connections whose client takes too long to say what it wants: a request head must be whole
 /// within `readTimeout` of the connection's start or of the answer before it, a body may not pause
 /// longer than that nor be slower than MinBodyRate. Also ends refused connections gently. One thread,
-/// asleep while there is no connection.
+/// asleep while no client is waited for; a connection that is being answered costs it nothing.
 class ConnectionGuard {
 public:
     static constexpr std::chrono::milliseconds Tick{250};
@@ -40,7 +41,9 @@ public:
     explicit ConnectionGuard(std::chrono::milliseconds readTimeout);
     ~ConnectionGuard();
 
+    /// A new connection, in phase Head.
     void add(HttpSocket* socket);
+    void enter(HttpSocket* socket, HttpSocket::Phase phase);
     /// Call before the descriptor is closed. Afterwards the guard doesn't touch the socket any more.
     void remove(HttpSocket* socket);
 
@@ -49,17 +52,22 @@ private:
         int descriptor;
         std::chrono::steady_clock::time_point end;
     };
+    std::list<HttpSocket*>& listOf(HttpSocket::Phase phase);
+    bool isIdle() const { return m_heads.empty() && m_bodies.empty() && m_lingering.empty(); }
     void run();
     void endOverdue(std::chrono::steady_clock::time_point now);
+    bool isBodyOverdue(const HttpSocket& socket, std::chrono::steady_clock::time_point now) const;
     void drainLingering(std::chrono::steady_clock::time_point now);
     /// Keeps reading what a refused client still sends: closing with unread data would reset the
     /// connection, and the reset can destroy the answer before the client has read it.
     void linger(int descriptor);
 
     const std::chrono::milliseconds m_readTimeout;
-    std::mutex m_mutex; ///< guards all below
+    std::mutex m_mutex; ///< guards all below, and each socket's private members
     std::condition_variable m_wake;
-    std::unordered_set<HttpSocket*> m_sockets;
+    std::list<HttpSocket*> m_heads; ///< in the order of their deadlines
+    std::list<HttpSocket*> m_bodies;
+    std::list<HttpSocket*> m_answers;
     std::list<Lingering> m_lingering;
     bool m_ending = false;
     std::thread m_thread;

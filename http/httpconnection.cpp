@@ -92,7 +92,7 @@ bool HttpConnection::takeHead(const char* method, const char* version) {
     }
     m_stage = Stage::Body;
     if (body.present())
-        m_socket->enter(HttpSocket::Phase::Body);
+        m_engine.guard().enter(m_socket, HttpSocket::Phase::Body);
     return true;
 }
 
@@ -144,7 +144,7 @@ bool HttpConnection::takeBody(const char* data, std::size_t size) {
 }
 
 bool HttpConnection::takeEnd() {
-    m_socket->enter(HttpSocket::Phase::Answer);
+    m_engine.guard().enter(m_socket, HttpSocket::Phase::Answer);
     if (const auto refusal = m_request.m_body.finish())
         return refuse(*refusal);
     for (auto field = m_request.m_body.fields.cbegin(); field != m_request.m_body.fields.cend(); ++field)
@@ -246,5 +246,5 @@ void HttpConnection::refusedByLibrary(const Refusal& refusal) {
 }
 
 void HttpConnection::ended() {
-    m_socket->enter(HttpSocket::Phase::Head);
+    m_engine.guard().enter(m_socket, HttpSocket::Phase::Head);
 }

@@ -71,7 +71,6 @@ void onSocket(void* engine, MHD_Connection* connection, void** context, MHD_Conn
         auto socket = std::make_unique<HttpSocket>();
         socket->descriptor = descriptorOf(connection);
         socket->peer = peerOf(connection);
-        socket->enter(HttpSocket::Phase::Head);
         ::setsockopt(socket->descriptor, SOL_SOCKET, SO_SNDBUF, &HttpEngine::SendBuffer,
                      sizeof HttpEngine::SendBuffer);
         guard.add(socket.get());

@@ -1,16 +1,7 @@
 #include "http/template.h"
 
-#include <QFile>
-
 Template::Template(QString text)
     : m_text(std::move(text)) {}
-
-Template Template::fromFile(const QString& path) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly) || file.size() > MaxSize)
-        return Template(QString());
-    return Template(QString::fromUtf8(file.readAll()));
-}
 
 void Template::setVariable(const QString& name, const QString& value) {
     m_text.replace(QLatin1Char('{') + name + QLatin1Char('}'), value);

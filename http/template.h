@@ -12,9 +12,6 @@
 class Template {
 public:
     explicit Template(QString text);
-    /// Reads a UTF-8 file; a template without text when it can't be read or is over MaxSize bytes.
-    static Template fromFile(const QString& path);
-    static constexpr qint64 MaxSize = 1'000'000; ///< a page; what is larger was not meant as one
 
     bool isEmpty() const { return m_text.isEmpty(); }
     void setVariable(const QString& name, const QString& value);
