@@ -12,6 +12,7 @@ class QCoreApplication;
 class Severinit;
 class sqlite;
 class Task_workque;
+class TemplateLoader;
 
 /// Routes requests by path prefix and owns the token table. Built once, on the main loop, after the
 /// database is open and its site settings are assigned; service() runs on the HTTP workers.
@@ -32,6 +33,9 @@ public:
     /// The main object, for clones.
     const sqlite* database() const { return m_database; }
 
+    /// What "/template" renders; before the first request. Must outlive the router; may be null.
+    void setTemplates(const TemplateLoader* templates) { m_templates = templates; }
+
     // Token table: user id to token. Any thread.
     std::optional<QString> token(int userid) const;  ///< nullopt for an unknown user; never an empty text
     void setToken(int userid, const QString& token); ///< `token` must not be empty
@@ -45,6 +49,7 @@ private:
     sqlite* m_database;
     Severinit* m_devices;
     Task_workque* m_tasks;
+    const TemplateLoader* m_templates = nullptr;
     const QString m_commandHost;
     mutable QReadWriteLock m_lock;
     QHash<int, QString> m_tokens; ///< guarded by m_lock

@@ -10,6 +10,7 @@
 #include "http/httplistener.h"
 #include "http/httpsessionstore.h"
 #include "http/staticfilecontroller.h"
+#include "http/templateloader.h"
 #include "redis/fuck_redis.h"
 #include "tasks/alarmcast.h"
 #include "tasks/task_workque.h"
@@ -175,6 +176,7 @@ void Startup::serveHttp() {
     m_listenerGroup = openGroup(m_settings, QStringLiteral("listener"));
     m_sessions = std::make_unique<HttpSessionStore>(m_sessionsGroup.get());
     m_files = std::make_unique<StaticFileController>(m_docrootGroup.get());
+    m_templates = std::make_unique<TemplateLoader>(openGroup(m_settings, QStringLiteral("templates")).get());
     const char* const key = text("ASKEY").isEmpty() ? "(no key)" : "(key)";
     qDebug().noquote() << text("Meida_ip") << integer("Meida_port") << integer("wbport") << key;
     qDebug().noquote() << "warningurl" << m_database->site.warningurl;
@@ -185,6 +187,8 @@ void Startup::serveHttp() {
     m_router = std::make_unique<RequestMapper>(m_application, integer("RDDATAPORT"), text("Meida_ip"),
                                                m_database.get(), m_devices.get(), m_tasks.get());
     m_front->setRouter(m_router.get());
+
+    m_router->setTemplates(m_templates.get());
     m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_router.get());
     m_http->setStaticFiles(m_files.get());
     m_http->listen();

@@ -21,6 +21,7 @@ class Severinit;
 class sqlite;
 class StaticFileController;
 class Task_workque;
+class TemplateLoader;
 
 /// Creates and wires the long-lived objects, each once, in the order in which they need each other, and
 /// holds them until the process ends (they go in reverse order). Main thread, before the event loop.
@@ -65,6 +66,7 @@ private:
     std::unique_ptr<QSettings> m_listenerGroup;
     std::unique_ptr<HttpSessionStore> m_sessions;
     std::unique_ptr<StaticFileController> m_files;
+    std::unique_ptr<TemplateLoader> m_templates;
     std::unique_ptr<RequestMapper> m_router;
     std::unique_ptr<MainCellInit> m_front; ///< made before the router, ends before it
     std::unique_ptr<HttpListener> m_http;

@@ -15,7 +15,8 @@ constexpr qint64 MaxSize = 1'000'000;
 bool isName(const QByteArray& name) {
     constexpr int longest = 64;
     return !name.isEmpty() && name.size() <= longest && std::all_of(name.begin(), name.end(), [](char c) {
-        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' || c == '_';
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' ||
+               c == '_';
     });
 }
 
@@ -24,8 +25,10 @@ bool isName(const QByteArray& name) {
 TemplateLoader::TemplateLoader(const QSettings* settings)
     : m_suffix(settings->value(QStringLiteral("suffix"), QStringLiteral(".tpl")).toString()) {
     const QDir base(QFileInfo(settings->fileName()).absolutePath());
-    m_directory = base.absoluteFilePath(settings->value(QStringLiteral("path"), QStringLiteral(".")).toString());
-    const QByteArray encoding = settings->value(QStringLiteral("encoding"), QStringLiteral("UTF-8")).toByteArray();
+    m_directory =
+        base.absoluteFilePath(settings->value(QStringLiteral("path"), QStringLiteral(".")).toString());
+    const QByteArray encoding =
+        settings->value(QStringLiteral("encoding"), QStringLiteral("UTF-8")).toByteArray();
     m_codec = QTextCodec::codecForName(encoding);
     if (!m_codec)
         m_codec = QTextCodec::codecForName("UTF-8");

@@ -1,6 +1,9 @@
 #include "http/multipartparser.h"
-#include "http/template.h"
+#include "http/templateloader.h"
 #include "support/testmain.h"
+
+#include <QSettings>
+#include <QTemporaryDir>
 
 /// Multipart bodies in every division, and templates.
 class HttpFormsTest : public QObject {
@@ -13,6 +16,7 @@ private slots:
     void boundaries();
     void templates_data();
     void templates();
+    void templatesAreFoundByName();
 };
 
 namespace {
@@ -130,6 +134,22 @@ void HttpFormsTest::templates() {
     page.loop("l", {{{"x", "p"}}, {{"x", "q"}}});
     page.loop("e", {});
     QCOMPARE(page.text(), filled);
+}
+
+void HttpFormsTest::templatesAreFoundByName() {
+    QTemporaryDir directory;
+    QSettings settings(directory.filePath("config.ini"), QSettings::IniFormat);
+    settings.setValue("path", "pages");
+    settings.setValue("suffix", ".html");
+    QDir(directory.path()).mkdir("pages");
+    for (const char* name : {"pages/page.html", "outside.html"}) {
+        QFile file(directory.filePath(name));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write("\xe4\xbd\xa0") == 3);
+    }
+    const TemplateLoader loader(&settings);
+    QCOMPARE(loader.load("page").text(), QString::fromUtf8("\xe4\xbd\xa0"));
+    QVERIFY(loader.load("nowhere").isEmpty());
+    QVERIFY(loader.load("../outside").isEmpty());
 }
 
 int main(int argc, char** argv) {
