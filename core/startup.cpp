@@ -186,9 +186,9 @@ void Startup::serveHttp() {
                                              text("Meida_ip"));
     m_router = std::make_unique<RequestMapper>(m_application, integer("RDDATAPORT"), text("Meida_ip"),
                                                m_database.get(), m_devices.get(), m_tasks.get());
+    m_router->setTemplates(m_templates.get());
     m_front->setRouter(m_router.get());
 
-    m_router->setTemplates(m_templates.get());
     m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_router.get());
     m_http->setStaticFiles(m_files.get());
     m_http->listen();
