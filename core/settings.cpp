@@ -212,7 +212,7 @@ QVariant Settings::value(const char* key) const {
 QString detectLanAddress() {
     const QList<QHostAddress> addresses = QNetworkInterface::allAddresses();
     for (const QHostAddress& address : addresses) {
-        const QString text = address.toString();
+        QString text = address.toString();
         qDebug().noquote() << "ISLOCALHOST::>>>" << text;
         if (!text.startsWith(QStringLiteral("127.0.0")) && text.split(QLatin1Char('.')).size() == 4)
             return text;

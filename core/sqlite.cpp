@@ -59,7 +59,7 @@ QString mainConnectionName(int kind, const QString& name) {
 } // namespace
 
 sqlite::sqlite(QString host, int port, QString user, QString password, QString databaseName, int kind,
-               QString connectionName, QObject* parent)
+               const QString& connectionName, QObject* parent)
     : QObject(parent)
     , m_host(std::move(host))
     , m_port(port)

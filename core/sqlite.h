@@ -42,7 +42,7 @@ class sqlite : public QObject {
     Q_OBJECT
 public:
     sqlite(QString host, int port, QString user, QString password, QString databaseName, int kind,
-           QString connectionName = QStringLiteral("taskmain"), QObject* parent = nullptr);
+           const QString& connectionName = QStringLiteral("taskmain"), QObject* parent = nullptr);
     ~sqlite() override;
 
     /// Creates the query objects of the connection. Called once, by start-up.

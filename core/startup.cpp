@@ -26,7 +26,7 @@ namespace {
 // Key material is the key's text or, when that is empty, the file of that name in the working directory.
 QString keyMaterial(const Settings& settings, const char* key, const QString& fileName) {
     constexpr qint64 MaxKeyFile = 64 * 1024; // far above any key, so that a wrong file is not swallowed
-    const QString text = settings.text(key);
+    QString text = settings.text(key);
     QFile file(fileName);
     if (!text.isEmpty() || !file.open(QIODevice::ReadOnly))
         return text;

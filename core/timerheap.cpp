@@ -68,7 +68,7 @@ void TimerHeap::add(int id, milliseconds interval, Qt::TimerType type, QObject* 
     timer->due = Clock::now() + period;
     timer->waitFor = onGrid(timer->due, period, type);
     push(timer.get());
-    m_timers.insert(id, std::move(timer));
+    m_timers.insert(id, timer);
     m_idsOf.insert(object, id);
 }
 

@@ -145,6 +145,7 @@ void SqliteTest::otherThreadsHaveTheirOwnConnection() {
     constexpr int Threads = 4;
     constexpr int RowsEach = 50;
     std::vector<std::future<int>> writers;
+    writers.reserve(Threads);
     for (int i = 0; i < Threads; ++i) {
         writers.push_back(std::async(std::launch::async, [this] {
             const auto own = m_db->forThread();

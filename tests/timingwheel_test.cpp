@@ -51,6 +51,7 @@ void TimingWheelTest::onceIsNeverEarly() {
     Probe probe;
     std::vector<TimingWheel::Handle> handles;
     const std::vector<qint64> delays = {0, 1, 9, 10, 11, 37, 150};
+    handles.reserve(delays.size());
     const qint64 start = Probe::clock().elapsed();
     for (const qint64 delay : delays)
         handles.push_back(wheel.once(std::chrono::milliseconds(delay), &probe, static_cast<int>(delay)));
@@ -96,6 +97,7 @@ void TimingWheelTest::oneIntervalIsSpread() {
         TimingWheel wheel;
         Probe probe;
         std::vector<TimingWheel::Handle> handles;
+        handles.reserve(Count);
         for (int i = 0; i < Count; ++i)
             handles.push_back(wheel.every(500ms, &probe, i));
         const qint64 start = Probe::clock().elapsed();
