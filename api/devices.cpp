@@ -130,7 +130,7 @@ QByteArray DumpController_add_user::user_add_dev(const Params& params) {
     if (!call.authenticate())
         return call.refused();
     const QStringList sns = call.text("sn").split(QLatin1Char('|'));
-    const QByteArray refused = refusedSerial(sns, *m_devices);
+    QByteArray refused = refusedSerial(sns, *m_devices);
     if (!refused.isEmpty())
         return refused;
     const int iswarning = call.number("device_kind") == 1 ? AlarmDevice : 0;
@@ -197,7 +197,7 @@ QByteArray DumpController_add_user::user_resndevs(const Params& params) {
     Call call(params, *m_mapper);
     if (!call.require({"devid", "newsn"}, "ParERuser") || !call.authenticate())
         return call.refused();
-    const QByteArray refused = refusedSerial({call.text("newsn")}, *m_devices);
+    QByteArray refused = refusedSerial({call.text("newsn")}, *m_devices);
     if (!refused.isEmpty())
         return refused;
     return changed(
@@ -251,7 +251,7 @@ QByteArray DumpController_add_user::add_user_devices_cross(const Params& params,
     if (login.isEmpty())
         return refusal(login.ok ? QStringLiteral("ER_REJECT") : QStringLiteral("ER_EXE"));
     const QString sn = call.text("sed");
-    const QByteArray refused = refusedSerial({sn}, *m_devices);
+    QByteArray refused = refusedSerial({sn}, *m_devices);
     if (!refused.isEmpty())
         return refused;
     const int userid = login.integer(0, "id");

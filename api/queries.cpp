@@ -170,7 +170,7 @@ QByteArray DumpController_add_user::runQuery(const QString& set, const Params& p
     if (!command)
         return fucktext(params);
     Values values;
-    const QByteArray refused = refuseCommand(*command, Call(params, *m_mapper), *m_devices, values);
+    QByteArray refused = refuseCommand(*command, Call(params, *m_mapper), *m_devices, values);
     if (!refused.isEmpty())
         return refused;
     return inProcess ? runCommand(db(), *command, values) : outputOf(db(), path, params);
