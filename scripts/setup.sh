@@ -13,7 +13,7 @@ packages=(
   sox sqlite3 curl jq
 )
 if [ "${1:-run}" = test ]; then
-  packages+=(redis-server mariadb-server npm)
+  packages+=(redis-server mariadb-server npm faketime)
 fi
 
 has() {
