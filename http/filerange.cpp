@@ -54,19 +54,19 @@ FilePart applyRange(const QByteArray& header, qint64 size) {
     const FilePart whole{200, 0, size};
     if (!header.toLower().startsWith("bytes="))
         return whole;
-    const QList<QByteArray> specs = header.mid(6).split(',');
-    if (specs.size() > MaxRanges)
+    const QList<QByteArray> parts = header.mid(6).split(',');
+    if (parts.size() > MaxRanges)
         return whole;
     FilePart part{416, 0, 0};
-    for (const QByteArray& spec : specs) {
-        const auto range = parseRange(spec.trimmed());
+    for (const QByteArray& text : parts) {
+        const auto range = parseRange(text.trimmed());
         if (!range)
             return whole;
         const FilePart resolved = resolve(*range, size);
         if (resolved.length > 0)
             part = resolved;
     }
-    return specs.size() > 1 && part.status == 206 ? whole : part;
+    return parts.size() > 1 && part.status == 206 ? whole : part;
 }
 
 bool matches(const QByteArray& list, const QByteArray& etag) {

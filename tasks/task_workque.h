@@ -54,6 +54,8 @@ public:
     void setClock(TaskClock clock);
     /// The player that runs under this key on any node; null when there is none.
     Tasxkobj* runningPlayer(quint64 key) const;
+    /// Starts of the last tick that go on in the loop's next turns.
+    bool isStarting() const { return !pending.empty(); }
 
 public slots:
     void systeminit();

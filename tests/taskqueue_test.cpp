@@ -67,6 +67,7 @@ struct Bench {
         steady += qMax<qint64>(0, epoch - now) * 1000;
         now = epoch;
         queue->forqueout();
+        QVERIFY(waitFor([this] { return !queue->isStarting(); }));
     }
     /// A task at eight o'clock with two speakers and two files; more columns as "name = value".
     int addTask(const QStringList& columns = {}, int node = 1) {
