@@ -159,11 +159,6 @@ private slots:
             2);
     }
 
-    void noTableOfServicePeriods() {
-        m_db->exec("DROP TABLE snover");
-        QVERIFY(!ServicePeriods(m_db.get()).exists());
-    }
-
 private:
     QTemporaryDir m_directory;
     std::unique_ptr<sqlite> m_db;

@@ -9,7 +9,6 @@
 #include <QSignalSpy>
 
 namespace {
-
 struct Recorder {
     explicit Recorder(Tasxkobj& player) {
         QObject::connect(&player, &Tasxkobj::Ocmd, [this](const QByteArray& json) { sent += json; });
@@ -125,16 +124,6 @@ private slots:
         QVERIFY(waitFor([&] { return !record.over.isEmpty(); }));
         QVERIFY(clock.elapsed() >= 999);
         QCOMPARE(record.commands(), QStringList{"PLAYOFF a.mp3"} + Stop);
-    }
-
-    void fileTimerMovesOn() {
-        Tasxkobj player(nullptr);
-        fill(player, 1, {"a.mp3", "b.mp3"});
-        player.fileLengths["a.mp3"] = 1;
-        Recorder record(player);
-        player.Start();
-        QVERIFY(waitFor([&] { return record.sent.size() == 2; }));
-        QCOMPARE(record.commands().last(), "PLAYOFF b.mp3");
     }
 
     void randomPlaysOnlyWhatIsThere() {

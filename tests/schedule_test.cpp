@@ -9,7 +9,6 @@
 #include <set>
 
 namespace {
-
 constexpr qint64 Day = 86400;
 
 /// A zone's offset, looked up once a quarter of an hour: no zone changes at another moment.
@@ -201,49 +200,6 @@ private slots:
         }
         QCOMPARE(handled, seconds);
         QCOMPARE(jumped, jumps);
-    }
-
-    void unhandledSecondComesAgain() {
-        SecondSequence sequence(100);
-        sequence.due(103);
-        sequence.handled(101); // 102 could not be read from the database
-        QCOMPARE(sequence.due(104).first, 102);
-    }
-
-    void oneStartAMinute() {
-        StartGuard guard;
-        QVERIFY(guard.admit(1, 3600, 0));
-        QVERIFY(!guard.admit(1, 3600, 59999));
-        QVERIFY(guard.admit(1, 3601, 59999)); // moved to another time meanwhile
-        QVERIFY(guard.admit(2, 3600, 59999));
-        QVERIFY(guard.admit(1, 3600, 60000));
-    }
-
-    void dueByDateAndWeek_data() {
-        QTest::addColumn<qint64>("startdate");
-        QTest::addColumn<qint64>("enddate");
-        QTest::addColumn<QString>("week");
-        QTest::addColumn<bool>("due");
-        const qint64 today = 20778; // 2026-11-21, a Saturday
-        QTest::newRow("unbounded") << 0LL << 0LL << "1111111" << true;
-        QTest::newRow("from today") << today << 0LL << "1111111" << true;
-        QTest::newRow("from tomorrow") << today + 1 << 0LL << "1111111" << false;
-        QTest::newRow("until today") << 0LL << today << "1111111" << true;
-        QTest::newRow("until yesterday") << 0LL << today - 1 << "1111111" << false;
-        QTest::newRow("not at weekends") << 0LL << 0LL << "1111100" << false;
-        QTest::newRow("Saturdays only") << 0LL << 0LL << "0000010" << true;
-        QTest::newRow("six characters") << 0LL << 0LL << "000000" << true;
-        QTest::newRow("empty week") << 0LL << 0LL << "" << true;
-    }
-    void dueByDateAndWeek() {
-        QFETCH(qint64, startdate);
-        QFETCH(qint64, enddate);
-        QFETCH(QString, week);
-        QFETCH(bool, due);
-        const LocalTime utc([](qint64) { return 0; });
-        const ScheduleSecond second = utc.at(20778 * Day + 3600);
-        QCOMPARE(isDue({3600, startdate, enddate, week}, second), due);
-        QVERIFY(!isDue({3601, startdate, enddate, week}, second));
     }
 
     void texts_data() {

@@ -16,7 +16,6 @@
 #include <QTemporaryDir>
 
 namespace {
-
 const qint64 Morning = QDateTime({2026, 11, 21}, {8, 0}, Qt::UTC).toSecsSinceEpoch(); // a Saturday
 constexpr int EightOClock = 8 * 3600;
 constexpr int SpanStart = 21276, SpanEnd = 82800;
@@ -399,15 +398,6 @@ private slots:
             QVERIFY(requests.last().at - requests.first().at >= 29 * 100 - 50); // one every 100 ms at most
         }
         QCOMPARE(bench.sql("SELECT id FROM task WHERE statu = 1").rows.size(), 120);
-    }
-
-    void unreachableNodeLosesOnlyItsOwn() {
-        Bench bench(2);
-        bench.nodes[1].close();
-        const int lost = bench.addTask({}, 2), heard = bench.addTask();
-        bench.tick(Morning);
-        QVERIFY(waitFor([&] { return bench.words().size() == 1; }));
-        QVERIFY(bench.player(lost) && bench.player(heard));
     }
 
     void busyDatabaseDelaysAndLosesNothing() {

@@ -109,7 +109,6 @@ private slots:
         QTest::newRow("kind 0") << 0;
         QTest::newRow("kind 1") << 1;
         QTest::newRow("kind 3") << 3;
-        QTest::newRow("kind 1") << 1;
     }
     void init() {
         QFETCH_GLOBAL(int, kind);

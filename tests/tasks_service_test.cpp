@@ -9,7 +9,6 @@
 #include <QDateTime>
 
 namespace {
-
 using namespace std::chrono_literals;
 
 /// A service with an account, its speakers and one file, 3 s long; the speakers are there.
@@ -97,16 +96,6 @@ private slots:
         QVERIFY(school.call("/user/starttask", named).res()); // and once more by hand
         QVERIFY(waitFor([&] { return school.told(sim::Op::PlayList, 3); }));
         QCOMPARE(school.service.stop(), 0); // in the middle of it
-    }
-
-    void listEndsByItself() {
-        School school;
-        const int task = school.addTask("0:0:0");
-        QVERIFY(school.call("/user/starttask", {{"taskid", QString::number(task)}}).res());
-        QVERIFY(waitFor([&] { return school.statu(task) == 1; }));
-        QVERIFY(waitFor([&] { return school.statu(task) == 0; }));
-        QVERIFY(waitFor([&] { return school.fleet->at(0).count(sim::Op::Stop) > 0; }));
-        QVERIFY(school.told(sim::Op::PlayList, 1));
     }
 
     void temporaryPlay() {
