@@ -40,6 +40,7 @@ struct Client : QTcpSocket {
         connectToHost(host, port);
         waitForConnected(5000);
     }
+    ~Client() override { disconnect(this, nullptr, this, nullptr); } // closing would still tell the members
 };
 
 /// JSON written with single quotes.
