@@ -15,10 +15,10 @@ bool isTemporary(int error) {
 }
 } // namespace
 
-DeviceSocket::DeviceSocket(int descriptor, QHostAddress peer, QObject* parent)
+DeviceSocket::DeviceSocket(int descriptor, const QHostAddress& peer, QObject* parent)
     : QObject(parent)
     , m_reader(std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read))
-    , m_peer(std::move(peer))
+    , m_peer(peer)
     , m_descriptor(descriptor) {
     connect(m_reader.get(), &QSocketNotifier::activated, this, &DeviceSocket::readNow);
 }

@@ -20,7 +20,7 @@ public:
     static constexpr int MaxRead = 64 * 1024;
 
     /// `descriptor` is connected and non-blocking.
-    DeviceSocket(int descriptor, QHostAddress peer, QObject* parent = nullptr);
+    DeviceSocket(int descriptor, const QHostAddress& peer, QObject* parent = nullptr);
     ~DeviceSocket() override;
 
     /// The bytes that arrived; to be called from readyRead(). Empty when there are none.

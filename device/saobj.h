@@ -112,10 +112,12 @@ public:
     int remove_unlineTasklist(int id);
     int stop_unlineTasklist(int id);
     int Get_unlinetasklist();
+    // NOLINTBEGIN(bugprone-reserved-identifier): names that the protocol gives these commands
     int _AR();
     int _AAT();
     int _AAT_ALL();
     int _AATS(const QString& a, const QString& b, const QString& c);
+    // NOLINTEND(bugprone-reserved-identifier)
     int QT_test(const QByteArray& bytes);
 
     // --- MP3 path ---

@@ -116,7 +116,7 @@ QJsonObject sever_listen::didiv3(const QByteArray& packet) {
 }
 
 QJsonObject sever_listen::didi(const QByteArray& packet) {
-    const QJsonObject description = packets::statusForm(packet);
+    QJsonObject description = packets::statusForm(packet);
     const QByteArray trailer = packets::statusTrailer();
     if (packet.endsWith(trailer)) {
         const QByteArray form = packet.left(packet.size() - trailer.size());

@@ -46,11 +46,11 @@ void sweep(QObject* context, const QMap<QString, SAobj*>& sessions, const QStrin
 } // namespace
 
 Severinit::Severinit(QString updateListPath, QString upstreamcdn, QString localcdn,
-                     QString /*privateKeyText*/, QString /*publicKeyText*/, QString /*key*/, QString askey,
-                     int /*TSWait*/, int /*PackSize*/, int AryLen, int Check_, int Check_len, QString LocalIP,
-                     int /*OPort0*/, int /*OPort1*/, int /*BjPort*/, int /*DataPort*/, int /*ManagePort*/,
-                     int /*Netcross_Port0*/, int /*Netcross_Port1*/, int /*DataPortBack2*/, int /*Pastcmd*/,
-                     QObject* parent)
+                     const QString& /*privateKeyText*/, const QString& /*publicKeyText*/,
+                     const QString& /*key*/, QString askey, int /*TSWait*/, int /*PackSize*/, int AryLen,
+                     int Check_, int Check_len, QString LocalIP, int /*OPort0*/, int /*OPort1*/,
+                     int /*BjPort*/, int /*DataPort*/, int /*ManagePort*/, int /*Netcross_Port0*/,
+                     int /*Netcross_Port1*/, int /*DataPortBack2*/, int /*Pastcmd*/, QObject* parent)
     : QObject(parent)
     , m_state(std::make_unique<State>()) {
     m_state->updateListPath = std::move(updateListPath);

@@ -23,11 +23,11 @@ class StateMirror;
 class Severinit : public QObject {
     Q_OBJECT
 public:
-    Severinit(QString updateListPath, QString upstreamcdn, QString localcdn, QString privateKeyText,
-              QString publicKeyText, QString key, QString askey, int TSWait, int PackSize, int AryLen,
-              int Check_, int Check_len, QString LocalIP, int OPort0, int OPort1, int BjPort, int DataPort,
-              int ManagePort, int Netcross_Port0, int Netcross_Port1, int DataPortBack2, int Pastcmd,
-              QObject* parent = nullptr);
+    Severinit(QString updateListPath, QString upstreamcdn, QString localcdn, const QString& privateKeyText,
+              const QString& publicKeyText, const QString& key, QString askey, int TSWait, int PackSize,
+              int AryLen, int Check_, int Check_len, QString LocalIP, int OPort0, int OPort1, int BjPort,
+              int DataPort, int ManagePort, int Netcross_Port0, int Netcross_Port1, int DataPortBack2,
+              int Pastcmd, QObject* parent = nullptr);
     ~Severinit() override;
 
     // --- settings assigned by start-up before the loop runs; read-only afterwards, from any thread ---

@@ -207,6 +207,7 @@ void ListenerTest::speakerThatStopsReading() {
 
 void ListenerTest::manyAtOnce() {
     std::vector<std::unique_ptr<RawConnection>> speakers;
+    speakers.reserve(300);
     for (int i = 0; i < 300; ++i) {
         speakers.push_back(std::make_unique<RawConnection>(m_link->port));
         speakers.back()->send(sim::registrationPacket(testSerial(i), 20));
@@ -224,6 +225,7 @@ void ListenerTest::manyAtOnce() {
 // With no descriptor left, connections that have said nothing yet give way to a speaker.
 void ListenerTest::silentConnectionsMakeRoom() {
     std::vector<std::unique_ptr<RawConnection>> silent;
+    silent.reserve(10);
     for (int i = 0; i < 10; ++i)
         silent.push_back(std::make_unique<RawConnection>(m_link->port));
     const int speaker = ::socket(AF_INET, SOCK_STREAM, 0);

@@ -58,7 +58,7 @@ void SessionTest::cleanup() {
 void SessionTest::commandBytes_data() {
     QTest::addColumn<CommandCall>("call");
     QTest::addColumn<QByteArray>("bytes");
-    const auto row = [](const char* name, const QByteArray& bytes, CommandCall call) {
+    const auto row = [](const char* name, const QByteArray& bytes, const CommandCall& call) {
         QTest::newRow(name) << call << bytes;
     };
     row("alarm on", "GET_BAOJINGEE", [](SAobj& s) { return s.get_baojing(1, 1); });
