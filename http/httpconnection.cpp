@@ -110,7 +110,8 @@ std::optional<Refusal> HttpConnection::readHead(const char* method, const char* 
     if (auto refusal = readTarget())
         return refusal;
     m_isForHandler = m_engine.handler()->wants(m_request.m_method, m_request.m_path);
-    return m_request.m_body.begin(m_request.getHeader("Content-Type"), *body, m_engine.settings().limits);
+    return m_request.m_body.begin(m_request.getHeader("Content-Type"), *body, m_engine.settings().limits,
+                                  &m_engine.bodies);
 }
 
 bool HttpConnection::isLayoutVerbatim(const char* method, const char* version) const {

@@ -46,6 +46,11 @@ void onLibraryMessage(void* engine, const char* format, va_list arguments) {
         if (message.startsWith(alarm))
             static_cast<HttpEngine*>(engine)->refusals().note(message.constData());
     }
+    // Without a descriptor for the first connection the library tries again and again. This thread has
+    // nothing else to do then.
+    constexpr milliseconds pause{50};
+    if (message.startsWith("Hit process or system resource limit at FIRST"))
+        std::this_thread::sleep_for(pause);
 }
 
 QHostAddress peerOf(MHD_Connection* connection) {
@@ -74,6 +79,7 @@ void onSocket(void* engine, MHD_Connection* connection, void** context, MHD_Conn
         ::setsockopt(socket->descriptor, SOL_SOCKET, SO_SNDBUF, &HttpEngine::SendBuffer,
                      sizeof HttpEngine::SendBuffer);
         guard.add(socket.get());
+        static_cast<HttpEngine*>(engine)->connectionBegins();
         *context = socket.release();
     } else {
         const std::unique_ptr<HttpSocket> socket(static_cast<HttpSocket*>(*context));
@@ -82,6 +88,7 @@ void onSocket(void* engine, MHD_Connection* connection, void** context, MHD_Conn
             static_cast<HttpEngine*>(engine)->refusals().add(socket->peer, refusal.status,
                                                              refusal.reason.constData());
         guard.remove(socket.get());
+        static_cast<HttpEngine*>(engine)->connectionEnds();
     }
 }
 
@@ -143,13 +150,18 @@ HttpEngine::HttpEngine(int listenSocket, const Settings& settings, HttpRequestHa
     m_daemon = MHD_start_daemon(
         flags, 0, nullptr, nullptr, &onRequest, this, MHD_OPTION_EXTERNAL_LOGGER, &onLibraryMessage, this,
         MHD_OPTION_LISTEN_SOCKET, listenSocket, MHD_OPTION_THREAD_POOL_SIZE, Threads,
-        MHD_OPTION_CONNECTION_LIMIT, httpConnectionLimit(), MHD_OPTION_CONNECTION_MEMORY_LIMIT,
-        ConnectionMemory, MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned int>(StalledDownload.count()),
+        MHD_OPTION_CONNECTION_LIMIT, m_connectionLimit, MHD_OPTION_CONNECTION_MEMORY_LIMIT, ConnectionMemory,
+        MHD_OPTION_CONNECTION_TIMEOUT, static_cast<unsigned int>(StalledDownload.count()),
         MHD_OPTION_STRICT_FOR_CLIENT, strict, MHD_OPTION_NOTIFY_CONNECTION, &onSocket, this,
         MHD_OPTION_URI_LOG_CALLBACK, &onRequestLine, this, MHD_OPTION_NOTIFY_COMPLETED, &onRequestEnd, this,
         MHD_OPTION_UNESCAPE_CALLBACK, &keepEscapes, nullptr, MHD_OPTION_END);
     if (!m_daemon)
         qWarning("HttpListener: the HTTP engine did not start");
+}
+
+void HttpEngine::connectionBegins() {
+    if (++m_connections == static_cast<int>(m_connectionLimit))
+        m_refusals.note("all connections are taken, others wait");
 }
 
 HttpEngine::~HttpEngine() {

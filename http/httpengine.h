@@ -14,6 +14,10 @@ class HttpRequestHandler;
 class sqlite;
 struct MHD_Daemon;
 
+/// Connections that the engine may hold: a quarter of the process's descriptors, because a download
+/// takes two and the rest belong to speakers.
+unsigned int httpConnectionLimit();
+
 /// The threads that accept, parse and send, over libmicrohttpd's epoll loop, with the worker pool and
 /// the connection guard beside them. Started by the constructor, ended by the destructor.
 class HttpEngine {
@@ -56,10 +60,16 @@ public:
     WorkerPool& workers() { return m_workers; }
     ConnectionGuard& guard() { return m_guard; }
     RefusalLog& refusals() { return m_refusals; }
+    BodyBudget bodies;
+    /// Counts connections; a full house is logged.
+    void connectionBegins();
+    void connectionEnds() { --m_connections; }
     std::atomic<int> inFlight{0}; ///< requests given to the workers and not yet answered in full
 
 private:
     const Settings m_settings;
+    const unsigned int m_connectionLimit = httpConnectionLimit();
+    std::atomic<int> m_connections{0};
     HttpRequestHandler* m_handler;
     HttpRequestHandler* m_files;
     RefusalLog m_refusals;
@@ -67,7 +77,3 @@ private:
     ConnectionGuard m_guard;
     MHD_Daemon* m_daemon = nullptr;
 };
-
-/// Connections that the engine may hold: a quarter of the process's descriptors, because a download
-/// takes two and the rest belong to speakers.
-unsigned int httpConnectionLimit();

@@ -5,6 +5,7 @@
 namespace {
 
 constexpr Refusal TooLarge{413, "body over the limit"};
+constexpr Refusal TooMuchAtOnce{503, "too much is being sent at once"};
 
 std::optional<Refusal> refusalFor(int status) {
     switch (status) {
@@ -12,6 +13,8 @@ std::optional<Refusal> refusalFor(int status) {
         return std::nullopt;
     case 413:
         return TooLarge;
+    case 503:
+        return TooMuchAtOnce;
     case 507:
         return Refusal{507, "upload could not be written to disk"};
     default:
@@ -24,9 +27,17 @@ constexpr int MaxFileName = 1024;
 
 } // namespace
 
+RequestBody::~RequestBody() {
+    if (m_budget)
+        m_budget->memory -= m_inMemory;
+    if (m_multipart)
+        --m_budget->uploads;
+}
+
 std::optional<Refusal> RequestBody::begin(const QByteArray& contentType, const BodyLength& length,
-                                          const BodyLimits& limits) {
+                                          const BodyLimits& limits, BodyBudget* budget) {
     m_limits = limits;
+    m_budget = budget;
     const QByteArray type = contentType.split(';').first().trimmed().toLower();
     const bool isMultipart = type == "multipart/form-data";
     m_isForm = type == "application/x-www-form-urlencoded";
@@ -38,17 +49,26 @@ std::optional<Refusal> RequestBody::begin(const QByteArray& contentType, const B
     if (boundary.isEmpty())
         return Refusal{400, "multipart body without a boundary"};
     m_multipart = std::make_unique<MultipartParser>(boundary, static_cast<MultipartParser::Sink*>(this));
-    return std::nullopt;
+    return ++m_budget->uploads > BodyBudget::MaxUploads ? std::optional(TooMuchAtOnce) : std::nullopt;
 }
 
 std::optional<Refusal> RequestBody::feed(const char* data, int size) {
     m_received += size;
-    if (m_received > (m_multipart ? m_limits.multiPart : m_limits.request))
-        return TooLarge;
     if (m_multipart)
-        return refusalFor(m_multipart->feed(data, size));
-    bytes.append(data, size);
-    return std::nullopt;
+        return m_received > m_limits.multiPart ? std::optional(TooLarge)
+                                               : refusalFor(m_multipart->feed(data, size));
+    const int status = take(size);
+    if (status == 0)
+        bytes.append(data, size);
+    return refusalFor(status);
+}
+
+int RequestBody::take(int size) {
+    m_inMemory += size;
+    m_budget->memory += size;
+    if (m_inMemory > m_limits.request)
+        return 413;
+    return m_budget->memory > BodyBudget::MaxMemory ? 503 : 0;
 }
 
 std::optional<Refusal> RequestBody::finish() {
@@ -79,11 +99,10 @@ int RequestBody::partBegins(const QByteArray& name, bool isFile, const QByteArra
 int RequestBody::partData(const char* data, int size) {
     if (m_partFile)
         return m_partFile->write(data, size) == size ? 0 : 507;
-    m_inMemory += size;
-    if (m_inMemory > m_limits.request)
-        return 413;
-    m_partValue.append(data, size);
-    return 0;
+    const int status = take(size);
+    if (status == 0)
+        m_partValue.append(data, size);
+    return status;
 }
 
 int RequestBody::partEnds() {

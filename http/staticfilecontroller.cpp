@@ -77,12 +77,16 @@ StaticFileController::StaticFileController(const QSettings* settings, QObject* p
     , m_path(resolvedPath(*settings))
     , m_encoding(settings->value(QStringLiteral("encoding"), QStringLiteral("UTF-8")).toString().toLatin1())
     , m_maxAgeSeconds(settings->value(QStringLiteral("maxAge"), 60'000).toInt() / 1000) {
-    if (openRoot() < 0)
+    const int root = openRoot();
+    const int probe = root < 0 ? -1 : openBelow(root, QByteArrayLiteral("."));
+    if (probe < 0) {
         qWarning("StaticFileController: document root %s can't be opened: %s", m_path.constData(),
                  strerror(errno));
-    else
-        qDebug("StaticFileController: docroot=%s, encoding=%s, maxAge=%d s", m_path.constData(),
-               m_encoding.constData(), m_maxAgeSeconds);
+        return;
+    }
+    ::close(probe);
+    qDebug("StaticFileController: docroot=%s, encoding=%s, maxAge=%d s", m_path.constData(),
+           m_encoding.constData(), m_maxAgeSeconds);
 }
 
 StaticFileController::~StaticFileController() {
@@ -139,10 +143,16 @@ int StaticFileController::openFile(const QByteArray& path) {
 int StaticFileController::openBelow(int directory, const QByteArray& name) {
     open_how how{};
     how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-    // A link inside index.html's directory may point to elsewhere in the root only when it is below
-    // that directory; the kernel refuses everything else with EXDEV.
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
-    return static_cast<int>(::syscall(SYS_openat2, directory, name.constData(), &how, sizeof how));
+    // A rename elsewhere in the root may disturb the kernel's check; it then asks to try again.
+    constexpr int attempts = 4;
+    long descriptor = -1;
+    for (int i = 0; i < attempts; ++i) {
+        descriptor = ::syscall(SYS_openat2, directory, name.constData(), &how, sizeof how);
+        if (descriptor >= 0 || errno != EAGAIN)
+            break;
+    }
+    return static_cast<int>(descriptor);
 }
 
 void StaticFileController::sendFile(int descriptor, const QByteArray& name, const FileQuery& query,

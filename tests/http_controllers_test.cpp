@@ -24,6 +24,7 @@ private slots:
     void answerAsTheClientSeesIt();
     void headHasNoBody();
     void uploadGoesToDisk();
+    void uploadsAtOnceAreBounded();
     void slowHandlersHoldUpNothing();
     void workersComeAndGo();
     void fullQueueIsRefused();
@@ -140,6 +141,31 @@ void HttpControllersTest::uploadGoesToDisk() {
     QCOMPARE(seen, QStringList({"x.mp3", "1", "", "0"}));
     QVERIFY(file == content);
     QVERIFY(waitFor([&] { return !QFile::exists(diskName); }));
+}
+
+void HttpControllersTest::uploadsAtOnceAreBounded() {
+    HttpServer server([](HttpRequest&, HttpResponse&) {});
+    const QByteArray begun =
+        "POST /api HTTP/1.1\r\nHost: x\r\nContent-Type: multipart/form-data; boundary=b\r\n"
+        "Content-Length: 1000\r\n\r\n--b\r\n";
+    std::vector<std::unique_ptr<RawHttp>> clients;
+    const auto begin = [&] {
+        clients.push_back(std::make_unique<RawHttp>(server.port()));
+        clients.back()->send(begun);
+    };
+    for (int i = 0; i < BodyBudget::MaxUploads; ++i)
+        begin();
+    QVERIFY(waitFor([&] {
+        begin();
+        return clients.back()->hasData();
+    }));
+    QCOMPARE(clients.back()->receive().status, 503);
+    QCOMPARE(RawHttp::exchange(server.port(), get("/api")).status, 200);
+    clients.clear();
+    const QByteArray whole =
+        "POST /api HTTP/1.1\r\nHost: x\r\nContent-Type: multipart/form-data; boundary=b\r\n"
+        "Content-Length: 7\r\n\r\n--b--\r\n";
+    QVERIFY(waitFor([&] { return RawHttp::exchange(server.port(), whole).status == 200; }));
 }
 
 void HttpControllersTest::slowHandlersHoldUpNothing() {
