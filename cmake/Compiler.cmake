@@ -10,6 +10,8 @@ set(CMAKE_CXX_FLAGS_DEBUG "-O1 -g1")
 
 option(SPEAKERD_SANITIZE "Build with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
 
+option(SPEAKERD_FUZZ "Build the fuzz targets of the parsers (clang)" OFF)
+
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
@@ -20,6 +22,11 @@ add_compile_definitions(QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII QT_NO_FOREACH
                         QT_DEPRECATED_WARNINGS SPEAKERD_VERSION="${PROJECT_VERSION}")
 if(SPEAKERD_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+if(SPEAKERD_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=address,undefined)
 endif()
 

@@ -14,7 +14,7 @@ struct MHD_Connection;
 /// One exchange on a connection, from the request line to the end of its answer. Made and destroyed on
 /// the connection's engine thread; a worker has it between submit() and the connection's resumption,
 /// during which the engine leaves the connection alone, even when the client has gone.
-class HttpConnection : private WorkerPool::Job {
+class HttpConnection final : private WorkerPool::Job {
 public:
     HttpConnection(HttpEngine& engine, MHD_Connection* connection, HttpSocket* socket, QByteArray target);
     ~HttpConnection();

@@ -26,7 +26,7 @@ struct BodyBudget {
 };
 
 /// Takes a request's body as it arrives. Engine thread.
-class RequestBody : private MultipartParser::Sink {
+class RequestBody final : private MultipartParser::Sink {
 public:
     RequestBody() = default;
     ~RequestBody();
