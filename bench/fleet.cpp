@@ -17,7 +17,8 @@ namespace {
 constexpr auto Usage =
     "fleet raw-server --port P               the bare server\n"
     "fleet speakers|raw|mqtt --port P --control P --pid PID --count N [--rest SECONDS]\n"
-    "  prints: storm ms, volume to all ms, play to all ms, CPU at rest %, memory kB per connection\n";
+    "  prints: storm ms, volume to all ms, play to all ms, CPU at rest %, memory kB per connection,\n"
+    "  CPU ms of the storm, CPU ms of one volume command\n";
 
 using Arguments = std::map<std::string, std::string>;
 
@@ -59,8 +60,8 @@ int runLoad(const Wire& wire, const Arguments& arguments) {
     options.rest = std::chrono::seconds(number(arguments, "--rest", 15));
     options.window = number(arguments, "--window", options.window);
     const Figures figures = Fleet(wire, options).run();
-    std::printf("%.0f %.1f %.1f %.2f %.2f\n", figures.stormMs, figures.volumeMs, figures.playMs,
-                figures.cpuPercent, figures.kilobytes);
+    std::printf("%.0f %.1f %.1f %.2f %.2f %.0f %.1f\n", figures.stormMs, figures.volumeMs, figures.playMs,
+                figures.cpuPercent, figures.kilobytes, figures.stormCpuMs, figures.volumeCpuMs);
     return 0;
 }
 

@@ -123,7 +123,7 @@ measure() { # target size run
   wait_for_port "$control"
   local figures
   figures=$("$build/fleet" "$mode" --port "$port" --control "$control" --pid "$pid" --count "$2" \
-    --rest "$rest" --window "$window") || figures="- - - - -"
+    --rest "$rest" --window "$window") || figures="- - - - - - -"
   stop
   echo "$1 $2 $figures" | tee -a "$dir/figures" >&2
 }
@@ -136,8 +136,8 @@ for size in $sizes; do
   done
 done
 
-echo "| Speakers | Server | Connect storm | VOL_S to all | PLAYOFF to all | CPU at rest | Memory per connection |"
-echo "|---|---|---|---|---|---|---|"
+echo "| Speakers | Server | Connect storm | VOL_S to all | PLAYOFF to all | CPU at rest | Memory per connection | CPU of the storm | CPU of one VOL_S |"
+echo "|---|---|---|---|---|---|---|---|---|"
 column_median() { # target size column
   awk -v t="$1" -v s="$2" -v c="$3" '$1 == t && $2 == s && $c != "-" {print $c}' "$dir/figures" | sort -g |
     awk '{v[NR] = $1} END {if (NR) print v[int((NR + 1) / 2)]; else print "-"}'
@@ -145,7 +145,7 @@ column_median() { # target size column
 for size in $sizes; do
   for target in $targets; do
     row=()
-    for column in 3 4 5 6 7; do row+=("$(column_median "$target" "$size" $column)"); done
-    printf '| %s | %s | %s ms | %s ms | %s ms | %s %% | %s kB |\n' "$size" "$target" "${row[@]}"
+    for column in 3 4 5 6 7 8 9; do row+=("$(column_median "$target" "$size" $column)"); done
+    printf '| %s | %s | %s ms | %s ms | %s ms | %s %% | %s kB | %s ms | %s ms |\n' "$size" "$target" "${row[@]}"
   done
 done

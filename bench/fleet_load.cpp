@@ -33,6 +33,8 @@ void addToEpoll(int epoll, int fd, std::uint64_t tag) {
         throw std::runtime_error("epoll_ctl");
 }
 
+/// The system searches long for a free port once an address has used half of its own.
+constexpr int PerSourceAddress = 4000;
 constexpr std::uint64_t ControllerTag = ~0ULL;
 
 } // namespace
@@ -46,7 +48,7 @@ double median(std::vector<double> values) {
     return values.empty() ? 0 : values[values.size() / 2];
 }
 
-int connectLoopback(std::uint16_t port) {
+int connectLoopback(std::uint16_t port, int index) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0)
         throw std::runtime_error("no more sockets: raise the open-file limit");
@@ -57,6 +59,10 @@ int connectLoopback(std::uint16_t port) {
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     sockaddr_in address{};
     address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK + static_cast<in_addr_t>(index / PerSourceAddress));
+    setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+        throw std::runtime_error("bind");
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 && errno != EINPROGRESS)
@@ -116,11 +122,15 @@ Fleet::~Fleet() {
 Figures Fleet::run() {
     Figures figures;
     const long before = residentKilobytes(m_options.server);
+    const double idle = cpuMilliseconds(m_options.server);
     storm();
     figures.stormMs = milliseconds(Clock::now() - m_start);
+    figures.stormCpuMs = cpuMilliseconds(m_options.server) - idle;
     openController();
     runFor(PauseAfterStorm);
+    const double quiet = cpuMilliseconds(m_options.server);
     figures.volumeMs = medianOf(Wire::Command::Volume);
+    figures.volumeCpuMs = (cpuMilliseconds(m_options.server) - quiet) / Commands;
     figures.playMs = medianOf(Wire::Command::Play);
     figures.cpuPercent = cpuAtRest();
     figures.kilobytes = static_cast<double>(residentKilobytes(m_options.server) - before) /
@@ -142,12 +152,12 @@ void Fleet::storm() {
 
 void Fleet::openSpeaker(int index) {
     Speaker& speaker = m_speakers[static_cast<std::size_t>(index)];
-    speaker.fd = connectLoopback(m_options.port);
+    speaker.fd = connectLoopback(m_options.port, index);
     addToEpoll(m_epoll, speaker.fd, static_cast<std::uint64_t>(index));
 }
 
 void Fleet::openController() {
-    m_controller = connectLoopback(m_options.controllerPort);
+    m_controller = connectLoopback(m_options.controllerPort, 0);
     writeAll(m_controller, m_wire.controllerGreeting());
     addToEpoll(m_epoll, m_controller, ControllerTag);
 }

@@ -40,11 +40,13 @@ public:
 
 /// Figures of one run.
 struct Figures {
-    double stormMs = 0;    ///< first connect() to last speaker admitted
-    double volumeMs = 0;   ///< median: command written to last speaker's last byte
-    double playMs = 0;     ///< the same for a play command
-    double cpuPercent = 0; ///< of the server at rest, of one core
-    double kilobytes = 0;  ///< resident memory of the server per connection
+    double stormMs = 0;     ///< first connect() to last speaker admitted
+    double volumeMs = 0;    ///< median: command written to last speaker's last byte
+    double playMs = 0;      ///< the same for a play command
+    double cpuPercent = 0;  ///< of the server at rest, of one core
+    double kilobytes = 0;   ///< resident memory of the server per connection
+    double stormCpuMs = 0;  ///< of the server, for the whole storm
+    double volumeCpuMs = 0; ///< of the server, for one volume command to all
 };
 
 class Fleet {
@@ -100,8 +102,9 @@ private:
     Clock::time_point m_lastByte;
 };
 
-/// A non-blocking loopback connection in the making. TCP_NODELAY is set.
-int connectLoopback(std::uint16_t port);
+/// A non-blocking loopback connection in the making, from 127.0.0.1 or, for a high index, one of the
+/// addresses behind it. TCP_NODELAY is set.
+int connectLoopback(std::uint16_t port, int index);
 /// Writes all of it, waiting where needed.
 void writeAll(int fd, std::string_view bytes);
 long residentKilobytes(pid_t process);
