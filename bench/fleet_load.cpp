@@ -24,6 +24,8 @@ constexpr int ConnectBurst = 50;
 constexpr auto Patience = 180s;
 constexpr auto PauseAfterCommand = 200ms;
 constexpr auto PauseAfterStorm = 3s;
+/// What commands have set off besides, rows of a database for one, is done by then.
+constexpr auto PauseBeforeRest = 10s;
 
 void addToEpoll(int epoll, int fd, std::uint64_t tag) {
     epoll_event event{};
@@ -182,7 +184,7 @@ double Fleet::commandToAll(Wire::Command kind, int round) {
 }
 
 double Fleet::cpuAtRest() {
-    runFor(PauseAfterStorm);
+    runFor(PauseBeforeRest);
     const double before = cpuMilliseconds(m_options.server);
     const auto start = Clock::now();
     runFor(m_options.rest);
