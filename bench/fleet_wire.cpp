@@ -70,10 +70,15 @@ std::size_t mqttLength(std::string_view bytes) {
 
 } // namespace
 
-SpeakerWire::SpeakerWire(int count) {
+std::string jsonSerials(int count) {
+    std::string serials;
     for (int i = 0; i < count; ++i)
-        m_serials += (i == 0 ? "\"" : ",\"") + hex(rawSerial(i)) + '"';
+        serials += (i == 0 ? "\"" : ",\"") + hex(SpeakerWire::rawSerial(i)) + '"';
+    return serials;
 }
+
+SpeakerWire::SpeakerWire(int count)
+    : m_serials(jsonSerials(count)) {}
 
 std::string SpeakerWire::rawSerial(int index) {
     std::string raw(16, '\0');

@@ -5,6 +5,9 @@
 /// Address that play commands carry.
 inline constexpr const char* PlayUrl = "http://127.0.0.1:12080/music/school-bell-0123456789.mp3";
 
+/// Serials of a fleet as the entries of a JSON array.
+std::string jsonSerials(int count);
+
 /// The speakers' own protocol, commands through the command server.
 class SpeakerWire : public Wire {
 public:
