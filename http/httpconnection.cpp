@@ -178,7 +178,7 @@ void HttpConnection::run(WorkerDatabase& database) {
 }
 
 void HttpConnection::cancel() {
-    constexpr Refusal busy{503, "too many requests wait"};
+    constexpr Refusal busy{503, "too many requests wait, or the service ends"};
     m_engine.refusals().add(m_socket->peer, busy.status, busy.reason);
     m_response.setStatus(busy.status);
     m_response.setHeader("Retry-After", 1);
