@@ -105,7 +105,7 @@ const std::vector<SettingKey> Keys = {
      "Address of the silent clip that ends an alarm. Default: preurl and \"mp3/silence.mp3\"."},
     {"sessions", "expirationTime", Type::Integer, "3600000", "Life of an unused HTTP session, ms."},
     {"sessions", "cookieName", Type::Text, "sessionid", "Cookie of the HTTP session."},
-    {"docroot", "path", Type::Text, "docroot",
+    {"docroot", "path", Type::Text, "etc/docroot",
      "Document root, relative to the configuration file. Uploads are stored in etc/docroot below runingdir: "
      "name that directory to have them served."},
     {"docroot", "encoding", Type::Text, "UTF-8", "Encoding announced for text files."},

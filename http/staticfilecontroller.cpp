@@ -21,7 +21,7 @@
 namespace {
 
 QByteArray resolvedPath(const QSettings& settings) {
-    const QString path = settings.value(QStringLiteral("path"), QStringLiteral("docroot")).toString();
+    const QString path = settings.value(QStringLiteral("path"), QStringLiteral("etc/docroot")).toString();
     const QDir base(QFileInfo(settings.fileName()).absolutePath());
     return QFile::encodeName(QDir::cleanPath(base.absoluteFilePath(path)));
 }
