@@ -32,14 +32,14 @@ ssize_t readBlock(int descriptor, const char*& data) {
 
 } // namespace
 
-didocmd::didocmd(int descriptor, QHostAddress peer, QString tag, CommandHandler handler,
+didocmd::didocmd(int descriptor, const QHostAddress& peer, QString tag, CommandHandler handler,
                  std::shared_ptr<qsizetype> buffered, QObject* parent)
     : QObject(parent)
     , m_reader(std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read))
     , m_writer(std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Write))
     , m_handler(std::move(handler))
     , m_buffered(std::move(buffered))
-    , m_peer(std::move(peer))
+    , m_peer(peer)
     , m_tag(std::move(tag))
     , m_descriptor(descriptor) {
     m_writer->setEnabled(false);

@@ -36,7 +36,7 @@ public:
 
     /// `tag` begins the log line of each reply. `buffered` is the server's count of bytes in
     /// incomplete requests; it outlives this object.
-    didocmd(int descriptor, QHostAddress peer, QString tag, CommandHandler handler,
+    didocmd(int descriptor, const QHostAddress& peer, QString tag, CommandHandler handler,
             std::shared_ptr<qsizetype> buffered, QObject* parent);
     ~didocmd() override;
 

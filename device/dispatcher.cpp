@@ -116,8 +116,8 @@ private:
 
 // --- the service's door ---
 
-void Severinit::addCommand(const QString& word, Command command) {
-    m_state->addedCommands.insert(word, std::move(command));
+void Severinit::addCommand(const QString& word, const Command& command) {
+    m_state->addedCommands.insert(word, command);
 }
 
 QByteArray Severinit::Diamonds_jsondidocom(const QByteArray& request) {
@@ -201,7 +201,7 @@ std::optional<QStringList> Dispatcher::resolve(Targets targets, const QString& w
 }
 
 QStringList Dispatcher::each(const QString& word, const QJsonObject& request) const {
-    const QStringList listed = texts(request.value(QLatin1String("snlist")));
+    QStringList listed = texts(request.value(QLatin1String("snlist")));
     if (listed.isEmpty())
         return expandGroup(request);
     if (!word.endsWith(QLatin1String("_G")))

@@ -81,7 +81,7 @@ public:
     /// A command that another room adds: gets the request and its resolved targets (each serial
     /// of "snlist", or the expanded "group"; never empty), returns the reply object.
     using Command = std::function<QJsonObject(const QJsonObject& request, const QStringList& targets)>;
-    void addCommand(const QString& word, Command command);
+    void addCommand(const QString& word, const Command& command);
 
 public slots:
     /// Binds a connection to its session; a serial without a session drops the connection. `port` is

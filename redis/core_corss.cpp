@@ -80,7 +80,7 @@ QByteArray Core_corss::play_urlrmwarning(const QStringList& sns, const QString& 
 }
 
 QByteArray Core_corss::Stop_url(const QStringList& sns) {
-    const QByteArray answer = send(onSpeakers("FORCESTOP", sns), true);
+    QByteArray answer = send(onSpeakers("FORCESTOP", sns), true);
     qInfo().noquote() << "why here" << answer;
     return answer;
 }

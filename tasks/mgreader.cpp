@@ -68,7 +68,7 @@ QByteArray MgReader::next() {
     const qint64 size = std::min<qint64>(m_sizes.at(m_next++), m_dataBytes - m_offset);
     if (size <= 0 || !loadSlice(size))
         return {};
-    const QByteArray packet = m_slice.mid(static_cast<int>(m_offset - m_sliceOffset), static_cast<int>(size));
+    QByteArray packet = m_slice.mid(static_cast<int>(m_offset - m_sliceOffset), static_cast<int>(size));
     m_offset += size;
     return packet;
 }
