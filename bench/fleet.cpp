@@ -1,6 +1,5 @@
 // A fleet of speakers as load, without Qt: what it costs a server to hold them and to reach them all.
 // bench/fleet.sh starts the servers and prints the table; see bench/README.md.
-#include "fleet_media.h"
 #include "fleet_rawserver.h"
 #include "fleet_wire.h"
 
@@ -17,9 +16,6 @@ namespace {
 
 constexpr auto Usage =
     "fleet raw-server --port P               the bare server\n"
-    "fleet stream-source --port P --file MP3  feeds a streaming server\n"
-    "fleet media|listeners --port P [--control P] --pid PID --count N --path FILE|MOUNT [--rest SECONDS]\n"
-    "  prints: CPU %, worst gap ms, starved listeners, heard %, memory kB per listener\n"
     "fleet speakers|raw|mqtt --port P --control P --pid PID --count N [--rest SECONDS]\n"
     "  prints: storm ms, volume to all ms, play to all ms, CPU at rest %, memory kB per connection,\n"
     "  CPU ms of the storm, CPU ms of one volume command\n";
@@ -69,32 +65,12 @@ int runLoad(const Wire& wire, const Arguments& arguments) {
     return 0;
 }
 
-int runMedia(bool speakers, const Arguments& arguments) {
-    MediaFleet::Options options;
-    options.count = number(arguments, "--count", 1000);
-    options.port = static_cast<std::uint16_t>(number(arguments, "--port"));
-    options.controllerPort = static_cast<std::uint16_t>(number(arguments, "--control"));
-    options.server = number(arguments, "--pid");
-    options.path = arguments.at("--path");
-    options.window = std::chrono::seconds(number(arguments, "--rest", 20));
-    MediaFleet fleet(options);
-    const MediaFigures figures = speakers ? fleet.runSpeakers() : fleet.runListeners();
-    std::printf("%.1f %.0f %d %.1f %.2f\n", figures.cpuPercent, figures.worstGapMs, figures.starved,
-                figures.heardPercent, figures.kilobytes);
-    return 0;
-}
-
 int run(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
     const Arguments arguments = parse(argc, argv);
     raiseOpenFileLimit();
     if (mode == "raw-server")
         return runRawServer(static_cast<std::uint16_t>(number(arguments, "--port")));
-    if (mode == "stream-source")
-        return runStreamSource(static_cast<std::uint16_t>(number(arguments, "--port")),
-                               arguments.at("--file"));
-    if (mode == "media" || mode == "listeners")
-        return runMedia(mode == "media", arguments);
     if (const auto wire = makeWire(mode, number(arguments, "--count", 1000)))
         return runLoad(*wire, arguments);
     std::fputs(Usage, stderr);

@@ -5,27 +5,21 @@
 #
 # bench/fleet.sh [--sizes "1000 5000 10000 19500"] [--targets "mosquitto tuned raw speakerd redis"]
 #                [--runs 3] [--rest 15] [--window 1000] [--build build/release]
-# bench/fleet.sh media [--listeners 2000] [--targets "icecast speakerd"] ...
-#   the second table: one stream of 128 kbit/s to many, beside icecast2.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-table=fleet
-[ "${1:-}" != media ] || { table=media; shift; }
-sizes="1000 5000 10000 19500" listeners=2000
+sizes="1000 5000 10000 19500"
 targets="mosquitto tuned raw speakerd redis"
-[ $table = fleet ] || targets="icecast speakerd"
 runs=3 rest=15 window=1000 build=build/release
 while [ $# -gt 1 ]; do
   case $1 in
     --sizes) sizes=$2 ;;
-    --listeners) listeners=$2 ;;
     --targets) targets=$2 ;;
     --runs) runs=$2 ;;
     --rest) rest=$2 ;;
     --window) window=$2 ;;
     --build) build=$2 ;;
-    *) sed -n '2,10p' "$0" >&2; exit 2 ;;
+    *) sed -n '2,8p' "$0" >&2; exit 2 ;;
   esac
   shift 2
 done
@@ -135,49 +129,6 @@ measure() { # target size run
   echo "$1 $2 $figures" | tee -a "$dir/figures" >&2
 }
 
-# icecast2 gives up root, if it has it.
-start_icecast() {
-  local port
-  port=$(free_port)
-  mkdir -p "$dir/icecast" && chmod 777 "$dir" "$dir/icecast"
-  cat >"$dir/icecast.xml" <<XML
-<icecast>
-  <limits><clients>$((listeners + 100))</clients><sources>2</sources><burst-on-connect>0</burst-on-connect></limits>
-  <authentication><source-password>source</source-password><admin-password>source</admin-password></authentication>
-  <hostname>localhost</hostname>
-  <listen-socket><port>$port</port><bind-address>127.0.0.1</bind-address></listen-socket>
-  <paths><basedir>$dir</basedir><logdir>$dir/icecast</logdir><webroot>$dir</webroot><adminroot>$dir</adminroot></paths>
-  <logging><loglevel>1</loglevel></logging>
-  <security><chroot>0</chroot><changeowner><user>nobody</user><group>nogroup</group></changeowner></security>
-</icecast>
-XML
-  icecast2 -c "$dir/icecast.xml" >/dev/null 2>&1 &
-  pids+=($!)
-  server="$! $port $port"
-  wait_for_port "$port"
-  "$build/fleet" stream-source --port "$port" --file "$dir/sound.mp3" 2>/dev/null &
-  pids+=($!)
-  for _ in $(seq 100); do # until there is something to hear
-    [ "$(curl -s -m 1 -o /dev/null -w '%{http_code}' "http://127.0.0.1:$port/stream")" != 200 ] || return 0
-    sleep 0.1
-  done
-}
-
-measure_stream() { # target
-  local pid port control mode path figures
-  case $1 in
-    icecast) start_icecast; mode=listeners path=/stream ;;
-    speakerd) start_speakerd "runingdir=$dir"; mode=media path=sound.mg ;;
-    *) echo "unknown target $1" >&2; exit 2 ;;
-  esac
-  read -r pid port control <<<"$server"
-  wait_for_port "$control"
-  figures=$("$build/fleet" "$mode" --port "$port" --control "$control" --pid "$pid" --count "$listeners" \
-    --path "$path" --rest "$rest") || figures="- - - - -"
-  stop
-  echo "$1 $listeners $figures" | tee -a "$dir/figures" >&2
-}
-
 column_median() { # target size column
   awk -v t="$1" -v s="$2" -v c="$3" '$1 == t && $2 == s && $c != "-" {print $c}' "$dir/figures" | sort -g |
     awk '{v[NR] = $1} END {if (NR) print v[int((NR + 1) / 2)]; else print "-"}'
@@ -195,19 +146,6 @@ print_table() { # format sizes columns...
     done
   done
 }
-
-if [ $table = media ]; then
-  sox -n -r 44100 -c 2 "$dir/sound.wav" synth $((rest + 60)) sine 440 sine 660
-  lame --quiet -b 128 "$dir/sound.wav" "$dir/sound.mp3"
-  "$build/mgpack" "$dir/sound.mp3" "$dir/sound.mg"
-  for _ in $(seq "$runs"); do
-    for target in $targets; do measure_stream "$target"; done
-  done
-  echo "| Listeners | Server | CPU | Worst gap | Starved | Heard | Memory per listener |"
-  echo "|---|---|---|---|---|---|---|"
-  print_table '| %s | %s | %s %% | %s ms | %s | %s %% | %s kB |\n' "$listeners" 3 4 5 6 7
-  exit
-fi
 
 for size in $sizes; do
   for _ in $(seq "$runs"); do
