@@ -44,6 +44,10 @@ void DeviceSocket::readNow() {
     }
 }
 
+void DeviceSocket::setWatched(bool watched) {
+    m_reader->setEnabled(watched && isConnected());
+}
+
 int DeviceSocket::write(const QByteArray& bytes) {
     if (!isConnected())
         return -1;

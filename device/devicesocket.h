@@ -27,6 +27,9 @@ public:
     QByteArray readAll();
     /// Looks for bytes or the end now, without waiting for the event loop to tell; signals as it does.
     void readNow();
+    /// Whether the event loop tells of bytes and the end, as it does from the beginning. Unwatched, the
+    /// owner calls readNow() instead and saves the loop a wake-up a message.
+    void setWatched(bool watched);
     /// Sends at once what the kernel takes and keeps the rest. Returns bytes.size(), or -1 when the
     /// connection is broken or its backlog full; disconnected() then follows from the event loop.
     int write(const QByteArray& bytes);

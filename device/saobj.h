@@ -213,6 +213,7 @@ private:
     void writeChunk(const QByteArray& chunk);
     void writeWaiting();
     void answerRequest();
+    void lookForRequest();
     void mp3_rdy();
     void mp3_wifi_rdy();
     void mp3_disconnect();

@@ -79,6 +79,8 @@ void SAobj::nameStream(const QString& sourceName, int streamId, const QString& t
 }
 
 void SAobj::timeout() {
+    if (m_mp3Socket && m_leixing != WifiKind)
+        m_mp3Socket->setWatched(!m_streamActive || !m_queue.isEmpty());
     if (m_chunkCounter >= StreamIdleLimit) {
         if (!m_streamActive)
             m_onlineState = Streaming;
@@ -109,6 +111,17 @@ void SAobj::push_mp3(const QByteArray& chunk) {
         requestConnection();
     else if (!m_writeInProgress)
         writeWaiting();
+    else
+        lookForRequest();
+}
+
+/// A speaker that keeps up has asked for its next chunk long before there is one: its request is read
+/// now, and nothing has to wake the loop for it. Where it has not asked yet, the loop shall tell.
+void SAobj::lookForRequest() {
+    if (m_mp3Socket->isConnected())
+        m_mp3Socket->readNow();
+    if (m_mp3Socket && !m_queue.isEmpty())
+        m_mp3Socket->setWatched(true);
 }
 
 void SAobj::wifi_push_mp3(const QByteArray& chunk) {

@@ -23,6 +23,7 @@ private slots:
     void pullsInFives();
     void heartbeatsAreSkipped_data();
     void heartbeatsAreSkipped();
+    void requestsInTimeAndLate();
     void reportPullsToo();
     void chunksThatWaitedGoOutAtOnce();
     void disabledSessionWritesNothing();
@@ -231,6 +232,30 @@ void StreamTest::heartbeatsAreSkipped() {
     data->send("12345");
     QVERIFY2(data->waitReceived("a" + answer), data->received());
     QVERIFY(holdsFor([&] { return data->received() == "a" + answer; }, 20ms));
+}
+
+// From the first status tick on a stream's requests are looked for chunk by chunk; that must not show.
+void StreamTest::requestsInTimeAndLate() {
+    const auto data = m_link->attach(testSerial());
+    QByteArray expected;
+    const auto pushes = [&](const QByteArray& chunk) {
+        forward(1, 5, 1, chunk);
+        expected += chunk;
+        return data->waitReceived(expected);
+    };
+    QVERIFY(pushes("a"));
+    session()->timeout();
+    for (const char* const chunk : {"b", "c"}) { // asked for before they are there
+        data->send("12345");
+        QVERIFY(pushes(chunk));
+    }
+    forward(1, 5, 1, "d"); // there before it is asked for
+    data->send("12345");
+    QVERIFY(data->waitReceived(expected += "d"));
+    session()->timeout();
+    data->close();
+    forward(1, 5, 1, "e");
+    QVERIFY(waitFor([&] { return !session()->isMp3Connected(); }));
 }
 
 void StreamTest::reportPullsToo() {
