@@ -1,7 +1,15 @@
 #include "tasks/baojingobject.h"
 
+#include <algorithm>
 #include <QDebug>
 #include <QTimer>
+
+using namespace std::chrono_literals;
+
+namespace {
+/// Sent at once after a halt; speakers buffer no more than this, and their queues hold twice as much.
+constexpr auto MaxArrears = 1s;
+} // namespace
 
 Baojingobject::Baojingobject(QStringList files, QObject* parent)
     : QObject(parent)
@@ -33,11 +41,15 @@ bool Baojingobject::ply_file(const QString& path) {
     if (step < 1 || step > MaxStep)
         qWarning().noquote() << "MG_ms out of range, taken as" << DefaultStep << path << step;
     m_reader = std::move(reader);
+    m_step = std::chrono::milliseconds(step < 1 || step > MaxStep ? DefaultStep : step);
     m_timer = new QTimer(this);
     m_timer->setTimerType(Qt::PreciseTimer);
     connect(m_timer, &QTimer::timeout, this, &Baojingobject::fuck_filepack);
-    // A file without packets is over at once.
-    m_timer->start(m_reader->atEnd() ? 0 : step < 1 || step > MaxStep ? DefaultStep : step);
+    m_due = Clock::now();
+    if (m_reader->atEnd())
+        m_timer->start(0); // a file without packets is over at once
+    else
+        waitForNext();
     emit back_(path, m_index, m_files.size());
     return true;
 }
@@ -51,6 +63,7 @@ void Baojingobject::fuck_filepack() {
         play_over();
         return;
     }
+    waitForNext();
     const QByteArray packet = m_reader->next();
     const bool isLast = m_reader->atEnd();
     if (!packet.isEmpty()) {
@@ -59,6 +72,14 @@ void Baojingobject::fuck_filepack() {
     }
     if (isLast)
         emit imending(m_index);
+}
+
+/// A turn of the loop that took long is made up for, so that the speakers' buffers don't run dry: the
+/// packets keep the sound's pace on the whole.
+void Baojingobject::waitForNext() {
+    const auto now = Clock::now();
+    m_due = std::max(m_due + m_step, now - MaxArrears);
+    m_timer->start(std::max(0ms, std::chrono::ceil<std::chrono::milliseconds>(m_due - now)));
 }
 
 void Baojingobject::back_mp3(const QByteArray& packet) {

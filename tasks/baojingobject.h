@@ -2,6 +2,7 @@
 
 #include "tasks/mgreader.h"
 
+#include <chrono>
 #include <memory>
 #include <QByteArray>
 #include <QObject>
@@ -10,8 +11,8 @@
 
 class QTimer;
 
-/// Plays a list of alarm files: releases their packets one at each `MG_ms`, file after file. What
-/// can't be opened is skipped. Main loop only.
+/// Plays a list of alarm files: releases their packets one at each `MG_ms`, file after file; after a
+/// halt of the loop, as many as have become due. What can't be opened is skipped. Main loop only.
 class Baojingobject : public QObject {
     Q_OBJECT
 public:
@@ -45,11 +46,16 @@ signals:
     void imending(int index);
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     void playFrom(int index);
+    void waitForNext();
     void stopTimer();
 
     QStringList m_files;
     int m_index = 0;
     std::unique_ptr<MgReader> m_reader; ///< while a file plays
     QTimer* m_timer = nullptr;          ///< likewise; a child
+    std::chrono::milliseconds m_step{DefaultStep};
+    Clock::time_point m_due; ///< of the next packet
 };

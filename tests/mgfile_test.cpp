@@ -10,6 +10,7 @@
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QSignalSpy>
+#include <QThread>
 #include <sys/stat.h>
 
 namespace {
@@ -50,6 +51,7 @@ private slots:
     void noiseIsReadWithinItsBounds();
     void playsTheListInOrder();
     void keepsThePace();
+    void makesUpForAHalt();
     void nothingPlays();
     void packets_data();
     void packets();
@@ -169,6 +171,21 @@ void MgFileTest::keepsThePace() {
     QCOMPARE(times.size(), 5);
     for (int i = 0; i < 5; ++i)
         QVERIFY2(times[i] >= 40 * (i + 1) - 5, QByteArray::number(times[i]));
+}
+
+/// Packets that became due while the loop was held up follow at once.
+void MgFileTest::makesUpForAHalt() {
+    Baojingobject player({write("p.mg", mg::pack(header(300), {"a", "b", "c", "d"}))});
+    QElapsedTimer clock;
+    clock.start();
+    int packets = 0;
+    connect(&player, &Baojingobject::present_mp3data_s, this, [&] {
+        if (++packets == 1)
+            QThread::msleep(1500);
+    });
+    player._start_init();
+    QVERIFY(waitFor([&] { return packets == 4; }));
+    QVERIFY2(clock.elapsed() < 2200, QByteArray::number(clock.elapsed()));
 }
 
 void MgFileTest::nothingPlays() {
