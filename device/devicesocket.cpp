@@ -32,16 +32,32 @@ QByteArray DeviceSocket::readAll() {
 }
 
 void DeviceSocket::readNow() {
+    const char* data = nullptr;
+    const int got = receive(data);
+    if (got == 0)
+        return;
+    m_input.append(data, got);
+    emit readyRead();
+}
+
+int DeviceSocket::countNow() {
+    const char* data = nullptr;
+    return isConnected() ? receive(data) : 0;
+}
+
+/// Bytes received, 0 for none; signals the end.
+int DeviceSocket::receive(const char*& data) {
     // Shared by all connections, which live on one thread: what is read is copied out at once.
     static std::array<char, MaxRead> buffer;
+    data = buffer.data();
     const auto got = ::recv(m_descriptor, buffer.data(), buffer.size(), 0);
-    if (got > 0) {
-        m_input.append(buffer.data(), static_cast<int>(got));
-        emit readyRead();
-    } else if (got == 0 || !isTemporary(errno)) {
+    if (got > 0)
+        return static_cast<int>(got);
+    if (got == 0 || !isTemporary(errno)) {
         breakDown(got == 0 ? 0 : errno);
         announceEnd();
     }
+    return 0;
 }
 
 void DeviceSocket::setWatched(bool watched) {

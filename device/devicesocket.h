@@ -27,8 +27,10 @@ public:
     QByteArray readAll();
     /// Looks for bytes or the end now, without waiting for the event loop to tell; signals as it does.
     void readNow();
+    /// Reads what has arrived now for its length alone; 0 when there is nothing. Signals the end only.
+    int countNow();
     /// Whether the event loop tells of bytes and the end, as it does from the beginning. Unwatched, the
-    /// owner calls readNow() instead and saves the loop a wake-up a message.
+    /// owner looks for them himself and saves the loop a wake-up a message.
     void setWatched(bool watched);
     /// Sends at once what the kernel takes and keeps the rest. Returns bytes.size(), or -1 when the
     /// connection is broken or its backlog full; disconnected() then follows from the event loop.
@@ -57,6 +59,7 @@ signals:
     void disconnected();
 
 private:
+    int receive(const char*& data);
     void writable();
     void breakDown(int error);
     void announceEnd();

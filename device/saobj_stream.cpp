@@ -118,8 +118,8 @@ void SAobj::push_mp3(const QByteArray& chunk) {
 /// A speaker that keeps up has asked for its next chunk long before there is one: its request is read
 /// now, and nothing has to wake the loop for it. Where it has not asked yet, the loop shall tell.
 void SAobj::lookForRequest() {
-    if (m_mp3Socket->isConnected())
-        m_mp3Socket->readNow();
+    if (const int bytes = m_mp3Socket->countNow())
+        mp3Requested(bytes);
     if (m_mp3Socket && !m_queue.isEmpty())
         m_mp3Socket->setWatched(true);
 }
