@@ -3,54 +3,24 @@
 # speakers; 8 keep-alive clients.
 # Usage: bench/api.sh [BUILD_DIR]      (default build/release; SECONDS_EACH=8 and RUNS=3 may be set)
 set -euo pipefail
-root=$(cd "$(dirname "$0")/.." && pwd)
-build=$(cd "${1:-$root/build/release}" && pwd)
+. "$(dirname "$0")/servers.sh"
+build=$(realpath "${1:-$root/build/release}")
 seconds=${SECONDS_EACH:-8}
 runs=${RUNS:-3}
-dir=$(mktemp -d)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  rm -rf "$dir"
-}
-trap cleanup EXIT
-free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
-median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 
-http_port=$(free_port)
-device_port=$(free_port)
-cat >"$dir/config.ini" <<CONF
-[Settings]
-LocalIP=127.0.0.1
-DPort=$device_port
-DataPortBack3=$(free_port)
-PS1=$(free_port)
-PS2=$(free_port)
-wbport=$(free_port)
-dbk=3
-EnableRedis=false
-[listener]
-host=127.0.0.1
-port=$http_port
-CONF
+prepare_speakerd
 {
-  cat "$root/core/schema/sqlite3main.sql"
   echo "INSERT INTO sbox_users (id, user_name, user_pass, token) VALUES (1, 'bench', 'bench', 't');"
   for i in $(seq 0 99); do
     printf "INSERT INTO sbox_device_info (user_id, device_name, device_seed) VALUES (1, 'speaker %d', '%032x');\n" "$i" "$i"
   done
-} | sqlite3 -bail "$dir/.Elvor.db"
-
-(cd "$dir" && exec "$build/speakerd" config.ini) 2>"$dir/log" &
-pids+=($!)
-for _ in $(seq 100); do
-  curl -sf -o /dev/null -X POST "http://127.0.0.1:$http_port/user/test" && break
-  sleep 0.1
-done
+} | sqlite3 -bail "$service/.Elvor.db"
+start_speakerd "$build"
+base=http://127.0.0.1:$http_port
+wait_until "HTTP" curl -sf -o /dev/null -X POST "$base/user/test"
 
 # Three speakers that register, beat and read: what they are told costs them nothing.
-python3 - "$device_port" <<'PY' &
+cat >"$dir/speakers.py" <<'PY'
 import select, socket, sys, time
 speakers = []
 for i in range(3):
@@ -67,11 +37,9 @@ while True:
         for speaker in speakers:
             speaker.sendall(b"BEAT")
 PY
-pids+=($!)
-for _ in $(seq 100); do
-  curl -s -d '' "http://127.0.0.1:$http_port/user/olist" | grep -c '"seed"' | grep -qx 3 && break
-  sleep 0.1
-done
+spawn python3 "$dir/speakers.py" "$device_port"
+three_online() { [ "$(curl -s -d '' "$base/user/olist" | grep -c '"seed"')" = 3 ]; }
+wait_until "three speakers" three_online
 
 measure() { # name, path, form
   cat >"$dir/post.lua" <<LUA
@@ -79,18 +47,18 @@ wrk.method = "POST"
 wrk.headers["Content-Type"] = "application/x-www-form-urlencoded"
 wrk.body = "$3"
 LUA
-  curl -s -d "$3" "http://127.0.0.1:$http_port$2" | grep -q '"res": true' || {
+  curl -s -d "$3" "$base$2" | grep -q '"res": true' || {
     echo "$1: refused" >&2
     exit 1
   }
   for _ in $(seq "$runs"); do
-    wrk -t2 -c8 -d"${seconds}s" --latency -s "$dir/post.lua" "http://127.0.0.1:$http_port$2" >"$dir/out"
+    wrk -t2 -c8 -d"${seconds}s" --latency -s "$dir/post.lua" "$base$2" >"$dir/out"
     awk '/Requests\/sec/ { print $2 }' "$dir/out" >>"$dir/$1.rps"
     awk '/99%/ { print $2 }' "$dir/out" >>"$dir/$1.p99"
   done
   printf '| %s | %s | %s |\n' "$1" "$(median <"$dir/$1.rps")" "$(sort -h "$dir/$1.p99" | sed -n "$(((runs + 1) / 2))p")"
 }
-token() { curl -s -d 'username=bench&passwd=bench' "http://127.0.0.1:$http_port/user/gtoken" | sed -n 's/.*"token": "\(.*\)".*/\1/p'; }
+token() { curl -s -d 'username=bench&passwd=bench' "$base/user/gtoken" | sed -n 's/.*"token": "\(.*\)".*/\1/p'; }
 
 echo '| Request | Requests/s | 99th percentile |'
 echo '|---|---|---|'

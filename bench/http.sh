@@ -2,40 +2,19 @@
 # HTTP side by side with nginx (its own defaults; for the files also with our send buffer): one 1 MB MP3 to 64 connections, and 2,000 slow readers.
 # Usage: bench/http.sh [BUILD_DIR]      (default build/release; RUNS=5 and READERS=2000 may be set)
 set -euo pipefail
-root=$(cd "$(dirname "$0")/.." && pwd)
-build=$(cd "${1:-$root/build/release}" && pwd)
+. "$(dirname "$0")/servers.sh"
+build=$(realpath "${1:-$root/build/release}")
+seconds=${SECONDS_EACH:-8}
 runs=${RUNS:-5}
 readers=${READERS:-2000}
-dir=$(mktemp -d)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  rm -rf "$dir"
-}
-trap cleanup EXIT
-ulimit -n "$(ulimit -Hn)"
+wait_for_song() { wait_until "/song.mp3 on port $1" curl -sf -o /dev/null "http://127.0.0.1:$1/song.mp3"; }
 
-free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
-wait_for() {
-  for _ in $(seq 200); do
-    curl -sf -o /dev/null "http://127.0.0.1:$1/song.mp3" && return
-    sleep 0.1
-  done
-  echo "no answer on port $1" >&2
-  tail -5 "$dir"/*.log >&2
-  exit 1
-}
-median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
-
-chmod 755 "$dir" # nginx drops its privileges
-mkdir -p "$dir/docroot" "$dir/nginx" "$dir/speakerd"
+mkdir -p "$dir/docroot" "$dir/nginx"
 head -c 1048576 /dev/urandom >"$dir/docroot/song.mp3"
 # On loopback nginx's send buffer takes 2.6 MB at once: the slow readers' file is longer than that.
 head -c 8388608 /dev/urandom >"$dir/docroot/long.mp3"
 
-nginx_port=$(free_port)
-nginx64_port=$(free_port)
+free_port nginx_port nginx64_port
 cat >"$dir/nginx.conf" <<CONF
 worker_processes 2;
 pid $dir/nginx.pid;
@@ -53,33 +32,17 @@ http {
   server { listen 127.0.0.1:$nginx64_port backlog=4096 sndbuf=64k; root $dir/docroot; }
 }
 CONF
-nginx -c "$dir/nginx.conf" -g 'daemon off;' &
-pids+=($!)
-wait_for "$nginx_port"
-mapfile -t nginx_pids < <(pgrep -P "${pids[0]}")
+spawn nginx -c "$dir/nginx.conf" -g 'daemon off;'
+wait_for_song "$nginx_port"
+mapfile -t nginx_pids < <(pgrep -P "$pid")
 
-http_port=$(free_port)
-cat >"$dir/speakerd/config.ini" <<CONF
-[Settings]
-LocalIP=127.0.0.1
-DPort=$(free_port)
-PS1=$(free_port)
-PS2=$(free_port)
-dbk=3
-EnableRedis=false
-[listener]
-host=127.0.0.1
-port=$http_port
-[docroot]
-path=$dir/docroot
-CONF
-(cd "$dir/speakerd" && exec "$build/speakerd" config.ini) 2>"$dir/speakerd.log" &
-pids+=($!)
-speakerd_pid=$!
-wait_for "$http_port"
+prepare_speakerd
+start_speakerd "$build"
+speakerd_pid=$pid
+wait_for_song "$http_port"
 
 throughput() { # port: requests a second
-  wrk -t2 -c64 -d"${SECONDS_EACH:-8}s" "http://127.0.0.1:$1/song.mp3" | awk '/Requests\/sec/ { print $2 }'
+  wrk -t2 -c64 -d"${seconds}s" "http://127.0.0.1:$1/song.mp3" | awk '/Requests\/sec/ { print $2 }'
 }
 echo "== static: 1 MB MP3, 64 connections, requests/s (runs alternate)"
 for _ in $(seq "$runs"); do
@@ -98,7 +61,7 @@ echo "== slow: $readers readers at 16 kB/s, CPU of the server (runs alternate)"
 nginx_arguments=()
 for pid in "${nginx_pids[@]}"; do nginx_arguments+=(--pid "$pid"); done
 curl -sf -o /dev/null -X POST "http://127.0.0.1:$http_port/user/test" # the first worker is there
-slow() { "$build/httpload" --path /long.mp3 --readers "$readers" --seconds "${SECONDS_EACH:-8}" "$@"; }
+slow() { "$build/httpload" --path /long.mp3 --readers "$readers" --seconds "$seconds" "$@"; }
 for _ in $(seq "$runs"); do
   slow --port "$nginx_port" "${nginx_arguments[@]}" | sed 's/^/nginx: /' | tee -a "$dir/slow"
   slow --port "$nginx64_port" "${nginx_arguments[@]}" | sed 's/^/nginx64: /' | tee -a "$dir/slow"
@@ -114,5 +77,5 @@ echo "== JSON: POST /user/test, 64 connections"
 cat >"$dir/post.lua" <<'LUA'
 wrk.method = "POST"
 LUA
-wrk -t2 -c64 -d"${SECONDS_EACH:-8}s" --latency -s "$dir/post.lua" "http://127.0.0.1:$http_port/user/test" |
+wrk -t2 -c64 -d"${seconds}s" --latency -s "$dir/post.lua" "http://127.0.0.1:$http_port/user/test" |
   awk '/Requests\/sec|99%|50%/'
