@@ -1,6 +1,7 @@
 // A fleet of speakers as load, without Qt: what it costs a server to hold them and to reach them all.
 // bench/fleet.sh starts the servers and prints the table; see bench/README.md.
 #include "fleet_rawserver.h"
+#include "fleet_rounds.h"
 #include "fleet_wire.h"
 
 #include <cstdio>
@@ -18,7 +19,10 @@ constexpr auto Usage =
     "fleet raw-server --port P               the bare server\n"
     "fleet speakers|raw|mqtt --port P --control P --pid PID --count N [--rest SECONDS]\n"
     "  prints: storm ms, volume to all ms, play to all ms, CPU at rest %, memory kB per connection,\n"
-    "  CPU ms of the storm, CPU ms of one volume command\n";
+    "  CPU ms of the storm, CPU ms of one volume command\n"
+    "with --rounds N (speakers only): all are cut off and come back N times; prints for each round:\n"
+    "  its number, ms until LIST tells all offline, storm ms, ms until LIST tells all online, resident kB,\n"
+    "  whether LIST's states were right\n";
 
 using Arguments = std::map<std::string, std::string>;
 
@@ -51,17 +55,44 @@ void raiseOpenFileLimit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-int runLoad(const Wire& wire, const Arguments& arguments) {
+Fleet::Options loadOptions(const Arguments& arguments) {
     Fleet::Options options;
-    options.count = number(arguments, "--count", 1000);
+    options.count = number(arguments, "--count", options.count);
     options.port = static_cast<std::uint16_t>(number(arguments, "--port"));
     options.controllerPort = static_cast<std::uint16_t>(number(arguments, "--control"));
     options.server = number(arguments, "--pid");
     options.rest = std::chrono::seconds(number(arguments, "--rest", 15));
     options.window = number(arguments, "--window", options.window);
+    return options;
+}
+
+void printFigures(const Wire& wire, const Fleet::Options& options) {
     const Figures figures = Fleet(wire, options).run();
-    std::printf("%.0f %.1f %.1f %.2f %.2f %.0f %.1f\n", figures.stormMs, figures.volumeMs, figures.playMs,
+    std::printf("%.1f %.1f %.1f %.2f %.2f %.1f %.2f\n", figures.stormMs, figures.volumeMs, figures.playMs,
                 figures.cpuPercent, figures.kilobytes, figures.stormCpuMs, figures.volumeCpuMs);
+}
+
+void printRounds(const Wire& wire, const Fleet::Options& options, int rounds) {
+    int index = 0;
+    runRounds(wire, options, rounds, [&index](const Round& round) {
+        std::printf("%d %.0f %.0f %.0f %ld %s\n", index++, round.offlineMs, round.stormMs, round.onlineMs,
+                    round.kilobytes, round.statesRight ? "right" : "WRONG");
+        std::fflush(stdout);
+    });
+}
+
+int runLoad(const std::string& mode, const Arguments& arguments) {
+    const Fleet::Options load = loadOptions(arguments);
+    const auto wire = makeWire(mode, load.count);
+    const int rounds = number(arguments, "--rounds");
+    if (!wire || (rounds > 0 && mode != "speakers")) {
+        std::fputs(Usage, stderr);
+        return 2;
+    }
+    if (rounds > 0)
+        printRounds(*wire, load, rounds);
+    else
+        printFigures(*wire, load);
     return 0;
 }
 
@@ -71,10 +102,7 @@ int run(int argc, char** argv) {
     raiseOpenFileLimit();
     if (mode == "raw-server")
         return runRawServer(static_cast<std::uint16_t>(number(arguments, "--port")));
-    if (const auto wire = makeWire(mode, number(arguments, "--count", 1000)))
-        return runLoad(*wire, arguments);
-    std::fputs(Usage, stderr);
-    return 2;
+    return runLoad(mode, arguments);
 }
 
 } // namespace

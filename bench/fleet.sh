@@ -2,36 +2,42 @@
 # The fleet table: connect storm, commands to all, CPU at rest and memory of speakerd beside mosquitto and a
 # bare epoll server, one after the other on loopback. Every server gets a temporary directory and free ports
 # and is stopped by its process. Prints each run to standard error and the table of medians to standard output.
+# With --rounds N: instead, the whole fleet of speakerd is cut off at once and comes back, N times; prints each storm,
+# the memory after it and whether LIST told the right states.
 #
 # bench/fleet.sh [--sizes "1000 5000 10000 19500"] [--targets "mosquitto tuned raw speakerd redis"]
-#                [--runs 3] [--rest 15] [--window 1000] [--build build/release]
+#                [--runs 3] [--rest 15] [--window N] [--rounds N] [--build build/release]
 set -euo pipefail
 . "$(dirname "$0")/servers.sh"
 
 sizes="1000 5000 10000 19500"
 targets="mosquitto tuned raw speakerd redis"
-runs=3 rest=15 window=1000 build=$root/build/release
-read_options "sizes targets runs rest window build" "$@"
+runs=3 rest=15 window="" rounds=0 build=$root/build/release
+read_options "sizes targets runs rest window rounds build" "$@"
 build=$(realpath "$build")
 
-# Each leaves its process in `pid`, the fleet's port in `port` and the controller's in `control`.
+# Connections that a storm keeps begun and not yet admitted: what suits each server best (--window sets it for all).
+# mosquitto listens with a queue of 100; beyond it connections are dropped and come again after a second or more.
+mosquitto_pending=90
+
+# Each leaves its process in `pid`, the fleet's port in `port`, the controller's in `control` and `pending`.
 start_mosquitto() { # LINE...: of its configuration besides
   free_port port
-  control=$port mode=mqtt
+  control=$port mode=mqtt pending=$mosquitto_pending
   printf '%s\n' "listener $port 127.0.0.1" "allow_anonymous true" "log_type none" "$@" >"$dir/mosquitto.conf"
   spawn mosquitto -c "$dir/mosquitto.conf" >"$dir/mosquitto.log" 2>&1
 }
 
 start_raw() {
   free_port port
-  control=$port mode=raw
+  control=$port mode=raw pending=1000
   spawn "$build/fleet" raw-server --port "$port"
 }
 
 start_service() { # SETTING...
   prepare_speakerd "$@"
   start_speakerd "$build"
-  port=$device_port control=$command_port mode=speakers
+  port=$device_port control=$command_port mode=speakers pending=1000
 }
 
 start_redis_server() {
@@ -52,13 +58,18 @@ start() {
   wait_for_port "$control"
 }
 
-measure() { # target size run
-  local pid port control mode figures
-  start "$1"
-  figures=$("$build/fleet" "$mode" --port "$port" --control "$control" --pid "$pid" --count "$2" \
-    --rest "$rest" --window "$window") || figures="- - - - - - -"
+load() { # target size ARGUMENT...: starts the server, prints what the load program prints
+  local target=$1 count=$2 port control mode pending
+  shift 2
+  start "$target"
+  "$build/fleet" "$mode" --port "$port" --control "$control" --pid "$pid" --count "$count" --rest "$rest" \
+    --window "${window:-$pending}" "$@" >"$dir/out" || echo "- - - - - - -" >>"$dir/out"
   stop
-  echo "$1 $2 $figures" | tee -a "$dir/figures" >&2
+}
+
+measure() { # target size
+  load "$1" "$2"
+  sed "s/^/$1 $2 /" "$dir/out" | tee -a "$dir/figures" >&2
 }
 
 column_median() { # target size column
@@ -78,6 +89,41 @@ print_table() { # format sizes columns...
   done
 }
 
+print_rounds() {
+  echo "| Speakers | Server | Round | LIST tells all offline after | Connect storm | LIST tells all online after | Memory | States |"
+  echo "|---|---|---|---|---|---|---|---|"
+  local size target
+  for size in $sizes; do
+    for target in $targets; do
+      case $target in speakerd | redis) ;; *) continue ;; esac
+      load "$target" "$size" --rounds "$rounds"
+      awk -v size="$size" -v target="$target" \
+        '{ printf "| %s | %s | %s | %s ms | %s ms | %s ms | %s kB | %s |\n", size, target, $1, $2, $3, $4, $5, $6 }' "$dir/out"
+    done
+  done
+}
+
+# What a speaker costs at the largest size divided by what it costs at the smallest.
+print_growth() { # target
+  local first last column name
+  read -r first _ <<<"$sizes"
+  last=${sizes##* }
+  while read -r column name; do
+    echo "$(column_median "$1" "$first" "$column") $(column_median "$1" "$last" "$column") $name"
+  done <<<$'4 VOL_S\n9 CPU of one VOL_S\n6 CPU at rest\n3 storm\n7 memory' | awk -v target="$1" -v first="$first" -v last="$last" '
+    {
+      small = $1; large = $2; $1 = $2 = ""; sub(/^ +/, "")
+      per_speaker = $0 == "memory" ? 1 : first / last # memory is per speaker already
+      ratio = small > 0 && large != "-" ? sprintf("%.2f", large / small * per_speaker) : "-"
+      text = text (NR > 1 ? ", " : "") $0 " " ratio
+    }
+    END { print target ", cost per speaker at " last " to that at " first ": " text }'
+}
+
+if [ "$rounds" -gt 0 ]; then
+  print_rounds
+  exit
+fi
 for size in $sizes; do
   for _ in $(seq "$runs"); do
     for target in $targets; do measure "$target" "$size"; done
@@ -86,3 +132,9 @@ done
 echo "| Speakers | Server | Connect storm | VOL_S to all | PLAYOFF to all | CPU at rest | Memory per connection | CPU of the storm | CPU of one VOL_S |"
 echo "|---|---|---|---|---|---|---|---|---|"
 print_table '| %s | %s | %s ms | %s ms | %s ms | %s %% | %s kB | %s ms | %s ms |\n' "$sizes" 3 4 5 6 7 8 9
+if [[ $sizes == *" "* ]]; then
+  echo
+  for target in $targets; do
+    case $target in speakerd | redis) print_growth "$target" ;; esac
+  done
+fi

@@ -1,13 +1,13 @@
 #include "fleet_load.h"
 
+#include "process.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <fstream>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -86,29 +86,6 @@ void writeAll(int fd, std::string_view bytes) {
     }
 }
 
-long residentKilobytes(pid_t process) {
-    std::ifstream file("/proc/" + std::to_string(process) + "/statm");
-    long total = 0;
-    long resident = 0;
-    file >> total >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-double cpuMilliseconds(pid_t process) {
-    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-    std::string line;
-    std::getline(file, line);
-    // Fields after the name, which may hold blanks: utime and stime are the 12th and 13th of them.
-    std::istringstream fields(line.substr(std::min(line.size(), line.rfind(')') + 1)));
-    std::string skipped;
-    for (int i = 0; i < 11; ++i)
-        fields >> skipped;
-    double user = 0;
-    double system = 0;
-    fields >> user >> system;
-    return (user + system) * 1000.0 / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
 Fleet::Fleet(const Wire& wire, Options options)
     : m_wire(wire)
     , m_options(options)
@@ -125,23 +102,27 @@ Figures Fleet::run() {
     Figures figures;
     const long before = residentKilobytes(m_options.server);
     const double idle = cpuMilliseconds(m_options.server);
-    storm();
-    figures.stormMs = milliseconds(Clock::now() - m_start);
+    figures.stormMs = storm();
     figures.stormCpuMs = cpuMilliseconds(m_options.server) - idle;
     openController();
     runFor(PauseAfterStorm);
     const double quiet = cpuMilliseconds(m_options.server);
+    const auto firstCommand = Clock::now();
     figures.volumeMs = medianOf(Wire::Command::Volume);
-    figures.volumeCpuMs = (cpuMilliseconds(m_options.server) - quiet) / Commands;
+    const double commandsCpuMs = cpuMilliseconds(m_options.server) - quiet;
+    const double commandsMs = milliseconds(Clock::now() - firstCommand);
     figures.playMs = medianOf(Wire::Command::Play);
-    figures.cpuPercent = cpuAtRest();
+    const double restRate = cpuRateAtRest();
+    figures.cpuPercent = 100 * restRate;
+    figures.volumeCpuMs = (commandsCpuMs - restRate * commandsMs) / Commands;
     figures.kilobytes = static_cast<double>(residentKilobytes(m_options.server) - before) /
                         static_cast<double>(m_options.count);
     return figures;
 }
 
-void Fleet::storm() {
+double Fleet::storm() {
     m_start = Clock::now();
+    m_beats = 0;
     m_speakers.resize(static_cast<std::size_t>(m_options.count));
     for (int i = 0; i < m_options.count; ++i) {
         openSpeaker(i);
@@ -150,6 +131,15 @@ void Fleet::storm() {
         runUntil([this, i] { return i - m_admitted < m_options.window; }, Patience, "connect storm");
     }
     runUntil([this] { return m_admitted == m_options.count; }, Patience, "connect storm");
+    return milliseconds(Clock::now() - m_start);
+}
+
+void Fleet::cutOff() {
+    for (Speaker& speaker : m_speakers) {
+        close(speaker.fd);
+        speaker = {};
+    }
+    m_admitted = 0;
 }
 
 void Fleet::openSpeaker(int index) {
@@ -183,12 +173,13 @@ double Fleet::commandToAll(Wire::Command kind, int round) {
     return milliseconds(m_lastByte - start);
 }
 
-double Fleet::cpuAtRest() {
+/// CPU time of the server per time gone by.
+double Fleet::cpuRateAtRest() {
     runFor(PauseBeforeRest);
     const double before = cpuMilliseconds(m_options.server);
     const auto start = Clock::now();
     runFor(m_options.rest);
-    return 100 * (cpuMilliseconds(m_options.server) - before) / milliseconds(Clock::now() - start);
+    return (cpuMilliseconds(m_options.server) - before) / milliseconds(Clock::now() - start);
 }
 
 void Fleet::runUntil(const std::function<bool()>& done, std::chrono::seconds limit, const char* what) {

@@ -40,13 +40,14 @@ public:
 
 /// Figures of one run.
 struct Figures {
-    double stormMs = 0;     ///< first connect() to last speaker admitted
-    double volumeMs = 0;    ///< median: command written to last speaker's last byte
-    double playMs = 0;      ///< the same for a play command
-    double cpuPercent = 0;  ///< of the server at rest, of one core
-    double kilobytes = 0;   ///< resident memory of the server per connection
-    double stormCpuMs = 0;  ///< of the server, for the whole storm
-    double volumeCpuMs = 0; ///< of the server, for one volume command to all
+    double stormMs = 0;    ///< first connect() to last speaker admitted
+    double volumeMs = 0;   ///< median: command written to last speaker's last byte
+    double playMs = 0;     ///< the same for a play command
+    double cpuPercent = 0; ///< of the server at rest, of one core
+    double kilobytes = 0;  ///< resident memory of the server per connection
+    double stormCpuMs = 0; ///< of the server, for the whole storm
+    double volumeCpuMs =
+        0; ///< of the server, for one volume command to all, without what rest costs meanwhile
 };
 
 class Fleet {
@@ -67,6 +68,15 @@ public:
     /// Runs everything in order; throws std::runtime_error when the server drops speakers or is too slow.
     Figures run();
 
+    /// Connects all speakers, at most Options::window of them not yet admitted at a time, and waits until the
+    /// last is admitted: milliseconds.
+    double storm();
+    /// Resets all connections at once, as a network fault does.
+    void cutOff();
+    /// Beats and answers until `done`; throws std::runtime_error after `limit`.
+    void runUntil(const std::function<bool()>& done, std::chrono::seconds limit, const char* what);
+    void runFor(std::chrono::milliseconds duration);
+
 private:
     struct Speaker {
         int fd = -1;
@@ -75,14 +85,11 @@ private:
         std::string pending; ///< start of a message that is not there whole
     };
 
-    void storm();
     double commandToAll(Wire::Command kind, int round);
     double medianOf(Wire::Command kind);
-    double cpuAtRest();
+    double cpuRateAtRest();
     void openSpeaker(int index);
     void openController();
-    void runUntil(const std::function<bool()>& done, std::chrono::seconds limit, const char* what);
-    void runFor(std::chrono::milliseconds duration);
     void turn(std::chrono::milliseconds wait);
     void beat();
     void readSpeaker(Speaker& speaker);
@@ -107,5 +114,3 @@ private:
 int connectLoopback(std::uint16_t port, int index);
 /// Writes all of it, waiting where needed.
 void writeAll(int fd, std::string_view bytes);
-long residentKilobytes(pid_t process);
-double cpuMilliseconds(pid_t process);

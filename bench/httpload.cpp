@@ -7,6 +7,8 @@
 //
 // Prints one line: CPU and threads of the server's processes, bytes read, readers that fell behind,
 // and the API's answer times.
+#include "process.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
@@ -15,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <string>
@@ -79,17 +80,6 @@ void sendAll(int descriptor, const std::string& text) {
         fail("send");
 }
 
-/// CPU seconds that a process's threads have used, exact to the nanosecond.
-double cpuSeconds(int pid) {
-    double sum = 0;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
-        double nanoseconds = 0;
-        std::ifstream(task.path() / "schedstat") >> nanoseconds;
-        sum += nanoseconds / 1e9;
-    }
-    return sum;
-}
-
 long threadsOf(int pid) {
     const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(pid) + "/task");
     return std::distance(begin(tasks), end(tasks));
@@ -141,7 +131,7 @@ public:
         m_measured = time;
     }
 
-    void report(double cpu, long threadsBefore, long threadsNow) {
+    void report(double cpuMs, long threadsBefore, long threadsNow) {
         const double seconds = std::chrono::duration<double>(m_measured).count();
         const double expected = static_cast<double>(m_options.rate) * seconds;
         long total = 0;
@@ -150,7 +140,7 @@ public:
             total += reader.bytes;
             behind += reader.failed || static_cast<double>(reader.bytes) < 0.9 * expected ? 1 : 0;
         }
-        std::printf("cpu %.2f%% threads %ld->%ld MB/s %.1f behind %ld", 100 * cpu / seconds, threadsBefore,
+        std::printf("cpu %.2f%% threads %ld->%ld MB/s %.1f behind %ld", cpuMs / 10 / seconds, threadsBefore,
                     threadsNow, static_cast<double>(total) / seconds / 1e6, behind);
         if (!m_times.empty()) {
             std::sort(m_times.begin(), m_times.end());
@@ -260,9 +250,9 @@ int main(int argc, char** argv) {
     load.start();
     load.run(std::chrono::seconds(2)); // until buffers are full and readers set the pace
     load.resetCounts();
-    const double cpuBefore = sumOver(options.pids, cpuSeconds);
+    const double cpuBefore = sumOver(options.pids, cpuMilliseconds);
     load.run(std::chrono::seconds(options.seconds));
-    const double cpu = sumOver(options.pids, cpuSeconds) - cpuBefore;
-    load.report(cpu, threadsBefore, sumOver(options.pids, threadsOf));
+    const double cpuMs = sumOver(options.pids, cpuMilliseconds) - cpuBefore;
+    load.report(cpuMs, threadsBefore, sumOver(options.pids, threadsOf));
     return 0;
 }

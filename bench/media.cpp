@@ -6,6 +6,7 @@
 
 #include "fleet_load.h"
 #include "fleet_wire.h"
+#include "process.h"
 #include "tasks/mgfile.h"
 
 #include <algorithm>
@@ -77,7 +78,7 @@ public:
                        ? 0.0
                        : m_delays[static_cast<std::size_t>(part * static_cast<double>(m_delays.size() - 1))];
         };
-        std::printf("| %s | %d | %.1f %% | %.1f us/s | %.1f ms | %.1f ms | %.0f ms | %ld | %ld | %ld |\n",
+        std::printf("| %s | %d | %.2f %% | %.1f us/s | %.1f ms | %.1f ms | %.0f ms | %ld | %ld | %ld |\n",
                     name, count, cpuMs / seconds / 10, cpuMs * 1000 / seconds / count, share(0.5), share(1),
                     m_worstGap, m_heard, m_missing, m_damaged);
     }
