@@ -1,8 +1,8 @@
 #pragma once
 
+#include "tests/support/childprocess.h"
 #include "tests/support/service.h"
 
-#include <QProcess>
 #include <QTemporaryDir>
 
 /// A MariaDB server of the test's own: own data directory, socket and port. Killed by its process when
@@ -30,6 +30,6 @@ private:
     QString file(const char* name) const { return m_directory.filePath(QLatin1String(name)); }
 
     QTemporaryDir m_directory;
-    QProcess m_process;
+    ChildProcess m_process;
     quint16 m_port;
 };

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <csignal>
+#include "tests/support/childprocess.h"
+
 #include <QDeadlineTimer>
-#include <QProcess>
 #include <QString>
 #include <QStringList>
 #include <QTcpServer>
@@ -77,6 +77,6 @@ private:
 
     QStringList m_options;
     QTemporaryDir m_directory;
-    QProcess m_process;
+    ChildProcess m_process;
     quint16 m_port = 0;
 };

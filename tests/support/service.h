@@ -1,11 +1,11 @@
 #pragma once
 
+#include "tests/support/childprocess.h"
 #include "tests/support/httpclient.h"
 
 #include <memory>
 #include <QJsonArray>
 #include <QMap>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QVariant>
 
@@ -93,7 +93,7 @@ private:
     ServiceOptions m_options;
     QTemporaryDir m_directory;
     QMap<QString, quint16> m_ports;
-    QProcess m_process;
+    ChildProcess m_process;
     QByteArray m_log;
     std::unique_ptr<HttpClient> m_http;
 };
