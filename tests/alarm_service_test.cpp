@@ -10,12 +10,80 @@
 class AlarmServiceTest : public QObject {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void cleanupTestCase();
-    void everySpeakerHearsEveryByte();
-    void higherLevelTakesOver();
-    void stopsAndStartsAgain();
-    void speakerThatComesLater();
+    void initTestCase() {
+        ServiceOptions options;
+        options.files = {{"bell.mg", m_bell}, {"fire.mg", m_fire}, {"long.mg", m_long}};
+        m_service = std::make_unique<Service>(options);
+        QVERIFY(m_service->start());
+        sim::SpeakerOptions first;
+        first.serial = QByteArray::fromHex("c0000000000000000000000000000001");
+        first.port = m_service->devicePort();
+        m_fleet = std::make_unique<sim::Fleet>(first, 5);
+        m_fleet->start();
+        QVERIFY(waitFor([&] { return m_fleet->online() == 5; }));
+    }
+
+    void cleanupTestCase() {
+        m_fleet.reset();
+        QCOMPARE(m_service->stop(), 0);
+    }
+
+    void everySpeakerHearsEveryByte() {
+        const QByteArray sound = mgpackager::unpack(m_bell).bytes;
+        QVERIFY(!sound.isEmpty());
+        QCOMPARE(play("bell.mg", 1, m_fleet->serials())["res"], "WELL");
+        for (int i = 0; i < m_fleet->size(); ++i) {
+            QVERIFY(waitFor([&] { return heard(i).size() >= sound.size(); }));
+            QVERIFY(heard(i) == sound);
+        }
+    }
+
+    void higherLevelTakesOver() {
+        const QByteArray fire = mgpackager::unpack(m_fire).bytes;
+        QCOMPARE(play("long.mg", 2, m_fleet->serials())["res"], "WELL");
+        m_fleet->at(0).data().clear();
+        QVERIFY(waitFor([&] { return heard(0).size() > 5000; }));
+        QCOMPARE(play("bell.mg", 1, m_fleet->serials())["res"], "WELL"); // not heard
+        QCOMPARE(play("fire.mg", 9, m_fleet->serials())["res"], "WELL");
+        QVERIFY(waitFor([&] { return heard(0).contains(fire.right(2000)); }));
+        const QByteArray before = heard(0).left(heard(0).indexOf(fire.left(1000)));
+        QVERIFY(mgpackager::unpack(m_long).bytes.startsWith(before));
+        // The long one is heard again once the alarm is over.
+        const int end = heard(0).size();
+        QVERIFY(waitFor([&] { return heard(0).size() > end + 5000; }));
+        QVERIFY(mgpackager::unpack(m_long).bytes.contains(heard(0).right(2000)));
+        QCOMPARE(stop()["res"], "WELL");
+    }
+
+    void stopsAndStartsAgain() {
+        QCOMPARE(play("long.mg", 2, m_fleet->serials())["res"], "WELL");
+        m_fleet->at(1).data().clear();
+        QVERIFY(waitFor([&] { return heard(1).size() > 5000; }));
+        QCOMPARE(stop()["res"], "WELL");
+        QCOMPARE(stop()["res"], "WELL"); // nothing plays
+        const QByteArray silent = heard(1);
+        QVERIFY(holdsFor([&] { return heard(1).size() <= silent.size() + 2000; },
+                         std::chrono::milliseconds(500)));
+        m_fleet->at(1).data().clear();
+        QCOMPARE(play("bell.mg", 1, m_fleet->serials())["res"],
+                 "WELL"); // a lower level, but nobody else plays
+        const QByteArray bell = mgpackager::unpack(m_bell).bytes;
+        QVERIFY(waitFor([&] { return heard(1).contains(bell.right(3000)); }));
+    }
+
+    void speakerThatComesLater() {
+        m_fleet->at(2).stop();
+        QVERIFY(waitFor([&] { return m_fleet->online() == 4; }));
+        QVERIFY(waitFor([&] { // until the service has noticed
+            stop();
+            return play("long.mg", 3, {m_fleet->at(2).sn()})["res"] == "unline";
+        }));
+        m_fleet->at(2).data().clear();
+        m_fleet->at(2).start();
+        QVERIFY(waitFor([&] { return heard(2).size() > 5000; }));
+        QVERIFY(mgpackager::unpack(m_long).bytes.contains(heard(2).left(5000)));
+        stop();
+    }
 
 private:
     QJsonObject play(const QString& file, int level, const QStringList& serials) {
@@ -36,80 +104,6 @@ private:
     std::unique_ptr<Service> m_service;
     std::unique_ptr<sim::Fleet> m_fleet;
 };
-
-void AlarmServiceTest::initTestCase() {
-    ServiceOptions options;
-    options.files = {{"bell.mg", m_bell}, {"fire.mg", m_fire}, {"long.mg", m_long}};
-    m_service = std::make_unique<Service>(options);
-    QVERIFY(m_service->start());
-    sim::SpeakerOptions first;
-    first.serial = QByteArray::fromHex("c0000000000000000000000000000001");
-    first.port = m_service->devicePort();
-    m_fleet = std::make_unique<sim::Fleet>(first, 5);
-    m_fleet->start();
-    QVERIFY(waitFor([&] { return m_fleet->online() == 5; }));
-}
-
-void AlarmServiceTest::cleanupTestCase() {
-    m_fleet.reset();
-    QCOMPARE(m_service->stop(), 0);
-}
-
-void AlarmServiceTest::everySpeakerHearsEveryByte() {
-    const QByteArray sound = mgpackager::unpack(m_bell).bytes;
-    QVERIFY(!sound.isEmpty());
-    QCOMPARE(play("bell.mg", 1, m_fleet->serials())["res"], "WELL");
-    for (int i = 0; i < m_fleet->size(); ++i) {
-        QVERIFY(waitFor([&] { return heard(i).size() >= sound.size(); }));
-        QVERIFY(heard(i) == sound);
-    }
-}
-
-void AlarmServiceTest::higherLevelTakesOver() {
-    const QByteArray fire = mgpackager::unpack(m_fire).bytes;
-    QCOMPARE(play("long.mg", 2, m_fleet->serials())["res"], "WELL");
-    m_fleet->at(0).data().clear();
-    QVERIFY(waitFor([&] { return heard(0).size() > 5000; }));
-    QCOMPARE(play("bell.mg", 1, m_fleet->serials())["res"], "WELL"); // not heard
-    QCOMPARE(play("fire.mg", 9, m_fleet->serials())["res"], "WELL");
-    QVERIFY(waitFor([&] { return heard(0).contains(fire.right(2000)); }));
-    const QByteArray before = heard(0).left(heard(0).indexOf(fire.left(1000)));
-    QVERIFY(mgpackager::unpack(m_long).bytes.startsWith(before));
-    // The long one is heard again once the alarm is over.
-    const int end = heard(0).size();
-    QVERIFY(waitFor([&] { return heard(0).size() > end + 5000; }));
-    QVERIFY(mgpackager::unpack(m_long).bytes.contains(heard(0).right(2000)));
-    QCOMPARE(stop()["res"], "WELL");
-}
-
-void AlarmServiceTest::stopsAndStartsAgain() {
-    QCOMPARE(play("long.mg", 2, m_fleet->serials())["res"], "WELL");
-    m_fleet->at(1).data().clear();
-    QVERIFY(waitFor([&] { return heard(1).size() > 5000; }));
-    QCOMPARE(stop()["res"], "WELL");
-    QCOMPARE(stop()["res"], "WELL"); // nothing plays
-    const QByteArray silent = heard(1);
-    QVERIFY(
-        holdsFor([&] { return heard(1).size() <= silent.size() + 2000; }, std::chrono::milliseconds(500)));
-    m_fleet->at(1).data().clear();
-    QCOMPARE(play("bell.mg", 1, m_fleet->serials())["res"], "WELL"); // a lower level, but nobody else plays
-    const QByteArray bell = mgpackager::unpack(m_bell).bytes;
-    QVERIFY(waitFor([&] { return heard(1).contains(bell.right(3000)); }));
-}
-
-void AlarmServiceTest::speakerThatComesLater() {
-    m_fleet->at(2).stop();
-    QVERIFY(waitFor([&] { return m_fleet->online() == 4; }));
-    QVERIFY(waitFor([&] { // until the service has noticed
-        stop();
-        return play("long.mg", 3, {m_fleet->at(2).sn()})["res"] == "unline";
-    }));
-    m_fleet->at(2).data().clear();
-    m_fleet->at(2).start();
-    QVERIFY(waitFor([&] { return heard(2).size() > 5000; }));
-    QVERIFY(mgpackager::unpack(m_long).bytes.contains(heard(2).left(5000)));
-    stop();
-}
 
 int main(int argc, char** argv) {
     return runTest<AlarmServiceTest>(argc, argv);

@@ -1,4 +1,5 @@
 #include "tests/support/service.h"
+#include "tests/support/table.h"
 #include "tests/support/testmain.h"
 #include "tests/support/waitfor.h"
 #include "tools/simfleet.h"
@@ -9,15 +10,162 @@
 class AlarmLinesTest : public QObject {
     Q_OBJECT
 private slots:
-    void initTestCase_data();
-    void init();
-    void cleanup();
-    void aLineStartsItsPlan();
-    void aLinePlaysItsFile();
-    void aLineStartsItsTask();
-    void whatIsNotTheCallersIsRefused();
-    void nothingLeavesItsPlaceInTheSpeakersLine_data();
-    void nothingLeavesItsPlaceInTheSpeakersLine();
+    void initTestCase_data() { addKinds({3, 1}); }
+
+    void init() {
+        QFETCH_GLOBAL(int, kind);
+        ServiceOptions options;
+        options.kind = kind;
+        options.files = {{"etc/docroot/mp3/alarm.mp3", makeMp3(0.5)}};
+        m_service = std::make_unique<Service>(options);
+        QVERIFY(m_service->start());
+        m_admin = m_service->addAccount("admin", "pass&word");
+        sim::SpeakerOptions speakers;
+        speakers.serial = QByteArray(15, '\x41') + '\x01';
+        speakers.port = m_service->devicePort();
+        m_fleet = std::make_unique<sim::Fleet>(speakers, 3);
+        m_fleet->start();
+        QVERIFY(waitFor([&] { return m_fleet->online() == 3; }));
+        m_service->giveSpeakers(m_admin, m_fleet->serials());
+    }
+
+    void cleanup() {
+        m_fleet.reset();
+        QCOMPARE(m_service->stop(), 0);
+        m_service.reset();
+    }
+
+    void aLineStartsItsPlan() {
+        const QStringList serials = m_fleet->serials();
+        const QString plan = makePlan(m_service->url("/mp3/alarm.mp3"), serials.mid(1));
+        const HttpParams line{{"sn", serials[0]}, {"dname", "gate"}, {"fb", "B"}, {"pltid", plan}};
+        QCOMPARE(post("/user/wplantrg", line).info(), "done");
+        QVERIFY(waitFor([&] { return speaker(0).alarmLines().contains("B"); }));
+        QVERIFY(speaker(0).last(sim::Op::Stream)->argument.endsWith("&dd.mp3B"));
+
+        QVERIFY(speaker(0).fire("B"));
+        QVERIFY(waitFor([&] { return hasFetched(1, "alarm.mp3") && hasFetched(2, "alarm.mp3"); }));
+
+        const QJsonArray bound = post("/user/wfilelistrg", {}).json().value("filelist").toArray();
+        QCOMPARE(bound.size(), 1);
+        QCOMPARE(bound[0]["filename"].toString(), "fire");
+        const QString id = QString::number(bound[0]["id"].toInt());
+        QCOMPARE(post("/user/wfileforceunrg", {{"sn", serials[0]}, {"fb", "B"}, {"rgid", id}}).info(),
+                 "done");
+        QVERIFY(waitFor([&] { return speaker(0).alarmLines().isEmpty(); }));
+        QVERIFY(!speaker(0).fire("B"));
+        QCOMPARE(m_service->sql("SELECT * FROM warregister").size(), 1);
+
+        QCOMPARE(post("/user/wplantrg", line).info(), "done");
+        const auto row = m_service->sql("SELECT * FROM warregister");
+        QCOMPARE(row.size(), 1); // the line has one binding, however often it is bound
+        const QString newId = row.first().value("id").toString();
+        QCOMPARE(post("/user/wfileunrg", {{"sn", serials[0]}, {"fb", "B"}, {"rgid", newId}})
+                     .json()
+                     .value("EF")
+                     .toInt(),
+                 1);
+        QVERIFY(waitFor([&] { return speaker(0).alarmLines().isEmpty(); }));
+        QCOMPARE(m_service->sql("SELECT * FROM warregister").size(), 0);
+        QCOMPARE(post("/user/wplantrm", {{"pltid", plan}}).info(), "done");
+        QCOMPARE(post("/user/wplantlist", {}).json().value("plantlist").toArray().size(), 0);
+    }
+
+    void aLinePlaysItsFile() {
+        const QString sn = m_fleet->serials().first();
+        const HttpParams line{{"url", m_service->url("/mp3/alarm.mp3")},
+                              {"filename", "alarm"},
+                              {"sn", sn},
+                              {"dname", "d"},
+                              {"fb", "F"}};
+        QCOMPARE(post("/user/wfilerg", line).info(), "done");
+        QVERIFY(waitFor([&] { return speaker(0).fire("F"); }));
+        QVERIFY(waitFor([&] { return hasFetched(0, "alarm.mp3"); }));
+        QCOMPARE(m_service->sql("SELECT * FROM warregister").first().value("kind").toInt(), 0);
+    }
+
+    void aLineStartsItsTask() {
+        const QString task = QString::number(makeTask());
+        QVERIFY(task != "0");
+        const QString sn = m_fleet->serials().first();
+        const HttpParams line{{"sn", sn},
+                              {"taskid", task},
+                              {"username", m_admin.name},
+                              {"passwd", m_admin.password},
+                              {"host", QString("127.0.0.1:%1").arg(m_service->httpPort())},
+                              {"lineid", "gate-1"}};
+        QCOMPARE(post("/user/setwaringlinetaskid", line).info(), "done");
+        QVERIFY(waitFor([&] { return speaker(0).alarmLines().contains("gate-1"); }));
+        const QFileInfo binding(m_service->file("waring/gate-1.json"));
+        QVERIFY(binding.exists());
+        QVERIFY(!(binding.permissions() & (QFile::ReadGroup | QFile::ReadOther)));
+
+        QVERIFY(speaker(0).fire("gate-1"));
+        const QString state = "SELECT statu FROM task WHERE id = " + task;
+        QVERIFY(waitFor([&] { return m_service->sql(state).first().value("statu").toInt() == 1; },
+                        std::chrono::seconds(2)));
+        QVERIFY(waitFor([&] { return hasFetched(2, "alarm.mp3"); }));
+        QVERIFY(speaker(2).last(sim::Op::Stream)); // an alarm plays with the alarm's command
+
+        const QString start = "/Startwaringtask.php?username=%1&passwd=%2&taskid=%3";
+        QCOMPARE(m_service->http().get(start.arg("admin", "wrong", task)).info(), "账号密码不正确");
+        QCOMPARE(m_service->http().get(start.arg("admin", "pass%26word", task)).info(), "Task is Working");
+        QCOMPARE(m_service->http().get(start.arg("admin", "pass%26word", "999")).info(), "ER_REJECT");
+        QCOMPARE(m_service->http().get("/Startwaringtask.php?username=admin").info(), "Parer");
+
+        QCOMPARE(post("/user/rmwaringlinetaskid", {{"sn", sn}, {"lineid", "gate-1"}}).info(), "done");
+        QVERIFY(waitFor([&] { return !speaker(0).alarmLines().contains("gate-1"); }));
+        QVERIFY(!QFile::exists(binding.filePath()));
+    }
+
+    void whatIsNotTheCallersIsRefused() {
+        const QStringList serials = m_fleet->serials();
+        const Account other = m_service->addAccount("other");
+        const QString plan = makePlan("http://x/a.mp3", {serials[0]});
+        const auto as = [&](const Account& who, const QString& path, const HttpParams& params) {
+            return m_service->http().postForm(path, who.params(params)).info();
+        };
+        const HttpParams line{{"pltid", plan}, {"sn", serials[0]}, {"dname", "d"}, {"fb", "B"}};
+        const HttpParams file{
+            {"url", "http://x/a.mp3"}, {"filename", "f"}, {"sn", serials[0]}, {"dname", "d"}, {"fb", "B"}};
+        QCOMPARE(as(other, "/user/wplantrg", line), "exec_error");
+        QCOMPARE(as(other, "/user/wfilerg", file), "exec_error");
+        QCOMPARE(as(other, "/user/wplantrm", {{"pltid", plan}}), "exec_error");
+        QCOMPARE(as(other, "/user/wfileforceunrg", {{"sn", serials[0]}, {"fb", "B"}, {"rgid", "1"}}),
+                 "exec_error");
+        QCOMPARE(as(m_admin, "/user/wplantrg", HttpParams(line).mid(0, 3) + HttpParams{{"fb", "X"}}),
+                 "Paruser");
+        QCOMPARE(as(m_admin, "/user/wplantadd", {{"url", "u"}, {"plantname", "n"}, {"snlist", ""}}),
+                 "snlist_error");
+        speaker(0).stop();
+        QVERIFY(waitFor([&] { return as(m_admin, "/user/wplantrg", line) == "unline_error"; }));
+        QCOMPARE(as(m_admin, "/user/wfilerg", file), "unline_error");
+        QCOMPARE(m_service->sql("SELECT * FROM warregister").size(), 0);
+        QCOMPARE(speaker(0).count(sim::Op::Stream), 0);
+    }
+
+    void nothingLeavesItsPlaceInTheSpeakersLine_data() {
+        const Table<QString, QString, QString> row{"host", "lineid", "taskid"};
+        row("host ends the quotes", "h\" && reboot #", "l1", "1");
+        row("line id is a path", "127.0.0.1", "../../etc/passwd", "1");
+        row("line id runs a command", "127.0.0.1", "l;reboot", "1");
+        row("task is no number", "127.0.0.1", "l1", "1;reboot");
+    }
+
+    void nothingLeavesItsPlaceInTheSpeakersLine() {
+        QFETCH(QString, host);
+        QFETCH(QString, lineid);
+        QFETCH(QString, taskid);
+        const HttpParams line{{"sn", m_fleet->serials().first()},
+                              {"taskid", taskid},
+                              {"username", "u\"$(reboot)"},
+                              {"passwd", "p"},
+                              {"host", host},
+                              {"lineid", lineid}};
+        QCOMPARE(post("/user/setwaringlinetaskid", line).info(), "Paruser");
+        QCOMPARE(speaker(0).count(sim::Op::Stream), 0);
+        QCOMPARE(QDir(m_service->file("waring")).entryList(QDir::Files).size(), 0);
+    }
 
 private:
     HttpReply post(const QString& path, const HttpParams& params) {
@@ -42,84 +190,6 @@ private:
     Account m_admin;
 };
 
-void AlarmLinesTest::initTestCase_data() {
-    QTest::addColumn<int>("kind");
-    QTest::newRow("kind 3") << 3;
-    QTest::newRow("kind 1") << 1;
-}
-
-void AlarmLinesTest::init() {
-    QFETCH_GLOBAL(int, kind);
-    ServiceOptions options;
-    options.kind = kind;
-    options.files = {{"etc/docroot/mp3/alarm.mp3", makeMp3(0.5)}};
-    m_service = std::make_unique<Service>(options);
-    QVERIFY(m_service->start());
-    m_admin = m_service->addAccount("admin", "pass&word");
-    sim::SpeakerOptions speakers;
-    speakers.serial = QByteArray(15, '\x41') + '\x01';
-    speakers.port = m_service->devicePort();
-    m_fleet = std::make_unique<sim::Fleet>(speakers, 3);
-    m_fleet->start();
-    QVERIFY(waitFor([&] { return m_fleet->online() == 3; }));
-    m_service->giveSpeakers(m_admin, m_fleet->serials());
-}
-
-void AlarmLinesTest::cleanup() {
-    m_fleet.reset();
-    QCOMPARE(m_service->stop(), 0);
-    m_service.reset();
-}
-
-void AlarmLinesTest::aLineStartsItsPlan() {
-    const QStringList serials = m_fleet->serials();
-    const QString plan = makePlan(m_service->url("/mp3/alarm.mp3"), serials.mid(1));
-    const HttpParams line{{"sn", serials[0]}, {"dname", "gate"}, {"fb", "B"}, {"pltid", plan}};
-    QCOMPARE(post("/user/wplantrg", line).info(), QString("done"));
-    QVERIFY(waitFor([&] { return speaker(0).alarmLines().contains("B"); }));
-    QVERIFY(speaker(0).last(sim::Op::Stream)->argument.endsWith("&dd.mp3B"));
-
-    QVERIFY(speaker(0).fire("B"));
-    QVERIFY(waitFor([&] { return hasFetched(1, "alarm.mp3") && hasFetched(2, "alarm.mp3"); }));
-
-    const QJsonArray bound = post("/user/wfilelistrg", {}).json().value("filelist").toArray();
-    QCOMPARE(bound.size(), 1);
-    QCOMPARE(bound[0]["filename"].toString(), QString("fire"));
-    const QString id = QString::number(bound[0]["id"].toInt());
-    QCOMPARE(post("/user/wfileforceunrg", {{"sn", serials[0]}, {"fb", "B"}, {"rgid", id}}).info(),
-             QString("done"));
-    QVERIFY(waitFor([&] { return speaker(0).alarmLines().isEmpty(); }));
-    QVERIFY(!speaker(0).fire("B"));
-    QCOMPARE(m_service->sql("SELECT * FROM warregister").size(), 1);
-
-    QCOMPARE(post("/user/wplantrg", line).info(), QString("done"));
-    const auto row = m_service->sql("SELECT * FROM warregister");
-    QCOMPARE(row.size(), 1); // the line has one binding, however often it is bound
-    const QString newId = row.first().value("id").toString();
-    QCOMPARE(post("/user/wfileunrg", {{"sn", serials[0]}, {"fb", "B"}, {"rgid", newId}})
-                 .json()
-                 .value("EF")
-                 .toInt(),
-             1);
-    QVERIFY(waitFor([&] { return speaker(0).alarmLines().isEmpty(); }));
-    QCOMPARE(m_service->sql("SELECT * FROM warregister").size(), 0);
-    QCOMPARE(post("/user/wplantrm", {{"pltid", plan}}).info(), QString("done"));
-    QCOMPARE(post("/user/wplantlist", {}).json().value("plantlist").toArray().size(), 0);
-}
-
-void AlarmLinesTest::aLinePlaysItsFile() {
-    const QString sn = m_fleet->serials().first();
-    const HttpParams line{{"url", m_service->url("/mp3/alarm.mp3")},
-                          {"filename", "alarm"},
-                          {"sn", sn},
-                          {"dname", "d"},
-                          {"fb", "F"}};
-    QCOMPARE(post("/user/wfilerg", line).info(), QString("done"));
-    QVERIFY(waitFor([&] { return speaker(0).fire("F"); }));
-    QVERIFY(waitFor([&] { return hasFetched(0, "alarm.mp3"); }));
-    QCOMPARE(m_service->sql("SELECT * FROM warregister").first().value("kind").toInt(), 0);
-}
-
 int AlarmLinesTest::makeTask() {
     const int file = 7;
     m_service->sql(
@@ -137,100 +207,6 @@ int AlarmLinesTest::makeTask() {
         .json()
         .value("taskid")
         .toInt();
-}
-
-void AlarmLinesTest::aLineStartsItsTask() {
-    const QString task = QString::number(makeTask());
-    QVERIFY(task != "0");
-    const QString sn = m_fleet->serials().first();
-    const HttpParams line{{"sn", sn},
-                          {"taskid", task},
-                          {"username", m_admin.name},
-                          {"passwd", m_admin.password},
-                          {"host", QString("127.0.0.1:%1").arg(m_service->httpPort())},
-                          {"lineid", "gate-1"}};
-    QCOMPARE(post("/user/setwaringlinetaskid", line).info(), QString("done"));
-    QVERIFY(waitFor([&] { return speaker(0).alarmLines().contains("gate-1"); }));
-    const QFileInfo binding(m_service->file("waring/gate-1.json"));
-    QVERIFY(binding.exists());
-    QVERIFY(!(binding.permissions() & (QFile::ReadGroup | QFile::ReadOther)));
-
-    QVERIFY(speaker(0).fire("gate-1"));
-    const QString state = "SELECT statu FROM task WHERE id = " + task;
-    QVERIFY(waitFor([&] { return m_service->sql(state).first().value("statu").toInt() == 1; },
-                    std::chrono::seconds(2)));
-    QVERIFY(waitFor([&] { return hasFetched(2, "alarm.mp3"); }));
-    QVERIFY(speaker(2).last(sim::Op::Stream)); // an alarm plays with the alarm's command
-
-    const QString start = "/Startwaringtask.php?username=%1&passwd=%2&taskid=%3";
-    QCOMPARE(m_service->http().get(start.arg("admin", "wrong", task)).info(), QString("账号密码不正确"));
-    QCOMPARE(m_service->http().get(start.arg("admin", "pass%26word", task)).info(),
-             QString("Task is Working"));
-    QCOMPARE(m_service->http().get(start.arg("admin", "pass%26word", "999")).info(), QString("ER_REJECT"));
-    QCOMPARE(m_service->http().get("/Startwaringtask.php?username=admin").info(), QString("Parer"));
-
-    QCOMPARE(post("/user/rmwaringlinetaskid", {{"sn", sn}, {"lineid", "gate-1"}}).info(), QString("done"));
-    QVERIFY(waitFor([&] { return !speaker(0).alarmLines().contains("gate-1"); }));
-    QVERIFY(!QFile::exists(binding.filePath()));
-}
-
-void AlarmLinesTest::whatIsNotTheCallersIsRefused() {
-    const QStringList serials = m_fleet->serials();
-    const Account other = m_service->addAccount("other");
-    const QString plan = makePlan("http://x/a.mp3", {serials[0]});
-    const auto as = [&](const Account& who, const QString& path, const HttpParams& params) {
-        return m_service->http().postForm(path, who.params(params)).info();
-    };
-    const HttpParams line{{"pltid", plan}, {"sn", serials[0]}, {"dname", "d"}, {"fb", "B"}};
-    const HttpParams file{
-        {"url", "http://x/a.mp3"}, {"filename", "f"}, {"sn", serials[0]}, {"dname", "d"}, {"fb", "B"}};
-    QCOMPARE(as(other, "/user/wplantrg", line), QString("exec_error"));
-    QCOMPARE(as(other, "/user/wfilerg", file), QString("exec_error"));
-    QCOMPARE(as(other, "/user/wplantrm", {{"pltid", plan}}), QString("exec_error"));
-    QCOMPARE(as(other, "/user/wfileforceunrg", {{"sn", serials[0]}, {"fb", "B"}, {"rgid", "1"}}),
-             QString("exec_error"));
-    QCOMPARE(as(m_admin, "/user/wplantrg", HttpParams(line).mid(0, 3) + HttpParams{{"fb", "X"}}),
-             QString("Paruser"));
-    QCOMPARE(as(m_admin, "/user/wplantadd", {{"url", "u"}, {"plantname", "n"}, {"snlist", ""}}),
-             QString("snlist_error"));
-    speaker(0).stop();
-    QVERIFY(waitFor([&] { return as(m_admin, "/user/wplantrg", line) == "unline_error"; }));
-    QCOMPARE(as(m_admin, "/user/wfilerg", file), QString("unline_error"));
-    QCOMPARE(m_service->sql("SELECT * FROM warregister").size(), 0);
-    QCOMPARE(speaker(0).count(sim::Op::Stream), 0);
-}
-
-void AlarmLinesTest::nothingLeavesItsPlaceInTheSpeakersLine_data() {
-    QTest::addColumn<QString>("host");
-    QTest::addColumn<QString>("lineid");
-    QTest::addColumn<QString>("taskid");
-    QTest::newRow("host ends the quotes") << "h\" && reboot #"
-                                          << "l1"
-                                          << "1";
-    QTest::newRow("line id is a path") << "127.0.0.1"
-                                       << "../../etc/passwd"
-                                       << "1";
-    QTest::newRow("line id runs a command") << "127.0.0.1"
-                                            << "l;reboot"
-                                            << "1";
-    QTest::newRow("task is no number") << "127.0.0.1"
-                                       << "l1"
-                                       << "1;reboot";
-}
-
-void AlarmLinesTest::nothingLeavesItsPlaceInTheSpeakersLine() {
-    QFETCH(QString, host);
-    QFETCH(QString, lineid);
-    QFETCH(QString, taskid);
-    const HttpParams line{{"sn", m_fleet->serials().first()},
-                          {"taskid", taskid},
-                          {"username", "u\"$(reboot)"},
-                          {"passwd", "p"},
-                          {"host", host},
-                          {"lineid", lineid}};
-    QCOMPARE(post("/user/setwaringlinetaskid", line).info(), QString("Paruser"));
-    QCOMPARE(speaker(0).count(sim::Op::Stream), 0);
-    QCOMPARE(QDir(m_service->file("waring")).entryList(QDir::Files).size(), 0);
 }
 
 int main(int argc, char** argv) {

@@ -1,4 +1,5 @@
 #include "tests/support/service.h"
+#include "tests/support/table.h"
 #include "tests/support/testmain.h"
 #include "tests/support/waitfor.h"
 #include "tools/simfleet.h"
@@ -29,17 +30,197 @@ QStringList filesBelow(const QString& directory) {
 class ApiFilesTest : public QObject {
     Q_OBJECT
 private slots:
-    void initTestCase_data();
-    void init();
-    void cleanup();
-    void storesListsReplacesAndDeletes();
-    void refusesAndLeavesNothing_data();
-    void refusesAndLeavesNothing();
-    void takesOddNames_data();
-    void takesOddNames();
-    void keepsPicturesAndSharedFiles();
-    void speaksAndPlays();
-    void survivesAKillWhileUploading();
+    void initTestCase_data() { addKinds({3, 0, 1}); }
+
+    void init() {
+        QFETCH_GLOBAL(int, kind);
+        m_kind = kind;
+        ServiceOptions options;
+        options.kind = kind;
+        options.settings = {{"listener/maxMultiPartSize", 4'000'000}};
+        m_service = std::make_unique<Service>(options);
+        QVERIFY(m_service->start());
+        m_admin = m_service->addAccount("admin");
+    }
+
+    void cleanup() {
+        if (m_service->isRunning())
+            QCOMPARE(m_service->stop(), 0);
+        m_service.reset();
+    }
+
+    void storesListsReplacesAndDeletes() {
+        const HttpReply first = upload("/user/uploadfile", makeMp3(1.2), "上课铃 1");
+        QVERIFY2(first.res(), first.body);
+        const QString url = first.json().value("url").toString();
+        QCOMPARE(url,
+                 QString("mp3/%1/%2.mp3").arg(m_admin.id).arg(QString(QString("上课铃1").toUtf8().toHex())));
+        QCOMPARE(first.json().value("len").toInt(), 2);
+        QCOMPARE(first.json().value("filesize").toInt(),
+                 int(QFileInfo(m_service->docroot() + '/' + url).size()));
+        QCOMPARE(m_service->http().get('/' + url).body, bytesOf(m_service->docroot() + '/' + url));
+
+        const HttpReply second = upload("/user/wxuploadfile", makeMp3(3.2), "上课铃1");
+        QVERIFY2(second.res(), second.body);
+        QCOMPARE(second.json().value("fileid"), first.json().value("fileid"));
+        QVERIFY(second.json().contains("fileByte"));
+        const auto table = m_service->sql("SELECT * FROM userfile");
+        QCOMPARE(table.size(), 1);
+        QCOMPARE(table.first().value("len").toInt(), 4);
+        const QByteArray file = bytesOf(m_service->docroot() + '/' + url);
+        QCOMPARE(table.first().value("crl").toByteArray(),
+                 QCryptographicHash::hash(file, QCryptographicHash::Md5).toHex());
+
+        const QJsonArray list =
+            m_service->http().postForm("/user/listfile", m_admin.params()).json().value("filelist").toArray();
+        QCOMPARE(list.size(), 1);
+        QCOMPARE(QByteArray::fromBase64(list[0]["filenamebase64"].toString().toLatin1()),
+                 QString("上课铃1").toUtf8());
+        QCOMPARE(list[0]["len"].toInt(), 4);
+        QCOMPARE(list[0]["sizeByte"].toInt(), file.size());
+
+        const QString id = QString::number(second.json().value("fileid").toInt());
+        const Account other = m_service->addAccount("other");
+        const HttpReply foreign = m_service->http().postForm("/user/delfile", other.params({{"fileid", id}}));
+        const HttpReply gone = m_service->http().postForm("/user/delfile", m_admin.params({{"fileid", id}}));
+        if (m_kind == 0) {
+            QVERIFY(gone.body.startsWith("this opt on lite devs"));
+            QCOMPARE(stored().size(), 1);
+            return;
+        }
+        QCOMPARE(foreign.info(), "ER_REJECT");
+        QVERIFY2(gone.res(), gone.body);
+        QCOMPARE(rows("userfile"), 0);
+        QCOMPARE(stored(), QStringList());
+    }
+
+    void refusesAndLeavesNothing_data() {
+        const Table<QString, QByteArray, QString> row{"path", "bytes", "info"};
+        const QByteArray text = QByteArray("not a sound\n").repeated(100);
+        row("nothing", "/user/uploadfile", {}, "Decode_error");
+        row("text", "/user/uploadfile", text, "Decode_error");
+        row("cut mp3", "/user/uploadfile", makeMp3(20).left(90'000), "Decode_error");
+        row("text as picture", "/user/wxtouxianguploadfile", text, "Decode_error");
+        row("text as carousel", "/user/swapupload", text, "Decode_error");
+        row("over the limit", "/user/uploadfile", QByteArray(5'000'000, 'x'), "");
+    }
+
+    void refusesAndLeavesNothing() {
+        QFETCH(QString, path);
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, info);
+        const HttpReply reply = upload(path, bytes, "name", {{"lunbotext", "title"}});
+        if (info.isEmpty())
+            QVERIFY2(reply.status == 413 || reply.status == 0, reply.body);
+        else
+            QCOMPARE(reply.info(), info);
+        const HttpReply wrongToken = m_service->http().postMultipart(
+            path,
+            {{"id", QString::number(m_admin.id)}, {"token", "x"}, {"filename", "n"}, {"lunbotext", "t"}},
+            "file", "f", makeMp3(1));
+        QCOMPARE(wrongToken.info(), "_FALSE6");
+        const HttpReply noFile = m_service->http().postForm(path, m_admin.params({{"filename", "n"}}));
+        QCOMPARE(noFile.info(), "NoFile in FormData");
+        QCOMPARE(stored(), QStringList());
+        QCOMPARE(rows("userfile"), 0);
+        QVERIFY(m_service->isRunning());
+    }
+
+    void takesOddNames_data() {
+        const Table<QString, QString> row{"name", "stem"};
+        row("way out", "../../../evil", "......evil");
+        row("nothing left", "&|_/*", "");
+        row("quote", "it's", "it's");
+        row("emoji", "🔔", "🔔");
+        row("long", QString(5000, 'n'), QString(100, 'n'));
+    }
+
+    void takesOddNames() {
+        QFETCH(QString, name);
+        QFETCH(QString, stem);
+        const HttpReply reply = upload("/user/uploadfile", makeMp3(0.5), name);
+        QVERIFY2(reply.res(), reply.body);
+        const QString file =
+            QString("docroot/mp3/%1/%2.mp3").arg(m_admin.id).arg(QString(stem.toUtf8().toHex()));
+        QCOMPARE(stored(), QStringList(file));
+        QCOMPARE(rows("userfile"), 1);
+    }
+
+    void keepsPicturesAndSharedFiles() {
+        const QByteArray png = QByteArray("\x89PNG\r\n\x1A\n", 8) + QByteArray(500, 'p');
+        QVERIFY(upload("/user/wxtouxianguploadfile", png).res());
+        QVERIFY(upload("/user/wxlogopnguploadfile", png).res());
+        QCOMPARE(m_service->http().get("/static/u1.jpg").body, png);
+        QCOMPARE(m_service->http().get("/static/logo.png").body, png);
+
+        const QJsonObject one =
+            upload("/user/swapupload", png, "n", {{"lunbotext", "标题"}, {"to", "x"}}).json();
+        const QJsonObject two = upload("/user/swapupload", png + "2", "n", {{"lunbotext", "two"}}).json();
+        QVERIFY(one.value("url") != two.value("url"));
+        QCOMPARE(m_service->http().get('/' + one.value("url").toString()).body, png);
+        QCOMPARE(m_service->http().get("/tmp.jpg").body, png + "2");
+        QCOMPARE(
+            m_service->sql("SELECT * FROM swap_info WHERE title = '标题'").first().value("url").toString(),
+            one.value("url").toString());
+
+        for (const QByteArray& bytes : {QByteArray("first"), QByteArray("second")}) {
+            const HttpReply shared = upload("/user/allfileupload", bytes, "../.report.pdf");
+            QCOMPARE(shared.json().value("url").toString(), QString("ksfile/%1/report.pdf").arg(m_admin.id));
+            QCOMPARE(m_service->http().get('/' + shared.json().value("url").toString()).body, bytes);
+        }
+        QCOMPARE(rows("sharefiles"), 1);
+    }
+
+    void speaksAndPlays() {
+        sim::SpeakerOptions options;
+        options.serial = QByteArray(16, '\x21');
+        options.port = m_service->devicePort();
+        sim::Fleet fleet(options, 1);
+        fleet.start();
+        QVERIFY(waitFor([&] { return fleet.online() == 1; }));
+        const HttpParams speech = m_admin.params({{"text", "Attention please. 上课了"},
+                                                  {"vol", "80"},
+                                                  {"speed", "50"},
+                                                  {"shengyin", "no such voice"},
+                                                  {"filename", "say it"}});
+        const HttpReply played = m_service->http().postForm(
+            "/user/ttsplayfile", speech + HttpParams{{"snlist", fleet.serials().join('|')}});
+        QVERIFY2(played.res(), played.body);
+        QCOMPARE(played.info(), QString(m_kind == 0 ? "Lite mode suc" : "SUC"));
+        QVERIFY(waitFor([&] { return fleet.at(0).fetches().size() == 1; }));
+        const QString file = m_service->docroot() + '/' + played.json().value("url").toString();
+        QCOMPARE(qint64(fleet.at(0).fetches().front().size), QFileInfo(file).size());
+        QCOMPARE(rows("userfile"), m_kind == 0 ? 0 : 1);
+
+        const HttpReply saved = m_service->http().postForm("/user/savettsfile", speech);
+        QVERIFY2(saved.res(), saved.body);
+        QVERIFY(saved.json().value("lastid").toInt() > 0);
+        QCOMPARE(rows("userfile"), 1);
+        QCOMPARE(filesBelow(QString(SOURCE_DIR "/programs/tty")), QStringList());
+        const auto info = [&](HttpParams params) {
+            return m_service->http().postForm("/user/ttsplayfile", params).info();
+        };
+        QCOMPARE(info(speech), "Paruser");
+        QCOMPARE(info(HttpParams{{"id", "99"}, {"token", "x"}} + speech.mid(2) + HttpParams{{"snlist", "a"}}),
+                 "_FALSE51");
+        QCOMPARE(info(speech + HttpParams{{"snlist", ""}}), "snlist_error");
+    }
+
+    void survivesAKillWhileUploading() {
+        QVERIFY(upload("/user/uploadfile", makeMp3(1), "kept").res());
+        const QByteArray large = makeMp3(200);
+        const quint16 port = m_service->httpPort();
+        const HttpParams params = m_admin.params({{"filename", "lost"}});
+        std::thread client(
+            [&] { HttpClient(port).postMultipart("/user/uploadfile", params, "file", "f", large); });
+        const bool started = m_service->waitForLog("from " + QByteArray::number(large.size()));
+        m_service->kill9();
+        client.join();
+        QVERIFY(started);
+        QVERIFY(m_service->start());
+        QCOMPARE(stored().size(), 1);
+        QCOMPARE(rows("userfile"), 1);
+    }
 
 private:
     HttpReply upload(const QString& path, const QByteArray& bytes, const QString& name = "bell",
@@ -52,30 +233,6 @@ private:
     int m_kind = 3;
 };
 
-void ApiFilesTest::initTestCase_data() {
-    QTest::addColumn<int>("kind");
-    QTest::newRow("kind 3") << 3;
-    QTest::newRow("kind 0") << 0;
-    QTest::newRow("kind 1") << 1;
-}
-
-void ApiFilesTest::init() {
-    QFETCH_GLOBAL(int, kind);
-    m_kind = kind;
-    ServiceOptions options;
-    options.kind = kind;
-    options.settings = {{"listener/maxMultiPartSize", 4'000'000}};
-    m_service = std::make_unique<Service>(options);
-    QVERIFY(m_service->start());
-    m_admin = m_service->addAccount("admin");
-}
-
-void ApiFilesTest::cleanup() {
-    if (m_service->isRunning())
-        QCOMPARE(m_service->stop(), 0);
-    m_service.reset();
-}
-
 HttpReply ApiFilesTest::upload(const QString& path, const QByteArray& bytes, const QString& name,
                                const HttpParams& more) {
     const HttpParams params = m_admin.params(HttpParams{{"filename", name}} + more);
@@ -84,180 +241,6 @@ HttpReply ApiFilesTest::upload(const QString& path, const QByteArray& bytes, con
 
 int ApiFilesTest::rows(const QString& table) {
     return m_service->sql("SELECT COUNT(*) AS n FROM " + table).first().value("n").toInt();
-}
-
-void ApiFilesTest::storesListsReplacesAndDeletes() {
-    const HttpReply first = upload("/user/uploadfile", makeMp3(1.2), "上课铃 1");
-    QVERIFY2(first.res(), first.body);
-    const QString url = first.json().value("url").toString();
-    QCOMPARE(url, QString("mp3/%1/%2.mp3").arg(m_admin.id).arg(QString(QString("上课铃1").toUtf8().toHex())));
-    QCOMPARE(first.json().value("len").toInt(), 2);
-    QCOMPARE(first.json().value("filesize").toInt(), int(QFileInfo(m_service->docroot() + '/' + url).size()));
-    QCOMPARE(m_service->http().get('/' + url).body, bytesOf(m_service->docroot() + '/' + url));
-
-    const HttpReply second = upload("/user/wxuploadfile", makeMp3(3.2), "上课铃1");
-    QVERIFY2(second.res(), second.body);
-    QCOMPARE(second.json().value("fileid"), first.json().value("fileid"));
-    QVERIFY(second.json().contains("fileByte"));
-    const auto table = m_service->sql("SELECT * FROM userfile");
-    QCOMPARE(table.size(), 1);
-    QCOMPARE(table.first().value("len").toInt(), 4);
-    const QByteArray file = bytesOf(m_service->docroot() + '/' + url);
-    QCOMPARE(table.first().value("crl").toByteArray(),
-             QCryptographicHash::hash(file, QCryptographicHash::Md5).toHex());
-
-    const QJsonArray list =
-        m_service->http().postForm("/user/listfile", m_admin.params()).json().value("filelist").toArray();
-    QCOMPARE(list.size(), 1);
-    QCOMPARE(QByteArray::fromBase64(list[0]["filenamebase64"].toString().toLatin1()),
-             QString("上课铃1").toUtf8());
-    QCOMPARE(list[0]["len"].toInt(), 4);
-    QCOMPARE(list[0]["sizeByte"].toInt(), file.size());
-
-    const QString id = QString::number(second.json().value("fileid").toInt());
-    const Account other = m_service->addAccount("other");
-    const HttpReply foreign = m_service->http().postForm("/user/delfile", other.params({{"fileid", id}}));
-    const HttpReply gone = m_service->http().postForm("/user/delfile", m_admin.params({{"fileid", id}}));
-    if (m_kind == 0) {
-        QVERIFY(gone.body.startsWith("this opt on lite devs"));
-        QCOMPARE(stored().size(), 1);
-        return;
-    }
-    QCOMPARE(foreign.info(), QString("ER_REJECT"));
-    QVERIFY2(gone.res(), gone.body);
-    QCOMPARE(rows("userfile"), 0);
-    QCOMPARE(stored(), QStringList());
-}
-
-void ApiFilesTest::refusesAndLeavesNothing_data() {
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QString>("info");
-    const QByteArray text = QByteArray("not a sound\n").repeated(100);
-    QTest::newRow("nothing") << "/user/uploadfile" << QByteArray() << "Decode_error";
-    QTest::newRow("text") << "/user/uploadfile" << text << "Decode_error";
-    QTest::newRow("cut mp3") << "/user/uploadfile" << makeMp3(20).left(90'000) << "Decode_error";
-    QTest::newRow("text as picture") << "/user/wxtouxianguploadfile" << text << "Decode_error";
-    QTest::newRow("text as carousel") << "/user/swapupload" << text << "Decode_error";
-    QTest::newRow("over the limit") << "/user/uploadfile" << QByteArray(5'000'000, 'x') << "";
-}
-
-void ApiFilesTest::refusesAndLeavesNothing() {
-    QFETCH(QString, path);
-    QFETCH(QByteArray, bytes);
-    QFETCH(QString, info);
-    const HttpReply reply = upload(path, bytes, "name", {{"lunbotext", "title"}});
-    if (info.isEmpty())
-        QVERIFY2(reply.status == 413 || reply.status == 0, reply.body);
-    else
-        QCOMPARE(reply.info(), info);
-    const HttpReply wrongToken = m_service->http().postMultipart(
-        path, {{"id", QString::number(m_admin.id)}, {"token", "x"}, {"filename", "n"}, {"lunbotext", "t"}},
-        "file", "f", makeMp3(1));
-    QCOMPARE(wrongToken.info(), QString("_FALSE6"));
-    const HttpReply noFile = m_service->http().postForm(path, m_admin.params({{"filename", "n"}}));
-    QCOMPARE(noFile.info(), QString("NoFile in FormData"));
-    QCOMPARE(stored(), QStringList());
-    QCOMPARE(rows("userfile"), 0);
-    QVERIFY(m_service->isRunning());
-}
-
-void ApiFilesTest::takesOddNames_data() {
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("stem");
-    QTest::newRow("way out") << "../../../evil"
-                             << "......evil";
-    QTest::newRow("nothing left") << "&|_/*"
-                                  << "";
-    QTest::newRow("quote") << "it's"
-                           << "it's";
-    QTest::newRow("emoji") << "🔔"
-                           << "🔔";
-    QTest::newRow("long") << QString(5000, 'n') << QString(100, 'n');
-}
-
-void ApiFilesTest::takesOddNames() {
-    QFETCH(QString, name);
-    QFETCH(QString, stem);
-    const HttpReply reply = upload("/user/uploadfile", makeMp3(0.5), name);
-    QVERIFY2(reply.res(), reply.body);
-    const QString file = QString("docroot/mp3/%1/%2.mp3").arg(m_admin.id).arg(QString(stem.toUtf8().toHex()));
-    QCOMPARE(stored(), QStringList(file));
-    QCOMPARE(rows("userfile"), 1);
-}
-
-void ApiFilesTest::keepsPicturesAndSharedFiles() {
-    const QByteArray png = QByteArray("\x89PNG\r\n\x1A\n", 8) + QByteArray(500, 'p');
-    QVERIFY(upload("/user/wxtouxianguploadfile", png).res());
-    QVERIFY(upload("/user/wxlogopnguploadfile", png).res());
-    QCOMPARE(m_service->http().get("/static/u1.jpg").body, png);
-    QCOMPARE(m_service->http().get("/static/logo.png").body, png);
-
-    const QJsonObject one = upload("/user/swapupload", png, "n", {{"lunbotext", "标题"}, {"to", "x"}}).json();
-    const QJsonObject two = upload("/user/swapupload", png + "2", "n", {{"lunbotext", "two"}}).json();
-    QVERIFY(one.value("url") != two.value("url"));
-    QCOMPARE(m_service->http().get('/' + one.value("url").toString()).body, png);
-    QCOMPARE(m_service->http().get("/tmp.jpg").body, png + "2");
-    QCOMPARE(m_service->sql("SELECT * FROM swap_info WHERE title = '标题'").first().value("url").toString(),
-             one.value("url").toString());
-
-    for (const QByteArray& bytes : {QByteArray("first"), QByteArray("second")}) {
-        const HttpReply shared = upload("/user/allfileupload", bytes, "../.report.pdf");
-        QCOMPARE(shared.json().value("url").toString(), QString("ksfile/%1/report.pdf").arg(m_admin.id));
-        QCOMPARE(m_service->http().get('/' + shared.json().value("url").toString()).body, bytes);
-    }
-    QCOMPARE(rows("sharefiles"), 1);
-}
-
-void ApiFilesTest::speaksAndPlays() {
-    sim::SpeakerOptions options;
-    options.serial = QByteArray(16, '\x21');
-    options.port = m_service->devicePort();
-    sim::Fleet fleet(options, 1);
-    fleet.start();
-    QVERIFY(waitFor([&] { return fleet.online() == 1; }));
-    const HttpParams speech = m_admin.params({{"text", "Attention please. 上课了"},
-                                              {"vol", "80"},
-                                              {"speed", "50"},
-                                              {"shengyin", "no such voice"},
-                                              {"filename", "say it"}});
-    const HttpReply played = m_service->http().postForm(
-        "/user/ttsplayfile", speech + HttpParams{{"snlist", fleet.serials().join('|')}});
-    QVERIFY2(played.res(), played.body);
-    QCOMPARE(played.info(), QString(m_kind == 0 ? "Lite mode suc" : "SUC"));
-    QVERIFY(waitFor([&] { return fleet.at(0).fetches().size() == 1; }));
-    const QString file = m_service->docroot() + '/' + played.json().value("url").toString();
-    QCOMPARE(qint64(fleet.at(0).fetches().front().size), QFileInfo(file).size());
-    QCOMPARE(rows("userfile"), m_kind == 0 ? 0 : 1);
-
-    const HttpReply saved = m_service->http().postForm("/user/savettsfile", speech);
-    QVERIFY2(saved.res(), saved.body);
-    QVERIFY(saved.json().value("lastid").toInt() > 0);
-    QCOMPARE(rows("userfile"), 1);
-    QCOMPARE(filesBelow(QString(SOURCE_DIR "/programs/tty")), QStringList());
-    const auto info = [&](HttpParams params) {
-        return m_service->http().postForm("/user/ttsplayfile", params).info();
-    };
-    QCOMPARE(info(speech), QString("Paruser"));
-    QCOMPARE(info(HttpParams{{"id", "99"}, {"token", "x"}} + speech.mid(2) + HttpParams{{"snlist", "a"}}),
-             QString("_FALSE51"));
-    QCOMPARE(info(speech + HttpParams{{"snlist", ""}}), QString("snlist_error"));
-}
-
-void ApiFilesTest::survivesAKillWhileUploading() {
-    QVERIFY(upload("/user/uploadfile", makeMp3(1), "kept").res());
-    const QByteArray large = makeMp3(200);
-    const quint16 port = m_service->httpPort();
-    const HttpParams params = m_admin.params({{"filename", "lost"}});
-    std::thread client(
-        [&] { HttpClient(port).postMultipart("/user/uploadfile", params, "file", "f", large); });
-    const bool started = m_service->waitForLog("from " + QByteArray::number(large.size()));
-    m_service->kill9();
-    client.join();
-    QVERIFY(started);
-    QVERIFY(m_service->start());
-    QCOMPARE(stored().size(), 1);
-    QCOMPARE(rows("userfile"), 1);
 }
 
 int main(int argc, char** argv) {

@@ -1,6 +1,7 @@
 #include "api/audio.h"
 #include "api/filestore.h"
 #include "api/program.h"
+#include "support/table.h"
 
 #include <QElapsedTimer>
 #include <QtTest>
@@ -27,135 +28,123 @@ bool tone(const QString& path, int rate, int channels, const QString& seconds) {
 class AudioTest : public QObject {
     Q_OBJECT
 private slots:
-    void encodesWhatUsersSend_data();
-    void encodesWhatUsersSend();
-    void refusesWhatIsNoSound_data();
-    void refusesWhatIsNoSound();
-    void refusesAnMp3CutShort();
-    void cleansNames_data();
-    void cleansNames();
-    void stopsAProgramOverItsLimit();
-    void passesArgumentsWithoutAShell();
-};
-
-void AudioTest::encodesWhatUsersSend_data() {
-    QTest::addColumn<QString>("suffix");
-    QTest::addColumn<int>("rate");
-    QTest::addColumn<int>("channels");
-    QTest::addColumn<QStringList>(
-        "encoder"); // program and options between input and output; none: sox itself
-    QTest::newRow("wav 8 kHz mono") << "wav" << 8000 << 1 << QStringList();
-    QTest::newRow("wav 48 kHz stereo") << "wav" << 48000 << 2 << QStringList();
-    QTest::newRow("aiff") << "aiff" << 44100 << 2 << QStringList();
-    QTest::newRow("mp3 8 kHz") << "mp3" << 8000 << 1 << QStringList{"lame", "-S"};
-    QTest::newRow("mp3 vbr") << "mp3" << 48000 << 2 << QStringList{"lame", "-S", "-V", "4"};
-    QTest::newRow("wav adpcm") << "wav" << 44100 << 1 << QStringList{"ffmpeg", "-c:a", "adpcm_ima_wav"};
-    QTest::newRow("m4a") << "m4a" << 44100 << 2 << QStringList{"ffmpeg"};
-    QTest::newRow("aac") << "aac" << 44100 << 2 << QStringList{"ffmpeg"};
-    QTest::newRow("ogg vorbis") << "ogg" << 44100 << 2 << QStringList{"ffmpeg"};
-    QTest::newRow("opus") << "opus" << 48000 << 1 << QStringList{"ffmpeg"};
-    QTest::newRow("flac") << "flac" << 44100 << 2 << QStringList{"ffmpeg"};
-}
-
-void AudioTest::encodesWhatUsersSend() {
-    QFETCH(QString, suffix);
-    QFETCH(int, rate);
-    QFETCH(int, channels);
-    QFETCH(QStringList, encoder);
-    QTemporaryDir work;
-    const QString made = work.filePath("made." + suffix);
-    const QString wav = encoder.isEmpty() ? made : work.filePath("tone.wav");
-    QVERIFY(tone(wav, rate, channels, "2.5"));
-    if (!encoder.isEmpty()) {
-        const QString program = encoder.takeFirst();
-        const QStringList input =
-            program == "ffmpeg" ? QStringList{"-v", "error", "-i", wav} : QStringList{wav};
-        QVERIFY(make(program, program == "ffmpeg" ? input + encoder + QStringList{made}
-                                                  : encoder + input + QStringList{made}));
+    void encodesWhatUsersSend_data() {
+        QTest::addColumn<QString>("suffix");
+        QTest::addColumn<int>("rate");
+        QTest::addColumn<int>("channels");
+        QTest::addColumn<QStringList>(
+            "encoder"); // program and options between input and output; none: sox itself
+        QTest::newRow("wav 8 kHz mono") << "wav" << 8000 << 1 << QStringList();
+        QTest::newRow("wav 48 kHz stereo") << "wav" << 48000 << 2 << QStringList();
+        QTest::newRow("aiff") << "aiff" << 44100 << 2 << QStringList();
+        QTest::newRow("mp3 8 kHz") << "mp3" << 8000 << 1 << QStringList{"lame", "-S"};
+        QTest::newRow("mp3 vbr") << "mp3" << 48000 << 2 << QStringList{"lame", "-S", "-V", "4"};
+        QTest::newRow("wav adpcm") << "wav" << 44100 << 1 << QStringList{"ffmpeg", "-c:a", "adpcm_ima_wav"};
+        QTest::newRow("m4a") << "m4a" << 44100 << 2 << QStringList{"ffmpeg"};
+        QTest::newRow("aac") << "aac" << 44100 << 2 << QStringList{"ffmpeg"};
+        QTest::newRow("ogg vorbis") << "ogg" << 44100 << 2 << QStringList{"ffmpeg"};
+        QTest::newRow("opus") << "opus" << 48000 << 1 << QStringList{"ffmpeg"};
+        QTest::newRow("flac") << "flac" << 44100 << 2 << QStringList{"ffmpeg"};
     }
-    const QString source = work.filePath("upload");
-    QVERIFY(QFile::rename(made, source));
-    const QString target = work.filePath("encoded.mp3");
-    QCOMPARE(audio::encode(source, target, work.path(), 128), Outcome::Done);
-    const auto measure = audio::measure(target);
-    QVERIFY(measure);
-    QCOMPARE(measure->seconds, 3); // 2.5 s and the encoder's padding, rounded up
-    QCOMPARE(measure->bytes, QFile(target).size());
-    QCOMPARE(measure->checksum.size(), 32);
-    QVERIFY2(qAbs(measure->bytes - 41600) < 6000, "not at 128 kbit/s");
-}
 
-void AudioTest::refusesWhatIsNoSound_data() {
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::newRow("nothing") << QByteArray();
-    QTest::newRow("text") << QByteArray("this is a text\n").repeated(500);
-    QTest::newRow("text after an ID3 mark") << "ID3" + QByteArray("text").repeated(5000);
-    QTest::newRow("sync marks only") << QByteArray("\xFF\xFB").repeated(3);
-    QTest::newRow("a WAV header and nothing else") << QByteArray("RIFF\x24\0\0\0WAVEfmt ", 16);
-    QTest::newRow("a broken M4A") << QByteArray("\0\0\0\x20"
-                                                "ftypM4A ",
-                                                12) +
-                                         QByteArray(4000, 'x');
-    QTest::newRow("a play list for the decoder") << QByteArray("#EXTM3U\n#EXTINF:1,\nfile:///etc/passwd\n");
-}
+    void encodesWhatUsersSend() {
+        QFETCH(QString, suffix);
+        QFETCH(int, rate);
+        QFETCH(int, channels);
+        QFETCH(QStringList, encoder);
+        QTemporaryDir work;
+        const QString made = work.filePath("made." + suffix);
+        const QString wav = encoder.isEmpty() ? made : work.filePath("tone.wav");
+        QVERIFY(tone(wav, rate, channels, "2.5"));
+        if (!encoder.isEmpty()) {
+            const QString program = encoder.takeFirst();
+            const QStringList input =
+                program == "ffmpeg" ? QStringList{"-v", "error", "-i", wav} : QStringList{wav};
+            QVERIFY(make(program, program == "ffmpeg" ? input + encoder + QStringList{made}
+                                                      : encoder + input + QStringList{made}));
+        }
+        const QString source = work.filePath("upload");
+        QVERIFY(QFile::rename(made, source));
+        const QString target = work.filePath("encoded.mp3");
+        QCOMPARE(audio::encode(source, target, work.path(), 128), Outcome::Done);
+        const auto measure = audio::measure(target);
+        QVERIFY(measure);
+        QCOMPARE(measure->seconds, 3); // 2.5 s and the encoder's padding, rounded up
+        QCOMPARE(measure->bytes, QFile(target).size());
+        QCOMPARE(measure->checksum.size(), 32);
+        QVERIFY2(qAbs(measure->bytes - 41600) < 6000, "not at 128 kbit/s");
+    }
 
-void AudioTest::refusesWhatIsNoSound() {
-    QFETCH(QByteArray, bytes);
-    QTemporaryDir work;
-    QFile file(work.filePath("upload"));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(bytes);
-    file.close();
-    const QString target = work.filePath("encoded.mp3");
-    const Outcome outcome = audio::encode(file.fileName(), target, work.path(), 128);
-    QVERIFY(outcome == Outcome::Undecodable || (outcome == Outcome::Done && !audio::measure(target)));
-}
+    void refusesWhatIsNoSound_data() {
+        const Table<QByteArray> row{"bytes"};
+        row("nothing", {});
+        row("text", QByteArray("this is a text\n").repeated(500));
+        row("text after an ID3 mark", "ID3" + QByteArray("text").repeated(5000));
+        row("sync marks only", QByteArray("\xFF\xFB").repeated(3));
+        row("a WAV header and nothing else", QByteArray("RIFF\x24\0\0\0WAVEfmt ", 16));
+        row("a broken M4A", QByteArray("\0\0\0\x20"
+                                       "ftypM4A ",
+                                       12) +
+                                QByteArray(4000, 'x'));
+        row("a play list for the decoder", "#EXTM3U\n#EXTINF:1,\nfile:///etc/passwd\n");
+    }
 
-void AudioTest::refusesAnMp3CutShort() {
-    QTemporaryDir work;
-    const QString wav = work.filePath("tone.wav");
-    const QString source = work.filePath("upload");
-    QVERIFY(tone(wav, 44100, 2, "20"));
-    QVERIFY(make("lame", {"-S", "-V", "4", wav, source}));
-    QVERIFY(QFile(source).resize(QFile(source).size() / 2));
-    QCOMPARE(audio::encode(source, work.filePath("encoded.mp3"), work.path(), 128), Outcome::Undecodable);
-}
+    void refusesWhatIsNoSound() {
+        QFETCH(QByteArray, bytes);
+        QTemporaryDir work;
+        QFile file(work.filePath("upload"));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(bytes);
+        file.close();
+        const QString target = work.filePath("encoded.mp3");
+        const Outcome outcome = audio::encode(file.fileName(), target, work.path(), 128);
+        QVERIFY(outcome == Outcome::Undecodable || (outcome == Outcome::Done && !audio::measure(target)));
+    }
 
-void AudioTest::cleansNames_data() {
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("cleaned");
-    QTest::newRow("path") << "../../etc/passwd"
-                          << "....etcpasswd";
-    QTest::newRow("removed characters only") << "& |_/*@!^%$#"
-                                             << "";
-    QTest::newRow("NUL") << QString("a%1b").arg(QChar(QChar::Null)) << "ab";
-    QTest::newRow("cut at a character") << QString(99, 'a') + QStringLiteral("铃") << QString(99, 'a');
-    QTest::newRow("cut at an emoji") << QString(97, 'a') + QStringLiteral("🔔") << QString(97, 'a');
-    QTest::newRow("long Chinese") << QString(5000, QChar(0x94C3)) << QString(33, QChar(0x94C3));
-}
+    void refusesAnMp3CutShort() {
+        QTemporaryDir work;
+        const QString wav = work.filePath("tone.wav");
+        const QString source = work.filePath("upload");
+        QVERIFY(tone(wav, 44100, 2, "20"));
+        QVERIFY(make("lame", {"-S", "-V", "4", wav, source}));
+        QVERIFY(QFile(source).resize(QFile(source).size() / 2));
+        QCOMPARE(audio::encode(source, work.filePath("encoded.mp3"), work.path(), 128), Outcome::Undecodable);
+    }
 
-void AudioTest::cleansNames() {
-    QFETCH(QString, name);
-    QTEST(FileStore::cleanName(name), "cleaned");
-}
+    void cleansNames_data() {
+        const Table<QString, QString> row{"name", "cleaned"};
+        row("path", "../../etc/passwd", "....etcpasswd");
+        row("removed characters only", "& |_/*@!^%$#", "");
+        row("NUL", QString("a%1b").arg(QChar(QChar::Null)), "ab");
+        row("cut at a character", QString(99, 'a') + QStringLiteral("铃"), QString(99, 'a'));
+        row("cut at an emoji", QString(97, 'a') + QStringLiteral("🔔"), QString(97, 'a'));
+        row("long Chinese", QString(5000, QChar(0x94C3)), QString(33, QChar(0x94C3)));
+    }
 
-void AudioTest::stopsAProgramOverItsLimit() {
-    ProgramRun run{QStringLiteral("sleep"), {QStringLiteral("30")}, QDir::tempPath()};
-    run.limit = std::chrono::milliseconds(300);
-    QElapsedTimer clock;
-    clock.start();
-    QCOMPARE(int(runProgram(run).end), int(ProgramResult::End::Stopped));
-    QVERIFY(clock.elapsed() < 5000);
-    run.program = QStringLiteral("/no/such/program");
-    QCOMPARE(int(runProgram(run).end), int(ProgramResult::End::Stopped));
-}
+    void cleansNames() {
+        QFETCH(QString, name);
+        QTEST(FileStore::cleanName(name), "cleaned");
+    }
 
-void AudioTest::passesArgumentsWithoutAShell() {
-    const ProgramResult result = runProgram(
-        {QStringLiteral("printf"), {QStringLiteral("%s"), QStringLiteral("$(id); `id`")}, QDir::tempPath()});
-    QVERIFY(result.ok());
-    QCOMPARE(result.output, QByteArray("$(id); `id`"));
-}
+    void stopsAProgramOverItsLimit() {
+        ProgramRun run{QStringLiteral("sleep"), {QStringLiteral("30")}, QDir::tempPath()};
+        run.limit = std::chrono::milliseconds(300);
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(int(runProgram(run).end), int(ProgramResult::End::Stopped));
+        QVERIFY(clock.elapsed() < 5000);
+        run.program = QStringLiteral("/no/such/program");
+        QCOMPARE(int(runProgram(run).end), int(ProgramResult::End::Stopped));
+    }
+
+    void passesArgumentsWithoutAShell() {
+        const ProgramResult result = runProgram({QStringLiteral("printf"),
+                                                 {QStringLiteral("%s"), QStringLiteral("$(id); `id`")},
+                                                 QDir::tempPath()});
+        QVERIFY(result.ok());
+        QCOMPARE(result.output, "$(id); `id`");
+    }
+};
 
 QTEST_GUILESS_MAIN(AudioTest)
 #include "audio_test.moc"

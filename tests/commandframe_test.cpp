@@ -1,4 +1,5 @@
 #include "device/commandframe.h"
+#include "support/table.h"
 
 #include <QRandomGenerator>
 #include <QtTest>
@@ -41,11 +42,7 @@ class CommandFrameTest : public QObject {
     Q_OBJECT
 private slots:
     void streams_data() {
-        QTest::addColumn<QByteArray>("stream");
-        QTest::addColumn<QList<QByteArray>>("expected");
-        const auto row = [](const char* name, const QByteArray& stream, const QList<QByteArray>& expected) {
-            QTest::newRow(name) << stream << expected;
-        };
+        const Table<QByteArray, QList<QByteArray>> row{"stream", "expected"};
         row("frame", "7\n{\"a\":1}", {"{\"a\":1}"});
         row("two frames joined", "7\n{\"a\":1}2\n{}", {"{\"a\":1}", "{}"});
         row("line ends between", "2\n{}\r\n\n 2\n{}\n", {"{}", "{}"});

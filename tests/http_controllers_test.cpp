@@ -14,32 +14,6 @@
 #include <mutex>
 #include <set>
 
-/// Requests that go to a handler: what it is given, what becomes of its answer, and what a handler
-/// that takes its time does to everything else.
-class HttpControllersTest : public QObject {
-    Q_OBJECT
-
-private slots:
-    void requestAsTheHandlerSeesIt();
-    void answerAsTheClientSeesIt();
-    void headHasNoBody();
-    void uploadGoesToDisk();
-    void uploadsAtOnceAreBounded();
-    void slowHandlersHoldUpNothing();
-    void workersComeAndGo();
-    void fullQueueIsRefused();
-    void vanishedClientsAreForgotten();
-    void slowReadersKeepNoThread();
-    void eachWorkerHasItsDatabase();
-    void closeFinishesWhatRuns();
-    void sessions();
-
-private:
-    static QByteArray get(const QByteArray& path, const QByteArray& headers = {}) {
-        return "GET " + path + " HTTP/1.1\r\nHost: x\r\n" + headers + "\r\n";
-    }
-};
-
 namespace {
 
 /// Holds handlers back until it is opened, and counts those that wait.
@@ -52,6 +26,7 @@ public:
         m_changed.wait(lock, [this] { return m_open; });
         --m_waiting;
     }
+
     void open() {
         const std::lock_guard lock(m_mutex);
         m_open = true;
@@ -71,279 +46,291 @@ private:
 
 } // namespace
 
-void HttpControllersTest::requestAsTheHandlerSeesIt() {
-    QStringList seen;
-    HttpServer server([&](HttpRequest& request, HttpResponse&) {
-        seen << request.getMethod() << request.getPath() << request.getRawPath() << request.getVersion()
-             << request.getParameter("a") << request.getParameter("b") << request.getHeader("x-thing")
-             << request.getHeaderMap().value("X-Thing") << request.getCookie("two")
-             << request.getPeerAddress().toString() << (request.getUploadedFile("f") ? "file" : "none");
-    });
-    RawHttp::exchange(server.port(),
-                      "POST /api/x%20y?a=1&b=2 HTTP/1.1\r\nHost: x\r\nX-Thing: v\r\n"
-                      "Cookie: one=1; two=2\r\nContent-Type: application/x-www-form-urlencoded\r\n"
-                      "Content-Length: 3\r\n\r\nb=3");
-    QCOMPARE(seen, QStringList({"POST", "/api/x y", "/api/x%20y", "HTTP/1.1", "1", "3", "v", "v", "2",
-                                "127.0.0.1", "none"}));
-}
+/// Requests that go to a handler: what it is given, what becomes of its answer, and what a handler
+/// that takes its time does to everything else.
+class HttpControllersTest : public QObject {
+    Q_OBJECT
 
-void HttpControllersTest::answerAsTheClientSeesIt() {
-    HttpServer server([](HttpRequest&, HttpResponse& response) {
-        response.setStatus(409);
-        response.setHeader("X-Fine", "1");
-        response.setHeader("X-Split", "a\r\nX-Injected: b");
-        response.setHeader("X-Na\nme", "a");
-        response.setCookie("c", "v\r\nX-Injected: b");
-        response.setCookie("good", "v");
-        response.write("first ");
-        response.write("last", true);
-        response.write("never");
-    });
-    const RawAnswer answer = RawHttp::exchange(server.port(), get("/api"));
-    QCOMPARE(answer.status, 409);
-    QCOMPARE(answer.body, QByteArray("first last"));
-    QCOMPARE(answer.headers.value("x-fine"), QByteArray("1"));
-    QVERIFY(!answer.headers.contains("x-split"));
-    QVERIFY(!answer.headers.contains("x-injected"));
-    QVERIFY(answer.headers.value("set-cookie").startsWith("good=v;"));
-}
-
-void HttpControllersTest::headHasNoBody() {
-    HttpServer server(
-        [](HttpRequest& request, HttpResponse& response) { response.write(request.getMethod(), true); });
-    RawHttp client(server.port());
-    client.send("HEAD /api HTTP/1.1\r\nHost: x\r\n\r\n" + get("/api"));
-    QCOMPARE(client.receive(false).headers.value("content-length"), QByteArray("4"));
-    QCOMPARE(client.receive().body, QByteArray("GET"));
-}
-
-void HttpControllersTest::uploadGoesToDisk() {
-    QByteArray file;
-    QString diskName;
-    QStringList seen;
-    HttpServer server([&](HttpRequest& request, HttpResponse&) {
-        QTemporaryFile* upload = request.getUploadedFile("f");
-        diskName = upload->fileName();
-        file = upload->readAll();
-        seen << request.getUploadedFileName("f") << request.getParameter("a") << request.getParameter("empty")
-             << QString::number(request.getBody().size());
-    });
-    const QByteArray content = QByteArray("\r\n--b\r\r\n--").repeated(500'000);
-    const QByteArray part = "--bound\r\nContent-Disposition: form-data; name=";
-    const QByteArray body = part + "\"a\"\r\n\r\n1\r\n" + part + "\"f\"; filename=\"x.mp3\"\r\n\r\n" +
-                            content + "\r\n" + part + "\"empty\"; filename=\"\"\r\n\r\n\r\n--bound--\r\n";
-    const RawAnswer answer = RawHttp::exchange(
-        server.port(),
-        "POST /api HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Type: multipart/form-data; "
-        "boundary=bound\r\nContent-Length: " +
-            QByteArray::number(body.size()) + "\r\n\r\n" + body);
-    QCOMPARE(answer.status, 200);
-    QCOMPARE(seen, QStringList({"x.mp3", "1", "", "0"}));
-    QVERIFY(file == content);
-    QVERIFY(waitFor([&] { return !QFile::exists(diskName); }));
-}
-
-void HttpControllersTest::uploadsAtOnceAreBounded() {
-    HttpServer server([](HttpRequest&, HttpResponse&) {});
-    const QByteArray begun =
-        "POST /api HTTP/1.1\r\nHost: x\r\nContent-Type: multipart/form-data; boundary=b\r\n"
-        "Content-Length: 1000\r\n\r\n--b\r\n";
-    std::vector<std::unique_ptr<RawHttp>> clients;
-    for (int i = 0; i <= BodyBudget::MaxUploads; ++i) {
-        clients.push_back(std::make_unique<RawHttp>(server.port()));
-        clients.back()->send(begun);
+private slots:
+    void requestAsTheHandlerSeesIt() {
+        QStringList seen;
+        HttpServer server([&](HttpRequest& request, HttpResponse&) {
+            seen << request.getMethod() << request.getPath() << request.getRawPath() << request.getVersion()
+                 << request.getParameter("a") << request.getParameter("b") << request.getHeader("x-thing")
+                 << request.getHeaderMap().value("X-Thing") << request.getCookie("two")
+                 << request.getPeerAddress().toString() << (request.getUploadedFile("f") ? "file" : "none");
+        });
+        RawHttp::exchange(server.port(),
+                          "POST /api/x%20y?a=1&b=2 HTTP/1.1\r\nHost: x\r\nX-Thing: v\r\n"
+                          "Cookie: one=1; two=2\r\nContent-Type: application/x-www-form-urlencoded\r\n"
+                          "Content-Length: 3\r\n\r\nb=3");
+        QCOMPARE(seen, QStringList({"POST", "/api/x y", "/api/x%20y", "HTTP/1.1", "1", "3", "v", "v", "2",
+                                    "127.0.0.1", "none"}));
     }
-    const auto answered = [](const auto& client) {
-        return client->hasData();
-    };
-    QVERIFY(waitFor([&] { return std::any_of(clients.begin(), clients.end(), answered); }));
-    QCOMPARE(std::count_if(clients.begin(), clients.end(), answered), 1);
-    QCOMPARE((*std::find_if(clients.begin(), clients.end(), answered))->receive().status, 503);
-    QCOMPARE(RawHttp::exchange(server.port(), get("/api")).status, 200);
-    clients.clear();
-    const QByteArray whole =
-        "POST /api HTTP/1.1\r\nHost: x\r\nContent-Type: multipart/form-data; boundary=b\r\n"
-        "Content-Length: 7\r\n\r\n--b--\r\n";
-    QVERIFY(waitFor([&] { return RawHttp::exchange(server.port(), whole).status == 200; }));
-}
 
-void HttpControllersTest::slowHandlersHoldUpNothing() {
-    Gate gate;
-    HttpServer server([&](HttpRequest& request, HttpResponse&) {
-        if (request.getPath() == "/api/slow")
-            gate.pass();
-    });
-    server.put("x.txt", "x");
-    std::vector<std::unique_ptr<RawHttp>> slow;
-    for (int i = 0; i < 20; ++i) {
-        slow.push_back(std::make_unique<RawHttp>(server.port()));
-        slow.back()->send(get("/api/slow"));
+    void answerAsTheClientSeesIt() {
+        HttpServer server([](HttpRequest&, HttpResponse& response) {
+            response.setStatus(409);
+            response.setHeader("X-Fine", "1");
+            response.setHeader("X-Split", "a\r\nX-Injected: b");
+            response.setHeader("X-Na\nme", "a");
+            response.setCookie("c", "v\r\nX-Injected: b");
+            response.setCookie("good", "v");
+            response.write("first ");
+            response.write("last", true);
+            response.write("never");
+        });
+        const RawAnswer answer = RawHttp::exchange(server.port(), get("/api"));
+        QCOMPARE(answer.status, 409);
+        QCOMPARE(answer.body, "first last");
+        QCOMPARE(answer.headers.value("x-fine"), "1");
+        QVERIFY(!answer.headers.contains("x-split"));
+        QVERIFY(!answer.headers.contains("x-injected"));
+        QVERIFY(answer.headers.value("set-cookie").startsWith("good=v;"));
     }
-    QVERIFY(gate.waitFor(20));
-    QCOMPARE(RawHttp::exchange(server.port(), get("/x.txt")).body, QByteArray("x"));
-    QCOMPARE(RawHttp::exchange(server.port(), get("/api/quick")).status, 200);
-    gate.open();
-    for (const auto& client : slow)
-        QCOMPARE(client->receive().status, 200);
-}
 
-void HttpControllersTest::workersComeAndGo() {
-    Gate gate;
-    HttpServer server(
-        [&](HttpRequest&, HttpResponse&) { gate.pass(); },
-        {{"listener/minThreads", 2}, {"listener/maxThreads", 6}, {"listener/cleanupInterval", 200}});
-    std::vector<std::unique_ptr<RawHttp>> clients;
-    for (int i = 0; i < 12; ++i) {
-        clients.push_back(std::make_unique<RawHttp>(server.port()));
-        clients.back()->send(get("/api"));
-    }
-    QVERIFY(gate.waitFor(6));
-    QCOMPARE(server.listener->workerCount(), 6);
-    gate.open();
-    for (const auto& client : clients)
-        QCOMPARE(client->receive().status, 200);
-    QVERIFY(waitFor([&] { return server.listener->workerCount() == 2; }));
-    QCOMPARE(RawHttp::exchange(server.port(), get("/api")).status, 200);
-}
-
-void HttpControllersTest::fullQueueIsRefused() {
-    Gate gate;
-    HttpServer server([&](HttpRequest&, HttpResponse&) { gate.pass(); },
-                      {{"listener/minThreads", 1}, {"listener/maxThreads", 1}});
-    std::vector<std::unique_ptr<RawHttp>> clients;
-    constexpr int fits = static_cast<int>(WorkerPool::MaxQueued) + 1; // the one that runs, and the queue
-    for (int i = 0; i < fits + 10; ++i) {
-        clients.push_back(std::make_unique<RawHttp>(server.port()));
-        clients.back()->send(get("/api"));
-        if (i == 0)
-            QVERIFY(gate.waitFor(1));
-    }
-    // The refused answer at once, the others when the gate opens.
-    int refused = 0;
-    QVERIFY(waitFor([&] {
-        refused = static_cast<int>(std::count_if(clients.begin(), clients.end(),
-                                                 [](const auto& client) { return client->hasData(); }));
-        return refused == 10;
-    }));
-    gate.open();
-    int busy = 0;
-    for (const auto& client : clients)
-        busy += client->receive().status == 503 ? 1 : 0;
-    QCOMPARE(busy, 10);
-}
-
-void HttpControllersTest::vanishedClientsAreForgotten() {
-    Gate gate;
-    std::atomic<int> served{0};
-    HttpServer server([&](HttpRequest& request, HttpResponse& response) {
-        gate.pass();
-        response.write(request.getBody() + QByteArray(1'000'000, 'x'));
-        ++served;
-    });
-    for (int i = 0; i < 30; ++i) {
-        RawHttp client(server.port());
-        client.send("POST /api HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\nabc");
-        QVERIFY(gate.waitFor(i + 1));
-    }
-    RawHttp halfSent(server.port());
-    halfSent.send("POST /api HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\na");
-    halfSent.close();
-    gate.open();
-    QVERIFY(waitFor([&] { return served == 30; }));
-    QCOMPARE(RawHttp::exchange(server.port(), get("/api")).body.size(), 1'000'000);
-}
-
-void HttpControllersTest::slowReadersKeepNoThread() {
-    HttpServer server([](HttpRequest&, HttpResponse& response) { response.write("x"); });
-    server.put("song.mp3", QByteArray(4'000'000, 'x'));
-    QCOMPARE(RawHttp::exchange(server.port(), get("/api")).status, 200);
-    const auto threads = [] {
-        return QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot).size();
-    };
-    const int before = threads();
-    std::vector<std::unique_ptr<RawHttp>> readers;
-    for (int i = 0; i < 200; ++i) {
-        readers.push_back(std::make_unique<RawHttp>(server.port()));
-        readers.back()->send(get("/song.mp3"));
-        QVERIFY(!readers.back()->receiveSome(1000).isEmpty());
-    }
-    QCOMPARE(RawHttp::exchange(server.port(), get("/api")).status, 200);
-    QCOMPARE(threads(), before);
-}
-
-void HttpControllersTest::eachWorkerHasItsDatabase() {
-    QTemporaryDir directory;
-    const QString previous = QDir::currentPath();
-    QDir::setCurrent(directory.path());
-    sqlite database({}, 0, {}, {}, {}, 3);
-    database.init();
-    std::mutex mutex;
-    std::set<sqlite*> seen;
-    Gate gate;
-    {
+    void headHasNoBody() {
         HttpServer server(
-            [&](HttpRequest& request, HttpResponse& response) {
-                gate.pass();
-                sqlite* own = request.database();
-                response.write(own->run(QStringLiteral("SELECT 1 AS `one`")).text(0, "one").toUtf8());
-                const std::lock_guard lock(mutex);
-                seen.insert(own);
-            },
-            {}, &database);
-        RawHttp first(server.port());
-        RawHttp second(server.port());
-        first.send(get("/api"));
-        second.send(get("/api"));
-        QVERIFY(gate.waitFor(2));
-        gate.open();
-        QCOMPARE(first.receive().body, QByteArray("1"));
-        QCOMPARE(second.receive().body, QByteArray("1"));
+            [](HttpRequest& request, HttpResponse& response) { response.write(request.getMethod(), true); });
+        RawHttp client(server.port());
+        client.send("HEAD /api HTTP/1.1\r\nHost: x\r\n\r\n" + get("/api"));
+        QCOMPARE(client.receive(false).headers.value("content-length"), "4");
+        QCOMPARE(client.receive().body, "GET");
     }
-    QCOMPARE(seen.size(), std::size_t(2));
-    QCOMPARE(seen.count(&database), std::size_t(0));
-    QDir::setCurrent(previous);
-}
 
-// A handler may wait for the main loop, which is the thread that closes the listener.
-void HttpControllersTest::closeFinishesWhatRuns() {
-    Gate gate;
-    QObject onMainLoop;
-    HttpServer server([&](HttpRequest&, HttpResponse& response) {
-        gate.pass();
-        response.write(callOnLoop(&onMainLoop, [] { return QByteArray("from the main loop"); }));
-    });
-    RawHttp client(server.port());
-    client.send(get("/api"));
-    QVERIFY(gate.waitFor(1));
-    gate.open();
-    server.listener->close();
-    QVERIFY(!server.listener->isListening());
-    QCOMPARE(client.receive().body, QByteArray("from the main loop"));
-    QVERIFY(client.drain());
-}
+    void uploadGoesToDisk() {
+        QByteArray file;
+        QString diskName;
+        QStringList seen;
+        HttpServer server([&](HttpRequest& request, HttpResponse&) {
+            QTemporaryFile* upload = request.getUploadedFile("f");
+            diskName = upload->fileName();
+            file = upload->readAll();
+            seen << request.getUploadedFileName("f") << request.getParameter("a")
+                 << request.getParameter("empty") << QString::number(request.getBody().size());
+        });
+        const QByteArray content = QByteArray("\r\n--b\r\r\n--").repeated(500'000);
+        const QByteArray part = "--bound\r\nContent-Disposition: form-data; name=";
+        const QByteArray body = part + "\"a\"\r\n\r\n1\r\n" + part + "\"f\"; filename=\"x.mp3\"\r\n\r\n" +
+                                content + "\r\n" + part + "\"empty\"; filename=\"\"\r\n\r\n\r\n--bound--\r\n";
+        const RawAnswer answer = RawHttp::exchange(
+            server.port(),
+            "POST /api HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Type: multipart/form-data; "
+            "boundary=bound\r\nContent-Length: " +
+                QByteArray::number(body.size()) + "\r\n\r\n" + body);
+        QCOMPARE(answer.status, 200);
+        QCOMPARE(seen, QStringList({"x.mp3", "1", "", "0"}));
+        QVERIFY(file == content);
+        QVERIFY(waitFor([&] { return !QFile::exists(diskName); }));
+    }
 
-void HttpControllersTest::sessions() {
-    QTemporaryDir directory;
-    QSettings settings(directory.filePath("config.ini"), QSettings::IniFormat);
-    settings.setValue("expirationTime", 1000);
-    settings.setValue("cookieName", "sid");
-    HttpSessionStore store(&settings);
-    HttpServer server([&](HttpRequest& request, HttpResponse& response) {
-        HttpSession session = store.getSession(request, response);
-        session.set("visits", session.get("visits").toInt() + 1);
-        response.write(session.get("visits").toByteArray());
-    });
-    const RawAnswer first = RawHttp::exchange(server.port(), get("/api"));
-    const QByteArray cookie = "Cookie: " + first.headers.value("set-cookie").split(';').first() + "\r\n";
-    QVERIFY(cookie.startsWith("Cookie: sid="));
-    const RawAnswer second = RawHttp::exchange(server.port(), get("/api", cookie));
-    QCOMPARE(second.body, QByteArray("2"));
-    QVERIFY(!second.headers.contains("set-cookie"));
-    QCOMPARE(RawHttp::exchange(server.port(), get("/api", "Cookie: sid=forged\r\n")).body, QByteArray("1"));
-    QCOMPARE(store.sessionCount(), 2);
-    QVERIFY(waitFor([&] { return store.sessionCount() == 0; }));
-    QCOMPARE(RawHttp::exchange(server.port(), get("/api", cookie)).body, QByteArray("1"));
-}
+    void uploadsAtOnceAreBounded() {
+        HttpServer server([](HttpRequest&, HttpResponse&) {});
+        const QByteArray begun =
+            "POST /api HTTP/1.1\r\nHost: x\r\nContent-Type: multipart/form-data; boundary=b\r\n"
+            "Content-Length: 1000\r\n\r\n--b\r\n";
+        std::vector<std::unique_ptr<RawHttp>> clients;
+        for (int i = 0; i <= BodyBudget::MaxUploads; ++i) {
+            clients.push_back(std::make_unique<RawHttp>(server.port()));
+            clients.back()->send(begun);
+        }
+        const auto answered = [](const auto& client) {
+            return client->hasData();
+        };
+        QVERIFY(waitFor([&] { return std::any_of(clients.begin(), clients.end(), answered); }));
+        QCOMPARE(std::count_if(clients.begin(), clients.end(), answered), 1);
+        QCOMPARE((*std::find_if(clients.begin(), clients.end(), answered))->receive().status, 503);
+        QCOMPARE(RawHttp::exchange(server.port(), get("/api")).status, 200);
+        clients.clear();
+        const QByteArray whole =
+            "POST /api HTTP/1.1\r\nHost: x\r\nContent-Type: multipart/form-data; boundary=b\r\n"
+            "Content-Length: 7\r\n\r\n--b--\r\n";
+        QVERIFY(waitFor([&] { return RawHttp::exchange(server.port(), whole).status == 200; }));
+    }
+
+    void slowHandlersHoldUpNothing() {
+        Gate gate;
+        HttpServer server([&](HttpRequest& request, HttpResponse&) {
+            if (request.getPath() == "/api/slow")
+                gate.pass();
+        });
+        server.put("x.txt", "x");
+        std::vector<std::unique_ptr<RawHttp>> slow;
+        for (int i = 0; i < 20; ++i) {
+            slow.push_back(std::make_unique<RawHttp>(server.port()));
+            slow.back()->send(get("/api/slow"));
+        }
+        QVERIFY(gate.waitFor(20));
+        QCOMPARE(RawHttp::exchange(server.port(), get("/x.txt")).body, "x");
+        QCOMPARE(RawHttp::exchange(server.port(), get("/api/quick")).status, 200);
+        gate.open();
+        for (const auto& client : slow)
+            QCOMPARE(client->receive().status, 200);
+    }
+
+    void workersComeAndGo() {
+        Gate gate;
+        HttpServer server(
+            [&](HttpRequest&, HttpResponse&) { gate.pass(); },
+            {{"listener/minThreads", 2}, {"listener/maxThreads", 6}, {"listener/cleanupInterval", 200}});
+        std::vector<std::unique_ptr<RawHttp>> clients;
+        for (int i = 0; i < 12; ++i) {
+            clients.push_back(std::make_unique<RawHttp>(server.port()));
+            clients.back()->send(get("/api"));
+        }
+        QVERIFY(gate.waitFor(6));
+        QCOMPARE(server.listener->workerCount(), 6);
+        gate.open();
+        for (const auto& client : clients)
+            QCOMPARE(client->receive().status, 200);
+        QVERIFY(waitFor([&] { return server.listener->workerCount() == 2; }));
+        QCOMPARE(RawHttp::exchange(server.port(), get("/api")).status, 200);
+    }
+
+    void fullQueueIsRefused() {
+        Gate gate;
+        HttpServer server([&](HttpRequest&, HttpResponse&) { gate.pass(); },
+                          {{"listener/minThreads", 1}, {"listener/maxThreads", 1}});
+        std::vector<std::unique_ptr<RawHttp>> clients;
+        constexpr int fits = static_cast<int>(WorkerPool::MaxQueued) + 1; // the one that runs, and the queue
+        for (int i = 0; i < fits + 10; ++i) {
+            clients.push_back(std::make_unique<RawHttp>(server.port()));
+            clients.back()->send(get("/api"));
+            if (i == 0)
+                QVERIFY(gate.waitFor(1));
+        }
+        // The refused answer at once, the others when the gate opens.
+        int refused = 0;
+        QVERIFY(waitFor([&] {
+            refused = static_cast<int>(std::count_if(clients.begin(), clients.end(),
+                                                     [](const auto& client) { return client->hasData(); }));
+            return refused == 10;
+        }));
+        gate.open();
+        int busy = 0;
+        for (const auto& client : clients)
+            busy += client->receive().status == 503 ? 1 : 0;
+        QCOMPARE(busy, 10);
+    }
+
+    void vanishedClientsAreForgotten() {
+        Gate gate;
+        std::atomic<int> served{0};
+        HttpServer server([&](HttpRequest& request, HttpResponse& response) {
+            gate.pass();
+            response.write(request.getBody() + QByteArray(1'000'000, 'x'));
+            ++served;
+        });
+        for (int i = 0; i < 30; ++i) {
+            RawHttp client(server.port());
+            client.send("POST /api HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\nabc");
+            QVERIFY(gate.waitFor(i + 1));
+        }
+        RawHttp halfSent(server.port());
+        halfSent.send("POST /api HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\na");
+        halfSent.close();
+        gate.open();
+        QVERIFY(waitFor([&] { return served == 30; }));
+        QCOMPARE(RawHttp::exchange(server.port(), get("/api")).body.size(), 1'000'000);
+    }
+
+    void slowReadersKeepNoThread() {
+        HttpServer server([](HttpRequest&, HttpResponse& response) { response.write("x"); });
+        server.put("song.mp3", QByteArray(4'000'000, 'x'));
+        QCOMPARE(RawHttp::exchange(server.port(), get("/api")).status, 200);
+        const auto threads = [] {
+            return QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot).size();
+        };
+        const int before = threads();
+        std::vector<std::unique_ptr<RawHttp>> readers;
+        for (int i = 0; i < 200; ++i) {
+            readers.push_back(std::make_unique<RawHttp>(server.port()));
+            readers.back()->send(get("/song.mp3"));
+            QVERIFY(!readers.back()->receiveSome(1000).isEmpty());
+        }
+        QCOMPARE(RawHttp::exchange(server.port(), get("/api")).status, 200);
+        QCOMPARE(threads(), before);
+    }
+
+    void eachWorkerHasItsDatabase() {
+        QTemporaryDir directory;
+        const QString previous = QDir::currentPath();
+        QDir::setCurrent(directory.path());
+        sqlite database({}, 0, {}, {}, {}, 3);
+        database.init();
+        std::mutex mutex;
+        std::set<sqlite*> seen;
+        Gate gate;
+        {
+            HttpServer server(
+                [&](HttpRequest& request, HttpResponse& response) {
+                    gate.pass();
+                    sqlite* own = request.database();
+                    response.write(own->run(QStringLiteral("SELECT 1 AS `one`")).text(0, "one").toUtf8());
+                    const std::lock_guard lock(mutex);
+                    seen.insert(own);
+                },
+                {}, &database);
+            RawHttp first(server.port());
+            RawHttp second(server.port());
+            first.send(get("/api"));
+            second.send(get("/api"));
+            QVERIFY(gate.waitFor(2));
+            gate.open();
+            QCOMPARE(first.receive().body, "1");
+            QCOMPARE(second.receive().body, "1");
+        }
+        QCOMPARE(seen.size(), std::size_t(2));
+        QCOMPARE(seen.count(&database), std::size_t(0));
+        QDir::setCurrent(previous);
+    }
+
+    // A handler may wait for the main loop, which is the thread that closes the listener.
+    void closeFinishesWhatRuns() {
+        Gate gate;
+        QObject onMainLoop;
+        HttpServer server([&](HttpRequest&, HttpResponse& response) {
+            gate.pass();
+            response.write(callOnLoop(&onMainLoop, [] { return QByteArray("from the main loop"); }));
+        });
+        RawHttp client(server.port());
+        client.send(get("/api"));
+        QVERIFY(gate.waitFor(1));
+        gate.open();
+        server.listener->close();
+        QVERIFY(!server.listener->isListening());
+        QCOMPARE(client.receive().body, "from the main loop");
+        QVERIFY(client.drain());
+    }
+
+    void sessions() {
+        QTemporaryDir directory;
+        QSettings settings(directory.filePath("config.ini"), QSettings::IniFormat);
+        settings.setValue("expirationTime", 1000);
+        settings.setValue("cookieName", "sid");
+        HttpSessionStore store(&settings);
+        HttpServer server([&](HttpRequest& request, HttpResponse& response) {
+            HttpSession session = store.getSession(request, response);
+            session.set("visits", session.get("visits").toInt() + 1);
+            response.write(session.get("visits").toByteArray());
+        });
+        const RawAnswer first = RawHttp::exchange(server.port(), get("/api"));
+        const QByteArray cookie = "Cookie: " + first.headers.value("set-cookie").split(';').first() + "\r\n";
+        QVERIFY(cookie.startsWith("Cookie: sid="));
+        const RawAnswer second = RawHttp::exchange(server.port(), get("/api", cookie));
+        QCOMPARE(second.body, "2");
+        QVERIFY(!second.headers.contains("set-cookie"));
+        QCOMPARE(RawHttp::exchange(server.port(), get("/api", "Cookie: sid=forged\r\n")).body, "1");
+        QCOMPARE(store.sessionCount(), 2);
+        QVERIFY(waitFor([&] { return store.sessionCount() == 0; }));
+        QCOMPARE(RawHttp::exchange(server.port(), get("/api", cookie)).body, "1");
+    }
+
+private:
+    static QByteArray get(const QByteArray& path, const QByteArray& headers = {}) {
+        return "GET " + path + " HTTP/1.1\r\nHost: x\r\n" + headers + "\r\n";
+    }
+};
 
 int main(int argc, char** argv) {
     return runTest<HttpControllersTest>(argc, argv);

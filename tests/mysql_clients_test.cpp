@@ -47,45 +47,45 @@ int useService(quint16 port, const Account& account, const QString& serial, std:
 class MysqlClientsTest : public QObject {
     Q_OBJECT
 private slots:
-    void clientsGetTheirOwnAnswers();
-};
-
-void MysqlClientsTest::clientsGetTheirOwnAnswers() {
-    MariaDb server;
-    QVERIFY(server.start());
-    ServiceOptions options;
-    options.kind = 1;
-    options.database = server.createDatabase("load");
-    options.settings = {
-        {"listener/minThreads", 1}, {"listener/maxThreads", MaxThreads}, {"listener/cleanupInterval", 1000}};
-    Service service(options);
-    QVERIFY(service.start());
-    const auto connections = [&] {
-        return server.sql("SELECT COUNT(*) FROM information_schema.processlist WHERE user = 'user_load'")
-            .trimmed()
-            .toInt();
-    };
-    std::atomic<int> wrong{0};
-    std::atomic<int> requests{0};
-    std::vector<std::thread> clients;
-    for (int i = 0; i < Clients; ++i) {
-        const Account account = service.addAccount(QString("client%1").arg(i));
-        const QString serial = QString("%1").arg(i, 32, 16, QChar('0'));
-        service.giveSpeakers(account, {serial});
-        clients.emplace_back([&wrong, &requests, &service, account, serial] {
-            wrong += useService(service.httpPort(), account, serial, requests);
-        });
+    void clientsGetTheirOwnAnswers() {
+        MariaDb server;
+        QVERIFY(server.start());
+        ServiceOptions options;
+        options.kind = 1;
+        options.database = server.createDatabase("load");
+        options.settings = {{"listener/minThreads", 1},
+                            {"listener/maxThreads", MaxThreads},
+                            {"listener/cleanupInterval", 1000}};
+        Service service(options);
+        QVERIFY(service.start());
+        const auto connections = [&] {
+            return server.sql("SELECT COUNT(*) FROM information_schema.processlist WHERE user = 'user_load'")
+                .trimmed()
+                .toInt();
+        };
+        std::atomic<int> wrong{0};
+        std::atomic<int> requests{0};
+        std::vector<std::thread> clients;
+        for (int i = 0; i < Clients; ++i) {
+            const Account account = service.addAccount(QString("client%1").arg(i));
+            const QString serial = QString("%1").arg(i, 32, 16, QChar('0'));
+            service.giveSpeakers(account, {serial});
+            clients.emplace_back([&wrong, &requests, &service, account, serial] {
+                wrong += useService(service.httpPort(), account, serial, requests);
+            });
+        }
+        const int own = 2; // the main loop's and this test's
+        int most = 0;
+        QVERIFY(
+            !waitFor([&] { return (most = std::max(most, connections())) > MaxThreads + own; }, duration()));
+        for (std::thread& client : clients)
+            client.join();
+        qInfo("%d requests, at most %d connections", requests.load(), most);
+        QCOMPARE(wrong.load(), 0);
+        QVERIFY(requests > Clients);
+        QVERIFY(waitFor([&] { return connections() <= own; }));
     }
-    const int own = 2; // the main loop's and this test's
-    int most = 0;
-    QVERIFY(!waitFor([&] { return (most = std::max(most, connections())) > MaxThreads + own; }, duration()));
-    for (std::thread& client : clients)
-        client.join();
-    qInfo("%d requests, at most %d connections", requests.load(), most);
-    QCOMPARE(wrong.load(), 0);
-    QVERIFY(requests > Clients);
-    QVERIFY(waitFor([&] { return connections() <= own; }));
-}
+};
 
 int main(int argc, char** argv) {
     return runTest<MysqlClientsTest>(argc, argv);

@@ -1,4 +1,5 @@
 // What the player of a task sends, and when it ends. The file timer is played by hand.
+#include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
 #include "tasks/tasxkobj.h"
@@ -14,6 +15,7 @@ struct Recorder {
         QObject::connect(&player, &Tasxkobj::Ocmd, [this](const QByteArray& json) { sent += json; });
         QObject::connect(&player, &Tasxkobj::Over, [this](quint64 id) { over += id; });
     }
+
     /// "PLAYOFF a.mp3" for a play command, the command word alone for others.
     QStringList commands() const {
         QStringList words;
@@ -106,10 +108,11 @@ private slots:
     }
 
     void timeEndsTheTask_data() {
-        QTest::addColumn<int>("repeat");
-        QTest::newRow("at random") << 0;
-        QTest::newRow("in order") << 5;
+        const Table<int> row{"repeat"};
+        row("at random", 0);
+        row("in order", 5);
     }
+
     void timeEndsTheTask() {
         QFETCH(int, repeat);
         Tasxkobj player(nullptr);
@@ -140,17 +143,14 @@ private slots:
     }
 
     void odd_data() {
-        QTest::addColumn<int>("repeat");
-        QTest::addColumn<int>("len");
-        QTest::addColumn<int>("jiange");
-        QTest::addColumn<int>("fileLength");
-        QTest::addColumn<int>("overs");
-        QTest::addColumn<bool>("playing");
-        QTest::newRow("random without any time") << 0 << 0 << 0 << 30 << 1 << false;
-        QTest::newRow("random without length") << 0 << 0 << 5 << 30 << 0 << false;
-        QTest::newRow("negative repeat") << -1 << 600 << 0 << 30 << 0 << false;
-        QTest::newRow("file without length") << 1 << 600 << 0 << 0 << 0 << true;
+        const Table<int, int, int, int, int, bool> row{"repeat",     "len",   "jiange",
+                                                       "fileLength", "overs", "playing"};
+        row("random without any time", 0, 0, 0, 30, 1, false);
+        row("random without length", 0, 0, 5, 30, 0, false);
+        row("negative repeat", -1, 600, 0, 30, 0, false);
+        row("file without length", 1, 600, 0, 0, 0, true);
     }
+
     void odd() {
         QFETCH(int, repeat);
         QFETCH(int, len);

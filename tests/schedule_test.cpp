@@ -1,4 +1,5 @@
 // Which second starts which task: a week of bells against a calculation of its own, and the clock's tricks.
+#include "support/table.h"
 #include "support/testmain.h"
 #include "tasks/schedule.h"
 #include "tasks/tasktime.h"
@@ -93,15 +94,15 @@ class ScheduleTest : public QObject {
     Q_OBJECT
 private slots:
     void week_data() {
-        QTest::addColumn<QByteArray>("zone");
-        QTest::addColumn<QDate>("from");
-        QTest::newRow("ordinary") << QByteArray("Asia/Shanghai") << QDate(2026, 11, 23);
-        QTest::newRow("into summer time") << QByteArray("Europe/Berlin") << QDate(2027, 3, 24);
-        QTest::newRow("out of summer time") << QByteArray("Europe/Berlin") << QDate(2027, 10, 27);
-        QTest::newRow("half an hour back") << QByteArray("Australia/Lord_Howe") << QDate(2027, 4, 1);
-        QTest::newRow("skipped midnight") << QByteArray("Africa/Cairo") << QDate(2027, 4, 27);
-        QTest::newRow("west of Greenwich") << QByteArray("America/New_York") << QDate(2026, 10, 29);
+        const Table<QByteArray, QDate> row{"zone", "from"};
+        row("ordinary", "Asia/Shanghai", QDate(2026, 11, 23));
+        row("into summer time", "Europe/Berlin", QDate(2027, 3, 24));
+        row("out of summer time", "Europe/Berlin", QDate(2027, 10, 27));
+        row("half an hour back", "Australia/Lord_Howe", QDate(2027, 4, 1));
+        row("skipped midnight", "Africa/Cairo", QDate(2027, 4, 27));
+        row("west of Greenwich", "America/New_York", QDate(2026, 10, 29));
     }
+
     void week() {
         QFETCH(QByteArray, zone);
         QFETCH(QDate, from);
@@ -183,6 +184,7 @@ private slots:
         QTest::newRow("set back a minute") << QList<int>{101, 41, 102} << QList<int>{101, 102} << 0;
         QTest::newRow("set back more") << QList<int>{101, 40, 41} << QList<int>{101, 40, 41} << 1;
     }
+
     void clockChanges() {
         QFETCH(QList<int>, ticks);
         QFETCH(QList<int>, seconds);
@@ -203,24 +205,23 @@ private slots:
     }
 
     void texts_data() {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<int>("time"); // -1 refused
-        QTest::addColumn<int>("date");
-        QTest::newRow("time") << "8:5:0" << 29100 << -1;
-        QTest::newRow("padded time") << "08:05:00" << 29100 << -1;
-        QTest::newRow("last second") << "23:59:59" << 86399 << -1;
-        QTest::newRow("hour 24") << "24:0:0" << -1 << -1;
-        QTest::newRow("minute 60") << "1:60:0" << -1 << -1;
-        QTest::newRow("two parts") << "8:00" << -1 << -1;
-        QTest::newRow("sign") << "+8:0:0" << -1 << -1;
-        QTest::newRow("empty") << "" << -1 << 0;
-        QTest::newRow("date") << "2026-11-21" << -1 << 20778;
-        QTest::newRow("padded date") << "2027-01-02" << -1 << 20820;
-        QTest::newRow("no such day") << "2027-2-29" << -1 << -1;
-        QTest::newRow("leap day") << "2028-2-29" << -1 << 21243;
-        QTest::newRow("unbounded") << "0" << -1 << 0;
-        QTest::newRow("two-digit year") << "27-1-1" << -1 << -1;
+        const Table<QString, int, int> row{"text", "time", "date"}; // -1 refused
+        row("time", "8:5:0", 29100, -1);
+        row("padded time", "08:05:00", 29100, -1);
+        row("last second", "23:59:59", 86399, -1);
+        row("hour 24", "24:0:0", -1, -1);
+        row("minute 60", "1:60:0", -1, -1);
+        row("two parts", "8:00", -1, -1);
+        row("sign", "+8:0:0", -1, -1);
+        row("empty", "", -1, 0);
+        row("date", "2026-11-21", -1, 20778);
+        row("padded date", "2027-01-02", -1, 20820);
+        row("no such day", "2027-2-29", -1, -1);
+        row("leap day", "2028-2-29", -1, 21243);
+        row("unbounded", "0", -1, 0);
+        row("two-digit year", "27-1-1", -1, -1);
     }
+
     void texts() {
         QFETCH(QString, text);
         QFETCH(int, time);

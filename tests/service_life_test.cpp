@@ -1,5 +1,6 @@
 // Start, end and restart of the real service, and the ways it runs with less than it expects.
 #include "support/service.h"
+#include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
 #include "tools/simfleet.h"
@@ -28,10 +29,11 @@ class ServiceLifeTest : public QObject {
     Q_OBJECT
 private slots:
     void endsOnSignal_data() {
-        QTest::addColumn<int>("number");
-        QTest::newRow("SIGTERM") << SIGTERM;
-        QTest::newRow("SIGINT") << SIGINT;
+        const Table<int> row{"number"};
+        row("SIGTERM", SIGTERM);
+        row("SIGINT", SIGINT);
     }
+
     void endsOnSignal() {
         QFETCH(int, number);
         Service service;
@@ -59,7 +61,7 @@ private slots:
             service.kill9();
             QVERIFY(waitFor([&] { return fleet.online() == 0; }));
             QVERIFY(service.start());
-            QCOMPARE(service.sql("PRAGMA integrity_check").value(0).first().toString(), QString("ok"));
+            QCOMPARE(service.sql("PRAGMA integrity_check").value(0).first().toString(), "ok");
             QCOMPARE(service.sql("SELECT id FROM sbox_users WHERE length(token) = 40").size(),
                      1 + 5 * (round + 1));
             QVERIFY(waitFor([&] { return fleet.online() == 20; }));
@@ -86,12 +88,11 @@ private slots:
     }
 
     void runsOnWith_data() {
-        QTest::addColumn<int>("kind");
-        QTest::addColumn<QString>("missing");
-        QTest::addColumn<QByteArray>("logged");
-        QTest::newRow("no LocalIP") << 3 << "LocalIP" << QByteArray("LocalIP Error");
-        QTest::newRow("no database") << 2 << "" << QByteArray("db init error");
+        const Table<int, QString, QByteArray> row{"kind", "missing", "logged"};
+        row("no LocalIP", 3, "LocalIP", "LocalIP Error");
+        row("no database", 2, "", "db init error");
     }
+
     void runsOnWith() {
         QFETCH(int, kind);
         QFETCH(QString, missing);
@@ -105,20 +106,19 @@ private slots:
         QVERIFY(service.waitForLog(logged));
         sim::Speaker speaker(speakerOf(service));
         QVERIFY(registers(speaker));
-        QCOMPARE(service.http().postForm("/user/test", {{"x", "y"}}).body, QByteArray("dbtest"));
+        QCOMPARE(service.http().postForm("/user/test", {{"x", "y"}}).body, "dbtest");
         service.command({{"cmd", "VOL_V"}, {"sn", speaker.sn()}, {"vol", 4}});
         QVERIFY(waitFor([&] { return speaker.volume() == 4; }));
         QCOMPARE(service.stop(), 0);
     }
 
     void endsWhenAPortIsTaken_data() {
-        QTest::addColumn<int>("offset");
-        QTest::addColumn<bool>("second");
-        QTest::addColumn<QByteArray>("logged");
-        QTest::newRow("control port") << 0 << false << QByteArray("exit er2s");
-        QTest::newRow("second control port") << 0 << true << QByteArray("exit er1");
-        QTest::newRow("audio port") << 2 << false << QByteArray("exit er5");
+        const Table<int, bool, QByteArray> row{"offset", "second", "logged"};
+        row("control port", 0, false, "exit er2s");
+        row("second control port", 0, true, "exit er1");
+        row("audio port", 2, false, "exit er5");
     }
+
     void endsWhenAPortIsTaken() {
         QFETCH(int, offset);
         QFETCH(bool, second);

@@ -1,6 +1,7 @@
 // The main job from an HTTP request to a speaker's wire, with the real service, on every kind of database.
 #include "support/mariadb.h"
 #include "support/service.h"
+#include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
 #include "tools/simfleet.h"
@@ -46,12 +47,7 @@ bool every(sim::Fleet& fleet, Condition condition) {
 class ServiceTest : public QObject {
     Q_OBJECT
 private slots:
-    void initTestCase_data() {
-        QTest::addColumn<int>("kind");
-        QTest::newRow("SQLite without tasks") << 0;
-        QTest::newRow("SQLite") << 3;
-        QTest::newRow("MySQL") << 1;
-    }
+    void initTestCase_data() { addKinds({0, 3, 1}); }
 
     void initTestCase() {
         m_mp3 = makeMp3(2);
@@ -104,28 +100,6 @@ private slots:
         QCOMPARE(m_fleet->at(1).fetches().size(), std::size_t(1));
     }
 
-    void setsVolumeAndDebug() {
-        QVERIFY(ask("/user/editvols", {{"vol", "7"}, {"snlist", joined(*m_fleet)}}));
-        QVERIFY(every(*m_fleet, [](const sim::Speaker& s) { return s.volume() == 7; }));
-        QVERIFY(ask("/user/sndebug", {{"sn", m_fleet->at(1).sn()}, {"dsv", "1"}}));
-        QVERIFY(waitFor([this] { return m_fleet->at(1).deviceInfo().value("debug").toInt() == 1; }));
-        QCOMPARE(m_fleet->at(0).count(sim::Op::Debug), 0);
-    }
-
-    void refusesStrangers() {
-        const HttpParams play{{"url", "http://127.0.0.1/x.mp3"}, {"snlist", joined(*m_fleet)}};
-        Account stranger = m_account;
-        stranger.token = "0000";
-        const HttpReply wrong = m_service->http().postForm("/user/urlplay", stranger.params(play));
-        QCOMPARE(wrong.info(), QString("_FALSE6"));
-        stranger.id = 4711;
-        QCOMPARE(m_service->http().postForm("/user/urlplay", stranger.params(play)).info(),
-                 QString("_FALSE5"));
-        m_service->command({{"cmd", "DEBUG"}, {"sn", m_fleet->at(0).sn()}, {"dev_ks", 1}});
-        QVERIFY(waitFor([this] { return m_fleet->at(0).count(sim::Op::Debug) == 1; }));
-        QCOMPARE(m_fleet->at(0).count(sim::Op::PlayList), 0); // commands keep their order on the wire
-    }
-
     void answersForUnknownAndOfflineSpeakers() {
         const QString gone = m_fleet->at(2).sn();
         m_fleet->at(2).stop();
@@ -133,9 +107,9 @@ private slots:
         const auto vol = [this](const QString& sn) {
             return m_service->command({{"cmd", "DEBUG"}, {"sn", sn}, {"dev_ks", 0}}).value("res").toString();
         };
-        QCOMPARE(vol(gone), QString("unline"));
-        QCOMPARE(vol("ffffffffffffffffffffffffffffffff"), QString("out_of_range2"));
-        QCOMPARE(vol(m_fleet->at(0).sn()), QString("success"));
+        QCOMPARE(vol(gone), "unline");
+        QCOMPARE(vol("ffffffffffffffffffffffffffffffff"), "out_of_range2");
+        QCOMPARE(vol(m_fleet->at(0).sn()), "success");
         // One that is gone does not keep a command from the others.
         QVERIFY(ask("/user/editvols", {{"vol", "3"}, {"snlist", gone + '|' + joined(*m_fleet)}}));
         QVERIFY(waitFor([this] { return m_fleet->at(1).volume() == 3; }));
@@ -164,43 +138,11 @@ private slots:
         QVERIFY(waitFor([&] { return statesOf("status").count("1") == crowd.size() + kSpeakers; }));
     }
 
-    void survivesBadBodies_data() {
-        QTest::addColumn<QByteArray>("body");
-        QTest::addColumn<QString>("info");
-        QTest::newRow("empty") << QByteArray() << "uni_error2";
-        QTest::newRow("not JSON") << QByteArray("{\"id\": ") << "uni_error2";
-        QTest::newRow("an array") << QByteArray("[1, 2]") << "uni_error1";
-        QTest::newRow("no keys") << QByteArray("{}") << "uni_error1";
-        QTest::newRow("a number for a text")
-            << QByteArray(R"({"id": 1, "token": "x", "url": "u", "snlist": "s"})") << "_FALSE5";
-        QTest::newRow("nested") << QByteArray(
-                                       R"({"id": {"a": [1]}, "token": null, "url": "u", "snlist": "s"})")
-                                << "_FALSE5";
-        QTest::newRow("not text") << QByteArray("\xff\xfe\x00\x01", 4) << "uni_error2";
-    }
-    void survivesBadBodies() {
-        QFETCH(QByteArray, body);
-        const HttpReply reply = m_service->http().postUniapp("/user/urlplay", body);
-        QCOMPARE(reply.status, 200);
-        QTEST(reply.info(), "info");
-    }
-
     void refusesOversizedBody() {
         const HttpReply reply = m_service->http().postForm(
             "/user/urlplay", m_account.params({{"url", QString(40'000'000, 'x')}, {"snlist", "s"}}));
         QVERIFY2(reply.status == 413 || reply.status == 0, reply.body.left(200)); // 0: cut off while sending
         QVERIFY(ask("/user/editvols", {{"vol", "5"}, {"snlist", joined(*m_fleet)}}));
-    }
-
-    void quotesReachNoOtherStatement() {
-        const auto before = m_service->sql("SELECT * FROM sbox_users");
-        for (const char* name :
-             {"o'brien", "x' OR '1'='1", "'; DELETE FROM sbox_users; --", "\\' OR 1=1 -- "}) {
-            const HttpReply reply =
-                m_service->http().postForm("/user/gtoken", {{"username", name}, {"passwd", "y' OR 'a'='a"}});
-            QVERIFY2(!reply.res(), reply.body);
-        }
-        QCOMPARE(m_service->sql("SELECT * FROM sbox_users"), before);
     }
 
     void servesACampus() {

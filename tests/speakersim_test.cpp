@@ -1,5 +1,6 @@
 // The simulated speaker against a scripted server: what every other test takes for a speaker.
 #include "support/service.h"
+#include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
 #include "tools/simspeaker.h"
@@ -75,31 +76,21 @@ class SpeakersimTest : public QObject {
     Q_OBJECT
 private slots:
     void splitsReads_data() {
-        QTest::addColumn<QByteArray>("read");
-        QTest::addColumn<QByteArray>("expected");
-        QTest::addColumn<QByteArray>("rest");
-        QTest::newRow("one") << QByteArray("A5") << QByteArray("A5|") << QByteArray();
-        QTest::newRow("keep-alives around")
-            << QByteArray("OKOKV\x14OKOKJXXXXX") << QByteArray("OKOK|V\x14|OKOK|JXXXXX|") << QByteArray();
-        QTest::newRow("volume byte that is a command letter")
-            << QByteArray("VAIK") << QByteArray("VA|IK|") << QByteArray();
-        QTest::newRow("list to the end") << QByteArray("A1http://h/a.mp3\nhttp://h/b.mp3")
-                                         << QByteArray("A1http://h/a.mp3\nhttp://h/b.mp3|") << QByteArray();
-        QTest::newRow("stop behind a list")
-            << QByteArray("A1http://h/a.mp3A5") << QByteArray("A1http://h/a.mp3|A5|") << QByteArray();
-        QTest::newRow("suffix, then stop")
-            << QByteArray("ASh/a.mp3AA5") << QByteArray("ASh/a.mp3A|A5|") << QByteArray();
-        QTest::newRow("suffix, then play") << QByteArray("ASh/a.mp3BA1h/b.mp3V\x01")
-                                           << QByteArray("ASh/a.mp3B|A1h/b.mp3|V\x01|") << QByteArray();
-        QTest::newRow("text, then keep-alive")
-            << QByteArray("Xhello OKOK") << QByteArray("Xhello |OKOK|") << QByteArray();
-        QTest::newRow("task number") << QByteArray("AD12AE7") << QByteArray("AD12|AE7|") << QByteArray();
-        QTest::newRow("cut in two") << QByteArray("IKK\x7f\0", 5) << QByteArray("IK|")
-                                    << QByteArray("K\x7f\0", 3);
-        QTest::newRow("alarm state") << QByteArray("GET_BAOJINGEEG01") << QByteArray("GET_BAOJINGEE|G01|")
-                                     << QByteArray();
-        QTest::newRow("unknown") << QByteArray("zzz") << QByteArray("zzz|") << QByteArray();
+        const Table<QByteArray, QByteArray, QByteArray> row{"read", "expected", "rest"};
+        row("one", "A5", "A5|", {});
+        row("keep-alives around", "OKOKV\x14OKOKJXXXXX", "OKOK|V\x14|OKOK|JXXXXX|", {});
+        row("volume byte that is a command letter", "VAIK", "VA|IK|", {});
+        row("list to the end", "A1http://h/a.mp3\nhttp://h/b.mp3", "A1http://h/a.mp3\nhttp://h/b.mp3|", {});
+        row("stop behind a list", "A1http://h/a.mp3A5", "A1http://h/a.mp3|A5|", {});
+        row("suffix, then stop", "ASh/a.mp3AA5", "ASh/a.mp3A|A5|", {});
+        row("suffix, then play", "ASh/a.mp3BA1h/b.mp3V\x01", "ASh/a.mp3B|A1h/b.mp3|V\x01|", {});
+        row("text, then keep-alive", "Xhello OKOK", "Xhello |OKOK|", {});
+        row("task number", "AD12AE7", "AD12|AE7|", {});
+        row("cut in two", QByteArray("IKK\x7f\0", 5), "IK|", QByteArray("K\x7f\0", 3));
+        row("alarm state", "GET_BAOJINGEEG01", "GET_BAOJINGEE|G01|", {});
+        row("unknown", "zzz", "zzz|", {});
     }
+
     void splitsReads() {
         QFETCH(QByteArray, read);
         QByteArray rest;
@@ -108,26 +99,18 @@ private slots:
     }
 
     void bindings_data() {
-        QTest::addColumn<QByteArray>("entry");
-        QTest::addColumn<QString>("line");
-        QTest::addColumn<QString>("address");
-        QTest::newRow("file") << QByteArray("http://h/mp3/fire.mp3B") << "B"
-                              << "http://h/mp3/fire.mp3";
-        QTest::newRow("plan") << QByteArray("http://h/user/startwarning?pltid=3&dd.mp3F") << "F"
-                              << "http://h/user/startwarning?pltid=3&dd.mp3";
-        QTest::newRow("clear") << QByteArray("B_NONE.mp3") << "B"
-                               << "";
-        QTest::newRow("play, not bind") << QByteArray("http://h/a.mp3A") << ""
-                                        << "";
-        QTest::newRow("shell line without blanks")
-            << QByteArray(
-                   "wget-qO-\"http://h/user/fucktext?t=http://h/Startwaringtask.php?taskid=4\">line1&&")
-            << "line1"
-            << "http://h/Startwaringtask.php?taskid=4";
-        QTest::newRow("shell line removed")
-            << QByteArray("wget -qO- \"http://h/user/fucktext?t=\" && rm line1  &&") << "line1"
-            << "";
+        const Table<QByteArray, QString, QString> row{"entry", "line", "address"};
+        row("file", "http://h/mp3/fire.mp3B", "B", "http://h/mp3/fire.mp3");
+        row("plan", "http://h/user/startwarning?pltid=3&dd.mp3F", "F",
+            "http://h/user/startwarning?pltid=3&dd.mp3");
+        row("clear", "B_NONE.mp3", "B", "");
+        row("play, not bind", "http://h/a.mp3A", "", "");
+        row("shell line without blanks",
+            "wget-qO-\"http://h/user/fucktext?t=http://h/Startwaringtask.php?taskid=4\">line1&&", "line1",
+            "http://h/Startwaringtask.php?taskid=4");
+        row("shell line removed", "wget -qO- \"http://h/user/fucktext?t=\" && rm line1  &&", "line1", "");
     }
+
     void bindings() {
         QFETCH(QByteArray, entry);
         const sim::Binding binding = sim::parseBinding(entry);
@@ -248,11 +231,12 @@ private slots:
     }
 
     void programRefusesNonsense_data() {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::newRow("short serial") << QStringList{"--first-sn", "12"};
-        QTest::newRow("no port") << QStringList{"--server", "127.0.0.1"};
-        QTest::newRow("no speakers") << QStringList{"--count", "0"};
+        const Table<QStringList> row{"arguments"};
+        row("short serial", QStringList{"--first-sn", "12"});
+        row("no port", QStringList{"--server", "127.0.0.1"});
+        row("no speakers", QStringList{"--count", "0"});
     }
+
     void programRefusesNonsense() {
         QFETCH(QStringList, arguments);
         QProcess program;
@@ -264,8 +248,8 @@ private slots:
 
     void countsSerialsOn() {
         const QByteArray first = QByteArray::fromHex("000000000000000000000000000000ff");
-        QCOMPARE(sim::serialAt(first, 1).toHex(), QByteArray("00000000000000000000000000000100"));
-        QCOMPARE(sim::serialAt(first, 0x10101).toHex(), QByteArray("00000000000000000000000000010200"));
+        QCOMPARE(sim::serialAt(first, 1).toHex(), "00000000000000000000000000000100");
+        QCOMPARE(sim::serialAt(first, 0x10101).toHex(), "00000000000000000000000000010200");
     }
 };
 

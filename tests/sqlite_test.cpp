@@ -6,21 +6,141 @@
 #include <QJsonDocument>
 #include <QTemporaryDir>
 
+static std::unique_ptr<sqlite> open(int kind) {
+    auto db = std::make_unique<sqlite>(QString(), 0, QString(), QString(), QString(), kind);
+    db->init();
+    return db;
+}
+
 class SqliteTest : public QObject {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
-    void schemaScriptCanRunTwice();
-    void rowsComeBackTyped();
-    void textNumbersCompare();
-    void refusedStatementIsNotSent();
-    void transactions();
-    void failingScriptLeavesNothing();
-    void deviceTimesFollowChanges();
-    void otherThreadsHaveTheirOwnConnection();
-    void unknownKindIsNotReady();
+    void initTestCase() {
+        QVERIFY(QDir::setCurrent(m_directory.path()));
+        const auto db = open(3);
+        QFile script(QStringLiteral(":/etc/ttys/sqlite3main.sql"));
+        QVERIFY(script.open(QIODevice::ReadOnly));
+        m_script = QString::fromUtf8(script.readAll());
+    }
+
+    void init() {
+        m_db = open(3);
+        QVERIFY(m_db->get_is_aready());
+        QVERIFY(m_db->runScript(m_script) >= 3);
+    }
+
+    void cleanup() { m_db.reset(); }
+
+    void schemaScriptCanRunTwice() {
+        m_db->get_rizhi(1, 2, 3, QStringLiteral("x"));
+        QVERIFY(m_db->runScript(m_script) >= 3);
+        QCOMPARE(count("rizhi"), 0);
+        QCOMPARE(count("sbox_node where id = 1"), 1);
+        QCOMPARE(count("swap_info where type = 'info'"), 1);
+        QCOMPARE(count("xieyi_mod where id = 1"), 1);
+        QVERIFY(QFile::exists(QStringLiteral(".Elvor.db")));
+    }
+
+    void rowsComeBackTyped() {
+        const QString name = QStringLiteral("三年级 🔔");
+        const SqlResult inserted =
+            m_db->run(QStringLiteral("INSERT INTO `task` (`userid`, `task_name`) VALUES ('@u', '@name')"),
+                      {{QStringLiteral("@u"), 5}, {QStringLiteral("@name"), name}});
+        QVERIFY2(inserted.ok, qPrintable(inserted.error));
+        QCOMPARE(inserted.affected, 1);
+        QCOMPARE(inserted.lastId, 1);
+        const SqlResult rows = m_db->run(QStringLiteral("SELECT id, userid, task_name, fileids FROM task"));
+        QCOMPARE(
+            QJsonDocument(rows.objects()).toJson(QJsonDocument::Compact),
+            QStringLiteral(R"([{"fileids":null,"id":1,"task_name":"%1","userid":5}])").arg(name).toUtf8());
+        QCOMPARE(rows.text(0, "task_name"), name);
+        QVERIFY(!rows.value(0, "nothing").isValid());
+        QVERIFY(!rows.value(1, "id").isValid());
+        QVERIFY(!m_db->run(QStringLiteral("SELECT nothing FROM task")).ok);
+    }
+
+    void textNumbersCompare() {
+        QVERIFY(m_db->exec(QStringLiteral("INSERT INTO taskpop (`status`, `kind`) VALUES ('11', 2)")));
+        QVERIFY(m_db->exec(QStringLiteral("INSERT INTO task (`start_time`, `len`) VALUES ('3600', '')")));
+        QCOMPARE(count("taskpop where `status` = '11' and kind = '2' and `status` != 0"), 1);
+        QCOMPARE(count("task where start_time = '3600' and enable != 0"), 1);
+        QCOMPARE(count("task where start_time = '03600'"), 1);
+    }
+
+    void refusedStatementIsNotSent() {
+        const SqlResult result =
+            m_db->run(QStringLiteral("INSERT INTO rizhi (`info`) VALUES ('@info')"),
+                      {{QStringLiteral("@info"), QStringLiteral("x'); DELETE FROM sbox_node; --")}});
+        QVERIFY(!result.ok);
+        QVERIFY(!result.error.isEmpty());
+        QVERIFY(result.sql.contains(QStringLiteral("DELETE FROM")));
+        QCOMPARE(count("rizhi"), 0);
+        QCOMPARE(count("sbox_node"), 1);
+    }
+
+    void transactions() {
+        const auto add = [this] {
+            return m_db->exec(QStringLiteral("INSERT INTO fei (`fei`) VALUES ('1')"));
+        };
+        QVERIFY(m_db->transaction([&] { return add() && add(); }));
+        QVERIFY(!m_db->transaction([&] { return add() && false; }));
+        QVERIFY(m_db->transaction([] { return true; }));
+        QCOMPARE(count("fei"), 2);
+    }
+
+    void failingScriptLeavesNothing() {
+        QCOMPARE(m_db->runScript(QStringLiteral("DELETE FROM sbox_node; CREATE TABLE t (a); nonsense;")), -1);
+        QCOMPARE(count("sbox_node"), 1);
+        QVERIFY(!m_db->exec(QStringLiteral("SELECT * FROM t")));
+    }
+
+    void deviceTimesFollowChanges() {
+        QVERIFY(m_db->exec(
+            QStringLiteral("INSERT INTO sbox_device_info (`device_seed`, `updatetime`, `changetime`) "
+                           "VALUES ('ab', '2000-01-01 00:00:00', '2000-01-01 00:00:00')")));
+        QVERIFY(!m_db->exec(QStringLiteral("INSERT INTO sbox_device_info (`device_seed`) VALUES ('ab')")));
+        const SqlResult changed = m_db->run(
+            QStringLiteral("UPDATE `sbox_device_info` SET `vol` = '9' WHERE (`device_seed` = 'ab' ) ;"));
+        QCOMPARE(changed.affected, 1);
+        QCOMPARE(count("sbox_device_info where updatetime > '2001' and changetime > '2001'"), 1);
+    }
+
+    void otherThreadsHaveTheirOwnConnection() {
+        m_db->site.preurl = QStringLiteral("http://x/");
+        QVERIFY(m_db->transaction([this] {
+            // A reader in another thread is not held up by the open write transaction.
+            const bool written = m_db->exec(QStringLiteral("INSERT INTO fei (`fei`) VALUES ('1')"));
+            auto reader = std::async(std::launch::async, [this] {
+                const auto own = m_db->forThread();
+                return own->site.preurl +
+                       QString::number(own->run(QStringLiteral("SELECT id FROM fei")).rows.size());
+            });
+            return written && reader.get() == QStringLiteral("http://x/0");
+        }));
+        constexpr int Threads = 4;
+        constexpr int RowsEach = 50;
+        std::vector<std::future<int>> writers;
+        writers.reserve(Threads);
+        for (int i = 0; i < Threads; ++i) {
+            writers.push_back(std::async(std::launch::async, [this] {
+                const auto own = m_db->forThread();
+                int written = 0;
+                for (int row = 0; row < RowsEach; ++row)
+                    written += own->run(QStringLiteral("INSERT INTO fei (`fei`) VALUES ('2')")).affected;
+                return written;
+            }));
+        }
+        for (auto& writer : writers)
+            QCOMPARE(writer.get(), RowsEach);
+        QCOMPARE(count("fei"), 1 + Threads * RowsEach);
+    }
+
+    void unknownKindIsNotReady() {
+        const auto db = open(2);
+        QVERIFY(!db->get_is_aready());
+        QVERIFY(!db->run(QStringLiteral("SELECT 1")).ok);
+        QVERIFY(!db->exec(QStringLiteral("SELECT 1")));
+    }
 
 private:
     int count(const char* table);
@@ -29,142 +149,8 @@ private:
     QString m_script;
 };
 
-static std::unique_ptr<sqlite> open(int kind) {
-    auto db = std::make_unique<sqlite>(QString(), 0, QString(), QString(), QString(), kind);
-    db->init();
-    return db;
-}
-
 int SqliteTest::count(const char* table) {
     return m_db->run(QStringLiteral("SELECT count(*) AS n FROM ") + QLatin1String(table)).integer(0, "n");
-}
-
-void SqliteTest::initTestCase() {
-    QVERIFY(QDir::setCurrent(m_directory.path()));
-    const auto db = open(3);
-    QFile script(QStringLiteral(":/etc/ttys/sqlite3main.sql"));
-    QVERIFY(script.open(QIODevice::ReadOnly));
-    m_script = QString::fromUtf8(script.readAll());
-}
-
-void SqliteTest::init() {
-    m_db = open(3);
-    QVERIFY(m_db->get_is_aready());
-    QVERIFY(m_db->runScript(m_script) >= 3);
-}
-
-void SqliteTest::cleanup() {
-    m_db.reset();
-}
-
-void SqliteTest::schemaScriptCanRunTwice() {
-    m_db->get_rizhi(1, 2, 3, QStringLiteral("x"));
-    QVERIFY(m_db->runScript(m_script) >= 3);
-    QCOMPARE(count("rizhi"), 0);
-    QCOMPARE(count("sbox_node where id = 1"), 1);
-    QCOMPARE(count("swap_info where type = 'info'"), 1);
-    QCOMPARE(count("xieyi_mod where id = 1"), 1);
-    QVERIFY(QFile::exists(QStringLiteral(".Elvor.db")));
-}
-
-void SqliteTest::rowsComeBackTyped() {
-    const QString name = QStringLiteral("三年级 🔔");
-    const SqlResult inserted =
-        m_db->run(QStringLiteral("INSERT INTO `task` (`userid`, `task_name`) VALUES ('@u', '@name')"),
-                  {{QStringLiteral("@u"), 5}, {QStringLiteral("@name"), name}});
-    QVERIFY2(inserted.ok, qPrintable(inserted.error));
-    QCOMPARE(inserted.affected, 1);
-    QCOMPARE(inserted.lastId, 1);
-    const SqlResult rows = m_db->run(QStringLiteral("SELECT id, userid, task_name, fileids FROM task"));
-    QCOMPARE(QJsonDocument(rows.objects()).toJson(QJsonDocument::Compact),
-             QStringLiteral(R"([{"fileids":null,"id":1,"task_name":"%1","userid":5}])").arg(name).toUtf8());
-    QCOMPARE(rows.text(0, "task_name"), name);
-    QVERIFY(!rows.value(0, "nothing").isValid());
-    QVERIFY(!rows.value(1, "id").isValid());
-    QVERIFY(!m_db->run(QStringLiteral("SELECT nothing FROM task")).ok);
-}
-
-void SqliteTest::textNumbersCompare() {
-    QVERIFY(m_db->exec(QStringLiteral("INSERT INTO taskpop (`status`, `kind`) VALUES ('11', 2)")));
-    QVERIFY(m_db->exec(QStringLiteral("INSERT INTO task (`start_time`, `len`) VALUES ('3600', '')")));
-    QCOMPARE(count("taskpop where `status` = '11' and kind = '2' and `status` != 0"), 1);
-    QCOMPARE(count("task where start_time = '3600' and enable != 0"), 1);
-    QCOMPARE(count("task where start_time = '03600'"), 1);
-}
-
-void SqliteTest::refusedStatementIsNotSent() {
-    const SqlResult result =
-        m_db->run(QStringLiteral("INSERT INTO rizhi (`info`) VALUES ('@info')"),
-                  {{QStringLiteral("@info"), QStringLiteral("x'); DELETE FROM sbox_node; --")}});
-    QVERIFY(!result.ok);
-    QVERIFY(!result.error.isEmpty());
-    QVERIFY(result.sql.contains(QStringLiteral("DELETE FROM")));
-    QCOMPARE(count("rizhi"), 0);
-    QCOMPARE(count("sbox_node"), 1);
-}
-
-void SqliteTest::transactions() {
-    const auto add = [this] {
-        return m_db->exec(QStringLiteral("INSERT INTO fei (`fei`) VALUES ('1')"));
-    };
-    QVERIFY(m_db->transaction([&] { return add() && add(); }));
-    QVERIFY(!m_db->transaction([&] { return add() && false; }));
-    QVERIFY(m_db->transaction([] { return true; }));
-    QCOMPARE(count("fei"), 2);
-}
-
-void SqliteTest::failingScriptLeavesNothing() {
-    QCOMPARE(m_db->runScript(QStringLiteral("DELETE FROM sbox_node; CREATE TABLE t (a); nonsense;")), -1);
-    QCOMPARE(count("sbox_node"), 1);
-    QVERIFY(!m_db->exec(QStringLiteral("SELECT * FROM t")));
-}
-
-void SqliteTest::deviceTimesFollowChanges() {
-    QVERIFY(
-        m_db->exec(QStringLiteral("INSERT INTO sbox_device_info (`device_seed`, `updatetime`, `changetime`) "
-                                  "VALUES ('ab', '2000-01-01 00:00:00', '2000-01-01 00:00:00')")));
-    QVERIFY(!m_db->exec(QStringLiteral("INSERT INTO sbox_device_info (`device_seed`) VALUES ('ab')")));
-    const SqlResult changed = m_db->run(
-        QStringLiteral("UPDATE `sbox_device_info` SET `vol` = '9' WHERE (`device_seed` = 'ab' ) ;"));
-    QCOMPARE(changed.affected, 1);
-    QCOMPARE(count("sbox_device_info where updatetime > '2001' and changetime > '2001'"), 1);
-}
-
-void SqliteTest::otherThreadsHaveTheirOwnConnection() {
-    m_db->site.preurl = QStringLiteral("http://x/");
-    QVERIFY(m_db->transaction([this] {
-        // A reader in another thread is not held up by the open write transaction.
-        const bool written = m_db->exec(QStringLiteral("INSERT INTO fei (`fei`) VALUES ('1')"));
-        auto reader = std::async(std::launch::async, [this] {
-            const auto own = m_db->forThread();
-            return own->site.preurl +
-                   QString::number(own->run(QStringLiteral("SELECT id FROM fei")).rows.size());
-        });
-        return written && reader.get() == QStringLiteral("http://x/0");
-    }));
-    constexpr int Threads = 4;
-    constexpr int RowsEach = 50;
-    std::vector<std::future<int>> writers;
-    writers.reserve(Threads);
-    for (int i = 0; i < Threads; ++i) {
-        writers.push_back(std::async(std::launch::async, [this] {
-            const auto own = m_db->forThread();
-            int written = 0;
-            for (int row = 0; row < RowsEach; ++row)
-                written += own->run(QStringLiteral("INSERT INTO fei (`fei`) VALUES ('2')")).affected;
-            return written;
-        }));
-    }
-    for (auto& writer : writers)
-        QCOMPARE(writer.get(), RowsEach);
-    QCOMPARE(count("fei"), 1 + Threads * RowsEach);
-}
-
-void SqliteTest::unknownKindIsNotReady() {
-    const auto db = open(2);
-    QVERIFY(!db->get_is_aready());
-    QVERIFY(!db->run(QStringLiteral("SELECT 1")).ok);
-    QVERIFY(!db->exec(QStringLiteral("SELECT 1")));
 }
 
 int main(int argc, char** argv) {

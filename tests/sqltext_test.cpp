@@ -1,109 +1,96 @@
 #include "core/sqlscript.h"
 #include "core/sqltext.h"
+#include "support/table.h"
 #include "support/testmain.h"
 
 Q_DECLARE_METATYPE(SqlArgs)
-
-class SqlTextTest : public QObject {
-    Q_OBJECT
-private slots:
-    void fills_data();
-    void fills();
-    void refuses_data();
-    void refuses();
-    void splitsScripts_data();
-    void splitsScripts();
-};
 
 static SqlArg arg(const char* name, const char* text) {
     return {QLatin1String(name), QString::fromUtf8(text)};
 }
 
-void SqlTextTest::fills_data() {
-    QTest::addColumn<QString>("statement");
-    QTest::addColumn<SqlArgs>("args");
-    QTest::addColumn<QString>("expected");
-    const auto row = [](const char* tag, const char* statement, const SqlArgs& args, const char* expected) {
-        QTest::newRow(tag) << QString::fromUtf8(statement) << args << QString::fromUtf8(expected);
-    };
-    const QString ids = QStringLiteral("@ids");
-    row("longest placeholder first", "('@userid', '@userid_seed')",
-        {SqlArg(QStringLiteral("@userid"), 7), arg("@userid_seed", "7ab")}, "('7', '7ab')");
-    row("a value is never searched", "('@a', '@b')", {arg("@a", "@b"), arg("@b", "x")}, "('@b', 'x')");
-    row("a value's tail joins no placeholder", "('@a@b')", {arg("@a", "@"), arg("@b", "x")}, "('@x')");
-    row("every occurrence", "@n,'@n',@n", {SqlArg(QStringLiteral("@n"), -3)}, "-3,'-3',-3");
-    row("case counts", "'@Name'", {arg("@Name", "x"), arg("@name", "y")}, "'x'");
-    row("dollar placeholders", "('$user_id', '$name')",
-        {SqlArg(QStringLiteral("$user_id"), 1), arg("$name", "a")}, "('1', 'a')");
-    row("a marker without a sign", " `len` = 'DQQQlen' ,", {arg("DQQQlen", "30")}, " `len` = '30' ,");
-    row("integers outside of quotes", "in ( @ids )", {SqlArg(ids, QList<qint64>{1, 22})}, "in ( 1,22 )");
-    row("no integers outside of quotes", "in ( @ids )", {SqlArg(ids, QList<qint64>{})}, "in ( NULL )");
-    row("no integers in quotes", "'@ids'", {SqlArg(ids, QList<qint64>{})}, "''");
-    row("serials", "in  ( '@insn' )",
-        {SqlArg(QStringLiteral("@insn"), QStringList{QStringLiteral("a1"), QStringLiteral("b2")})},
-        "in  ( 'a1', 'b2' )");
-    row("other text in double quotes", "date(\"now\",\"localtime\") '@a'", {arg("@a", "é🔔\"`;--")},
-        "date(\"now\",\"localtime\") 'é🔔\"`;--'");
-    row("doubled quote in the template", "'it''s @a'", {arg("@a", "x")}, "'it''s x'");
-}
+class SqlTextTest : public QObject {
+    Q_OBJECT
+private slots:
+    void fills_data() {
+        const Table<QString, SqlArgs, QString> row{"statement", "args", "expected"};
+        const QString ids = QStringLiteral("@ids");
+        row("longest placeholder first", "('@userid', '@userid_seed')",
+            {SqlArg(QStringLiteral("@userid"), 7), arg("@userid_seed", "7ab")}, "('7', '7ab')");
+        row("a value is never searched", "('@a', '@b')", {arg("@a", "@b"), arg("@b", "x")}, "('@b', 'x')");
+        row("a value's tail joins no placeholder", "('@a@b')", {arg("@a", "@"), arg("@b", "x")}, "('@x')");
+        row("every occurrence", "@n,'@n',@n", {SqlArg(QStringLiteral("@n"), -3)}, "-3,'-3',-3");
+        row("case counts", "'@Name'", {arg("@Name", "x"), arg("@name", "y")}, "'x'");
+        row("dollar placeholders", "('$user_id', '$name')",
+            {SqlArg(QStringLiteral("$user_id"), 1), arg("$name", "a")}, "('1', 'a')");
+        row("a marker without a sign", " `len` = 'DQQQlen' ,", {arg("DQQQlen", "30")}, " `len` = '30' ,");
+        row("integers outside of quotes", "in ( @ids )", {SqlArg(ids, QList<qint64>{1, 22})}, "in ( 1,22 )");
+        row("no integers outside of quotes", "in ( @ids )", {SqlArg(ids, QList<qint64>{})}, "in ( NULL )");
+        row("no integers in quotes", "'@ids'", {SqlArg(ids, QList<qint64>{})}, "''");
+        row("serials", "in  ( '@insn' )",
+            {SqlArg(QStringLiteral("@insn"), QStringList{QStringLiteral("a1"), QStringLiteral("b2")})},
+            "in  ( 'a1', 'b2' )");
+        row("other text in double quotes", "date(\"now\",\"localtime\") '@a'", {arg("@a", "é🔔\"`;--")},
+            "date(\"now\",\"localtime\") 'é🔔\"`;--'");
+        row("doubled quote in the template", "'it''s @a'", {arg("@a", "x")}, "'it''s x'");
+    }
 
-void SqlTextTest::fills() {
-    QFETCH(QString, statement);
-    QFETCH(SqlArgs, args);
-    const SqlText filled = fillSql(statement, args, SqlDialect::Sqlite);
-    QVERIFY2(filled.ok, qPrintable(filled.error));
-    QTEST(filled.sql, "expected");
-}
+    void fills() {
+        QFETCH(QString, statement);
+        QFETCH(SqlArgs, args);
+        const SqlText filled = fillSql(statement, args, SqlDialect::Sqlite);
+        QVERIFY2(filled.ok, qPrintable(filled.error));
+        QTEST(filled.sql, "expected");
+    }
 
-void SqlTextTest::refuses_data() {
-    QTest::addColumn<QString>("statement");
-    QTest::addColumn<SqlArgs>("args");
-    QTest::addColumn<bool>("onSqlite"); // MySQL refuses every row
-    const auto row = [](const char* tag, const char* statement, const SqlArgs& args, bool onSqlite = true) {
-        QTest::newRow(tag) << QString::fromUtf8(statement) << args << onSqlite;
-    };
-    row("quote", "'@a'", {arg("@a", "x' or '1'='1")});
-    row("backslash", "'@a'", {arg("@a", "x\\")}, false);
-    row("NUL", "'@a'", {SqlArg(QStringLiteral("@a"), QString(QChar(u'\0')))});
-    row("text outside of quotes", "where id = @a", {arg("@a", "1 or 1")});
-    row("text in a name", "select `@a`", {arg("@a", "x")});
-    row("text in double quotes", "\"@a\"", {arg("@a", "x")});
-    row("text behind a doubled quote", "'a''' @a", {arg("@a", "x")});
-    row("placeholder without a value", "'@userid'", {arg("@useridx", "x")});
-    row("serials outside of quotes", "in (@insn)",
-        {SqlArg(QStringLiteral("@insn"), QStringList{QStringLiteral("a1")})});
-    for (const char* serial : {"", "a b", "a'b", "é"})
-        row(serial, "in ('@insn')",
-            {SqlArg(QStringLiteral("@insn"), QStringList{QStringLiteral("a1"), QString::fromUtf8(serial)})});
-}
+    void refuses_data() {
+        QTest::addColumn<QString>("statement");
+        QTest::addColumn<SqlArgs>("args");
+        QTest::addColumn<bool>("onSqlite"); // MySQL refuses every row
+        const auto row = [](const char* tag, const char* statement, const SqlArgs& args,
+                            bool onSqlite = true) {
+            QTest::newRow(tag) << QString::fromUtf8(statement) << args << onSqlite;
+        };
+        row("quote", "'@a'", {arg("@a", "x' or '1'='1")});
+        row("backslash", "'@a'", {arg("@a", "x\\")}, false);
+        row("NUL", "'@a'", {SqlArg(QStringLiteral("@a"), QString(QChar(u'\0')))});
+        row("text outside of quotes", "where id = @a", {arg("@a", "1 or 1")});
+        row("text in a name", "select `@a`", {arg("@a", "x")});
+        row("text in double quotes", "\"@a\"", {arg("@a", "x")});
+        row("text behind a doubled quote", "'a''' @a", {arg("@a", "x")});
+        row("placeholder without a value", "'@userid'", {arg("@useridx", "x")});
+        row("serials outside of quotes", "in (@insn)",
+            {SqlArg(QStringLiteral("@insn"), QStringList{QStringLiteral("a1")})});
+        for (const char* serial : {"", "a b", "a'b", "é"})
+            row(serial, "in ('@insn')",
+                {SqlArg(QStringLiteral("@insn"),
+                        QStringList{QStringLiteral("a1"), QString::fromUtf8(serial)})});
+    }
 
-void SqlTextTest::refuses() {
-    QFETCH(QString, statement);
-    QFETCH(SqlArgs, args);
-    QFETCH(bool, onSqlite);
-    QCOMPARE(fillSql(statement, args, SqlDialect::Sqlite).ok, !onSqlite);
-    QVERIFY(!fillSql(statement, args, SqlDialect::Mysql).ok);
-}
+    void refuses() {
+        QFETCH(QString, statement);
+        QFETCH(SqlArgs, args);
+        QFETCH(bool, onSqlite);
+        QCOMPARE(fillSql(statement, args, SqlDialect::Sqlite).ok, !onSqlite);
+        QVERIFY(!fillSql(statement, args, SqlDialect::Mysql).ok);
+    }
 
-void SqlTextTest::splitsScripts_data() {
-    QTest::addColumn<QString>("script");
-    QTest::addColumn<QStringList>("expected");
-    const auto row = [](const char* tag, const char* script, const QStringList& expected) {
-        QTest::newRow(tag) << QString::fromUtf8(script) << expected;
-    };
-    row("empty", " ;; -- only\n", {});
-    row("no last semicolon", "a;b", {QStringLiteral("a"), QStringLiteral("b")});
-    row("quotes", "x ';' \";\" `;` 'it'';s';y",
-        {QStringLiteral("x ';' \";\" `;` 'it'';s'"), QStringLiteral("y")});
-    row("comments", "-- a;\nx /* ; */ y;/*/;*/z", {QStringLiteral("x   y"), QStringLiteral("z")});
-    row("trigger", "CREATE TRIGGER t BEGIN u; v; END;w",
-        {QStringLiteral("CREATE TRIGGER t BEGIN u; v; END"), QStringLiteral("w")});
-}
+    void splitsScripts_data() {
+        const Table<QString, QStringList> row{"script", "expected"};
+        row("empty", " ;; -- only\n", {});
+        row("no last semicolon", "a;b", {QStringLiteral("a"), QStringLiteral("b")});
+        row("quotes", "x ';' \";\" `;` 'it'';s';y",
+            {QStringLiteral("x ';' \";\" `;` 'it'';s'"), QStringLiteral("y")});
+        row("comments", "-- a;\nx /* ; */ y;/*/;*/z", {QStringLiteral("x   y"), QStringLiteral("z")});
+        row("trigger", "CREATE TRIGGER t BEGIN u; v; END;w",
+            {QStringLiteral("CREATE TRIGGER t BEGIN u; v; END"), QStringLiteral("w")});
+    }
 
-void SqlTextTest::splitsScripts() {
-    QFETCH(QString, script);
-    QTEST(splitSqlScript(script, SqlDialect::Sqlite), "expected");
-}
+    void splitsScripts() {
+        QFETCH(QString, script);
+        QTEST(splitSqlScript(script, SqlDialect::Sqlite), "expected");
+    }
+};
 
 int main(int argc, char** argv) {
     return runTest<SqlTextTest>(argc, argv);

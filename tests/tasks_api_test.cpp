@@ -1,6 +1,7 @@
 // The endpoints for tasks, plans and temporary plays, with and without a task queue behind them.
 #include "support/mariadb.h"
 #include "support/service.h"
+#include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
 
@@ -104,25 +105,22 @@ QString id(int number) {
 class TasksApiTest : public QObject {
     Q_OBJECT
 private slots:
-    void initTestCase_data() {
-        QTest::addColumn<int>("kind");
-        QTest::newRow("kind 0") << 0;
-        QTest::newRow("kind 1") << 1;
-        QTest::newRow("kind 3") << 3;
-    }
+    void initTestCase_data() { addKinds({0, 1, 3}); }
     void init() {
         QFETCH_GLOBAL(int, kind);
         if (!m_sites[kind])
             m_sites[kind] = std::make_unique<Site>(kind);
         m_site = m_sites[kind].get();
     }
+
     void cleanupTestCase() { m_sites.clear(); }
 
     void refusals_data() {
-        QTest::addColumn<int>("index");
+        const Table<int> row{"index"};
         for (size_t i = 0; i < Endpoints.size(); ++i)
-            QTest::newRow(Endpoints[i].path) << static_cast<int>(i);
+            row(Endpoints[i].path, static_cast<int>(i));
     }
+
     void refusals() {
         QFETCH(int, index);
         const Endpoint& endpoint = Endpoints[static_cast<size_t>(index)];
@@ -172,6 +170,7 @@ private slots:
         row("/user/tmpstartpl", "snids", "3", "ER_REJECT"); // another account's speaker
         row("/user/tmpstartpl", "fileids", "99", "ER_REJECT");
     }
+
     void badValues() {
         QFETCH(QString, path);
         QFETCH(QString, name);

@@ -2,6 +2,7 @@
 // is killed or the clock changes.
 #include "support/mariadb.h"
 #include "support/service.h"
+#include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
 #include "tools/simfleet.h"
@@ -37,6 +38,7 @@ struct School {
     HttpReply call(const char* path, const HttpParams& params) {
         return service.http().postForm(path, account.params(params));
     }
+
     /// A task for all speakers at a local time.
     int addTask(const QString& startTime, const HttpParams& more = {}) {
         const HttpReply reply = call("/user/add_task", HttpParams{{"snids", "1|2"},
@@ -52,6 +54,7 @@ struct School {
             .value(0)["statu"]
             .toInt();
     }
+
     /// Every speaker has been told this often.
     bool told(sim::Op op, int times) {
         for (int i = 0; i < fleet->size(); ++i) {
@@ -74,7 +77,7 @@ QString inSeconds(int seconds) {
 class TasksServiceTest : public QObject {
     Q_OBJECT
 private slots:
-    void bellRingsAndStops_data() { kinds(); }
+    void bellRingsAndStops_data() { addKinds({3, 1}); }
     void bellRingsAndStops() {
         QFETCH(int, kind);
         School school(ofKind(kind));
@@ -132,7 +135,7 @@ private slots:
         QCOMPARE(school.statu(task), 0);
     }
 
-    void speakersStateAndServicePeriod_data() { kinds(); }
+    void speakersStateAndServicePeriod_data() { addKinds({3, 1}); }
     void speakersStateAndServicePeriod() {
         QFETCH(int, kind);
         School school(ofKind(kind));
@@ -179,11 +182,6 @@ private slots:
     }
 
 private:
-    static void kinds() {
-        QTest::addColumn<int>("kind");
-        QTest::newRow("kind 3") << 3;
-        QTest::newRow("kind 1") << 1;
-    }
     ServiceOptions ofKind(int kind) {
         ServiceOptions options;
         options.kind = kind;

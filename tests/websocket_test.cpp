@@ -1,4 +1,5 @@
 #include "support/service.h"
+#include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
 #include "tools/simfleet.h"
@@ -34,18 +35,126 @@ struct Client {
 class WebSocketTest : public QObject {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void refusals_data();
-    void refusals();
-    void sameAnswersAsOverHttp();
-    void answersKeepTheOrderOfRequests();
-    void playsOnSpeakers();
-    void mediaAddress();
-    void tooLongOrBinary_data();
-    void tooLongOrBinary();
-    void tooManyWaiting();
-    void connectionsAreBounded();
-    void endsWhileRequestsRun();
+    void initTestCase() {
+        ServiceOptions options;
+        options.settings = {{"wbport", m_port}, {"Meida_ip", "192.0.2.7"}, {"Meida_port", 8123}};
+        m_service = std::make_unique<Service>(options);
+        QVERIFY(m_service->start());
+        m_account = m_service->addAccount("front");
+    }
+
+    void refusals_data() {
+        const Table<QString, QString> row{"message", "info"};
+        row("no JSON", "hello", "uni_error2");
+        row("array", "[1]", "uni_error2");
+        row("empty object", "{}", "uni_error1");
+        row("path is no text", "{\"path\":7}", "uni_error1");
+        row("no endpoint", "{\"path\":\"/index.html\"}", "path_error");
+        row("unknown account", "{\"path\":\"/user/listdev\",\"id\":\"999\",\"token\":\"x\"}", "_FALSE5");
+        row("wrong token", "{\"path\":\"/user/listdev\",\"id\":\"1\",\"token\":\"\"}", "_FALSE6");
+    }
+
+    void refusals() {
+        QFETCH(QString, message);
+        Client client(m_port);
+        client.socket.sendTextMessage(message);
+        QVERIFY(waitFor([&] { return !client.answers.isEmpty(); }));
+        QTEST(QJsonDocument::fromJson(client.answers[0].toUtf8())["info"].toString(), "info");
+    }
+
+    void sameAnswersAsOverHttp() {
+        Client client(m_port);
+        for (const QString path :
+             {"/user/listdev", "/user/listgroups", "/user/list_task", "/user/uploadfile", "/user/none"})
+            QCOMPARE(client.ask(withToken({{"path", path}})),
+                     m_service->http().postForm(path, m_account.params()).json());
+    }
+
+    void answersKeepTheOrderOfRequests() {
+        Client client(m_port);
+        const QString worked = R"({"path":"/user/listdev","id":"1","token":"x"})";
+        QStringList expected;
+        for (int i = 0; i < 20; ++i) {
+            client.socket.sendTextMessage(i % 2 ? "{}" : worked);
+            expected << (i % 2 ? "uni_error1" : "_FALSE6");
+        }
+        QVERIFY(waitFor([&] { return client.answers.size() == 20; }));
+        QStringList got;
+        for (const QString& answer : client.answers)
+            got << QJsonDocument::fromJson(answer.toUtf8())["info"].toString();
+        QCOMPARE(got, expected);
+    }
+
+    void playsOnSpeakers() {
+        sim::SpeakerOptions options;
+        options.serial = QByteArray::fromHex("b0000000000000000000000000000001");
+        options.port = m_service->devicePort();
+        sim::Speaker speaker(options);
+        speaker.start();
+        QVERIFY(waitFor([&] { return speaker.isOnline(); }));
+        m_service->giveSpeakers(m_account, {speaker.sn()});
+        Client client(m_port);
+        const auto answer = client.ask(withToken(
+            {{"path", "/user/urlplay"}, {"url", "http://127.0.0.1/x.mp3"}, {"snlist", speaker.sn()}}));
+        QVERIFY2(answer["res"].toBool(), QJsonDocument(answer).toJson());
+        QVERIFY(waitFor([&] { return speaker.count(sim::Op::PlayList) == 1; }));
+    }
+
+    void mediaAddress() {
+        Client client(m_port);
+        const auto answer = client.ask(withToken({{"path", "/media"}}));
+        QCOMPARE(answer["ip"], "192.0.2.7");
+        QCOMPARE(answer["port"], 8123);
+        QCOMPARE(client.ask({{"path", "/media"}, {"id", "1"}, {"token", "x"}})["res"], false);
+    }
+
+    void tooLongOrBinary_data() {
+        const Table<bool, int> row{"binary", "closeCode"};
+        row("too long", false, int(QWebSocketProtocol::CloseCodeTooMuchData));
+        row("binary", true, int(QWebSocketProtocol::CloseCodeDatatypeNotSupported));
+    }
+
+    void tooLongOrBinary() {
+        QFETCH(bool, binary);
+        Client client(m_port);
+        if (binary)
+            client.socket.sendBinaryMessage("{}");
+        else
+            client.socket.sendTextMessage(QString(1024 * 1024 + 1, 'x'));
+        QVERIFY(waitFor([&] { return client.closeCode != 0; }));
+        QTEST(client.closeCode, "closeCode");
+    }
+
+    void tooManyWaiting() {
+        Client client(m_port);
+        const QString slow = QJsonDocument(withToken({{"path", "/user/listdev"}})).toJson();
+        for (int i = 0; i < 2000; ++i)
+            client.socket.sendTextMessage(slow);
+        QVERIFY(waitFor([&] { return client.closeCode == QWebSocketProtocol::CloseCodePolicyViolated; }));
+    }
+
+    /// More than may be at once: those that never finish their handshake count too.
+    void connectionsAreBounded() {
+        std::vector<std::unique_ptr<QTcpSocket>> silent;
+        int closed = 0;
+        for (int i = 0; i < 520; ++i) {
+            silent.push_back(std::make_unique<QTcpSocket>());
+            connect(silent.back().get(), &QTcpSocket::disconnected, this, [&] { ++closed; });
+            silent.back()->connectToHost("127.0.0.1", m_port);
+        }
+        QVERIFY(waitFor([&] { return closed >= 8; }));
+        silent.clear();
+        QVERIFY(waitFor([&] { return Client(m_port).ask({})["info"] == "uni_error1"; }));
+    }
+
+    void endsWhileRequestsRun() {
+        Client client(m_port);
+        const QString request = QJsonDocument(withToken({{"path", "/user/olist"}})).toJson();
+        for (int i = 0; i < 40; ++i)
+            client.socket.sendTextMessage(request);
+        QVERIFY(waitFor([&] { return !client.answers.isEmpty(); }));
+        QCOMPARE(m_service->stop(), 0);
+    }
 
 private:
     QJsonObject withToken(QJsonObject request) const {
@@ -57,136 +166,6 @@ private:
     std::unique_ptr<Service> m_service;
     Account m_account;
 };
-
-void WebSocketTest::initTestCase() {
-    ServiceOptions options;
-    options.settings = {{"wbport", m_port}, {"Meida_ip", "192.0.2.7"}, {"Meida_port", 8123}};
-    m_service = std::make_unique<Service>(options);
-    QVERIFY(m_service->start());
-    m_account = m_service->addAccount("front");
-}
-
-void WebSocketTest::refusals_data() {
-    QTest::addColumn<QString>("message");
-    QTest::addColumn<QString>("info");
-    QTest::newRow("no JSON") << "hello"
-                             << "uni_error2";
-    QTest::newRow("array") << "[1]"
-                           << "uni_error2";
-    QTest::newRow("empty object") << "{}"
-                                  << "uni_error1";
-    QTest::newRow("path is no text") << "{\"path\":7}"
-                                     << "uni_error1";
-    QTest::newRow("no endpoint") << "{\"path\":\"/index.html\"}"
-                                 << "path_error";
-    QTest::newRow("unknown account") << "{\"path\":\"/user/listdev\",\"id\":\"999\",\"token\":\"x\"}"
-                                     << "_FALSE5";
-    QTest::newRow("wrong token") << "{\"path\":\"/user/listdev\",\"id\":\"1\",\"token\":\"\"}"
-                                 << "_FALSE6";
-}
-
-void WebSocketTest::refusals() {
-    QFETCH(QString, message);
-    Client client(m_port);
-    client.socket.sendTextMessage(message);
-    QVERIFY(waitFor([&] { return !client.answers.isEmpty(); }));
-    QTEST(QJsonDocument::fromJson(client.answers[0].toUtf8())["info"].toString(), "info");
-}
-
-void WebSocketTest::sameAnswersAsOverHttp() {
-    Client client(m_port);
-    for (const QString path :
-         {"/user/listdev", "/user/listgroups", "/user/list_task", "/user/uploadfile", "/user/none"})
-        QCOMPARE(client.ask(withToken({{"path", path}})),
-                 m_service->http().postForm(path, m_account.params()).json());
-}
-
-void WebSocketTest::answersKeepTheOrderOfRequests() {
-    Client client(m_port);
-    const QString worked = R"({"path":"/user/listdev","id":"1","token":"x"})";
-    QStringList expected;
-    for (int i = 0; i < 20; ++i) {
-        client.socket.sendTextMessage(i % 2 ? "{}" : worked);
-        expected << (i % 2 ? "uni_error1" : "_FALSE6");
-    }
-    QVERIFY(waitFor([&] { return client.answers.size() == 20; }));
-    QStringList got;
-    for (const QString& answer : client.answers)
-        got << QJsonDocument::fromJson(answer.toUtf8())["info"].toString();
-    QCOMPARE(got, expected);
-}
-
-void WebSocketTest::playsOnSpeakers() {
-    sim::SpeakerOptions options;
-    options.serial = QByteArray::fromHex("b0000000000000000000000000000001");
-    options.port = m_service->devicePort();
-    sim::Speaker speaker(options);
-    speaker.start();
-    QVERIFY(waitFor([&] { return speaker.isOnline(); }));
-    m_service->giveSpeakers(m_account, {speaker.sn()});
-    Client client(m_port);
-    const auto answer = client.ask(
-        withToken({{"path", "/user/urlplay"}, {"url", "http://127.0.0.1/x.mp3"}, {"snlist", speaker.sn()}}));
-    QVERIFY2(answer["res"].toBool(), QJsonDocument(answer).toJson());
-    QVERIFY(waitFor([&] { return speaker.count(sim::Op::PlayList) == 1; }));
-}
-
-void WebSocketTest::mediaAddress() {
-    Client client(m_port);
-    const auto answer = client.ask(withToken({{"path", "/media"}}));
-    QCOMPARE(answer["ip"], "192.0.2.7");
-    QCOMPARE(answer["port"], 8123);
-    QCOMPARE(client.ask({{"path", "/media"}, {"id", "1"}, {"token", "x"}})["res"], false);
-}
-
-void WebSocketTest::tooLongOrBinary_data() {
-    QTest::addColumn<bool>("binary");
-    QTest::addColumn<int>("closeCode");
-    QTest::newRow("too long") << false << int(QWebSocketProtocol::CloseCodeTooMuchData);
-    QTest::newRow("binary") << true << int(QWebSocketProtocol::CloseCodeDatatypeNotSupported);
-}
-
-void WebSocketTest::tooLongOrBinary() {
-    QFETCH(bool, binary);
-    Client client(m_port);
-    if (binary)
-        client.socket.sendBinaryMessage("{}");
-    else
-        client.socket.sendTextMessage(QString(1024 * 1024 + 1, 'x'));
-    QVERIFY(waitFor([&] { return client.closeCode != 0; }));
-    QTEST(client.closeCode, "closeCode");
-}
-
-void WebSocketTest::tooManyWaiting() {
-    Client client(m_port);
-    const QString slow = QJsonDocument(withToken({{"path", "/user/listdev"}})).toJson();
-    for (int i = 0; i < 2000; ++i)
-        client.socket.sendTextMessage(slow);
-    QVERIFY(waitFor([&] { return client.closeCode == QWebSocketProtocol::CloseCodePolicyViolated; }));
-}
-
-/// More than may be at once: those that never finish their handshake count too.
-void WebSocketTest::connectionsAreBounded() {
-    std::vector<std::unique_ptr<QTcpSocket>> silent;
-    int closed = 0;
-    for (int i = 0; i < 520; ++i) {
-        silent.push_back(std::make_unique<QTcpSocket>());
-        connect(silent.back().get(), &QTcpSocket::disconnected, this, [&] { ++closed; });
-        silent.back()->connectToHost("127.0.0.1", m_port);
-    }
-    QVERIFY(waitFor([&] { return closed >= 8; }));
-    silent.clear();
-    QVERIFY(waitFor([&] { return Client(m_port).ask({})["info"] == "uni_error1"; }));
-}
-
-void WebSocketTest::endsWhileRequestsRun() {
-    Client client(m_port);
-    const QString request = QJsonDocument(withToken({{"path", "/user/olist"}})).toJson();
-    for (int i = 0; i < 40; ++i)
-        client.socket.sendTextMessage(request);
-    QVERIFY(waitFor([&] { return !client.answers.isEmpty(); }));
-    QCOMPARE(m_service->stop(), 0);
-}
 
 int main(int argc, char** argv) {
     return runTest<WebSocketTest>(argc, argv);

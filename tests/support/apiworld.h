@@ -14,9 +14,6 @@ public:
     static QString bell() { return QString(32, 'b'); }
     static QString horn() { return QString(32, 'c'); }
 
-    /// The database kinds, as rows of a test's data with the column "kind".
-    static QList<int> kinds() { return {0, 3, 1}; }
-
     static ApiWorld& of(int kind) {
         auto& world = worlds()[kind];
         if (!world)

@@ -8,6 +8,7 @@
 #include <QNetworkAccessManager>
 #include <QPair>
 #include <QString>
+#include <QUrlQuery>
 
 struct HttpReply {
     int status = 0; ///< 0: no answer
@@ -21,6 +22,11 @@ struct HttpReply {
 };
 
 using HttpParams = QList<QPair<QString, QString>>;
+
+/// Parameters from "name=value&name=value".
+inline HttpParams form(const QString& text) {
+    return QUrlQuery(text).queryItems(QUrl::FullyDecoded);
+}
 
 /// Blocking HTTP client over the event loop of the caller's thread, so that simulated speakers go on
 /// meanwhile. One request, one answer; no redirects, no proxy.
