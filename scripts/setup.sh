@@ -8,12 +8,12 @@ packages=(
   # to build
   g++ cmake ninja-build pkg-config qtbase5-dev libqt5websockets5-dev libmicrohttpd-dev libmpg123-dev
   # to run
-  libqt5sql5-sqlite libqt5sql5-mysql lame ffmpeg espeak-ng nodejs
+  libqt5sql5-sqlite libqt5sql5-mysql lame ffmpeg espeak-ng nodejs npm ca-certificates
   # for the show
   sox sqlite3 curl jq
 )
 if [ "${1:-run}" = test ]; then
-  packages+=(redis-server mariadb-server npm faketime)
+  packages+=(redis-server mariadb-server faketime)
 fi
 
 has() {
@@ -54,9 +54,12 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 # What the outside programs need; only what their lock file names.
-if [ -f programs/package-lock.json ] && command -v npm >/dev/null; then
-  if ! cmp -s programs/package-lock.json programs/node_modules/.installed-lock; then
-    (cd programs && npm ci --silent --no-audit --no-fund </dev/null)
-    cp programs/package-lock.json programs/node_modules/.installed-lock
-  fi
+if ! cmp -s programs/package-lock.json programs/node_modules/.installed-lock; then
+  echo "Installing the modules of programs/find.js"
+  (cd programs && npm ci --silent --no-audit --no-fund </dev/null) || {
+    echo "Could not install them; without them there is no MySQL. \"npm ci\" in programs/ tells why." >&2
+    [ "${1:-run}" = run ] && exit 0
+    exit 1
+  }
+  cp programs/package-lock.json programs/node_modules/.installed-lock
 fi
