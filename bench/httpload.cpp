@@ -117,17 +117,20 @@ public:
         const auto end = begin + time;
         auto nextApi = begin;
         long done = 0; // readers served, over all steps
+        const auto serve = [&](Clock::time_point until) {
+            for (const auto due = (until - begin) * m_options.readers / Step; done < due; ++done)
+                read(m_readers[static_cast<std::size_t>(done % m_options.readers)]);
+        };
         while (Clock::now() < end) {
             const auto now = Clock::now();
-            const auto due = (now - begin) * m_options.readers / Step;
-            for (; done < due; ++done)
-                read(m_readers[static_cast<std::size_t>(done % m_options.readers)]);
+            serve(now);
             if (m_api >= 0 && now >= nextApi && !m_apiWaits) {
                 sendApi();
                 nextApi += ApiInterval;
             }
             waitForApi(1);
         }
+        serve(end); // all have had as many steps
         m_measured = time;
     }
 
