@@ -32,6 +32,8 @@ constexpr int IndexBytes = 8;
 constexpr char Mark[] = "SPKR";
 constexpr char Heartbeat[] = "HELL"; // between packets, by speakerd
 constexpr auto WarmUp = 3s;
+/// icecast2 listens with a queue of 5; a connection that finds it full comes again after a second.
+constexpr auto IcecastPause = 10ms;
 
 /// Every packet begins with a mark and its number, in decimal digits; the rest is filler.
 std::string packet(int index) {
@@ -128,10 +130,10 @@ public:
         close(m_epoll);
     }
 
-    /// `greeting` is sent on each connection; `pull`, when not empty, after each read. `tick` is
-    /// called after each connection.
+    /// `greeting` is sent on each connection; `pull`, when not empty, after each read. `tick` is called after
+    /// each connection, which the next one follows after `pause`.
     void connect(std::uint16_t port, const std::function<std::string(int)>& greeting, std::string pull,
-                 const std::function<void()>& tick) {
+                 const std::function<void()>& tick, std::chrono::milliseconds pause) {
         m_pull = std::move(pull);
         for (std::size_t i = 0; i < m_listeners.size(); ++i) {
             m_listeners[i].fd = connectLoopback(port, static_cast<int>(i));
@@ -141,6 +143,7 @@ public:
             event.data.u64 = i;
             epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_listeners[i].fd, &event);
             pump(0, tick);
+            listen(Clock::now() + pause, tick);
         }
     }
 
@@ -214,8 +217,9 @@ int speakers(pid_t server, std::uint16_t devicePort, std::uint16_t commandPort, 
     for (const int control : controls)
         readAnswer(control); // the request for device information: registered
     Audience audience(count);
-    audience.connect(static_cast<std::uint16_t>(devicePort + 2), [&](int i) { return wire.greeting(i); },
-                     "12345", {});
+    audience.connect(
+        static_cast<std::uint16_t>(devicePort + 2), [&](int i) { return wire.greeting(i); }, "12345", {},
+        0ms);
     audience.listen(Clock::now() + 2s, {});
     audience.pullAll();
     const int controller = connectLoopback(commandPort, 0);
@@ -260,7 +264,7 @@ int listeners(pid_t server, std::uint16_t port, int count, int seconds) {
     feed();
     Audience audience(count);
     audience.connect(
-        port, [](int) { return std::string("GET /live HTTP/1.0\r\n\r\n"); }, {}, feed);
+        port, [](int) { return std::string("GET /live HTTP/1.0\r\n\r\n"); }, {}, feed, IcecastPause);
     audience.listen(Clock::now() + WarmUp, feed);
     audience.record.begin();
     const double before = cpuMilliseconds(server);
