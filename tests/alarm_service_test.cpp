@@ -1,8 +1,6 @@
-#include "support/service.h"
+#include "support/speakers.h"
 #include "support/testmain.h"
-#include "support/waitfor.h"
 #include "tools/mgpackager.h"
-#include "tools/simfleet.h"
 
 #include <QJsonArray>
 
@@ -15,12 +13,7 @@ private slots:
         options.files = {{"bell.mg", m_bell}, {"fire.mg", m_fire}, {"long.mg", m_long}};
         m_service = std::make_unique<Service>(options);
         QVERIFY(m_service->start());
-        sim::SpeakerOptions first;
-        first.serial = QByteArray::fromHex("c0000000000000000000000000000001");
-        first.port = m_service->devicePort();
-        m_fleet = std::make_unique<sim::Fleet>(first, 5);
-        m_fleet->start();
-        QVERIFY(waitFor([&] { return m_fleet->online() == 5; }));
+        m_fleet = onlineFleet(speakersAt(*m_service), 5);
     }
 
     void cleanupTestCase() {

@@ -1,8 +1,6 @@
-#include "tests/support/service.h"
+#include "tests/support/speakers.h"
 #include "tests/support/table.h"
 #include "tests/support/testmain.h"
-#include "tests/support/waitfor.h"
-#include "tools/simfleet.h"
 
 #include <QtTest>
 
@@ -20,12 +18,7 @@ private slots:
         m_service = std::make_unique<Service>(options);
         QVERIFY(m_service->start());
         m_admin = m_service->addAccount("admin", "pass&word");
-        sim::SpeakerOptions speakers;
-        speakers.serial = QByteArray(15, '\x41') + '\x01';
-        speakers.port = m_service->devicePort();
-        m_fleet = std::make_unique<sim::Fleet>(speakers, 3);
-        m_fleet->start();
-        QVERIFY(waitFor([&] { return m_fleet->online() == 3; }));
+        m_fleet = onlineFleet(speakersAt(*m_service), 3);
         m_service->giveSpeakers(m_admin, m_fleet->serials());
     }
 
@@ -46,7 +39,7 @@ private slots:
         QVERIFY(speaker(0).fire("B"));
         QVERIFY(waitFor([&] { return hasFetched(1, "alarm.mp3") && hasFetched(2, "alarm.mp3"); }));
 
-        const QJsonArray bound = post("/user/wfilelistrg", {}).json().value("filelist").toArray();
+        const QJsonArray bound = post("/user/wfilelistrg", {})["filelist"].toArray();
         QCOMPARE(bound.size(), 1);
         QCOMPARE(bound[0]["filename"].toString(), "fire");
         const QString id = QString::number(bound[0]["id"].toInt());
@@ -60,15 +53,12 @@ private slots:
         const auto row = m_service->sql("SELECT * FROM warregister");
         QCOMPARE(row.size(), 1); // the line has one binding, however often it is bound
         const QString newId = row.first().value("id").toString();
-        QCOMPARE(post("/user/wfileunrg", {{"sn", serials[0]}, {"fb", "B"}, {"rgid", newId}})
-                     .json()
-                     .value("EF")
-                     .toInt(),
+        QCOMPARE(post("/user/wfileunrg", {{"sn", serials[0]}, {"fb", "B"}, {"rgid", newId}})["EF"].toInt(),
                  1);
         QVERIFY(waitFor([&] { return speaker(0).alarmLines().isEmpty(); }));
         QCOMPARE(m_service->sql("SELECT * FROM warregister").size(), 0);
         QCOMPARE(post("/user/wplantrm", {{"pltid", plan}}).info(), "done");
-        QCOMPARE(post("/user/wplantlist", {}).json().value("plantlist").toArray().size(), 0);
+        QCOMPARE(post("/user/wplantlist", {})["plantlist"].toArray().size(), 0);
     }
 
     void aLinePlaysItsFile() {
@@ -181,7 +171,7 @@ private:
     QString makePlan(const QString& url, const QStringList& serials) {
         const HttpReply plan =
             post("/user/wplantadd", {{"url", url}, {"plantname", "fire"}, {"snlist", serials.join('|')}});
-        return QString::number(plan.json().value("pltid").toInt());
+        return QString::number(plan["pltid"].toInt());
     }
     int makeTask();
 
@@ -203,9 +193,7 @@ int AlarmLinesTest::makeTask() {
                                    {"start_time", "3:0:0"},
                                    {"task_name", "alarm"},
                                    {"len", "60"},
-                                   {"kind", "1"}})
-        .json()
-        .value("taskid")
+                                   {"kind", "1"}})["taskid"]
         .toInt();
 }
 

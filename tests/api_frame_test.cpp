@@ -1,9 +1,8 @@
 // The frame around the endpoints, accounts and tokens, and the commands that reach the speakers.
 #include "support/apiworld.h"
+#include "support/speakers.h"
 #include "support/table.h"
 #include "support/testmain.h"
-#include "support/waitfor.h"
-#include "tools/simfleet.h"
 
 Q_DECLARE_METATYPE(sim::Op)
 
@@ -87,9 +86,8 @@ private slots:
 
     void readsUniApp() {
         QFETCH(QByteArray, body);
-        QFETCH(QByteArray, answer);
         HttpClient& http = ApiWorld::of(3).service.http();
-        QCOMPARE(http.postUniapp("/user/listdev", body).body, answer);
+        QTEST(http.postUniapp("/user/listdev", body).body, "answer");
         // Only the exact header makes it one of these requests.
         QCOMPARE(http.request("POST", "/user/listdev", body, {{"from-header", "UniApp"}}).info(), "Paruser");
     }
@@ -116,15 +114,15 @@ private slots:
         const HttpReply checked = http.postForm("/checkuser.php", login);
         QCOMPARE(checked.json().keys().join(' '),
                  "beizhu ctime info mask master_id nickname res token user_level userid");
-        QCOMPARE(checked.json()["userid"].toInt(), user.id);
+        QCOMPARE(checked["userid"].toInt(), user.id);
 
         // A token carries the second in which it was issued.
         HttpReply issued;
         QVERIFY(waitFor([&] {
             issued = http.postForm("/user/gtoken", login);
-            return issued.json()["token"].toString() != user.token;
+            return issued["token"].toString() != user.token;
         }));
-        const QString token = issued.json()["token"].toString();
+        const QString token = issued["token"].toString();
         QVERIFY(QRegularExpression("^[0-9a-f]{40}$").match(token).hasMatch());
         QVERIFY(holds(issued, R"({"res":true,"info":"SUC","master_id":0})"));
         QCOMPARE(world.cell(QString("SELECT `token` FROM `sbox_users` WHERE `id` = %1").arg(user.id)), token);
@@ -174,8 +172,8 @@ private slots:
         QCOMPARE(world.cell("SELECT `master_id` FROM `sbox_users` WHERE `user_name` = 'carol'").toInt(),
                  world.alice.id);
         QVERIFY(world.service.http()
-                    .postForm("/user/listdev", {{"id", QString::number(added.json()["userid"].toInt())},
-                                                {"token", added.json()["token"].toString()}})
+                    .postForm("/user/listdev", {{"id", QString::number(added["userid"].toInt())},
+                                                {"token", added["token"].toString()}})
                     .res());
     }
 
@@ -196,7 +194,7 @@ private slots:
         small.addAccount("dora");
         const HttpReply reset = small.http().postForm("/user/dbreset", params);
         QVERIFY(reset.res());
-        QVERIFY(reset.json()["info"].isDouble());
+        QVERIFY(reset["info"].isDouble());
         QVERIFY(small.sql("SELECT * FROM `sbox_users`").isEmpty());
         QCOMPARE(small.sql("SELECT * FROM `sbox_node`").size(), 1);
         QCOMPARE(small.addAccount("dora").id, 1);
@@ -273,7 +271,7 @@ private slots:
                           R"({"info":"_FALSE6","code":-2})"));
             const HttpReply refused = post(world.alice.params(form(c.bad)));
             QCOMPARE(refused.info(), QString(c.word));
-            QCOMPARE(refused.json()["code"].toInt(), c.code);
+            QCOMPARE(refused["code"].toInt(), c.code);
         }
         for (const char* path : {"/user/deviceenable", "/user/devicedisable"}) {
             const auto post = [&](const HttpParams& params) {
@@ -313,11 +311,7 @@ private:
 
 sim::Fleet& ApiFrameTest::fleet() {
     if (!m_fleet) {
-        sim::SpeakerOptions options;
-        options.serial = QByteArray::fromHex(QByteArray(32, '7'));
-        options.port = ApiWorld::of(3).service.devicePort();
-        m_fleet = std::make_unique<sim::Fleet>(options, 2);
-        m_fleet->start();
+        m_fleet = onlineFleet(speakersAt(ApiWorld::of(3).service), 2);
     }
     if (!waitFor([this] { return m_fleet->online() == 2; }))
         qFatal("speakers not online");

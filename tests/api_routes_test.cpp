@@ -1,9 +1,8 @@
 // Devices, groups and payments: what each path asks for, answers and changes; on every database kind.
 #include "support/apiworld.h"
+#include "support/speakers.h"
 #include "support/table.h"
 #include "support/testmain.h"
-#include "support/waitfor.h"
-#include "tools/simspeaker.h"
 
 namespace {
 
@@ -75,12 +74,9 @@ private slots:
 
     void refusesAndServes() {
         QFETCH(QString, params);
-        QFETCH(QString, missingWord);
         QFETCH(QString, foreign);
-        QFETCH(QString, foreignWord);
         QFETCH(QByteArray, reply);
         QFETCH(QString, check);
-        QFETCH(QString, expected);
         QFETCH_GLOBAL(int, kind);
         const QString path = QTest::currentDataTag();
         if (kind == 0 && path == "/user/deviceadd")
@@ -94,18 +90,18 @@ private slots:
         };
 
         for (int i = 0; i < good.size(); ++i)
-            QCOMPARE(post(without(good, i)).info(), missingWord);
+            QTEST(post(without(good, i)).info(), "missingWord");
         QVERIFY(holds(post(replaced(good, {{"id", "99999"}})), unknownUser));
         QVERIFY(holds(post(replaced(good, {{"id", "x"}})), unknownUser));
         QVERIFY(holds(post(replaced(good, {{"token", world.bob.token}})), wrongToken));
         QVERIFY(holds(post(replaced(good, {{"token", ""}})), wrongToken));
         if (!foreign.isEmpty())
-            QCOMPARE(post(replaced(good, form(foreign))).info(), foreignWord);
+            QTEST(post(replaced(good, form(foreign))).info(), "foreignWord");
         QCOMPARE(world.snapshot(), before);
 
         QVERIFY(holds(post(good), reply));
         if (!check.isEmpty())
-            QCOMPARE(world.cell(check), expected);
+            QTEST(world.cell(check), "expected");
         else
             QCOMPARE(world.snapshot(), before);
     }
@@ -128,23 +124,17 @@ private slots:
             {QString(32, 'd') + "|" + QString(32, 'e'), "_FALSE1", QString(32, 'e')},
         };
         for (const auto& c : cases) {
-            const HttpReply add = world.service.http().postForm(
-                "/user/deviceadd", world.alice.params({{"sn", c.sn}, {"name", "n"}}));
+            const HttpReply add = asAlice("/user/deviceadd", "name=n&sn=" + c.sn);
             if (kind == 0) {
                 QCOMPARE(add.info(), "no Need to add device on lite mode.");
             } else {
                 QCOMPARE(add.info(), QString(c.word));
-                QCOMPARE(add.json().value("sn").toString(), c.refused);
+                QCOMPARE(add["sn"].toString(), c.refused);
             }
-            if (!c.sn.contains('|')) {
-                const HttpReply change = world.service.http().postForm(
-                    "/user/resn", world.alice.params({{"devid", "11"}, {"newsn", c.sn}}));
-                QCOMPARE(change.info(), QString(c.word));
-            }
+            if (!c.sn.contains('|'))
+                QCOMPARE(asAlice("/user/resn", "devid=11&newsn=" + c.sn).info(), QString(c.word));
         }
-        const HttpReply taken = world.service.http().postForm(
-            "/user/resn", world.alice.params({{"devid", "11"}, {"newsn", world.horn()}}));
-        QCOMPARE(taken.info(), "ER_EXE");
+        QCOMPARE(asAlice("/user/resn", "devid=11&newsn=" + world.horn()).info(), "ER_EXE");
         QCOMPARE(world.snapshot(), before);
     }
 
@@ -154,9 +144,7 @@ private slots:
             return;
         ApiWorld& world = this->world();
         const auto add = [&](const QString& sn, const QString& kindOfDevice, const QString& name = "n") {
-            return world.service.http().postForm(
-                "/user/deviceadd",
-                world.alice.params({{"sn", sn}, {"name", name}, {"device_kind", kindOfDevice}}));
+            return asAlice("/user/deviceadd", "sn=" + sn + "&name=" + name + "&device_kind=" + kindOfDevice);
         };
         const QString before = world.snapshot();
         QCOMPARE(add(QString(32, '1') + '|' + world.horn(), "0").info(), "ER_EXE");
@@ -171,9 +159,7 @@ private slots:
 
     void listsDevicesAndGroups() {
         ApiWorld& world = this->world();
-        HttpClient& http = world.service.http();
-        const QJsonArray devices =
-            http.postForm("/user/listdev", world.alice.params()).json()["devlist"].toArray();
+        const QJsonArray devices = asAlice("/user/listdev")["devlist"].toArray();
         QCOMPARE(devices.size(), 2);
         const QJsonObject lamp = devices[0].toObject();
         QCOMPARE(lamp["device_seed"].toString(), world.lamp());
@@ -182,22 +168,18 @@ private slots:
         QCOMPARE(lamp["regTime"], lamp["ctime"]);
         QVERIFY(!lamp["updatetime"].toString().isEmpty());
 
-        const QJsonArray groups =
-            http.postForm("/user/listgroups", world.alice.params()).json()["grouplist"].toArray();
+        const QJsonArray groups = asAlice("/user/listgroups")["grouplist"].toArray();
         QCOMPARE(groups.size(), 1);
         QCOMPARE(groups[0]["group_name"].toString(), "group 31");
-        const QJsonValue group =
-            http.postForm("/user/listdetailgroups", world.alice.params()).json()["grouplist"].toArray()[0];
+        const QJsonValue group = asAlice("/user/listdetailgroups")["grouplist"].toArray()[0];
         QCOMPARE(group["group_name"].toString(), "group 31");
         QCOMPARE(group["idlist"].toArray(), QJsonArray{11});
         QCOMPARE(group["members"][0]["Dname"].toString(), "device 11");
         QVERIFY(!group["members"][0]["changetime"].toString().isEmpty());
-        const QJsonArray members = http.postForm("/user/getonegdevs", world.alice.params({{"gid", "31"}}))
-                                       .json()["devsary"]
-                                       .toArray();
+        const QJsonArray members = asAlice("/user/getonegdevs", "gid=31")["devsary"].toArray();
         QCOMPARE(members.size(), 1);
         QCOMPARE(members[0]["id"].toInt(), 11);
-        QVERIFY(http.postForm("/user/editgdevs", world.alice.params({{"gid", "31"}, {"devids", ""}})).res());
+        QVERIFY(asAlice("/user/editgdevs", "gid=31&devids=").res());
         QCOMPARE(world.cell("SELECT `gid` FROM `group_seed`"), "41");
     }
 
@@ -205,26 +187,20 @@ private slots:
         ApiWorld& world = this->world();
         const QString sn(32, 'd'); // of no other test: the service goes on writing what it knows of it
         world.service.giveSpeakers(world.alice, {sn});
-        sim::SpeakerOptions options;
-        options.serial = QByteArray::fromHex(sn.toLatin1());
-        options.port = world.service.devicePort();
-        sim::Speaker speaker(options);
-        speaker.start();
-        QVERIFY(waitFor([&] { return speaker.isOnline(); }));
+        const auto speaker = onlineFleet(speakersAt(world.service, sn.toLatin1()), 1);
         HttpClient& http = world.service.http();
         const auto listed = [&] {
-            return http.postForm("/user/olist", {}).json()["devlist"].toArray();
+            return http.postForm("/user/olist", {})["devlist"].toArray();
         };
         QVERIFY(waitFor([&] { return listed().size() == 1; }));
         const QJsonObject live = listed()[0].toObject();
         QCOMPARE(live["seed"].toString(), sn);
         QCOMPARE(live.keys().join(' '), "debug seed status vol voltage");
-        const QJsonArray devices =
-            http.postForm("/user/listdev", world.alice.params()).json()["devlist"].toArray();
+        const QJsonArray devices = asAlice("/user/listdev")["devlist"].toArray();
         QCOMPARE(devices.size(), 3);
         for (const QJsonValue& device : devices)
             QCOMPARE(device["online"].toBool(), device["device_seed"].toString() == sn);
-        speaker.stop();
+        speaker->stop();
         QVERIFY(waitFor([&] { return listed().isEmpty(); }));
     }
 
@@ -234,16 +210,16 @@ private slots:
         const HttpParams login{{"username", "alice"}, {"passwd", "secret"}};
         const struct {
             const char* path;
-            const char* list;
-            int devices;
-            bool alsoGet;
+            const char* list = "devlist";
+            int devices = 2;
+            bool alsoGet = false;
         } cases[] = {
             {"/get_devicelistweb.php", "dataJson", 2, true},
-            {"/user/get_user_info.php", "devlist", 2, false},
-            {"/get_user_info.php", "devlist", 2, false},
-            {"/user/get_user_infokvt.php", "devlist", 1, false},
-            {"/get_user_infokvt.php", "devlist", 1, false},
-            {"/get_user_infoh.php", "devlist", 2, false},
+            {"/user/get_user_info.php"},
+            {"/get_user_info.php"},
+            {"/user/get_user_infokvt.php", "devlist", 1},
+            {"/get_user_infokvt.php", "devlist", 1},
+            {"/get_user_infoh.php"},
         };
         for (const auto& c : cases) {
             const QString query = QString("%1?username=alice&passwd=secret").arg(c.path);
@@ -251,42 +227,41 @@ private slots:
             QCOMPARE(http.get(query).body, c.alsoGet ? reply.body : QByteArray("GET"));
             QVERIFY(reply.res());
             QVERIFY(!reply.body.contains("secret") && !reply.body.contains("user_pass"));
-            QCOMPARE(reply.json()[c.list].toArray().size(), c.devices);
+            QCOMPARE(reply[c.list].toArray().size(), c.devices);
             if (c.alsoGet) {
-                QCOMPARE(reply.json().value(c.list)[0]["node_name"].toString(), "node1");
+                QCOMPARE(reply[c.list][0]["node_name"].toString(), "node1");
                 continue;
             }
-            QCOMPARE(reply.json().value("user")["id"].toInt(), world.alice.id);
-            QCOMPARE(reply.json().value("node")["id"].toInt(), 1);
+            QCOMPARE(reply["user"]["id"].toInt(), world.alice.id);
+            QCOMPARE(reply["node"]["id"].toInt(), 1);
             for (const HttpParams& bad : {without(login, 0), without(login, 1)})
                 QCOMPARE(http.postForm(c.path, bad).info(), "ParER");
             QCOMPARE(http.postForm(c.path, replaced(login, {{"passwd", "no"}})).info(), "ER_REJECT");
             QCOMPARE(http.postForm(c.path, replaced(login, {{"passwd", "' or '1' = '1"}})).info(), "ER_EXE");
         }
-        const QJsonArray groups = http.postForm("/get_user_infoh.php", login).json()["grouplist"].toArray();
+        const QJsonArray groups = http.postForm("/get_user_infoh.php", login)["grouplist"].toArray();
         QCOMPARE(groups[0]["members"][0]["seed"].toString(), world.lamp());
         QCOMPARE(http.postForm("/get_user_node.php", login).body, QByteArray());
     }
 
     void addsAlarmDevices() {
         ApiWorld& world = this->world();
-        const HttpParams good{{"username", "alice"},
-                              {"passwd", "secret"},
-                              {"name", "gate"},
-                              {"sed", "00000000000000000000000000000009"}};
+        const HttpParams good =
+            form("username=alice&passwd=secret&name=gate&sed=" + QString("9").rightJustified(32, '0'));
         for (const char* path : {"/add_user_devices_cross.php", "/user/add_user_devices_cross.php"}) {
             world.reset();
             const QString before = world.snapshot();
+            const auto add = [&](const HttpParams& params) {
+                return world.service.http().postForm(path, params);
+            };
             for (int i = 0; i < good.size(); ++i)
-                QCOMPARE(world.service.http().postForm(path, without(good, i)).info(), "ParER");
-            QCOMPARE(world.service.http().postForm(path, replaced(good, {{"passwd", "x"}})).info(),
-                     "ER_REJECT");
-            QCOMPARE(world.service.http().postForm(path, replaced(good, {{"sed", "x"}})).info(), "_FALSE3");
-            QCOMPARE(world.service.http().postForm(path, replaced(good, {{"sed", world.horn()}})).info(),
-                     "ER_EXE");
+                QCOMPARE(add(without(good, i)).info(), "ParER");
+            QCOMPARE(add(replaced(good, {{"passwd", "x"}})).info(), "ER_REJECT");
+            QCOMPARE(add(replaced(good, {{"sed", "x"}})).info(), "_FALSE3");
+            QCOMPARE(add(replaced(good, {{"sed", world.horn()}})).info(), "ER_EXE");
             QCOMPARE(world.snapshot(), before);
-            QVERIFY(world.service.http().postForm(path, good).res());
-            const QString key = QString::number(world.alice.id) + "00000000000000000000000000000009";
+            QVERIFY(add(good).res());
+            const QString key = QString::number(world.alice.id) + good[3].second;
             QCOMPARE(world.cell("SELECT `device_name` FROM `sbox_device_info` WHERE `iswarning` = 99 and "
                                 "`tag1` = 'tg1' and `userid_seed` = '" +
                                 key + "'"),
@@ -298,29 +273,27 @@ private slots:
         ApiWorld& world = this->world();
         HttpClient& http = world.service.http();
         const QString userid = QString::number(world.alice.id);
-        const HttpParams good{{"sn", world.lamp()},
-                              {"overtime", "2200-02-03"},
-                              {"userid", userid},
-                              {"fei", "99.5"},
-                              {"info", "one year"}};
+        const HttpParams good =
+            form("overtime=2200-02-03&fei=99.5&info=one year&sn=" + world.lamp() + "&userid=" + userid);
+        const auto pay = [&](const HttpParams& params) {
+            return http.postForm("/user/odds_fuckpay", params);
+        };
         const QString before = world.snapshot();
         for (int i = 0; i < good.size(); ++i)
-            QCOMPARE(http.postForm("/user/odds_fuckpay", without(good, i)).info(), "ParER");
-        QCOMPARE(http.postForm("/user/odds_fuckpay", replaced(good, {{"overtime", "soon"}})).info(), "ParER");
-        QCOMPARE(http.postForm("/user/odds_fuckpay", replaced(good, {{"info", "it's"}})).info(), "ER_EXE");
+            QCOMPARE(pay(without(good, i)).info(), "ParER");
+        QCOMPARE(pay(replaced(good, {{"overtime", "soon"}})).info(), "ParER");
+        QCOMPARE(pay(replaced(good, {{"info", "it's"}})).info(), "ER_EXE");
         QCOMPARE(world.snapshot(), before);
 
-        QVERIFY(holds(http.postForm("/user/odds_fuckpay", good), R"({"res":true,"EF":1})"));
-        QVERIFY(holds(
-            http.postForm("/user/odds_fuckpay", replaced(good, {{"sn", world.bell()}, {"info", "next"}})),
-            R"({"res":true,"EF":0})"));
-        const QJsonArray paid =
-            http.postForm("/user/seemyoder", {{"userid", userid}}).json()["data"].toArray();
+        QVERIFY(holds(pay(good), R"({"res":true,"EF":1})"));
+        QVERIFY(
+            holds(pay(replaced(good, {{"sn", world.bell()}, {"info", "next"}})), R"({"res":true,"EF":0})"));
+        const QJsonArray paid = http.postForm("/user/seemyoder", {{"userid", userid}})["data"].toArray();
         QCOMPARE(paid.size(), 2);
         QCOMPARE(paid[0]["info"].toString(), "next");
         QCOMPARE(paid[1]["fei"].toVariant().toDouble(), 99.5);
         const QJsonArray due =
-            http.postForm("/user/seemydaoqishebei", {{"userid", userid}}).json()["data"].toArray();
+            http.postForm("/user/seemydaoqishebei", {{"userid", userid}})["data"].toArray();
         QCOMPARE(due.size(), 1);
         QCOMPARE(due[0]["device_name"].toString(), "device 11");
         QCOMPARE(due[0]["overtime"].toString(), "2200-02-03");
@@ -335,13 +308,13 @@ private slots:
         options.settings["PayKey"] = "till";
         Service service(options);
         QVERIFY(service.start());
-        HttpParams params{
-            {"sn", "x"}, {"overtime", "2200-02-03"}, {"userid", "1"}, {"fei", "1"}, {"info", "i"}};
-        QCOMPARE(service.http().postForm("/user/odds_fuckpay", params).info(), "sskey_ER");
-        params.append(qMakePair(QString("sskey"), QString("wrong")));
-        QCOMPARE(service.http().postForm("/user/odds_fuckpay", params).info(), "sskey_ER");
-        params.last().second = "till";
-        QVERIFY(service.http().postForm("/user/odds_fuckpay", params).res());
+        const auto pay = [&](const QString& key) {
+            return service.http().postForm("/user/odds_fuckpay",
+                                           form("sn=x&overtime=2200-02-03&userid=1&fei=1&info=i" + key));
+        };
+        QCOMPARE(pay("").info(), "sskey_ER");
+        QCOMPARE(pay("&sskey=wrong").info(), "sskey_ER");
+        QVERIFY(pay("&sskey=till").res());
     }
 
     /// 10,000 devices in 200 groups are listed and put into a group whole.
@@ -369,19 +342,15 @@ private slots:
         world.service.sql("INSERT INTO `group_seed` (`gid`, `seed`, `userid`, `devid`) VALUES " +
                           members.join(','));
 
-        HttpClient& http = world.service.http();
-        QCOMPARE(http.postForm("/user/listdev", world.alice.params()).json()["devlist"].toArray().size(),
-                 devices + 2);
-        const QJsonArray listed =
-            http.postForm("/user/listdetailgroups", world.alice.params()).json()["grouplist"].toArray();
+        QCOMPARE(asAlice("/user/listdev")["devlist"].toArray().size(), devices + 2);
+        const QJsonArray listed = asAlice("/user/listdetailgroups")["grouplist"].toArray();
         QCOMPARE(listed.size(), 201);
         int total = 0;
         for (const QJsonValue& group : listed)
             total += group["members"].toArray().size();
         QCOMPARE(total, devices + 1);
-        const HttpReply edited =
-            http.postForm("/user/editgdevs", world.alice.params({{"gid", "31"}, {"devids", ids.join('|')}}));
-        QCOMPARE(edited.json()["info222"].toInt(), devices);
+        const HttpReply edited = asAlice("/user/editgdevs", "gid=31&devids=" + ids.join('|'));
+        QCOMPARE(edited["info222"].toInt(), devices);
         QCOMPARE(world.cell("SELECT COUNT(*) FROM `group_seed` WHERE `gid` = 31"), QString::number(devices));
     }
 
@@ -391,6 +360,11 @@ private:
         ApiWorld& world = ApiWorld::of(kind);
         world.reset();
         return world;
+    }
+    static HttpReply asAlice(const QString& path, const QString& params = {}) {
+        QFETCH_GLOBAL(int, kind);
+        ApiWorld& world = ApiWorld::of(kind);
+        return world.service.http().postForm(path, world.alice.params(form(params)));
     }
 };
 

@@ -17,10 +17,8 @@ bool make(const QString& program, const QStringList& arguments) {
 
 /// A tone made by sox; the format follows the file's suffix.
 bool tone(const QString& path, int rate, int channels, const QString& seconds) {
-    return make(QStringLiteral("sox"),
-                {QStringLiteral("-n"), QStringLiteral("-r"), QString::number(rate), QStringLiteral("-c"),
-                 QString::number(channels), path, QStringLiteral("synth"), seconds, QStringLiteral("sine"),
-                 QStringLiteral("440")});
+    return make("sox", {"-n", "-r", QString::number(rate), "-c", QString::number(channels), path, "synth",
+                        seconds, "sine", "440"});
 }
 
 } // namespace
@@ -127,7 +125,7 @@ private slots:
     }
 
     void stopsAProgramOverItsLimit() {
-        ProgramRun run{QStringLiteral("sleep"), {QStringLiteral("30")}, QDir::tempPath()};
+        ProgramRun run{"sleep", {"30"}, QDir::tempPath()};
         run.limit = std::chrono::milliseconds(300);
         QElapsedTimer clock;
         clock.start();
@@ -138,9 +136,7 @@ private slots:
     }
 
     void passesArgumentsWithoutAShell() {
-        const ProgramResult result = runProgram({QStringLiteral("printf"),
-                                                 {QStringLiteral("%s"), QStringLiteral("$(id); `id`")},
-                                                 QDir::tempPath()});
+        const ProgramResult result = runProgram({"printf", {"%s", "$(id); `id`"}, QDir::tempPath()});
         QVERIFY(result.ok());
         QCOMPARE(result.output, "$(id); `id`");
     }

@@ -266,7 +266,7 @@ private slots:
                 [&](HttpRequest& request, HttpResponse& response) {
                     gate.pass();
                     sqlite* own = request.database();
-                    response.write(own->run(QStringLiteral("SELECT 1 AS `one`")).text(0, "one").toUtf8());
+                    response.write(own->run("SELECT 1 AS `one`").text(0, "one").toUtf8());
                     const std::lock_guard lock(mutex);
                     seen.insert(own);
                 },

@@ -137,11 +137,10 @@ private slots:
     void parts() {
         QFETCH(QByteArray, range);
         QFETCH(int, status);
-        QFETCH(QByteArray, contentRange);
         QFETCH(QByteArray, body);
         const RawAnswer answer = get("/digits.txt", "Range: " + range + "\r\n");
         QCOMPARE(answer.status, status);
-        QCOMPARE(answer.headers.value("content-range"), contentRange);
+        QTEST(answer.headers.value("content-range"), "contentRange");
         QCOMPARE(answer.body, body);
     }
 

@@ -62,7 +62,6 @@ private slots:
     void multipart() {
         QFETCH(QByteArray, body);
         QFETCH(int, status);
-        QFETCH(QByteArray, parts);
         for (const int piece : {1, 2, 3, 7, 64, 100'000}) {
             Recorder recorder;
             MultipartParser parser("b", &recorder);
@@ -70,7 +69,7 @@ private slots:
             for (int at = 0; at < body.size() && result == 0; at += piece)
                 result = parser.feed(body.constData() + at, std::min(piece, body.size() - at));
             QCOMPARE(result, status);
-            QCOMPARE(recorder.text, parts);
+            QTEST(recorder.text, "parts");
             QCOMPARE(parser.isComplete(), status == 0);
         }
     }
@@ -89,8 +88,7 @@ private slots:
 
     void boundaries() {
         QFETCH(QByteArray, type);
-        QFETCH(QByteArray, boundary);
-        QCOMPARE(MultipartParser::boundaryOf(type), boundary);
+        QTEST(MultipartParser::boundaryOf(type), "boundary");
     }
 
     void templates_data() {
@@ -105,14 +103,13 @@ private slots:
 
     void templates() {
         QFETCH(QString, text);
-        QFETCH(QString, filled);
         Template page(text);
         page.setVariable("a", "1");
         page.setCondition("yes", true);
         page.setCondition("no", false);
         page.loop("l", {{{"x", "p"}}, {{"x", "q"}}});
         page.loop("e", {});
-        QCOMPARE(page.text(), filled);
+        QTEST(page.text(), "filled");
     }
 
     void templatesAreFoundByName() {

@@ -147,16 +147,6 @@ private slots:
         }
     }
 
-    void nothingAfterARefusalIsServed() {
-        const int before = m_served;
-        RawHttp client(m_server->port());
-        client.send("POST /api HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\nContent-Length: 6\r\n\r\nabcde"
-                    "GET /api HTTP/1.1\r\nHost: x\r\n\r\n");
-        QCOMPARE(client.receive().status, 400);
-        QVERIFY(client.drain());
-        QCOMPARE(m_served.load(), before);
-    }
-
     void oversizedIsRefusedAtOnce_data() {
         const Table<QByteArray, QByteArray> row{"head", "piece"};
         const QByteArray post = "POST /api HTTP/1.1\r\nHost: x\r\n";

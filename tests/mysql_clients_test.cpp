@@ -30,10 +30,8 @@ int useService(quint16 port, const Account& account, const QString& serial, std:
         const QString name = QString("%1 组 %2").arg(account.name).arg(groups);
         const bool added = http.postForm("/user/addgname", account.params({{"gname", name}})).res();
         groups += added ? 1 : 0;
-        const QJsonArray list =
-            http.postForm("/user/listgroups", account.params()).json().value("grouplist").toArray();
-        const QJsonArray devices =
-            http.postForm("/user/listdev", account.params()).json().value("devlist").toArray();
+        const QJsonArray list = http.postForm("/user/listgroups", account.params())["grouplist"].toArray();
+        const QJsonArray devices = http.postForm("/user/listdev", account.params())["devlist"].toArray();
         const bool right = added && list.size() == groups && list.last()["group_name"] == name &&
                            devices.size() == 1 && devices[0]["device_seed"] == serial;
         wrong += right ? 0 : 1;

@@ -1,29 +1,10 @@
 // Start, end and restart of the real service, and the ways it runs with less than it expects.
-#include "support/service.h"
+#include "support/speakers.h"
 #include "support/table.h"
 #include "support/testmain.h"
-#include "support/waitfor.h"
-#include "tools/simfleet.h"
 
 #include <csignal>
 #include <QTcpServer>
-
-namespace {
-
-sim::SpeakerOptions speakerOf(const Service& service) {
-    sim::SpeakerOptions options;
-    options.serial = QByteArray::fromHex("5eed0000000000000000000000000001");
-    options.port = service.devicePort();
-    options.player.speed = 10;
-    return options;
-}
-
-bool registers(sim::Speaker& speaker) {
-    speaker.start();
-    return waitFor([&] { return speaker.isOnline(); });
-}
-
-} // namespace
 
 class ServiceLifeTest : public QObject {
     Q_OBJECT
@@ -38,38 +19,35 @@ private slots:
         QFETCH(int, number);
         Service service;
         QVERIFY(service.start());
-        sim::Speaker speaker(speakerOf(service));
-        QVERIFY(registers(speaker));
+        const auto fleet = onlineFleet(speakersAt(service), 1);
         ::kill(pid_t(service.pid()), number);
         QCOMPARE(service.waitForEnd(), 0);
-        QVERIFY(waitFor([&] { return !speaker.isConnected(); }));
+        QVERIFY(waitFor([&] { return !fleet->at(0).isConnected(); }));
     }
 
     void survivesKill9() {
         Service service;
         QVERIFY(service.start());
-        auto options = speakerOf(service);
+        auto options = speakersAt(service);
         options.reconnectPause = std::chrono::milliseconds(100);
-        sim::Fleet fleet(options, 20);
-        fleet.start();
-        QVERIFY(waitFor([&] { return fleet.online() == 20; }));
+        const auto fleet = onlineFleet(options, 20);
         const Account account = service.addAccount("admin");
         for (int round = 0; round < 3; ++round) {
             // Killed while it writes: the database must come up whole, with every answered account in it.
             for (int i = 0; i < 5; ++i)
                 service.addAccount(QString("user%1x%2").arg(round).arg(i));
             service.kill9();
-            QVERIFY(waitFor([&] { return fleet.online() == 0; }));
+            QVERIFY(waitFor([&] { return fleet->online() == 0; }));
             QVERIFY(service.start());
             QCOMPARE(service.sql("PRAGMA integrity_check").value(0).first().toString(), "ok");
             QCOMPARE(service.sql("SELECT id FROM sbox_users WHERE length(token) = 40").size(),
                      1 + 5 * (round + 1));
-            QVERIFY(waitFor([&] { return fleet.online() == 20; }));
+            QVERIFY(waitFor([&] { return fleet->online() == 20; }));
         }
         const HttpReply reply = service.http().postForm(
-            "/user/editvols", account.params({{"vol", "9"}, {"snlist", fleet.serials().join('|')}}));
+            "/user/editvols", account.params({{"vol", "9"}, {"snlist", fleet->serials().join('|')}}));
         QVERIFY2(reply.res(), reply.body);
-        QVERIFY(waitFor([&] { return fleet.at(19).volume() == 9 && fleet.at(0).volume() == 9; }));
+        QVERIFY(waitFor([&] { return fleet->at(19).volume() == 9 && fleet->at(0).volume() == 9; }));
         QCOMPARE(service.stop(), 0);
     }
 
@@ -79,8 +57,7 @@ private slots:
         options.createDatabase = false;
         Service service(options);
         QVERIFY(service.start());
-        sim::Speaker speaker(speakerOf(service));
-        QVERIFY(registers(speaker));
+        const auto fleet = onlineFleet(speakersAt(service), 1);
         QCOMPARE(service.command({{"cmd", "LIST"}}).value("list").toArray().size(), 1);
         QCOMPARE(service.http().get("/").status, 0);
         QVERIFY(!QFile::exists(service.file(".Elvor.db")));
@@ -104,11 +81,10 @@ private slots:
         Service service(options);
         QVERIFY(service.start());
         QVERIFY(service.waitForLog(logged));
-        sim::Speaker speaker(speakerOf(service));
-        QVERIFY(registers(speaker));
+        const auto fleet = onlineFleet(speakersAt(service), 1);
         QCOMPARE(service.http().postForm("/user/test", {{"x", "y"}}).body, "dbtest");
-        service.command({{"cmd", "VOL_V"}, {"sn", speaker.sn()}, {"vol", 4}});
-        QVERIFY(waitFor([&] { return speaker.volume() == 4; }));
+        service.command({{"cmd", "VOL_V"}, {"sn", fleet->at(0).sn()}, {"vol", 4}});
+        QVERIFY(waitFor([&] { return fleet->at(0).volume() == 4; }));
         QCOMPARE(service.stop(), 0);
     }
 

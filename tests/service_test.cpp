@@ -1,10 +1,8 @@
 // The main job from an HTTP request to a speaker's wire, with the real service, on every kind of database.
 #include "support/mariadb.h"
-#include "support/service.h"
+#include "support/speakers.h"
 #include "support/table.h"
 #include "support/testmain.h"
-#include "support/waitfor.h"
-#include "tools/simfleet.h"
 
 namespace {
 
@@ -17,9 +15,7 @@ constexpr int kCampus = 2000;
 #endif
 
 sim::SpeakerOptions speakersOf(const Service& service) {
-    sim::SpeakerOptions options;
-    options.serial = QByteArray::fromHex("5eed0000000000000000000000000001");
-    options.port = service.devicePort();
+    sim::SpeakerOptions options = speakersAt(service);
     options.player.keepBodies = true;
     options.player.speed = 10;
     return options;
@@ -67,9 +63,7 @@ private slots:
         file.write(m_mp3);
         file.close();
         m_account = m_service->addAccount("admin");
-        m_fleet = std::make_unique<sim::Fleet>(speakersOf(*m_service), kSpeakers);
-        m_fleet->start();
-        QVERIFY(every(*m_fleet, [](const sim::Speaker& s) { return s.isOnline(); }));
+        m_fleet = onlineFleet(speakersOf(*m_service), kSpeakers);
     }
 
     void cleanup() {
@@ -98,21 +92,6 @@ private slots:
         QVERIFY(ask("/user/urlstop", {{"snlist", joined(*m_fleet)}}));
         QVERIFY(every(*m_fleet, [](const sim::Speaker& s) { return s.last(sim::Op::Stop) != nullptr; }));
         QCOMPARE(m_fleet->at(1).fetches().size(), std::size_t(1));
-    }
-
-    void answersForUnknownAndOfflineSpeakers() {
-        const QString gone = m_fleet->at(2).sn();
-        m_fleet->at(2).stop();
-        QVERIFY(waitFor([&] { return statesOf("status").value(2) == "0"; }));
-        const auto vol = [this](const QString& sn) {
-            return m_service->command({{"cmd", "DEBUG"}, {"sn", sn}, {"dev_ks", 0}}).value("res").toString();
-        };
-        QCOMPARE(vol(gone), "unline");
-        QCOMPARE(vol("ffffffffffffffffffffffffffffffff"), "out_of_range2");
-        QCOMPARE(vol(m_fleet->at(0).sn()), "success");
-        // One that is gone does not keep a command from the others.
-        QVERIFY(ask("/user/editvols", {{"vol", "3"}, {"snlist", gone + '|' + joined(*m_fleet)}}));
-        QVERIFY(waitFor([this] { return m_fleet->at(1).volume() == 3; }));
     }
 
     void outlivesSpeakersThatVanish() {

@@ -177,40 +177,6 @@ private slots:
         QVERIFY(!speaker.player().isPlaying());
     }
 
-    void firesItsLine() {
-        FileServer files("{\"res\": true}GET");
-        Peer peer;
-        sim::Speaker speaker(optionsFor(peer));
-        speaker.start();
-        QVERIFY(waitFor([&] { return peer.socket != nullptr; }));
-        QVERIFY(!speaker.fire("B"));
-        peer.socket->write("AS" + files.address("/user/startwarning?pltid=3&dd.mp3B"));
-        QVERIFY(waitFor([&] { return speaker.alarmLines().contains("B"); }));
-        QVERIFY(speaker.fire("B"));
-        QVERIFY(waitFor([&] { return files.requests.contains("/user/startwarning?pltid=3&dd.mp3"); }));
-        peer.socket->write("A6B_NONE.mp3");
-        QVERIFY(waitFor([&] { return speaker.alarmLines().isEmpty(); }));
-    }
-
-    void pullsAudio() {
-        Peer peer;
-        Peer audio;
-        sim::Speaker speaker(optionsFor(peer));
-        speaker.start();
-        QVERIFY(waitFor([&] { return peer.socket != nullptr; }));
-        const quint16 port = audio.serverPort();
-        peer.socket->write(QByteArray("K\x7f\0\0\1", 5) + char(port >> 8) + char(port & 0xff));
-        QVERIFY(
-            audio.got(sim::registrationPacket(QByteArray::fromHex("00112233445566778899aabbccddeeff"), 20)));
-        audio.reads.clear();
-        audio.socket->write("chunk one");
-        QVERIFY(waitFor([&] { return audio.reads.value(0).size() == 5; }));
-        audio.socket->write("HELL");
-        QVERIFY(waitFor([&] { return speaker.data().heartbeats() == 1; }));
-        audio.socket->write(", chunk two");
-        QVERIFY(waitFor([&] { return speaker.data().bytes() == "chunk one, chunk two"; }));
-    }
-
     void programFiresLines() {
         FileServer files("no MP3");
         Peer peer;

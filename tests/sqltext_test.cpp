@@ -16,20 +16,18 @@ private slots:
         const Table<QString, SqlArgs, QString> row{"statement", "args", "expected"};
         const QString ids = QStringLiteral("@ids");
         row("longest placeholder first", "('@userid', '@userid_seed')",
-            {SqlArg(QStringLiteral("@userid"), 7), arg("@userid_seed", "7ab")}, "('7', '7ab')");
+            {SqlArg("@userid", 7), arg("@userid_seed", "7ab")}, "('7', '7ab')");
         row("a value is never searched", "('@a', '@b')", {arg("@a", "@b"), arg("@b", "x")}, "('@b', 'x')");
         row("a value's tail joins no placeholder", "('@a@b')", {arg("@a", "@"), arg("@b", "x")}, "('@x')");
-        row("every occurrence", "@n,'@n',@n", {SqlArg(QStringLiteral("@n"), -3)}, "-3,'-3',-3");
+        row("every occurrence", "@n,'@n',@n", {SqlArg("@n", -3)}, "-3,'-3',-3");
         row("case counts", "'@Name'", {arg("@Name", "x"), arg("@name", "y")}, "'x'");
-        row("dollar placeholders", "('$user_id', '$name')",
-            {SqlArg(QStringLiteral("$user_id"), 1), arg("$name", "a")}, "('1', 'a')");
+        row("dollar placeholders", "('$user_id', '$name')", {SqlArg("$user_id", 1), arg("$name", "a")},
+            "('1', 'a')");
         row("a marker without a sign", " `len` = 'DQQQlen' ,", {arg("DQQQlen", "30")}, " `len` = '30' ,");
         row("integers outside of quotes", "in ( @ids )", {SqlArg(ids, QList<qint64>{1, 22})}, "in ( 1,22 )");
         row("no integers outside of quotes", "in ( @ids )", {SqlArg(ids, QList<qint64>{})}, "in ( NULL )");
         row("no integers in quotes", "'@ids'", {SqlArg(ids, QList<qint64>{})}, "''");
-        row("serials", "in  ( '@insn' )",
-            {SqlArg(QStringLiteral("@insn"), QStringList{QStringLiteral("a1"), QStringLiteral("b2")})},
-            "in  ( 'a1', 'b2' )");
+        row("serials", "in  ( '@insn' )", {SqlArg("@insn", QStringList{"a1", "b2"})}, "in  ( 'a1', 'b2' )");
         row("other text in double quotes", "date(\"now\",\"localtime\") '@a'", {arg("@a", "é🔔\"`;--")},
             "date(\"now\",\"localtime\") 'é🔔\"`;--'");
         row("doubled quote in the template", "'it''s @a'", {arg("@a", "x")}, "'it''s x'");
@@ -53,18 +51,15 @@ private slots:
         };
         row("quote", "'@a'", {arg("@a", "x' or '1'='1")});
         row("backslash", "'@a'", {arg("@a", "x\\")}, false);
-        row("NUL", "'@a'", {SqlArg(QStringLiteral("@a"), QString(QChar(u'\0')))});
+        row("NUL", "'@a'", {SqlArg("@a", QString(QChar(u'\0')))});
         row("text outside of quotes", "where id = @a", {arg("@a", "1 or 1")});
         row("text in a name", "select `@a`", {arg("@a", "x")});
         row("text in double quotes", "\"@a\"", {arg("@a", "x")});
         row("text behind a doubled quote", "'a''' @a", {arg("@a", "x")});
         row("placeholder without a value", "'@userid'", {arg("@useridx", "x")});
-        row("serials outside of quotes", "in (@insn)",
-            {SqlArg(QStringLiteral("@insn"), QStringList{QStringLiteral("a1")})});
+        row("serials outside of quotes", "in (@insn)", {SqlArg("@insn", QStringList{"a1"})});
         for (const char* serial : {"", "a b", "a'b", "é"})
-            row(serial, "in ('@insn')",
-                {SqlArg(QStringLiteral("@insn"),
-                        QStringList{QStringLiteral("a1"), QString::fromUtf8(serial)})});
+            row(serial, "in ('@insn')", {SqlArg("@insn", QStringList{"a1", QString::fromUtf8(serial)})});
     }
 
     void refuses() {
@@ -78,12 +73,10 @@ private slots:
     void splitsScripts_data() {
         const Table<QString, QStringList> row{"script", "expected"};
         row("empty", " ;; -- only\n", {});
-        row("no last semicolon", "a;b", {QStringLiteral("a"), QStringLiteral("b")});
-        row("quotes", "x ';' \";\" `;` 'it'';s';y",
-            {QStringLiteral("x ';' \";\" `;` 'it'';s'"), QStringLiteral("y")});
-        row("comments", "-- a;\nx /* ; */ y;/*/;*/z", {QStringLiteral("x   y"), QStringLiteral("z")});
-        row("trigger", "CREATE TRIGGER t BEGIN u; v; END;w",
-            {QStringLiteral("CREATE TRIGGER t BEGIN u; v; END"), QStringLiteral("w")});
+        row("no last semicolon", "a;b", {"a", "b"});
+        row("quotes", "x ';' \";\" `;` 'it'';s';y", {"x ';' \";\" `;` 'it'';s'", "y"});
+        row("comments", "-- a;\nx /* ; */ y;/*/;*/z", {"x   y", "z"});
+        row("trigger", "CREATE TRIGGER t BEGIN u; v; END;w", {"CREATE TRIGGER t BEGIN u; v; END", "w"});
     }
 
     void splitsScripts() {

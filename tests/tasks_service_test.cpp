@@ -1,11 +1,9 @@
 // Bells from the management interface to the speakers' wire, and what becomes of them when the service
 // is killed or the clock changes.
 #include "support/mariadb.h"
-#include "support/service.h"
+#include "support/speakers.h"
 #include "support/table.h"
 #include "support/testmain.h"
-#include "support/waitfor.h"
-#include "tools/simfleet.h"
 
 #include <QDateTime>
 
@@ -19,9 +17,7 @@ struct School {
         if (!service.start())
             qFatal("no service");
         account = service.addAccount("school");
-        sim::SpeakerOptions first;
-        first.serial = QByteArray::fromHex("00000000000000000000000000abc000");
-        first.port = service.devicePort();
+        sim::SpeakerOptions first = speakersAt(service);
         first.reconnectPause = 200ms;
         fleet = std::make_unique<sim::Fleet>(first, speakers);
         service.giveSpeakers(account, fleet->serials());
@@ -41,13 +37,10 @@ struct School {
 
     /// A task for all speakers at a local time.
     int addTask(const QString& startTime, const HttpParams& more = {}) {
-        const HttpReply reply = call("/user/add_task", HttpParams{{"snids", "1|2"},
-                                                                  {"fileids", "1"},
-                                                                  {"start_time", startTime},
-                                                                  {"task_name", "bell " + startTime},
-                                                                  {"len", "600"}} +
+        const HttpReply reply = call("/user/add_task", form("snids=1|2&fileids=1&len=600&task_name=bell " +
+                                                            startTime + "&start_time=" + startTime) +
                                                            more);
-        return reply.json()["taskid"].toInt();
+        return reply["taskid"].toInt();
     }
     int statu(int task) {
         return service.sql(QStringLiteral("SELECT statu FROM task WHERE id = %1").arg(task))
@@ -103,18 +96,17 @@ private slots:
 
     void temporaryPlay() {
         School school;
-        const QString play =
-            QString::number(school
-                                .call("/user/tmpstartpl",
-                                      {{"snids", "2"}, {"fileids", "1"}, {"playmode", "0"}, {"len", "60"}})
-                                .json()["tmpid"]
-                                .toInt());
+        const QString play = QString::number(
+            school
+                .call("/user/tmpstartpl",
+                      {{"snids", "2"}, {"fileids", "1"}, {"playmode", "0"}, {"len", "60"}})["tmpid"]
+                .toInt());
         sim::Speaker& speaker = school.fleet->at(1);
         QVERIFY(waitFor([&] { return speaker.count(sim::Op::PlayList) == 2; })); // at random, over and over
         QCOMPARE(school.fleet->at(0).count(sim::Op::PlayList), 0);
         QVERIFY(school.call("/user/tmpstoppl", {{"tpid", play}}).res());
         QVERIFY(waitFor([&] { return speaker.count(sim::Op::Stop) > 0; }));
-        QCOMPARE(school.call("/user/tmplistpl", {}).json()["list"].toArray().size(), 0);
+        QCOMPARE(school.call("/user/tmplistpl", {})["list"].toArray().size(), 0);
     }
 
     void killedInTheMiddle() {

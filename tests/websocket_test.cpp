@@ -1,8 +1,6 @@
-#include "support/service.h"
+#include "support/speakers.h"
 #include "support/table.h"
 #include "support/testmain.h"
-#include "support/waitfor.h"
-#include "tools/simfleet.h"
 
 #include <QTcpSocket>
 #include <QWebSocket>
@@ -86,12 +84,8 @@ private slots:
     }
 
     void playsOnSpeakers() {
-        sim::SpeakerOptions options;
-        options.serial = QByteArray::fromHex("b0000000000000000000000000000001");
-        options.port = m_service->devicePort();
-        sim::Speaker speaker(options);
-        speaker.start();
-        QVERIFY(waitFor([&] { return speaker.isOnline(); }));
+        const auto fleet = onlineFleet(speakersAt(*m_service), 1);
+        sim::Speaker& speaker = fleet->at(0);
         m_service->giveSpeakers(m_account, {speaker.sn()});
         Client client(m_port);
         const auto answer = client.ask(withToken(

@@ -53,19 +53,15 @@ HttpReply HttpClient::finish(QNetworkReply* reply) {
 }
 
 HttpReply HttpClient::get(const QString& path) {
-    return request(QByteArrayLiteral("GET"), path);
+    return request("GET", path);
 }
 
 HttpReply HttpClient::postForm(const QString& path, const HttpParams& params) {
-    return request(
-        QByteArrayLiteral("POST"), path, encoded(params),
-        {{QByteArrayLiteral("Content-Type"), QByteArrayLiteral("application/x-www-form-urlencoded")}});
+    return request("POST", path, encoded(params), {{"Content-Type", "application/x-www-form-urlencoded"}});
 }
 
 HttpReply HttpClient::postUniapp(const QString& path, const QByteArray& body) {
-    return request(QByteArrayLiteral("POST"), path, body,
-                   {{QByteArrayLiteral("Content-Type"), QByteArrayLiteral("application/json")},
-                    {QByteArrayLiteral("from-header"), QByteArrayLiteral("uniapp")}});
+    return request("POST", path, body, {{"Content-Type", "application/json"}, {"from-header", "uniapp"}});
 }
 
 HttpReply HttpClient::postMultipart(const QString& path, const HttpParams& params, const QString& fileField,
@@ -75,7 +71,7 @@ HttpReply HttpClient::postMultipart(const QString& path, const HttpParams& param
         form.append(part(QStringLiteral("form-data; name=\"%1\"").arg(name), value.toUtf8()));
     QHttpPart upload =
         part(QStringLiteral("form-data; name=\"%1\"; filename=\"%2\"").arg(fileField, fileName), file);
-    upload.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/octet-stream"));
+    upload.setHeader(QNetworkRequest::ContentTypeHeader, "application/octet-stream");
     form.append(upload);
     return finish(m_network.post(QNetworkRequest(QUrl(m_base + path)), &form));
 }

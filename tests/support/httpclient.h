@@ -17,6 +17,7 @@ struct HttpReply {
     QString error;
 
     QJsonObject json() const { return QJsonDocument::fromJson(body).object(); }
+    QJsonValue operator[](const char* key) const { return json().value(QLatin1String(key)); }
     bool res() const { return json().value(QLatin1String("res")).toBool(); }
     QString info() const { return json().value(QLatin1String("info")).toString(); }
 };

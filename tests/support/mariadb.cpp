@@ -9,7 +9,7 @@ namespace {
 
 // The server refuses to run as root unless told to.
 QStringList asWhom() {
-    return geteuid() == 0 ? QStringList{QStringLiteral("--user=root")} : QStringList{};
+    return geteuid() == 0 ? QStringList{"--user=root"} : QStringList{};
 }
 
 constexpr std::chrono::seconds StartLimit{60};
@@ -19,10 +19,9 @@ constexpr std::chrono::seconds StartLimit{60};
 MariaDb::MariaDb()
     : m_port(freePort()) {
     QProcess install;
-    install.start(QStringLiteral("mariadb-install-db"),
-                  QStringList{QStringLiteral("--no-defaults"), QStringLiteral("--datadir=") + file("data"),
-                              QStringLiteral("--auth-root-authentication-method=normal"),
-                              QStringLiteral("--skip-test-db")} +
+    install.start("mariadb-install-db",
+                  QStringList{"--no-defaults", QStringLiteral("--datadir=") + file("data"),
+                              "--auth-root-authentication-method=normal", "--skip-test-db"} +
                       asWhom());
     if (!install.waitForFinished(120'000) || install.exitCode() != 0)
         qFatal("mariadb-install-db: %s", install.readAllStandardError().constData());
@@ -36,13 +35,11 @@ MariaDb::~MariaDb() {
 bool MariaDb::start() {
     m_process.setStandardOutputFile(file("log"));
     m_process.setStandardErrorFile(file("log"), QIODevice::Append);
-    m_process.start(QStringLiteral("mariadbd"),
-                    QStringList{QStringLiteral("--no-defaults"), QStringLiteral("--datadir=") + file("data"),
+    m_process.start("mariadbd",
+                    QStringList{"--no-defaults", QStringLiteral("--datadir=") + file("data"),
                                 QStringLiteral("--socket=") + file("s"),
-                                QStringLiteral("--port=%1").arg(m_port),
-                                QStringLiteral("--bind-address=127.0.0.1"),
-                                QStringLiteral("--innodb-flush-log-at-trx-commit=2"),
-                                QStringLiteral("--skip-name-resolve")} +
+                                QStringLiteral("--port=%1").arg(m_port), "--bind-address=127.0.0.1",
+                                "--innodb-flush-log-at-trx-commit=2", "--skip-name-resolve"} +
                         asWhom());
     return m_process.waitForStarted() && waitFor([this] { return answers(); }, StartLimit);
 }
@@ -62,7 +59,7 @@ void MariaDb::resume() {
 }
 
 bool MariaDb::answers() {
-    return sql(QStringLiteral("SELECT 'up'")) == "up\n";
+    return sql("SELECT 'up'") == "up\n";
 }
 
 DatabaseAccess MariaDb::createDatabase(const QString& name) {
@@ -79,10 +76,8 @@ DatabaseAccess MariaDb::createDatabase(const QString& name) {
 
 QByteArray MariaDb::sql(const QString& statements) {
     QProcess client;
-    client.start(QStringLiteral("mariadb"),
-                 {QStringLiteral("--no-defaults"), QStringLiteral("-uroot"),
-                  QStringLiteral("--socket=") + file("s"), QStringLiteral("--default-character-set=utf8mb4"),
-                  QStringLiteral("-BNe"), statements});
+    client.start("mariadb", {"--no-defaults", "-uroot", QStringLiteral("--socket=") + file("s"),
+                             "--default-character-set=utf8mb4", "-BNe", statements});
     client.waitForFinished();
     return client.readAllStandardOutput();
 }

@@ -77,13 +77,11 @@ quint16 freePort(int span) {
 
 QByteArray makeMp3(double seconds, int hertz) {
     QTemporaryDir directory;
-    const QString wav = directory.filePath(QStringLiteral("tone.wav"));
-    const QString mp3 = directory.filePath(QStringLiteral("tone.mp3"));
-    runProgram(QStringLiteral("sox"), {QStringLiteral("-n"), QStringLiteral("-r"), QStringLiteral("44100"),
-                                       wav, QStringLiteral("synth"), QString::number(seconds),
-                                       QStringLiteral("sine"), QString::number(hertz)});
-    runProgram(QStringLiteral("lame"),
-               {QStringLiteral("--quiet"), QStringLiteral("-b"), QStringLiteral("128"), wav, mp3});
+    const QString wav = directory.filePath("tone.wav");
+    const QString mp3 = directory.filePath("tone.mp3");
+    runProgram("sox",
+               {"-n", "-r", "44100", wav, "synth", QString::number(seconds), "sine", QString::number(hertz)});
+    runProgram("lame", {"--quiet", "-b", "128", wav, mp3});
     return readFile(mp3);
 }
 
@@ -92,7 +90,7 @@ Service::Service(ServiceOptions options)
     if (m_options.kind == 1 && m_options.database.name.isEmpty())
         m_options.database = ownMysqlDatabase();
     const quint16 device = freePort(3); // the audio port is the control port + 2
-    m_ports = {{QStringLiteral("DPort"), device}};
+    m_ports = {{"DPort", device}};
     for (const char* key : {"DataPortBack3", "PS1", "PS2", "wbport", "listener/port"}) {
         quint16 candidate = freePort();
         while (m_ports.values().contains(candidate) || (candidate >= device && candidate < device + 3))
@@ -100,7 +98,7 @@ Service::Service(ServiceOptions options)
         m_ports.insert(QString::fromLatin1(key), candidate);
     }
     QDir().mkpath(docroot() + QStringLiteral("/mp3"));
-    QDir().mkpath(file(QStringLiteral("waring")));
+    QDir().mkpath(file("waring"));
     writeConfiguration();
     for (auto it = m_options.files.cbegin(); it != m_options.files.cend(); ++it)
         writeFile(file(it.key()), it.value());
@@ -139,27 +137,27 @@ QString Service::url(const QString& path) const {
 
 void Service::writeConfiguration() {
     QMap<QString, QVariant> values{
-        {QStringLiteral("LocalIP"), QStringLiteral("127.0.0.1")},
-        {QStringLiteral("ASKEY"), QString::fromLatin1(serviceKey())},
-        {QStringLiteral("dbk"), m_options.kind},
-        {QStringLiteral("preurl"), url(QStringLiteral("/"))},
-        {QStringLiteral("runingdir"), QStringLiteral(".")},
-        {QStringLiteral("programdir"), QStringLiteral(SOURCE_DIR "/programs")},
-        {QStringLiteral("waringdir"), file(QStringLiteral("waring"))},
-        {QStringLiteral("task_ip"), m_options.database.host},
-        {QStringLiteral("sqltask_port"), m_options.database.port},
-        {QStringLiteral("task_username"), m_options.database.user},
-        {QStringLiteral("task_passwd"), m_options.database.password},
-        {QStringLiteral("basename"), m_options.database.name},
-        {QStringLiteral("docroot/path"), QStringLiteral("etc/docroot")},
-        {QStringLiteral("taskstart"), 0},
-        {QStringLiteral("taskend"), 86400},
+        {"LocalIP", "127.0.0.1"},
+        {"ASKEY", QString::fromLatin1(serviceKey())},
+        {"dbk", m_options.kind},
+        {"preurl", url("/")},
+        {"runingdir", "."},
+        {"programdir", QStringLiteral(SOURCE_DIR "/programs")},
+        {"waringdir", file("waring")},
+        {"task_ip", m_options.database.host},
+        {"sqltask_port", m_options.database.port},
+        {"task_username", m_options.database.user},
+        {"task_passwd", m_options.database.password},
+        {"basename", m_options.database.name},
+        {"docroot/path", "etc/docroot"},
+        {"taskstart", 0},
+        {"taskend", 86400},
     };
     for (auto it = m_ports.cbegin(); it != m_ports.cend(); ++it)
         values.insert(it.key(), it.value());
     for (auto it = m_options.settings.cbegin(); it != m_options.settings.cend(); ++it)
         values.insert(it.key(), it.value());
-    QSettings ini(file(QStringLiteral("config.ini")), QSettings::IniFormat);
+    QSettings ini(file("config.ini"), QSettings::IniFormat);
     ini.setIniCodec("UTF-8");
     for (auto it = values.cbegin(); it != values.cend(); ++it) {
         const QString key =
@@ -172,22 +170,20 @@ void Service::writeConfiguration() {
 void Service::makeDatabase() {
     if (m_options.kind == 1) {
         const QByteArray script = readFile(QStringLiteral(SOURCE_DIR "/core/schema/elvor1.sql"));
-        runProgram(QStringLiteral("mariadb"),
-                   {QStringLiteral("--protocol=tcp"), QStringLiteral("-h"), m_options.database.host,
-                    QStringLiteral("-P"), QString::number(m_options.database.port), QStringLiteral("-u"),
-                    m_options.database.user, QStringLiteral("-p") + m_options.database.password,
-                    m_options.database.name},
+        runProgram("mariadb",
+                   {"--protocol=tcp", "-h", m_options.database.host, "-P",
+                    QString::number(m_options.database.port), "-u", m_options.database.user,
+                    QStringLiteral("-p") + m_options.database.password, m_options.database.name},
                    script);
     } else if (m_options.kind == 0 || m_options.kind == 3) {
         const QByteArray script = readFile(QStringLiteral(SOURCE_DIR "/core/schema/sqlite3main.sql"));
-        runProgram(QStringLiteral("sqlite3"), {QStringLiteral("-bail"), file(QStringLiteral(".Elvor.db"))},
-                   script);
+        runProgram("sqlite3", {"-bail", file(".Elvor.db")}, script);
     }
 }
 
 bool Service::start() {
     m_log.clear();
-    m_process.start(QStringLiteral(BUILD_DIR "/speakerd"), {QStringLiteral("config.ini")});
+    m_process.start(QStringLiteral(BUILD_DIR "/speakerd"), {"config.ini"});
     m_http = std::make_unique<HttpClient>(httpPort()); // keeps no connection to an earlier process
     waitFor([this] { return m_log.contains(kReady) || m_process.state() == QProcess::NotRunning; },
             kStartDeadline);
@@ -234,13 +230,13 @@ QList<QVariantMap> Service::sql(const QString& statement) {
             database.setPassword(m_options.database.password);
             database.setDatabaseName(m_options.database.name);
         } else {
-            database.setDatabaseName(file(QStringLiteral(".Elvor.db")));
-            database.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=20000"));
+            database.setDatabaseName(file(".Elvor.db"));
+            database.setConnectOptions("QSQLITE_BUSY_TIMEOUT=20000");
         }
     }
     const bool opened = !database.isOpen() && database.open();
     if (opened && m_options.kind == 1)
-        database.exec(QStringLiteral("SET NAMES utf8mb4"));
+        database.exec("SET NAMES utf8mb4");
     QSqlQuery query(database);
     if (!database.isOpen() || !query.exec(statement))
         qFatal("%s: %s", qPrintable(statement),
@@ -258,21 +254,20 @@ QList<QVariantMap> Service::sql(const QString& statement) {
 
 Account Service::addAccount(const QString& name, const QString& password) {
     Account account{0, name, password, {}};
-    const HttpParams login{{QStringLiteral("username"), name}, {QStringLiteral("passwd"), password}};
+    const HttpParams login{{"username", name}, {"passwd", password}};
     HttpReply reply;
     if (m_options.kind == 0) {
         reply =
-            m_http->postForm(QStringLiteral("/user/adduser"),
-                             login + HttpParams{{QStringLiteral("sskey"), QString::fromLatin1(serviceKey())},
-                                                {QStringLiteral("preid"), QStringLiteral("0")}});
+            m_http->postForm("/user/adduser", login + HttpParams{{"sskey", QString::fromLatin1(serviceKey())},
+                                                                 {"preid", "0"}});
     } else {
         sql(QStringLiteral("INSERT INTO `sbox_users` (`user_name`, `user_pass`, `master_id`, `token`)"
                            " VALUES ('%1', '%2', 0, '')")
                 .arg(name, password));
-        reply = m_http->postForm(QStringLiteral("/user/gtoken"), login);
+        reply = m_http->postForm("/user/gtoken", login);
     }
-    account.id = reply.json().value(QLatin1String("userid")).toInt();
-    account.token = reply.json().value(QLatin1String("token")).toString();
+    account.id = reply.json().value("userid").toInt();
+    account.token = reply.json().value("token").toString();
     if (account.id == 0 || account.token.isEmpty())
         qFatal("no account: %s", reply.body.constData());
     return account;
@@ -290,7 +285,7 @@ void Service::giveSpeakers(const Account& account, const QStringList& serials) {
 QJsonObject Service::command(const QJsonObject& request, quint16 port) {
     QTcpSocket socket;
     socket.setProxy(QNetworkProxy::NoProxy);
-    socket.connectToHost(QStringLiteral("127.0.0.1"), port != 0 ? port : commandPort6());
+    socket.connectToHost("127.0.0.1", port != 0 ? port : commandPort6());
     const QByteArray body = QJsonDocument(request).toJson(QJsonDocument::Compact);
     socket.write(QByteArray::number(body.size()) + '\n' + body);
     QByteArray reply;
