@@ -193,31 +193,26 @@ private slots:
     }
 
 private:
-    QString write(const QString& name, const QByteArray& bytes);
-    QJsonObject ask(QByteArray request);
-    QByteArray list(std::initializer_list<int> speakers) const;
+    QString write(const QString& name, const QByteArray& bytes) {
+        QFile file(m_directory.filePath("run/" + name));
+        return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() ? file.fileName()
+                                                                                    : QString();
+    }
+    QJsonObject ask(QByteArray request) {
+        return QJsonDocument::fromJson(m_link->registry.Diamonds_jsondidocom(request.replace('\'', '"')))
+            .object();
+    }
+    QByteArray list(std::initializer_list<int> speakers) const {
+        QStringList serials;
+        for (const int n : speakers)
+            serials << testSerial(n).toHex();
+        return "\"snlist\":[\"" + serials.join("\",\"").toLatin1() + "\"]";
+    }
 
     QTemporaryDir m_directory;
     std::unique_ptr<DeviceLink> m_link;
     std::unique_ptr<Alarmcast> m_cast;
 };
-
-QString AlarmcastTest::write(const QString& name, const QByteArray& bytes) {
-    QFile file(m_directory.filePath("run/" + name));
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() ? file.fileName() : QString();
-}
-
-QByteArray AlarmcastTest::list(std::initializer_list<int> speakers) const {
-    QStringList serials;
-    for (const int n : speakers)
-        serials << testSerial(n).toHex();
-    return "\"snlist\":[\"" + serials.join("\",\"").toLatin1() + "\"]";
-}
-
-QJsonObject AlarmcastTest::ask(QByteArray request) {
-    return QJsonDocument::fromJson(m_link->registry.Diamonds_jsondidocom(request.replace('\'', '"')))
-        .object();
-}
 
 int main(int argc, char** argv) {
     return runTest<AlarmcastTest>(argc, argv);

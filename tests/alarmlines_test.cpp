@@ -173,29 +173,28 @@ private:
             post("/user/wplantadd", {{"url", url}, {"plantname", "fire"}, {"snlist", serials.join('|')}});
         return QString::number(plan["pltid"].toInt());
     }
-    int makeTask();
+    int makeTask() {
+        const int file = 7;
+        m_service->sql(
+            QString("INSERT INTO userfile (id, userid, filename, url, len) VALUES (%1, %2, 'YQ==', '%3', 1)")
+                .arg(file)
+                .arg(m_admin.id)
+                .arg(m_service->url("/mp3/alarm.mp3")));
+        const QString device =
+            m_service->sql("SELECT id FROM sbox_device_info").last().value("id").toString();
+        return post("/user/add_task", {{"snids", device},
+                                       {"fileids", QString::number(file)},
+                                       {"start_time", "3:0:0"},
+                                       {"task_name", "alarm"},
+                                       {"len", "60"},
+                                       {"kind", "1"}})["taskid"]
+            .toInt();
+    }
 
     std::unique_ptr<Service> m_service;
     std::unique_ptr<sim::Fleet> m_fleet;
     Account m_admin;
 };
-
-int AlarmLinesTest::makeTask() {
-    const int file = 7;
-    m_service->sql(
-        QString("INSERT INTO userfile (id, userid, filename, url, len) VALUES (%1, %2, 'YQ==', '%3', 1)")
-            .arg(file)
-            .arg(m_admin.id)
-            .arg(m_service->url("/mp3/alarm.mp3")));
-    const QString device = m_service->sql("SELECT id FROM sbox_device_info").last().value("id").toString();
-    return post("/user/add_task", {{"snids", device},
-                                   {"fileids", QString::number(file)},
-                                   {"start_time", "3:0:0"},
-                                   {"task_name", "alarm"},
-                                   {"len", "60"},
-                                   {"kind", "1"}})["taskid"]
-        .toInt();
-}
 
 int main(int argc, char** argv) {
     return runTest<AlarmLinesTest>(argc, argv);

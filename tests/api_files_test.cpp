@@ -212,24 +212,19 @@ private slots:
 
 private:
     HttpReply upload(const QString& path, const QByteArray& bytes, const QString& name = "bell",
-                     const HttpParams& more = {});
-    int rows(const QString& table);
+                     const HttpParams& more = {}) {
+        const HttpParams params = m_admin.params(HttpParams{{"filename", name}} + more);
+        return m_service->http().postMultipart(path, params, "file", "upload.bin", bytes);
+    }
+    int rows(const QString& table) {
+        return m_service->sql("SELECT COUNT(*) AS n FROM " + table).first().value("n").toInt();
+    }
     QStringList stored() { return filesBelow(m_service->file("etc")); }
 
     std::unique_ptr<Service> m_service;
     Account m_admin;
     int m_kind = 3;
 };
-
-HttpReply ApiFilesTest::upload(const QString& path, const QByteArray& bytes, const QString& name,
-                               const HttpParams& more) {
-    const HttpParams params = m_admin.params(HttpParams{{"filename", name}} + more);
-    return m_service->http().postMultipart(path, params, "file", "upload.bin", bytes);
-}
-
-int ApiFilesTest::rows(const QString& table) {
-    return m_service->sql("SELECT COUNT(*) AS n FROM " + table).first().value("n").toInt();
-}
 
 int main(int argc, char** argv) {
     return runTest<ApiFilesTest>(argc, argv);

@@ -305,20 +305,18 @@ private slots:
 
 private:
     /// Two speakers that are online at the service of kind 3, with nothing on their record.
-    sim::Fleet& fleet();
+    sim::Fleet& fleet() {
+        if (!m_fleet) {
+            m_fleet = onlineFleet(speakersAt(ApiWorld::of(3).service), 2);
+        }
+        if (!waitFor([this] { return m_fleet->online() == 2; }))
+            qFatal("speakers not online");
+        for (int i = 0; i < m_fleet->size(); ++i)
+            m_fleet->at(i).forget();
+        return *m_fleet;
+    }
     std::unique_ptr<sim::Fleet> m_fleet;
 };
-
-sim::Fleet& ApiFrameTest::fleet() {
-    if (!m_fleet) {
-        m_fleet = onlineFleet(speakersAt(ApiWorld::of(3).service), 2);
-    }
-    if (!waitFor([this] { return m_fleet->online() == 2; }))
-        qFatal("speakers not online");
-    for (int i = 0; i < m_fleet->size(); ++i)
-        m_fleet->at(i).forget();
-    return *m_fleet;
-}
 
 int main(int argc, char** argv) {
     return runTest<ApiFrameTest>(argc, argv);

@@ -318,7 +318,32 @@ private:
         return ApiWorld::of(kind);
     }
     /// The service of the row's kind with a sub-account of Alice's and something of everything.
-    static ApiWorld& world();
+    static ApiWorld& world() {
+        ApiWorld& world = current();
+        world.reset();
+        const auto sql = [&](const QString& statement) {
+            world.service.sql(statement);
+        };
+        sql(QString("UPDATE `sbox_users` SET `user_level` = 1 WHERE `id` = %1").arg(world.alice.id));
+        sql(QString(
+                "INSERT INTO `sbox_users` (`user_name`, `user_pass`, `master_id`, `mask`, `token`) VALUES "
+                "('sub', 'p', %1, '12,21', 'subtoken')")
+                .arg(world.alice.id));
+        sql(QString("INSERT INTO `sbox_device_info` (`id`, `user_id`, `device_seed`) VALUES (13, %1, 'dd')")
+                .arg(sub()));
+        sql(QString("INSERT INTO `warningplant` (`id`, `name`, `userid`) VALUES (51, 'fire', %1), (61, "
+                    "'bobs', %2)")
+                .arg(world.alice.id)
+                .arg(world.bob.id));
+        sql("DELETE FROM `warregister`");
+        sql(QString(
+                "INSERT INTO `warregister` (`sn`, `filename`, `userid`, `fb`) VALUES ('x', 'a.mp3', %1, 'B')")
+                .arg(world.alice.id));
+        sql("DELETE FROM `swap_info`");
+        sql("INSERT INTO `swap_info` (`id`, `title`, `type`) VALUES (71, 'news', 'info')");
+        sql("UPDATE `xieyi_mod` SET `xieyi` = 'terms'");
+        return world;
+    }
     static int sub() {
         return current().cell("SELECT `id` FROM `sbox_users` WHERE `user_name` = 'sub'").toInt();
     }
@@ -337,31 +362,6 @@ private:
         return params;
     }
 };
-
-ApiWorld& ApiQueriesTest::world() {
-    ApiWorld& world = current();
-    world.reset();
-    const auto sql = [&](const QString& statement) {
-        world.service.sql(statement);
-    };
-    sql(QString("UPDATE `sbox_users` SET `user_level` = 1 WHERE `id` = %1").arg(world.alice.id));
-    sql(QString("INSERT INTO `sbox_users` (`user_name`, `user_pass`, `master_id`, `mask`, `token`) VALUES "
-                "('sub', 'p', %1, '12,21', 'subtoken')")
-            .arg(world.alice.id));
-    sql(QString("INSERT INTO `sbox_device_info` (`id`, `user_id`, `device_seed`) VALUES (13, %1, 'dd')")
-            .arg(sub()));
-    sql(QString(
-            "INSERT INTO `warningplant` (`id`, `name`, `userid`) VALUES (51, 'fire', %1), (61, 'bobs', %2)")
-            .arg(world.alice.id)
-            .arg(world.bob.id));
-    sql("DELETE FROM `warregister`");
-    sql(QString("INSERT INTO `warregister` (`sn`, `filename`, `userid`, `fb`) VALUES ('x', 'a.mp3', %1, 'B')")
-            .arg(world.alice.id));
-    sql("DELETE FROM `swap_info`");
-    sql("INSERT INTO `swap_info` (`id`, `title`, `type`) VALUES (71, 'news', 'info')");
-    sql("UPDATE `xieyi_mod` SET `xieyi` = 'terms'");
-    return world;
-}
 
 int main(int argc, char** argv) {
     return runTest<ApiQueriesTest>(argc, argv);

@@ -50,7 +50,6 @@ private:
 /// that takes its time does to everything else.
 class HttpControllersTest : public QObject {
     Q_OBJECT
-
 private slots:
     void requestAsTheHandlerSeesIt() {
         QStringList seen;

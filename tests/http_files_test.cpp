@@ -9,7 +9,6 @@
 /// Files of the document root, on the wire.
 class HttpFilesTest : public QObject {
     Q_OBJECT
-
 private slots:
     void initTestCase() {
         m_server = std::make_unique<HttpServer>([](HttpRequest&, HttpResponse&) {});
@@ -31,48 +30,40 @@ private slots:
     }
 
     void paths_data() {
-        QTest::addColumn<QByteArray>("path");
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QByteArray>("type");
-        QTest::addColumn<QByteArray>("body");
-        const auto served = [](const char* path, const char* type, const char* body) {
-            QTest::newRow(path) << QByteArray(path) << 200 << QByteArray(type) << QByteArray(body);
-        };
-        served("/digits.txt", "text/plain; charset=UTF-8", "0123456789");
-        served("/digits.txt?v=1", "text/plain; charset=UTF-8", "0123456789");
-        served("//digits%2Etxt", "text/plain; charset=UTF-8", "0123456789");
-        served("/empty.txt", "text/plain; charset=UTF-8", "");
-        served("/song.MP3", "audio/mpeg", "ID3");
-        served("/", "text/html; charset=UTF-8", "<p>root</p>");
-        served("/sub", "text/html; charset=UTF-8", "<p>sub</p>");
-        served("/sub/", "text/html; charset=UTF-8", "<p>sub</p>");
-        served("/bare/x.bin", "application/octet-stream", "x");
-        served("/%E4%BD%A0%20a.mp3", "audio/mpeg", "name");
-        served("/inside", "application/octet-stream", "0123456789");
-        const auto refused = [](const char* path, int status) {
-            QTest::newRow(path) << QByteArray(path) << status << QByteArray("text/plain") << QByteArray();
-        };
-        refused("/nowhere", 404);
-        refused("/bare", 404);
-        refused("/digits.txt/x", 404);
-        refused("/fifo", 404);
-        refused("/../outside.txt", 403);
-        refused("/sub/../../outside.txt", 403);
-        refused("/%2e%2e/outside.txt", 403);
-        refused("/..%2foutside.txt", 403);
-        refused("/sub/..", 403);
-        refused("/.hidden", 403);
-        refused("/outside", 403);
-        refused("/etc/passwd", 403);
-        refused("/loop", 403);
+        const Table<int, QByteArray, QByteArray> row{"status", "type", "body"};
+        const char* const text = "text/plain; charset=UTF-8";
+        const char* const html = "text/html; charset=UTF-8";
+        row("/digits.txt", 200, text, "0123456789");
+        row("/digits.txt?v=1", 200, text, "0123456789");
+        row("//digits%2Etxt", 200, text, "0123456789");
+        row("/empty.txt", 200, text, "");
+        row("/song.MP3", 200, "audio/mpeg", "ID3");
+        row("/", 200, html, "<p>root</p>");
+        row("/sub", 200, html, "<p>sub</p>");
+        row("/sub/", 200, html, "<p>sub</p>");
+        row("/bare/x.bin", 200, "application/octet-stream", "x");
+        row("/%E4%BD%A0%20a.mp3", 200, "audio/mpeg", "name");
+        row("/inside", 200, "application/octet-stream", "0123456789");
+        row("/nowhere", 404, "text/plain", "");
+        row("/bare", 404, "text/plain", "");
+        row("/digits.txt/x", 404, "text/plain", "");
+        row("/fifo", 404, "text/plain", "");
+        row("/../outside.txt", 403, "text/plain", "");
+        row("/sub/../../outside.txt", 403, "text/plain", "");
+        row("/%2e%2e/outside.txt", 403, "text/plain", "");
+        row("/..%2foutside.txt", 403, "text/plain", "");
+        row("/sub/..", 403, "text/plain", "");
+        row("/.hidden", 403, "text/plain", "");
+        row("/outside", 403, "text/plain", "");
+        row("/etc/passwd", 403, "text/plain", "");
+        row("/loop", 403, "text/plain", "");
     }
 
     void paths() {
-        QFETCH(QByteArray, path);
         QFETCH(int, status);
         QFETCH(QByteArray, type);
         QFETCH(QByteArray, body);
-        const RawAnswer answer = get(path);
+        const RawAnswer answer = get(QTest::currentDataTag());
         QCOMPARE(answer.status, status);
         QCOMPARE(answer.headers.value("content-type"), type);
         if (status == 200)
@@ -106,14 +97,7 @@ private slots:
     }
 
     void parts_data() {
-        QTest::addColumn<QByteArray>("range");
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QByteArray>("contentRange");
-        QTest::addColumn<QByteArray>("body");
-        const auto add = [](const char* range, int status, const char* contentRange, const char* body) {
-            QTest::newRow(range) << QByteArray(range) << status << QByteArray(contentRange)
-                                 << QByteArray(body);
-        };
+        const Table<int, QByteArray, QByteArray> add{"status", "contentRange", "body"};
         add("bytes=0-0", 206, "bytes 0-0/10", "0");
         add("bytes=3-5", 206, "bytes 3-5/10", "345");
         add("bytes=7-", 206, "bytes 7-9/10", "789");
@@ -135,7 +119,7 @@ private slots:
     }
 
     void parts() {
-        QFETCH(QByteArray, range);
+        const QByteArray range = QTest::currentDataTag();
         QFETCH(int, status);
         QFETCH(QByteArray, body);
         const RawAnswer answer = get("/digits.txt", "Range: " + range + "\r\n");

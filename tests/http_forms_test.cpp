@@ -31,7 +31,6 @@ public:
 /// Multipart bodies in every division, and templates.
 class HttpFormsTest : public QObject {
     Q_OBJECT
-
 private slots:
     void multipart_data() {
         const Table<QByteArray, int, QByteArray> add{"body", "status", "parts"};

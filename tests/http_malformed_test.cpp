@@ -9,7 +9,6 @@
 /// taken for another.
 class HttpMalformedTest : public QObject {
     Q_OBJECT
-
 private slots:
     void initTestCase() {
         const auto echo = [this](HttpRequest& request, HttpResponse& response) {
@@ -26,12 +25,11 @@ private slots:
     }
 
     void refused_data() {
-        QTest::addColumn<QByteArray>("request");
-        QTest::addColumn<int>("status");
+        const Table<QByteArray, int> row{"request", "status"};
         const QByteArray post = "POST /api HTTP/1.1\r\nHost: x\r\n";
         const QByteArray hidden = "GET /api/hidden HTTP/1.1\r\nHost: x\r\n\r\n";
-        const auto add = [](const char* name, const QByteArray& request, int status = 400) {
-            QTest::newRow(name) << request << status;
+        const auto add = [&](const char* name, const QByteArray& request, int status = 400) {
+            row(name, request, status);
         };
         add("two equal lengths", post + "Content-Length: 3\r\nContent-Length: 3\r\n\r\nabc");
         add("two lengths", post + "Content-Length: 3\r\nContent-Length: 43\r\n\r\nabc" + hidden);

@@ -173,23 +173,19 @@ private slots:
     }
 
 private:
-    std::unique_ptr<sqlite> open() const;
-    static bool insert(sqlite& db, const QString& info);
+    std::unique_ptr<sqlite> open() const {
+        auto db = std::make_unique<sqlite>(m_access.host, m_access.port, m_access.user, m_access.password,
+                                           m_access.name, 1);
+        db->init();
+        return db;
+    }
+    static bool insert(sqlite& db, const QString& info) {
+        return db.run("INSERT INTO `rizhi` (`info`) VALUES ('@info');", {{"@info", info}}).ok;
+    }
     MariaDb m_server;
     DatabaseAccess m_access;
     std::unique_ptr<sqlite> m_db;
 };
-
-std::unique_ptr<sqlite> MysqlTest::open() const {
-    auto db = std::make_unique<sqlite>(m_access.host, m_access.port, m_access.user, m_access.password,
-                                       m_access.name, 1);
-    db->init();
-    return db;
-}
-
-bool MysqlTest::insert(sqlite& db, const QString& info) {
-    return db.run("INSERT INTO `rizhi` (`info`) VALUES ('@info');", {{"@info", info}}).ok;
-}
 
 int main(int argc, char** argv) {
     return runTest<MysqlTest>(argc, argv);

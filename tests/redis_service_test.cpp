@@ -170,19 +170,17 @@ private:
         return false;
     }
     /// Speakers whose field has the value.
-    int countFields(const char* name, const QByteArray& value);
+    int countFields(const char* name, const QByteArray& value) {
+        QByteArray input;
+        for (const QString& sn : m_fleet->serials())
+            input += "HGET " + sn.toUtf8() + ' ' + name + '\n';
+        return m_redis->cli({}, input).split('\n').count(value);
+    }
 
     std::unique_ptr<RedisServer> m_redis;
     std::unique_ptr<Service> m_service;
     std::unique_ptr<sim::Fleet> m_fleet;
 };
-
-int RedisServiceTest::countFields(const char* name, const QByteArray& value) {
-    QByteArray input;
-    for (const QString& sn : m_fleet->serials())
-        input += "HGET " + sn.toUtf8() + ' ' + name + '\n';
-    return m_redis->cli({}, input).split('\n').count(value);
-}
 
 int main(int argc, char** argv) {
     return runTest<RedisServiceTest>(argc, argv);

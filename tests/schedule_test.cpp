@@ -166,23 +166,21 @@ private slots:
     }
 
     void clockChanges_data() {
-        QTest::addColumn<QList<int>>("ticks");
-        QTest::addColumn<QList<int>>("seconds");
-        QTest::addColumn<int>("jumps");
+        const Table<QList<int>, QList<int>, int> row{"ticks", "seconds", "jumps"};
         const auto upTo = [](int from, int to) {
             QList<int> all;
             for (int i = from; i <= to; ++i)
                 all += i;
             return all;
         };
-        QTest::newRow("every second") << QList<int>{101, 102, 103} << QList<int>{101, 102, 103} << 0;
-        QTest::newRow("late") << QList<int>{101, 104} << QList<int>{101, 102, 103, 104} << 0;
-        QTest::newRow("a minute late") << QList<int>{160} << upTo(101, 160) << 0;
-        QTest::newRow("later than that") << QList<int>{161, 162} << QList<int>{161, 162} << 1;
-        QTest::newRow("twice in one second") << QList<int>{101, 101} << QList<int>{101} << 0;
-        QTest::newRow("set back a little") << QList<int>{101, 90, 95, 101, 102} << QList<int>{101, 102} << 0;
-        QTest::newRow("set back a minute") << QList<int>{101, 41, 102} << QList<int>{101, 102} << 0;
-        QTest::newRow("set back more") << QList<int>{101, 40, 41} << QList<int>{101, 40, 41} << 1;
+        row("every second", {101, 102, 103}, {101, 102, 103}, 0);
+        row("late", {101, 104}, {101, 102, 103, 104}, 0);
+        row("a minute late", {160}, upTo(101, 160), 0);
+        row("later than that", {161, 162}, {161, 162}, 1);
+        row("twice in one second", {101, 101}, {101}, 0);
+        row("set back a little", {101, 90, 95, 101, 102}, {101, 102}, 0);
+        row("set back a minute", {101, 41, 102}, {101, 102}, 0);
+        row("set back more", {101, 40, 41}, {101, 40, 41}, 1);
     }
 
     void clockChanges() {

@@ -118,17 +118,15 @@ private slots:
     }
 
 private:
-    Settings load(const QByteArray& ini, const char* detected = "10.1.2.3");
+    Settings load(const QByteArray& ini, const char* detected = "10.1.2.3") {
+        QFile file(m_directory.filePath("config.ini"));
+        if (!file.open(QIODevice::WriteOnly) || file.write(ini) != ini.size())
+            qFatal("can't write the configuration");
+        file.close();
+        return Settings::load(file.fileName(), QLatin1String(detected));
+    }
     QTemporaryDir m_directory;
 };
-
-Settings SettingsTest::load(const QByteArray& ini, const char* detected) {
-    QFile file(m_directory.filePath("config.ini"));
-    if (!file.open(QIODevice::WriteOnly) || file.write(ini) != ini.size())
-        qFatal("can't write the configuration");
-    file.close();
-    return Settings::load(file.fileName(), QLatin1String(detected));
-}
 
 int main(int argc, char** argv) {
     return runTest<SettingsTest>(argc, argv);

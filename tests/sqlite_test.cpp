@@ -133,15 +133,13 @@ private slots:
     }
 
 private:
-    int count(const char* table);
+    int count(const char* table) {
+        return m_db->run(QStringLiteral("SELECT count(*) AS n FROM ") + QLatin1String(table)).integer(0, "n");
+    }
     QTemporaryDir m_directory;
     std::unique_ptr<sqlite> m_db;
     QString m_script;
 };
-
-int SqliteTest::count(const char* table) {
-    return m_db->run(QStringLiteral("SELECT count(*) AS n FROM ") + QLatin1String(table)).integer(0, "n");
-}
 
 int main(int argc, char** argv) {
     return runTest<SqliteTest>(argc, argv);
