@@ -1,5 +1,4 @@
 // The main job from an HTTP request to a speaker's wire, with the real service, on every kind of database.
-#include "support/mariadb.h"
 #include "support/speakers.h"
 #include "support/table.h"
 #include "support/testmain.h"
@@ -45,17 +44,10 @@ class ServiceTest : public QObject {
 private slots:
     void initTestCase_data() { addKinds({0, 3, 1}); }
 
-    void initTestCase() {
-        m_mp3 = makeMp3(2);
-        QVERIFY(m_server.start());
-    }
-
     void init() {
         QFETCH_GLOBAL(int, kind);
         ServiceOptions options;
         options.kind = kind;
-        if (kind == 1)
-            options.database = m_server.createDatabase(QString("service%1").arg(++m_databases));
         m_service = std::make_unique<Service>(options);
         QVERIFY(m_service->start());
         QFile file(m_service->docroot() + "/mp3/notice.mp3");
@@ -164,12 +156,10 @@ private:
         return states.values();
     }
 
-    MariaDb m_server;
-    int m_databases = 0;
     std::unique_ptr<Service> m_service;
     std::unique_ptr<sim::Fleet> m_fleet;
     Account m_account;
-    QByteArray m_mp3;
+    const QByteArray m_mp3 = makeMp3(2);
 };
 
 int main(int argc, char** argv) {

@@ -1,5 +1,4 @@
 // The endpoints for tasks, plans and temporary plays, with and without a task queue behind them.
-#include "support/mariadb.h"
 #include "support/service.h"
 #include "support/table.h"
 #include "support/testmain.h"
@@ -14,12 +13,6 @@ struct Site {
     explicit Site(int kind) {
         ServiceOptions options;
         options.kind = kind;
-        if (kind == 1) {
-            server = std::make_unique<MariaDb>();
-            if (!server->start())
-                qFatal("no database server");
-            options.database = server->createDatabase("tasks");
-        }
         service = std::make_unique<Service>(options);
         if (!service->start())
             qFatal("no service");
@@ -59,7 +52,6 @@ struct Site {
             ids += row["member"].toInt();
         return ids;
     }
-    std::unique_ptr<MariaDb> server;
     std::unique_ptr<Service> service;
     Account owner, other;
 };

@@ -1,6 +1,5 @@
 // Bells from the management interface to the speakers' wire, and what becomes of them when the service
 // is killed or the clock changes.
-#include "support/mariadb.h"
 #include "support/speakers.h"
 #include "support/table.h"
 #include "support/testmain.h"
@@ -174,21 +173,11 @@ private slots:
     }
 
 private:
-    ServiceOptions ofKind(int kind) {
+    static ServiceOptions ofKind(int kind) {
         ServiceOptions options;
         options.kind = kind;
-        if (kind == 1) {
-            if (!m_server) {
-                m_server = std::make_unique<MariaDb>();
-                if (!m_server->start())
-                    qFatal("no database server");
-            }
-            options.database = m_server->createDatabase(QStringLiteral("school%1").arg(++m_databases));
-        }
         return options;
     }
-    std::unique_ptr<MariaDb> m_server;
-    int m_databases = 0;
 };
 
 int main(int argc, char** argv) {
