@@ -1,222 +1,259 @@
 #include "core/timingwheel.h"
 
-#include <array>
+#include <algorithm>
 #include <deque>
 #include <QBasicTimer>
 #include <QElapsedTimer>
-#include <QHash>
 #include <QTimerEvent>
+#include <utility>
+#include <vector>
 
 namespace {
 
-constexpr std::uint32_t Slots = 1024; // 10.24 s a turn: the usual intervals pass at most once round
-constexpr std::uint32_t Due = Slots;  // the list of entries whose slot has come
-constexpr std::uint32_t None = UINT32_MAX;
 constexpr qint64 TickMs = TimingWheel::Resolution.count();
+constexpr qint64 OnceTurnMs = 10'240; // of the ring of single calls: the usual delays fit into one turn
+/// How far ahead of the call a client is fetched into the cache: a fleet's clients are never there yet.
+constexpr size_t FetchAhead = 4;
+constexpr size_t CacheLine = 64;
 
-// 40 bytes. The first Slots + 1 entries are the heads of circular lists.
-struct Entry {
-    qint64 due = 0;
-    TimingWheel::Client* client = nullptr; // null: free, `next` links the free entries
-    std::uint32_t interval = 0;            // ms; 0: once
-    int tag = 0;
-    std::uint32_t generation = 0;
-    std::uint32_t next = None;
-    std::uint32_t previous = None;
+struct Member {
+    TimingWheel::Client* client; // null: its deadline ended while its bucket was walked
+    qint64 due;                  // of a single call; a periodic one comes whenever its bucket does
+    std::uint32_t place;
+    int tag;
 };
 
-// One bit a slot: whether its list holds anything.
-class SlotBits {
-public:
-    void set(std::uint32_t slot) { m_words.at(slot / 64) |= bit(slot); }
-    void clear(std::uint32_t slot) { m_words.at(slot / 64) &= ~bit(slot); }
+// Where a member stands; what a Handle refers to.
+struct Place {
+    std::uint32_t ring = 0;
+    std::uint32_t bucket = 0;
+    std::uint32_t index = 0; // in the bucket; free places are linked by it
+    std::uint32_t generation = 0;
+};
 
-    // Steps from `slot` to the first set bit at or behind it, going round once; None when all are clear.
-    std::uint32_t distanceToNext(std::uint32_t slot) const {
-        std::uint64_t word = m_words.at(slot / 64) & ~(bit(slot) - 1);
-        std::uint32_t at = slot / 64;
-        for (std::uint32_t i = 0; i <= m_words.size(); ++i) {
-            if (word != 0) {
-                const auto found = at * 64 + static_cast<std::uint32_t>(__builtin_ctzll(word));
-                return (found - slot) & (Slots - 1);
-            }
-            at = (at + 1) % (Slots / 64);
-            word = m_words.at(at);
-        }
-        return None;
+constexpr std::uint32_t None = UINT32_MAX;
+
+void fetch(const std::vector<Member>& members, size_t index) {
+    if (index >= members.size())
+        return;
+    const auto* const client = reinterpret_cast<const char*>(members[index].client);
+    __builtin_prefetch(client);
+    __builtin_prefetch(client + CacheLine);
+}
+
+// All periodic deadlines of one interval, or all single ones: a turn is divided into buckets, each of
+// which has its moment in the turn. A periodic member never moves.
+struct Ring {
+    qint64 turn; // ms
+    bool isPeriodic;
+    std::vector<std::vector<Member>> buckets;
+    qint64 next = 0; // number of the next bucket, counted on from the first turn
+    int count = 0;
+    std::uint32_t armed = 0; // members so far
+    // The walk over the newest bucket; nested event loops go on with it.
+    std::uint32_t walked = None;
+    size_t cursor = 0;
+    size_t end = 0; // members that came meanwhile wait for the next turn
+    bool hasHoles = false;
+
+    Ring(qint64 turnMs, bool periodic)
+        : turn(turnMs)
+        , isPeriodic(periodic)
+        , buckets(static_cast<size_t>(std::max<qint64>(1, turnMs / TickMs))) {}
+
+    qint64 size() const { return static_cast<qint64>(buckets.size()); }
+    qint64 timeOf(qint64 number) const { return number / size() * turn + number % size() * turn / size(); }
+    // The first bucket whose moment is not before `time`.
+    qint64 firstFrom(qint64 time) const {
+        qint64 number = time / turn * size() + time % turn * size() / turn;
+        while (timeOf(number) < time)
+            ++number;
+        return number;
+    }
+    qint64 nextNumberOf(std::uint32_t bucket) const {
+        return next + (bucket - next % size() + size()) % size();
     }
 
-private:
-    static std::uint64_t bit(std::uint32_t slot) { return std::uint64_t{1} << (slot % 64); }
-    std::array<std::uint64_t, Slots / 64> m_words{};
+    // The moment of the next bucket with anybody in it; -1 when there is none.
+    qint64 nextTime() const {
+        if (walked != None)
+            return timeOf(next - 1);
+        if (count == 0)
+            return -1;
+        qint64 number = next;
+        while (buckets[static_cast<size_t>(number % size())].empty())
+            ++number;
+        return timeOf(number);
+    }
+
+    // Phases follow the golden ratio: however many members there are, they are spread evenly.
+    std::uint32_t spreadBucket() {
+        constexpr std::uint32_t GoldenFraction = 0x9E3779B9; // of 2^32
+        return static_cast<std::uint32_t>((std::uint64_t{armed++ * GoldenFraction} * buckets.size()) >> 32);
+    }
+
+    bool begin(qint64 now) {
+        const qint64 latest = firstFrom(now + 1) - 1;
+        next = std::max(next, latest - size() + 1); // more than a turn late: every bucket once
+        while (next <= latest && buckets[static_cast<size_t>(next % size())].empty())
+            ++next;
+        if (next > latest)
+            return false;
+        walked = static_cast<std::uint32_t>(next++ % size());
+        cursor = 0;
+        end = buckets[walked].size();
+        return true;
+    }
 };
 
 } // namespace
 
 struct TimingWheel::State {
-    std::deque<Entry> entries;
-    SlotBits occupied;
-    std::uint32_t freeList = None;
+    std::deque<Ring> rings;
+    std::vector<Place> places;
+    std::uint32_t freePlaces = None;
     int active = 0;
-    qint64 tick = 0;      // every tick up to this one was handled
-    qint64 wakeTick = -1; // what the timer waits for; -1 when it is off
+    qint64 wakeTime = -1; // what the timer waits for; -1 when it is off
     QBasicTimer timer;
     QElapsedTimer clock;
-    QHash<std::uint32_t, std::uint32_t> armedOf; // periodic deadlines armed so far, by interval
 
-    State()
-        : entries(Slots + 1) {
-        for (std::uint32_t head = 0; head <= Slots; ++head)
-            entries[head].next = entries[head].previous = head;
+    State() {
+        rings.emplace_back(OnceTurnMs, false);
         clock.start();
     }
 
     // What is left of the current millisecond does not count as waited.
     qint64 after(qint64 delay) const { return clock.elapsed() + 1 + delay; }
-    static qint64 tickOf(qint64 due) { return (due + TickMs - 1) / TickMs; }
 
-    bool isEmpty(std::uint32_t head) const { return entries[head].next == head; }
-
-    void link(std::uint32_t head, std::uint32_t index) {
-        Entry& entry = entries[index];
-        entry.next = head;
-        entry.previous = entries[head].previous;
-        entries[entry.previous].next = index;
-        entries[head].previous = index;
-    }
-
-    void unlink(std::uint32_t index) {
-        const Entry& entry = entries[index];
-        entries[entry.previous].next = entry.next;
-        entries[entry.next].previous = entry.previous;
-        if (entry.next == entry.previous && entry.next < Slots)
-            occupied.clear(entry.next);
-    }
-
-    void linkByDue(std::uint32_t index) {
-        const auto slot =
-            static_cast<std::uint32_t>(std::max(tickOf(entries[index].due), tick + 1) & (Slots - 1));
-        link(slot, index);
-        occupied.set(slot);
-    }
-
-    std::uint32_t arm(qint64 due, std::uint32_t interval, Client* client, int tag);
-    void disarm(std::uint32_t index);
-    qint64 firstDue(std::uint32_t interval);
-    qint64 nextTick() const;
-    void turnTo(qint64 toTick);
-    void call(std::uint32_t index);
-    void handle(qint64 now);
+    std::uint32_t ringOf(qint64 interval);
+    std::uint32_t arm(std::uint32_t ring, std::uint32_t bucket, qint64 due, Client* client, int tag);
+    std::uint32_t armPeriodic(qint64 interval, Client* client, int tag);
+    std::uint32_t armOnce(qint64 due, Client* client, int tag);
+    void disarm(std::uint32_t place);
+    qint64 nextTime() const;
+    void endWalk(Ring& ring);
+    void callNext(Ring& ring, qint64 now);
+    void turn(Ring& ring, qint64 now);
 };
 
-std::uint32_t TimingWheel::State::arm(qint64 due, std::uint32_t interval, Client* client, int tag) {
-    if (active == 0)
-        tick = std::max(tick, clock.elapsed() / TickMs);
-    std::uint32_t index = freeList;
-    if (index == None) {
-        index = static_cast<std::uint32_t>(entries.size());
-        entries.emplace_back();
-    } else {
-        freeList = entries[index].next;
-    }
-    Entry& entry = entries[index];
-    entry.due = due;
-    entry.interval = interval;
-    entry.client = client;
-    entry.tag = tag;
-    linkByDue(index);
-    ++active;
+std::uint32_t TimingWheel::State::ringOf(qint64 interval) {
+    std::uint32_t index = 1; // behind the ring of single calls
+    while (index < rings.size() && rings[index].turn != interval)
+        ++index;
+    if (index == rings.size())
+        rings.emplace_back(interval, true);
+    Ring& ring = rings[index];
+    if (ring.count == 0 && ring.walked == None)
+        ring.next = ring.firstFrom(clock.elapsed() + 1);
     return index;
 }
 
-void TimingWheel::State::disarm(std::uint32_t index) {
-    unlink(index);
-    Entry& entry = entries[index];
-    entry.client = nullptr;
-    ++entry.generation;
-    entry.next = freeList;
-    freeList = index;
+std::uint32_t TimingWheel::State::arm(std::uint32_t ring, std::uint32_t bucket, qint64 due, Client* client,
+                                      int tag) {
+    std::uint32_t place = freePlaces;
+    if (place == None) {
+        place = static_cast<std::uint32_t>(places.size());
+        places.emplace_back();
+    } else {
+        freePlaces = places[place].index;
+    }
+    std::vector<Member>& members = rings[ring].buckets[bucket];
+    places[place].ring = ring;
+    places[place].bucket = bucket;
+    places[place].index = static_cast<std::uint32_t>(members.size());
+    members.push_back({client, due, place, tag});
+    ++rings[ring].count;
+    ++active;
+    return place;
+}
+
+std::uint32_t TimingWheel::State::armPeriodic(qint64 interval, Client* client, int tag) {
+    const std::uint32_t ring = ringOf(interval);
+    return arm(ring, rings[ring].spreadBucket(), 0, client, tag);
+}
+
+std::uint32_t TimingWheel::State::armOnce(qint64 due, Client* client, int tag) {
+    Ring& ring = rings[0];
+    if (ring.count == 0 && ring.walked == None)
+        ring.next = ring.firstFrom(clock.elapsed() + 1);
+    return arm(0, static_cast<std::uint32_t>(ring.firstFrom(due) % ring.size()), due, client, tag);
+}
+
+void TimingWheel::State::disarm(std::uint32_t place) {
+    Place& at = places[place];
+    Ring& ring = rings[at.ring];
+    std::vector<Member>& members = ring.buckets[at.bucket];
+    if (ring.walked == at.bucket) {
+        members[at.index].client = nullptr;
+        ring.hasHoles = true;
+    } else {
+        members[at.index] = members.back();
+        places[members[at.index].place].index = at.index;
+        members.pop_back();
+    }
+    ++at.generation;
+    at.index = freePlaces;
+    freePlaces = place;
+    --ring.count;
     --active;
 }
 
-// Phases of one interval follow the golden ratio: however many there are, they are spread evenly.
-qint64 TimingWheel::State::firstDue(std::uint32_t interval) {
-    constexpr std::uint32_t GoldenFraction = 0x9E3779B9; // of 2^32
-    const std::uint32_t turn = armedOf[interval]++ * GoldenFraction;
-    const auto phase = static_cast<qint64>((std::uint64_t{turn} * interval) >> 32);
-    const qint64 now = clock.elapsed();
-    const qint64 wait = (phase - now % interval + interval) % interval;
-    return now + (wait == 0 ? interval : wait);
+qint64 TimingWheel::State::nextTime() const {
+    qint64 first = -1;
+    for (const Ring& ring : rings) {
+        const qint64 time = ring.nextTime();
+        if (time >= 0 && (first < 0 || time < first))
+            first = time;
+    }
+    return first;
 }
 
-// The next tick whose slot holds something; -1 when nothing is armed.
-qint64 TimingWheel::State::nextTick() const {
-    if (!isEmpty(Due))
-        return tick;
-    const std::uint32_t steps = occupied.distanceToNext(static_cast<std::uint32_t>((tick + 1) & (Slots - 1)));
-    return steps == None ? -1 : tick + 1 + steps;
-}
-
-void TimingWheel::State::turnTo(qint64 toTick) {
-    tick = toTick;
-    const auto slot = static_cast<std::uint32_t>(tick & (Slots - 1));
-    if (isEmpty(slot))
+void TimingWheel::State::endWalk(Ring& ring) {
+    std::vector<Member>& members = ring.buckets[ring.walked];
+    ring.walked = None;
+    ring.cursor = ring.end = 0;
+    if (!std::exchange(ring.hasHoles, false))
         return;
-    Entry& head = entries[slot];
-    Entry& due = entries[Due];
-    due.next = head.next;
-    due.previous = head.previous;
-    entries[due.next].previous = Due;
-    entries[due.previous].next = Due;
-    head.next = head.previous = slot;
-    occupied.clear(slot);
+    members.erase(std::remove_if(members.begin(), members.end(),
+                                 [](const Member& member) { return member.client == nullptr; }),
+                  members.end());
+    for (size_t index = 0; index < members.size(); ++index)
+        places[members[index].place].index = static_cast<std::uint32_t>(index);
+    if (members.empty())
+        members = {}; // gives back what a storm of deadlines took
 }
 
-// The entry is back in its place before the client is called: it may do anything to it.
-void TimingWheel::State::call(std::uint32_t index) {
-    Entry& entry = entries[index];
-    Client* const client = entry.client;
-    const int tag = entry.tag;
-    if (entry.interval == 0) {
-        disarm(index);
-    } else {
-        unlink(index);
-        const qint64 late = std::max<qint64>(0, clock.elapsed() - entry.due);
-        entry.due += (late / entry.interval + 1) * entry.interval;
-        linkByDue(index);
-    }
-    client->wheelTimeout(tag);
+void TimingWheel::State::callNext(Ring& ring, qint64 now) {
+    const std::vector<Member>& members = ring.buckets[ring.walked];
+    fetch(members, ring.cursor + FetchAhead);
+    const Member member = members[ring.cursor++];
+    if (!member.client || member.due > now) // due in a later turn
+        return;
+    if (!ring.isPeriodic)
+        disarm(member.place);
+    member.client->wheelTimeout(member.tag);
 }
 
-// May be entered again from a nested event loop inside a client: the state is whole at each call.
-void TimingWheel::State::handle(qint64 now) {
-    for (;;) {
-        while (!isEmpty(Due)) {
-            const std::uint32_t index = entries[Due].next;
-            if (tickOf(entries[index].due) <= tick) {
-                call(index);
-            } else { // due in a later turn of the wheel
-                unlink(index);
-                linkByDue(index);
-            }
-        }
-        const qint64 next = nextTick();
-        if (next < 0 || next > now)
-            return;
-        turnTo(next);
-    }
+// May be entered again from a nested event loop inside a client: the ring is whole at each call.
+void TimingWheel::State::turn(Ring& ring, qint64 now) {
+    do {
+        while (ring.cursor < ring.end)
+            callNext(ring, now);
+        if (ring.walked != None)
+            endWalk(ring);
+    } while (ring.begin(now));
 }
 
 TimingWheel::Handle::Handle(Handle&& other) noexcept
     : m_wheel(std::exchange(other.m_wheel, nullptr))
-    , m_slot(other.m_slot)
+    , m_place(other.m_place)
     , m_generation(other.m_generation) {}
 
 TimingWheel::Handle& TimingWheel::Handle::operator=(Handle&& other) noexcept {
     if (this != &other) {
         reset();
         m_wheel = std::exchange(other.m_wheel, nullptr);
-        m_slot = other.m_slot;
+        m_place = other.m_place;
         m_generation = other.m_generation;
     }
     return *this;
@@ -224,12 +261,12 @@ TimingWheel::Handle& TimingWheel::Handle::operator=(Handle&& other) noexcept {
 
 void TimingWheel::Handle::reset() {
     if (isActive())
-        m_wheel->m_state->disarm(m_slot);
+        m_wheel->m_state->disarm(m_place);
     m_wheel = nullptr;
 }
 
 bool TimingWheel::Handle::isActive() const {
-    return m_wheel != nullptr && m_wheel->m_state->entries[m_slot].generation == m_generation;
+    return m_wheel != nullptr && m_wheel->m_state->places[m_place].generation == m_generation;
 }
 
 TimingWheel::TimingWheel(QObject* parent)
@@ -239,20 +276,21 @@ TimingWheel::TimingWheel(QObject* parent)
 TimingWheel::~TimingWheel() = default;
 
 TimingWheel::Handle TimingWheel::every(std::chrono::milliseconds interval, Client* client, int tag) {
-    const auto ms = static_cast<std::uint32_t>(std::max<qint64>(TickMs, interval.count()));
-    return handleOf(m_state->arm(m_state->firstDue(ms), ms, client, tag));
+    return handleOf(m_state->armPeriodic(std::max<qint64>(TickMs, interval.count()), client, tag));
 }
 
 TimingWheel::Handle TimingWheel::once(std::chrono::milliseconds delay, Client* client, int tag) {
-    return handleOf(m_state->arm(m_state->after(std::max<qint64>(0, delay.count())), 0, client, tag));
+    return handleOf(m_state->armOnce(m_state->after(std::max<qint64>(0, delay.count())), client, tag));
 }
 
-TimingWheel::Handle TimingWheel::handleOf(std::uint32_t index) {
+TimingWheel::Handle TimingWheel::handleOf(std::uint32_t place) {
+    const Place& at = m_state->places[place];
+    const Ring& ring = m_state->rings[at.ring];
+    wakeBy(ring.timeOf(ring.nextNumberOf(at.bucket)));
     Handle handle;
     handle.m_wheel = this;
-    handle.m_slot = index;
-    handle.m_generation = m_state->entries[index].generation;
-    wakeInTime();
+    handle.m_place = place;
+    handle.m_generation = at.generation;
     return handle;
 }
 
@@ -260,18 +298,14 @@ int TimingWheel::activeCount() const {
     return m_state->active;
 }
 
-// The timer runs to the next occupied slot, not at every tick. A deadline that was reset leaves it
-// running: one needless wake-up.
-void TimingWheel::wakeInTime() {
-    const qint64 next = m_state->nextTick();
-    if (next < 0) {
-        m_state->timer.stop();
-        m_state->wakeTick = -1;
-    } else if (m_state->wakeTick < 0 || next < m_state->wakeTick) {
-        m_state->wakeTick = next;
-        const qint64 wait = std::max<qint64>(0, next * TickMs - m_state->clock.elapsed());
-        m_state->timer.start(static_cast<int>(wait), Qt::PreciseTimer, this);
-    }
+// The timer runs to the next bucket with anybody in it, not to every one. A deadline that was reset
+// leaves it running: one needless wake-up.
+void TimingWheel::wakeBy(qint64 time) {
+    if (m_state->wakeTime >= 0 && m_state->wakeTime <= time)
+        return;
+    m_state->wakeTime = time;
+    const qint64 wait = std::max<qint64>(0, time - m_state->clock.elapsed());
+    m_state->timer.start(static_cast<int>(wait), Qt::PreciseTimer, this);
 }
 
 void TimingWheel::timerEvent(QTimerEvent* event) {
@@ -280,12 +314,16 @@ void TimingWheel::timerEvent(QTimerEvent* event) {
     // A timer is not delivered again while its event is being handled: a fresh one, so that the wheel
     // goes on when a client runs a nested event loop.
     restartTimer();
-    m_state->handle(m_state->clock.elapsed() / TickMs);
+    const qint64 now = m_state->clock.elapsed();
+    for (size_t ring = 0; ring < m_state->rings.size(); ++ring)
+        m_state->turn(m_state->rings[ring], now);
     restartTimer();
 }
 
 void TimingWheel::restartTimer() {
     m_state->timer.stop();
-    m_state->wakeTick = -1;
-    wakeInTime();
+    m_state->wakeTime = -1;
+    const qint64 next = m_state->nextTime();
+    if (next >= 0)
+        wakeBy(next);
 }

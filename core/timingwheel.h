@@ -28,7 +28,7 @@ public:
     private:
         friend class TimingWheel;
         TimingWheel* m_wheel = nullptr;
-        std::uint32_t m_slot = 0;
+        std::uint32_t m_place = 0;
         std::uint32_t m_generation = 0;
     };
 
@@ -58,8 +58,8 @@ protected:
     void timerEvent(QTimerEvent* event) override;
 
 private:
-    Handle handleOf(std::uint32_t index);
-    void wakeInTime();
+    Handle handleOf(std::uint32_t place);
+    void wakeBy(qint64 time);
     void restartTimer();
 
     struct State;
