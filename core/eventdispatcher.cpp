@@ -110,6 +110,15 @@ void EpollEventDispatcher::unregisterSocketNotifier(QSocketNotifier* notifier) {
     m_state->sockets.remove(notifier);
 }
 
+EpollEventDispatcher* EpollEventDispatcher::current() {
+    return qobject_cast<EpollEventDispatcher*>(QAbstractEventDispatcher::instance());
+}
+
+void EpollEventDispatcher::listen(int descriptor, DescriptorListener* listener, bool forReading,
+                                  bool forWriting) {
+    m_state->sockets.listen(descriptor, listener, forReading, forWriting);
+}
+
 void EpollEventDispatcher::registerTimer(int timerId, int interval, Qt::TimerType timerType,
                                          QObject* object) {
     if (timerId > 0 && interval >= 0 && object)

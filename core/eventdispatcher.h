@@ -4,6 +4,8 @@
 #include <memory>
 #include <QAbstractEventDispatcher>
 
+class DescriptorListener;
+
 /// Qt event dispatcher over epoll: socket notifiers at constant cost each, timers in a heap, wake-up
 /// through an eventfd. Install it with QCoreApplication::setEventDispatcher() before the application
 /// object is made, or give it to a QThread. Belongs to the thread that runs it, as Qt asks; wakeUp()
@@ -27,6 +29,13 @@ public:
     void interrupt() override;
     void flush() override;
     void closingDown() override;
+
+    /// The calling thread's dispatcher; null when it has one of another kind.
+    static EpollEventDispatcher* current();
+    /// Sets the descriptor's one listener and what it waits for; null before the descriptor is closed.
+    /// On the dispatcher's own thread.
+    void listen(int descriptor, DescriptorListener* listener, bool forReading = false,
+                bool forWriting = false);
 
     /// Longest turn (from wake-up to the next wait) since the last call; logged by the dispatcher
     /// itself when a turn exceeds 200 ms.

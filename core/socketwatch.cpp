@@ -1,5 +1,7 @@
 #include "core/socketwatch.h"
 
+#include "core/fetch.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -39,7 +41,7 @@ SocketWatch::~SocketWatch() {
 }
 
 std::uint16_t SocketWatch::wanted(const Watched& watched) {
-    std::uint16_t events = 0;
+    std::uint16_t events = watched.listened;
     for (size_t type = 0; type < Types.size(); ++type) {
         if (watched.notifiers.at(type))
             events = static_cast<std::uint16_t>(events | Interest.at(type));
@@ -47,13 +49,17 @@ std::uint16_t SocketWatch::wanted(const Watched& watched) {
     return events;
 }
 
+SocketWatch::Watched& SocketWatch::watchedAt(int descriptor) {
+    if (static_cast<size_t>(descriptor) >= m_watched.size())
+        m_watched.resize(std::max<size_t>(static_cast<size_t>(descriptor) + 1, m_watched.size() * 2));
+    return m_watched[static_cast<size_t>(descriptor)];
+}
+
 void SocketWatch::add(QSocketNotifier* notifier) {
     const auto descriptor = static_cast<int>(notifier->socket());
     if (descriptor < 0)
         return;
-    if (static_cast<size_t>(descriptor) >= m_watched.size())
-        m_watched.resize(std::max<size_t>(static_cast<size_t>(descriptor) + 1, m_watched.size() * 2));
-    Watched& watched = m_watched[static_cast<size_t>(descriptor)];
+    Watched& watched = watchedAt(descriptor);
     QSocketNotifier*& place = watched.notifiers.at(notifier->type());
     if (place && place != notifier) { // its file was closed and the number given out again
         qWarning("two socket notifiers of one type for descriptor %d, the newer one counts", descriptor);
@@ -79,9 +85,30 @@ void SocketWatch::remove(QSocketNotifier* notifier) {
     noteChange(static_cast<int>(descriptor));
 }
 
+void SocketWatch::listen(int descriptor, DescriptorListener* listener, bool forReading, bool forWriting) {
+    if (descriptor < 0)
+        return;
+    Watched& watched = watchedAt(descriptor);
+    std::uint16_t events = 0;
+    if (forReading)
+        events |= EPOLLIN;
+    if (forWriting)
+        events |= EPOLLOUT;
+    const bool isMore = (events & ~watched.listened) != 0;
+    if (watched.listener != listener || isMore)
+        watched.batch = m_batch;
+    watched.listener = listener;
+    watched.listened = listener ? events : std::uint16_t{0};
+    if (wanted(watched) == 0)
+        watched.isSuspect = true;
+    noteChange(descriptor);
+}
+
 void SocketWatch::clear() {
     for (size_t descriptor = 0; descriptor < m_watched.size(); ++descriptor) {
         m_watched[descriptor].notifiers = {};
+        m_watched[descriptor].listener = nullptr;
+        m_watched[descriptor].listened = 0;
         noteChange(static_cast<int>(descriptor));
     }
     applyChanges();
@@ -182,9 +209,24 @@ bool SocketWatch::wait(std::chrono::milliseconds timeout, bool sockets) {
 int SocketWatch::deliver() {
     const std::uint32_t batch = m_batch;
     int delivered = 0;
-    for (size_t i = 0; batch == m_batch && i < m_ready.size(); ++i)
+    for (size_t i = 0; batch == m_batch && i < m_ready.size(); ++i) {
+        fetchAhead(i);
         delivered += deliverTo(m_ready[i].descriptor, m_ready[i].events);
+    }
     return delivered;
+}
+
+// In a fleet nothing of the next connection is in the cache yet.
+void SocketWatch::fetchAhead(size_t index) const {
+    constexpr size_t Distance = 3;
+    const auto at = [&](size_t ahead) {
+        return index + ahead < m_ready.size()
+                   ? &m_watched[static_cast<size_t>(m_ready[index + ahead].descriptor)]
+                   : nullptr;
+    };
+    fetchObject(at(2 * Distance));
+    if (const Watched* const watched = at(Distance))
+        fetchObject(watched->listener);
 }
 
 // Each notifier is looked up anew: any of them may have been switched off or deleted by one before.
@@ -200,5 +242,17 @@ int SocketWatch::deliverTo(int descriptor, std::uint32_t events) {
         QCoreApplication::sendEvent(notifier, &event);
         ++delivered;
     }
+    const Watched& watched = m_watched[static_cast<size_t>(descriptor)];
+    if (batch == m_batch && watched.listened != 0 && watched.batch != batch)
+        delivered += tellListener(watched, events);
     return delivered;
+}
+
+int SocketWatch::tellListener(const Watched& watched, std::uint32_t events) const {
+    const bool isReadable = (watched.listened & EPOLLIN) != 0 && (events & (EPOLLIN | Broken)) != 0;
+    const bool isWritable = (watched.listened & EPOLLOUT) != 0 && (events & (EPOLLOUT | Broken)) != 0;
+    if (!isReadable && !isWritable)
+        return 0;
+    watched.listener->descriptorReady(isReadable, isWritable);
+    return 1;
 }

@@ -1,5 +1,7 @@
 #include "core/timingwheel.h"
 
+#include "core/fetch.h"
+
 #include <algorithm>
 #include <deque>
 #include <QBasicTimer>
@@ -14,7 +16,6 @@ constexpr qint64 TickMs = TimingWheel::Resolution.count();
 constexpr qint64 OnceTurnMs = 10'240; // of the ring of single calls: the usual delays fit into one turn
 /// How far ahead of the call a client is fetched into the cache: a fleet's clients are never there yet.
 constexpr size_t FetchAhead = 4;
-constexpr size_t CacheLine = 64;
 
 struct Member {
     TimingWheel::Client* client; // null: its deadline ended while its bucket was walked
@@ -36,9 +37,7 @@ constexpr std::uint32_t None = UINT32_MAX;
 void fetch(const std::vector<Member>& members, size_t index) {
     if (index >= members.size())
         return;
-    const auto* const client = reinterpret_cast<const char*>(members[index].client);
-    __builtin_prefetch(client);
-    __builtin_prefetch(client + CacheLine);
+    fetchObject(members[index].client);
 }
 
 // All periodic deadlines of one interval, or all single ones: a turn is divided into buckets, each of

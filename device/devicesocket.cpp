@@ -1,11 +1,12 @@
 #include "device/devicesocket.h"
 
+#include "core/eventdispatcher.h"
+
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <netinet/in.h>
 #include <QDebug>
-#include <QSocketNotifier>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,14 +18,29 @@ bool isTemporary(int error) {
 
 DeviceSocket::DeviceSocket(int descriptor, const QHostAddress& peer, QObject* parent)
     : QObject(parent)
-    , m_reader(std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read))
-    , m_peer(peer)
-    , m_descriptor(descriptor) {
-    connect(m_reader.get(), &QSocketNotifier::activated, this, &DeviceSocket::readNow);
+    , m_descriptor(descriptor)
+    , m_peer(peer) {
+    listenAnew();
 }
 
 DeviceSocket::~DeviceSocket() {
     close();
+}
+
+/// Tells the loop what to look for: bytes unless unwatched, room while there is a backlog.
+void DeviceSocket::listenAnew() {
+    EpollEventDispatcher* const loop = EpollEventDispatcher::current();
+    if (!loop)
+        return; // gone already, and with it whatever it watched
+    const bool isOpen = isConnected();
+    loop->listen(m_descriptor, isOpen ? this : nullptr, isOpen && m_watched, !m_backlog.isEmpty());
+}
+
+void DeviceSocket::descriptorReady(bool readable, bool writable) {
+    if (writable)
+        this->writable();
+    if (readable && isConnected())
+        readNow();
 }
 
 QByteArray DeviceSocket::readAll() {
@@ -61,7 +77,8 @@ int DeviceSocket::receive(const char*& data) {
 }
 
 void DeviceSocket::setWatched(bool watched) {
-    m_reader->setEnabled(watched && isConnected());
+    if (std::exchange(m_watched, watched) != watched && isConnected())
+        listenAnew();
 }
 
 int DeviceSocket::write(const QByteArray& bytes) {
@@ -81,11 +98,7 @@ int DeviceSocket::write(const QByteArray& bytes) {
         return fail(ENOBUFS);
     }
     m_backlog.append(bytes.constData() + sent, bytes.size() - sent);
-    if (!m_writer) {
-        m_writer = std::make_unique<QSocketNotifier>(m_descriptor, QSocketNotifier::Write);
-        connect(m_writer.get(), &QSocketNotifier::activated, this, &DeviceSocket::writable);
-    }
-    m_writer->setEnabled(true);
+    listenAnew();
     return bytes.size();
 }
 
@@ -105,7 +118,7 @@ void DeviceSocket::writable() {
     m_backlog.remove(0, sent);
     if (m_backlog.isEmpty()) {
         m_backlog = {}; // gives the memory back
-        m_writer->setEnabled(false);
+        listenAnew();
     }
 }
 
@@ -119,9 +132,7 @@ void DeviceSocket::breakDown(int error) {
     m_broken = true;
     m_error = error;
     m_backlog = {};
-    m_reader->setEnabled(false);
-    if (m_writer)
-        m_writer->setEnabled(false);
+    listenAnew();
 }
 
 void DeviceSocket::announceEnd() {

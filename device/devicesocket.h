@@ -1,16 +1,16 @@
 #pragma once
 
-#include <memory>
+#include "core/socketwatch.h"
+
 #include <QByteArray>
 #include <QHostAddress>
 #include <QObject>
 
-class QSocketNotifier;
-
 /// One accepted TCP connection of a speaker, over the bare descriptor. It keeps no read buffer and,
 /// as long as the peer reads, no write buffer: a fleet of them costs a few hundred bytes each, where
-/// QTcpSocket costs kilobytes. Main loop only. Owns and closes the descriptor.
-class DeviceSocket : public QObject {
+/// QTcpSocket costs kilobytes. Main loop only, which is an EpollEventDispatcher's. Owns and closes the
+/// descriptor.
+class DeviceSocket : public QObject, private DescriptorListener {
     Q_OBJECT
 public:
     /// What may wait for a speaker that has stopped reading. It holds more than any command or chunk
@@ -59,6 +59,8 @@ signals:
     void disconnected();
 
 private:
+    void descriptorReady(bool readable, bool writable) override;
+    void listenAnew();
     int receive(const char*& data);
     void writable();
     void breakDown(int error);
@@ -66,12 +68,11 @@ private:
     int fail(int error);
     int sendNow(const char* data, int size);
 
-    std::unique_ptr<QSocketNotifier> m_reader;
-    std::unique_ptr<QSocketNotifier> m_writer; ///< only while there is a backlog
-    QHostAddress m_peer;
-    QByteArray m_input;
-    QByteArray m_backlog;
     int m_descriptor;
     int m_error = 0;
     bool m_broken = false;
+    bool m_watched = true;
+    QByteArray m_backlog; ///< while it holds anything, the loop tells when there is room
+    QByteArray m_input;
+    QHostAddress m_peer;
 };

@@ -42,6 +42,7 @@ public:
 
 private:
     void readable();
+    bool receive();
     void writable();
     void process();
     void processSlice();

@@ -25,6 +25,21 @@ QStringList texts(const QJsonValue& array) {
     return found;
 }
 
+/// A fleet's sessions are never in the cache when a command comes: what the next ones need is fetched,
+/// a step of the way to the socket each, while the kernel sends.
+void fetchAhead(const std::vector<SAobj*>& sessions, size_t index) {
+    constexpr size_t Distance = 3;
+    const auto at = [&](size_t ahead) {
+        return index + ahead < sessions.size() ? sessions[index + ahead] : nullptr;
+    };
+    if (const SAobj* const session = at(3 * Distance))
+        session->fetch();
+    if (const SAobj* const session = at(2 * Distance))
+        session->fetchConnection();
+    if (const SAobj* const session = at(Distance))
+        session->fetchSocket();
+}
+
 /// What became of the targets of one command, and the reply that tells it.
 class Outcome {
 public:
@@ -165,12 +180,11 @@ QByteArray Dispatcher::runRow(const CommandRow& row, const QJsonObject& request)
     if (!plan.call)
         return reply(plan.refusal, plan.info);
     Outcome outcome(row.words, row.tellsEach);
-    if (targets) {
-        for (const QString& sn : *targets)
-            outcome.run(sn, m_devices.session(sn), plan.call);
-    } else {
-        for (SAobj* const session : std::as_const(m_devices.sessions()))
-            outcome.run(session->sn(), session, plan.call);
+    const std::vector<SAobj*> sessions = targets ? sessionsOf(*targets) : everySession();
+    for (size_t i = 0; i < sessions.size(); ++i) {
+        fetchAhead(sessions, i);
+        SAobj* const session = sessions[i];
+        outcome.run(targets ? targets->at(static_cast<int>(i)) : session->sn(), session, plan.call);
     }
     return outcome.reply();
 }
@@ -181,6 +195,20 @@ QByteArray Dispatcher::runAdded(const Severinit::Command& command, const QString
     if (targets.isEmpty())
         return reply(NoTargets, QStringLiteral("no speakers in \"snlist\" or \"group\""));
     return QJsonDocument(command(request, targets)).toJson(QJsonDocument::Compact);
+}
+
+/// All lookups before the first command: one by one between the writes each would wait for memory anew.
+std::vector<SAobj*> Dispatcher::sessionsOf(const QStringList& serials) const {
+    std::vector<SAobj*> sessions;
+    sessions.reserve(static_cast<size_t>(serials.size()));
+    for (const QString& sn : serials)
+        sessions.push_back(m_devices.session(sn));
+    return sessions;
+}
+
+std::vector<SAobj*> Dispatcher::everySession() const {
+    const auto& sessions = m_devices.sessions();
+    return {sessions.begin(), sessions.end()};
 }
 
 /// The serials that the request names; nothing when it is for every session.

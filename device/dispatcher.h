@@ -109,6 +109,8 @@ private:
     QByteArray runAdded(const Severinit::Command& command, const QString& word, const QJsonObject& request);
     std::optional<QStringList> resolve(Targets targets, const QString& word,
                                        const QJsonObject& request) const;
+    std::vector<SAobj*> sessionsOf(const QStringList& serials) const; ///< null where there is none
+    std::vector<SAobj*> everySession() const;
     QStringList each(const QString& word, const QJsonObject& request) const;
 
     Severinit& m_devices;

@@ -119,7 +119,7 @@ QByteArray changeRegistered(Dispatcher& dispatcher, const QJsonObject& request, 
         return Dispatcher::reply("write_erro", QStringLiteral("\"unuse.conf\" can't be written"));
     const Arguments arguments(request);
     if (const auto url = arguments.filledText("url")) {
-        for (SAobj* const session : std::as_const(devices.sessions()))
+        for (SAobj* const session : devices.sessions())
             session->_AATS(*url, arguments.text("md5").value_or(QString()),
                            arguments.text("paths").value_or(QString()));
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/fetch.h"
 #include "core/timingwheel.h"
 #include "device/sessionenv.h"
 
@@ -77,6 +78,11 @@ public:
     void goffline();
     /// Writes a command to the control connection.
     int wirteonlinecmd(const QByteArray& command);
+    /// Ask for what a command will touch to be brought into the cache; each needs the one before to
+    /// have arrived. They change nothing.
+    void fetch() const { fetchObject(this); }
+    void fetchConnection() const { fetchObject(m_client); }
+    void fetchSocket() const;
 
     // --- commands ---
     int get_baojing(int a, int b);
@@ -225,13 +231,30 @@ private:
     bool lacksConnection() const;
 
     SessionEnv& m_env;
+    // What every tick and every command of a fleet touches stands together, next to the object's head.
     fortcpclient* m_client = nullptr; ///< bound while not null; not owned
     DeviceSocket* m_mp3Socket = nullptr;
-    QUdpSocket* m_datagramSocket = nullptr;
-    TimingWheel::Handle m_statusTimer;
-    TimingWheel::Handle m_heartbeatTimer;
-    TimingWheel::Handle m_retryTimer;
-    TimingWheel::Handle m_startCheckTimer;
+    int m_chunkCounter = 0;
+    int m_leixing = PullKind;
+    quint8 m_onlineState = Offline;
+    bool m_enabled = true;
+    bool m_streamActive = false;
+    bool m_busy = false;
+    bool m_hold = false;
+    bool m_writeInProgress = false;
+    bool m_needConnect = true;
+    quint8 m_requestBytes = 0; ///< of a request for a chunk that has arrived in part
+    int m_vol = 0;
+    int m_kind = PullKind;
+    QList<QByteArray> m_queue;
+    int m_priority = 0;
+    int m_sequence = 0;
+    int m_streamId = 0;
+    int m_micD = 0;
+    int m_micE = 0;
+    int m_debugState = 0;
+    int m_voltage = 0;
+    int m_xuhao = 0;
     QString m_sn;
     QString m_name;
     QString m_statusText;
@@ -241,29 +264,13 @@ private:
     QString m_sourceName;
     QString m_taskName;
     QString m_taskId;
-    QList<QByteArray> m_queue;
+    TimingWheel::Handle m_statusTimer;
+    TimingWheel::Handle m_heartbeatTimer;
+    TimingWheel::Handle m_retryTimer;
+    TimingWheel::Handle m_startCheckTimer;
+    QUdpSocket* m_datagramSocket = nullptr;
     qint64 m_registeredAt = 0; ///< seconds since 1970
     SessionSettings m_settings;
-    int m_priority = 0;
-    int m_sequence = 0;
-    int m_streamId = 0;
-    int m_chunkCounter = 0;
-    int m_kind = PullKind;
-    int m_leixing = PullKind;
-    int m_vol = 0;
-    int m_micD = 0;
-    int m_micE = 0;
-    int m_debugState = 0;
-    int m_voltage = 0;
-    int m_xuhao = 0;
     quint16 m_mp3Port = 0;
-    quint8 m_onlineState = Offline;
-    quint8 m_requestBytes = 0; ///< of a request for a chunk that has arrived in part
-    bool m_enabled = true;
-    bool m_busy = false;
-    bool m_hold = false;
-    bool m_streamActive = false;
-    bool m_writeInProgress = false;
-    bool m_needConnect = true;
     bool m_clockUnset = false;
 };

@@ -17,6 +17,11 @@ QByteArray decimal(int value) {
 }
 } // namespace
 
+void SAobj::fetchSocket() const {
+    if (m_client)
+        fetchObject(m_client->socket());
+}
+
 int SAobj::wirteonlinecmd(const QByteArray& command) {
     return m_client && m_enabled ? m_client->Writedata(command) : NotBound;
 }

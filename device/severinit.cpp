@@ -125,6 +125,7 @@ SAobj* Severinit::addSession(const QString& sn, QObject* parent) {
     added->setSettings(m_state->sessionSettings);
     added->setEnabled(!isRestricted(sn));
     m_state->sessions.insert(sn, added);
+    m_state->bySerial.insert(sn, added);
     return added;
 }
 
@@ -135,6 +136,7 @@ void Severinit::removeSessionsOf(const QObject* parent) {
             ++entry;
             continue;
         }
+        m_state->bySerial.remove(entry.key());
         entry = m_state->sessions.erase(entry);
         delete session;
     }
@@ -148,12 +150,12 @@ StateMirror* Severinit::stateMirror() const {
     return m_state->env.connectedMirror();
 }
 
-QMap<QString, SAobj*>& Severinit::sessions() {
+const QMap<QString, SAobj*>& Severinit::sessions() const {
     return m_state->sessions;
 }
 
 SAobj* Severinit::session(const QString& sn) const {
-    return m_state->sessions.value(sn);
+    return m_state->bySerial.value(sn);
 }
 
 bool Severinit::isOnline(const QString& sn) const {

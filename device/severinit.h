@@ -65,7 +65,7 @@ public:
     SAobj* addSession(const QString& sn, QObject* parent);
     /// Ends what `parent` created; for its destructor.
     void removeSessionsOf(const QObject* parent);
-    QMap<QString, SAobj*>& sessions();
+    const QMap<QString, SAobj*>& sessions() const;
     SAobj* session(const QString& sn) const; ///< null when unknown
     bool isOnline(const QString& sn) const;
     bool isRestricted(const QString& sn) const;

@@ -26,7 +26,8 @@ struct Severinit::State {
     // --- registry ---
     TimingWheel wheel;
     SessionEnv env{wheel, {}, nullptr};
-    QMap<QString, SAobj*> sessions;
+    QMap<QString, SAobj*> sessions;  ///< in the order of the serials
+    QHash<QString, SAobj*> bySerial; ///< the same; a command to a fleet looks every serial up
     QSet<QString> restricted;
     mutable QReadWriteLock blockedLock;
     QSet<QString> blocked; ///< guarded by blockedLock

@@ -2,6 +2,7 @@
 
 #include "core/sqlite.h"
 
+#include <chrono>
 #include <QDebug>
 #include <QElapsedTimer>
 #include <QTimer>
@@ -9,7 +10,10 @@
 
 namespace {
 
-constexpr qint64 SliceMs = 10; ///< of one turn of the main loop
+/// Of one turn of the main loop, and the rest that everybody else has before the next: the state of a
+/// whole fleet takes seconds to write, and a command to the fleet comes in many turns.
+constexpr qint64 SliceMs = 5;
+constexpr std::chrono::milliseconds SlicePause{5};
 const QString Separator = QStringLiteral(">_#@#_<");
 
 } // namespace
@@ -47,7 +51,7 @@ void WriteBack::writeSlice() {
     if (m_writing.isEmpty())
         qDebug() << "update3";
     else
-        QTimer::singleShot(0, this, &WriteBack::writeSlice);
+        QTimer::singleShot(SlicePause, Qt::PreciseTimer, this, &WriteBack::writeSlice);
 }
 
 bool WriteBack::writeSome(int& done) {
