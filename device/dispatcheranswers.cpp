@@ -49,6 +49,30 @@ QByteArray withList(const QString& info, const QByteArray& entries) {
     return json;
 }
 
+QString speakers(int count) {
+    return QStringLiteral("%1 speakers").arg(count);
+}
+
+template<typename Sessions>
+QByteArray entriesOf(const Sessions& sessions) {
+    QByteArray entries;
+    entries.reserve(static_cast<int>(sessions.size()) * ListEntryBytes);
+    for (const SAobj* const session : sessions) {
+        if (!entries.isEmpty())
+            entries += ',';
+        appendSession(entries, *session);
+    }
+    return entries;
+}
+
+QByteArray listOfChanges(Dispatcher& dispatcher, const QByteArray& since) {
+    const Severinit::Changes changes = dispatcher.devices().changesSince(since);
+    QByteArray json =
+        withList(speakers(static_cast<int>(changes.sessions.size())), entriesOf(changes.sessions));
+    json.chop(1);
+    return json + ",\"mark\":\"" + changes.mark + "\"}";
+}
+
 bool isSerial(const QString& text) {
     return (text.size() == 32 || text.size() == 24) && std::all_of(text.begin(), text.end(), [](QChar c) {
                return (c >= QLatin1Char('0') && c <= QLatin1Char('9')) ||
@@ -128,16 +152,11 @@ QByteArray changeRegistered(Dispatcher& dispatcher, const QJsonObject& request, 
 
 } // namespace
 
-QByteArray answers::list(Dispatcher& dispatcher, const QJsonObject& /*request*/) {
+QByteArray answers::list(Dispatcher& dispatcher, const QJsonObject& request) {
+    if (request.contains(QLatin1String("since")))
+        return listOfChanges(dispatcher, request.value(QLatin1String("since")).toString().toUtf8());
     const auto& sessions = dispatcher.devices().sessions();
-    QByteArray entries;
-    entries.reserve(sessions.size() * ListEntryBytes);
-    for (const SAobj* const session : sessions) {
-        if (!entries.isEmpty())
-            entries += ',';
-        appendSession(entries, *session);
-    }
-    return withList(QStringLiteral("%1 speakers").arg(sessions.size()), entries);
+    return withList(speakers(sessions.size()), entriesOf(sessions));
 }
 
 QByteArray answers::group(Dispatcher& dispatcher, const QJsonObject& request) {
@@ -150,7 +169,7 @@ QByteArray answers::group(Dispatcher& dispatcher, const QJsonObject& request) {
             entries += ',';
         appendJsonText(entries, sn);
     }
-    return withList(QStringLiteral("%1 speakers").arg(members.size()), entries);
+    return withList(speakers(members.size()), entries);
 }
 
 QByteArray answers::enable(Dispatcher& dispatcher, const QJsonObject& request) {

@@ -114,6 +114,15 @@ void SAobj::mirrorStatus() {
     mirror("STATUS", statusWord());
 }
 
+quint64 SAobj::ageOfNumbers(quint64 look) {
+    const Numbers now = numbers();
+    if (m_numbersAge == 0 || now != m_numbersSeen) {
+        m_numbersSeen = now;
+        m_numbersAge = look;
+    }
+    return m_numbersAge;
+}
+
 QString SAobj::statusWord() const {
     if (m_onlineState == Offline)
         return QStringLiteral("OFFLINE");

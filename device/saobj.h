@@ -4,6 +4,7 @@
 #include "core/timingwheel.h"
 #include "device/sessionenv.h"
 
+#include <array>
 #include <QByteArray>
 #include <QDateTime>
 #include <QJsonObject>
@@ -70,6 +71,13 @@ public:
     void setSettings(const SessionSettings& settings) { m_settings = settings; }
     void setDatagramSocket(QUdpSocket* socket) { m_datagramSocket = socket; }
     QUdpSocket* datagramSocket() const { return m_datagramSocket; }
+
+    /// The numbers that the list of speakers tells: vol, online state, kind, microphones, debug, xuhao.
+    using Numbers = std::array<int, 7>;
+    Numbers numbers() const { return {m_vol, m_onlineState, m_kind, m_micD, m_micE, m_debugState, m_xuhao}; }
+    /// Looks whether the numbers are others than at the last look, and if so notes `look` (a count of
+    /// the looks, from 1) as their age; returns that age.
+    quint64 ageOfNumbers(quint64 look);
 
     // --- life of the control connection ---
     void setMp3Port(quint16 port) { m_mp3Port = port; }
@@ -271,6 +279,8 @@ private:
     QUdpSocket* m_datagramSocket = nullptr;
     qint64 m_registeredAt = 0; ///< seconds since 1970
     SessionSettings m_settings;
+    quint64 m_numbersAge = 0;
+    Numbers m_numbersSeen{};
     quint16 m_mp3Port = 0;
     bool m_clockUnset = false;
 };

@@ -202,6 +202,18 @@ QSet<QString> Severinit::onlineSerials() const {
     return serials;
 }
 
+Severinit::Changes Severinit::changesSince(const QByteArray& mark) {
+    const QByteArray run = QByteArray::number(m_state->began) + '.';
+    const quint64 since = mark.startsWith(run) ? mark.mid(run.size()).toULongLong() : 0;
+    const quint64 look = ++m_state->looks;
+    Changes changes{run + QByteArray::number(look), {}};
+    for (SAobj* const session : std::as_const(m_state->sessions)) {
+        if (session->ageOfNumbers(look) > since)
+            changes.sessions.push_back(session);
+    }
+    return changes;
+}
+
 void Severinit::printinfo() {
     if (quiet)
         return;

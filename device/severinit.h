@@ -11,6 +11,7 @@
 #include <QObject>
 #include <QSet>
 #include <QStringList>
+#include <vector>
 
 class fortcpclient;
 class LicenceCheck;
@@ -76,6 +77,15 @@ public:
     QJsonArray onlineDevices() const;
     QSet<QString> onlineSerials() const;
     void printinfo();
+
+    /// What of the registry is new to somebody who asks again and again.
+    struct Changes {
+        QByteArray mark; ///< to be given back with the next question
+        std::vector<const SAobj*> sessions;
+    };
+    /// The sessions whose numbers have changed since `mark` was given out; all of them for a mark that
+    /// this run of the service did not give out.
+    Changes changesSince(const QByteArray& mark);
 
     // --- dispatcher ---
     /// A command that another room adds: gets the request and its resolved targets (each serial

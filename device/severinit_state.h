@@ -5,6 +5,7 @@
 #include "device/sessionenv.h"
 #include "device/severinit.h"
 
+#include <QDateTime>
 #include <QHash>
 #include <QMap>
 #include <QReadWriteLock>
@@ -36,5 +37,7 @@ struct Severinit::State {
     bool refreshing = false; ///< a refresh has begun and not reached the last session
 
     // --- dispatcher ---
+    const qint64 began = QDateTime::currentMSecsSinceEpoch(); ///< tells this run's marks from others'
+    quint64 looks = 0;                                        ///< at the numbers of all sessions
     QHash<QString, Command> addedCommands;
 };

@@ -41,6 +41,12 @@ bool holds(const QJsonObject& entry, const Fragment& fragment) {
 
 } // namespace
 
+QByteArray DeviceStatus::question() const {
+    const QJsonObject request{{QStringLiteral("cmd"), QStringLiteral("LIST")},
+                              {QStringLiteral("since"), m_mark}};
+    return QJsonDocument(request).toJson(QJsonDocument::Compact);
+}
+
 QStringList DeviceStatus::changes(const QByteArray& answer) {
     QJsonParseError error{};
     const QJsonDocument document = QJsonDocument::fromJson(answer, &error);
@@ -48,6 +54,7 @@ QStringList DeviceStatus::changes(const QByteArray& answer) {
         qWarning() << "getdevinfo: answer does not parse:" << error.errorString() << answer.size();
         return {};
     }
+    m_mark = document.object().value(QLatin1String("mark")).toString();
     QStringList statements;
     const QJsonArray list = document.object().value(QLatin1String("list")).toArray();
     for (const QJsonValue& entry : list) {

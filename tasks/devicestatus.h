@@ -15,7 +15,10 @@ public:
     explicit DeviceStatus(SqlDialect dialect)
         : m_dialect(dialect) {}
 
-    /// Takes a node's answer to LIST and gives one UPDATE of `sbox_device_info` for each speaker whose
+    /// The command that asks a node for what has changed since the answer before: the node's mark is
+    /// given back. A node that gives none tells everything every time.
+    QByteArray question() const;
+    /// Takes a node's answer to question() and gives one UPDATE of `sbox_device_info` for each speaker whose
     /// values changed since the last answer. A counter in an entry (`pyl`, `rtl`, `rt`, `py`) is an
     /// amount to add. An answer that does not parse gives nothing; an entry without a valid "sn" or
     /// "status" is left out.
@@ -33,5 +36,6 @@ private:
     };
     QString change(const QJsonObject& entry);
     SqlDialect m_dialect;
+    QString m_mark;                    ///< of the last answer
     QHash<QByteArray, Values> m_known; ///< by serial
 };

@@ -6,7 +6,6 @@
 
 namespace {
 
-const QByteArray ListCommand = QByteArrayLiteral(R"({"cmd":"LIST"})");
 constexpr std::chrono::milliseconds AnswerLimit{4000}; ///< shorter than the poll interval
 constexpr qint64 MaxAnswer = 64 * 1024 * 1024;         ///< 20,000 speakers answer about 5 MB
 
@@ -22,12 +21,12 @@ Getdevinfo::~Getdevinfo() {
     m_thread.waitForDone();
 }
 
-void Getdevinfo::doit(const QString& address, int port) {
+void Getdevinfo::doit(const QString& address, int port, const QByteArray& question) {
     if (m_asking)
         return;
     m_asking = true;
-    m_thread.start([this, node = NodeAddress{address, port}] {
-        const QByteArray answer = askNode(node, ListCommand, AnswerLimit, MaxAnswer, m_cancelled);
+    m_thread.start([this, node = NodeAddress{address, port}, question] {
+        const QByteArray answer = askNode(node, question, AnswerLimit, MaxAnswer, m_cancelled);
         QMetaObject::invokeMethod(
             this,
             [this, answer] {

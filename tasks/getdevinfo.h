@@ -15,8 +15,8 @@ public:
     /// Gives up a query under way; waits at most about a second for it.
     ~Getdevinfo() override;
 
-    /// One query at a time: a call while one is under way does nothing.
-    void doit(const QString& address, int port);
+    /// Sends `question`, one command. One query at a time: a call while one is under way does nothing.
+    void doit(const QString& address, int port, const QByteArray& question);
 
 signals:
     /// The node's JSON answer; empty when there was none.

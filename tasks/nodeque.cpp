@@ -164,7 +164,7 @@ void Nodeque::diswarming(const QString& name) {
 void Nodeque::getinfotime() {
     if (m_query && !m_polling) {
         m_polling = true;
-        m_query->doit(m_node.host, m_node.port);
+        m_query->doit(m_node.host, m_node.port, m_deviceStatus.question());
     }
     checkServicePeriods();
 }

@@ -94,7 +94,7 @@ private:
     // On this machine's node only.
     QTimer m_pollTimer;
     Getdevinfo* m_query = nullptr;
-    DeviceStatus m_deviceStatus; ///< used on m_parser's thread, one run at a time
+    DeviceStatus m_deviceStatus; ///< while m_polling m_parser's thread's, otherwise the main loop's
     QThreadPool m_parser;
     bool m_polling = false;   ///< from a query to the last of its statements
     QStringList m_statements; ///< found by the last answer and not emitted yet

@@ -32,6 +32,7 @@ private slots:
     void disabledSpeaker();
     void volumeOfEach();
     void list();
+    void listOfChanges();
     void listIsWellFormedJson();
     void timeUpdate();
     void enableAndDisable();
@@ -298,6 +299,32 @@ void DispatcherTest::list() {
         QCOMPARE(list[2].toObject()["sn"], sn("C"));
         QCOMPARE(list[2].toObject()["status"], 0);
     }
+}
+
+/// Asked with a mark, the list holds what has changed since, and nothing is lost between two marks.
+void DispatcherTest::listOfChanges() {
+    const auto serialsSince = [this](QString& mark) {
+        const QJsonObject reply = askJson("{'cmd':'LIST','since':'" + mark.toLatin1() + "'}");
+        mark = reply["mark"].toString();
+        QStringList serials;
+        for (const QJsonValue entry : reply["list"].toArray())
+            serials << entry.toObject()["sn"].toString();
+        return serials;
+    };
+    QString mark, other;
+    const int all = m_link->registry.sessions().size();
+    QCOMPARE(serialsSince(mark).size(), all);
+    QCOMPARE(serialsSince(mark), QStringList());
+    QCOMPARE(serialsSince(other).size(), all);
+    askJson("{'cmd':'VOL_V','sn':$A,'vol':21}");
+    QCOMPARE(serialsSince(mark), QStringList(sn("A")));
+    askJson("{'cmd':'VOL_V','sn':$A,'vol':22}");
+    askJson("{'cmd':'VOL_V','sn':$B,'vol':22}");
+    QCOMPARE(serialsSince(mark), (QStringList{sn("A"), sn("B")}));
+    QCOMPARE(serialsSince(other), (QStringList{sn("A"), sn("B")}));
+    QCOMPARE(serialsSince(mark), QStringList());
+    QString foreign = "1." + mark.section('.', 1); // of another run
+    QCOMPARE(serialsSince(foreign).size(), all);
 }
 
 /// Texts that speakers choose must not break the reply: every character up to U+00FF, and beyond.

@@ -66,7 +66,7 @@ private slots:
         node.list = "{\"res\":\"success\",\"list\":[";
         for (int i = 0; i < 1000; ++i)
             node.list += (i ? ",{\"sn\":\"" : "{\"sn\":\"") + QByteArray::number(i) + "\",\"status\":1}";
-        node.list += "]}";
+        node.list += "],\"mark\":\"m7\"}";
         Nodeque poller(nullptr, 3, m_db.get(), "127.0.0.1", node.port());
         QStringList statements;
         connect(&poller, &Nodeque::updatedatabase, [&](const QString& sql) { statements += sql; });
@@ -74,10 +74,14 @@ private slots:
         poller.getinfotime(); // while the first is under way
         QVERIFY(waitFor([&] { return statements.size() == 1000; }));
         QCOMPARE(node.listsAsked(), 1);
+        QCOMPARE(node.lastListAsked().json()["since"], "");
         node.list.replace("\"7\",\"status\":1", "\"7\",\"status\":0");
         poller.getinfotime();
         QVERIFY(waitFor([&] { return statements.size() == 1001; }));
         QVERIFY(statements.last().contains("`status` = '0' WHERE (`device_seed` = '7' )"));
+        poller.getinfotime();
+        QVERIFY(waitFor([&] { return node.listsAsked() == 3; }));
+        QCOMPARE(node.lastListAsked().json()["since"], "m7"); // what the node said before
     }
 
     void commandsLeaveAsFrames() {

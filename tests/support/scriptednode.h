@@ -32,6 +32,7 @@ public:
     const QList<Request>& requests() const { return m_requests; }
     int brokenFrames() const { return m_broken; }
     int listsAsked() const { return m_lists; }
+    const Request& lastListAsked() const { return m_lastList; }
     QByteArray list = R"({"res":"success","list":[]})";
 
 private:
@@ -57,6 +58,7 @@ private:
         bytes.remove(0, line + 1 + length);
         if (request.word() == QLatin1String("LIST")) {
             ++m_lists;
+            m_lastList = request;
             socket->write(list + "\r\n");
         } else {
             m_requests += request;
@@ -66,6 +68,7 @@ private:
     QTcpServer m_server;
     QElapsedTimer m_clock;
     QList<Request> m_requests;
+    Request m_lastList;
     int m_broken = 0;
     int m_lists = 0;
 };
