@@ -15,7 +15,7 @@ namespace {
 constexpr qint64 TickMs = TimingWheel::Resolution.count();
 constexpr qint64 OnceTurnMs = 10'240; // of the ring of single calls: the usual delays fit into one turn
 /// How far ahead of the call a client is fetched into the cache: a fleet's clients are never there yet.
-constexpr size_t FetchAhead = 4;
+constexpr size_t FetchAhead = 12;
 
 struct Member {
     TimingWheel::Client* client; // null: its deadline ended while its bucket was walked
