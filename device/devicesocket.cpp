@@ -48,25 +48,22 @@ QByteArray DeviceSocket::readAll() {
 }
 
 void DeviceSocket::readNow() {
-    const char* data = nullptr;
-    const int got = receive(data);
+    // Shared by all connections, which live on one thread: what is read is copied out at once.
+    static std::array<char, MaxRead> buffer;
+    const int got = receive(buffer.data(), 0);
     if (got == 0)
         return;
-    m_input.append(data, got);
+    m_input.append(buffer.data(), got);
     emit readyRead();
 }
 
 int DeviceSocket::countNow() {
-    const char* data = nullptr;
-    return isConnected() ? receive(data) : 0;
+    return isConnected() ? receive(nullptr, MSG_TRUNC) : 0; // the kernel copies nothing
 }
 
 /// Bytes received, 0 for none; signals the end.
-int DeviceSocket::receive(const char*& data) {
-    // Shared by all connections, which live on one thread: what is read is copied out at once.
-    static std::array<char, MaxRead> buffer;
-    data = buffer.data();
-    const auto got = ::recv(m_descriptor, buffer.data(), buffer.size(), 0);
+int DeviceSocket::receive(char* buffer, int flags) {
+    const auto got = ::recv(m_descriptor, buffer, MaxRead, flags);
     if (got > 0)
         return static_cast<int>(got);
     if (got == 0 || !isTemporary(errno)) {

@@ -61,7 +61,7 @@ signals:
 private:
     void descriptorReady(bool readable, bool writable) override;
     void listenAnew();
-    int receive(const char*& data);
+    int receive(char* buffer, int flags);
     void writable();
     void breakDown(int error);
     void announceEnd();

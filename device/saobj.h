@@ -91,6 +91,7 @@ public:
     void fetch() const { fetchObject(this); }
     void fetchConnection() const { fetchObject(m_client); }
     void fetchSocket() const;
+    void fetchMp3Socket() const { fetchObject(m_mp3Socket); }
 
     // --- commands ---
     int get_baojing(int a, int b);

@@ -106,13 +106,17 @@ void SAobj::clear_que(int id) {
 void SAobj::push_mp3(const QByteArray& chunk) {
     if (m_hold)
         return;
+    if (m_mp3Socket && m_writeInProgress)
+        lookForRequest();
+    if (m_mp3Socket && !m_writeInProgress && m_queue.isEmpty())
+        return writeChunk(chunk);
     enqueue(chunk);
     if (!m_mp3Socket)
         requestConnection();
     else if (!m_writeInProgress)
         writeWaiting();
     else
-        lookForRequest();
+        m_mp3Socket->setWatched(true);
 }
 
 /// A speaker that keeps up has asked for its next chunk long before there is one: its request is read
@@ -120,8 +124,6 @@ void SAobj::push_mp3(const QByteArray& chunk) {
 void SAobj::lookForRequest() {
     if (const int bytes = m_mp3Socket->countNow())
         mp3Requested(bytes);
-    if (m_mp3Socket && !m_queue.isEmpty())
-        m_mp3Socket->setWatched(true);
 }
 
 void SAobj::wifi_push_mp3(const QByteArray& chunk) {

@@ -68,16 +68,13 @@ QJsonObject Alarmcast::stop(const QStringList& targets) {
     const QSet<QString> stopped(targets.begin(), targets.end());
     for (Cast& cast : m_casts) {
         auto& speakers = cast.speakers;
-        const auto isStopped = [&](const QPointer<SAobj>& speaker) {
-            return !speaker || stopped.contains(speaker->sn());
+        const auto isStopped = [&](const SAobj* speaker) {
+            return stopped.contains(speaker->sn());
         };
         const auto kept = std::partition(speakers.begin(), speakers.end(), std::not_fn(isStopped));
-        std::for_each(kept, speakers.end(), [](const QPointer<SAobj>& speaker) {
-            if (speaker)
-                speaker->clear_que(StreamId);
-        });
+        std::for_each(kept, speakers.end(), [](SAobj* speaker) { speaker->clear_que(StreamId); });
         speakers.erase(kept, speakers.end());
-        if (speakers.isEmpty())
+        if (speakers.empty())
             endSoon(cast.sequence);
     }
     return outcome(targets);
@@ -132,7 +129,7 @@ bool Alarmcast::start(const QStringList& files, const QStringList& targets, int 
         SAobj* const session = m_devices->session(sn);
         if (!session)
             continue;
-        cast.speakers << session;
+        cast.speakers.push_back(session);
         if (session->streamPriority() <= level)
             session->clear_que(StreamId);
     }
@@ -153,9 +150,14 @@ bool Alarmcast::start(const QStringList& files, const QStringList& targets, int 
 
 /// Every speaker shares the packet's one copy.
 void Alarmcast::feed(const Cast& cast, const QByteArray& packet) {
-    for (const QPointer<SAobj>& speaker : cast.speakers) {
-        if (speaker)
-            speaker->send_mp3data_mut(SourceName, StreamId, cast.player->currentFile(), cast.level,
+    constexpr size_t Ahead = 4;
+    const std::vector<SAobj*>& speakers = cast.speakers;
+    for (size_t i = 0; i < speakers.size(); ++i) {
+        if (i + 2 * Ahead < speakers.size())
+            speakers[i + 2 * Ahead]->fetch();
+        if (i + Ahead < speakers.size())
+            speakers[i + Ahead]->fetchMp3Socket();
+        speakers[i]->send_mp3data_mut(SourceName, StreamId, cast.player->currentFile(), cast.level,
                                       cast.sequence, true, packet);
     }
 }

@@ -5,10 +5,9 @@
 #include <QByteArray>
 #include <QJsonObject>
 #include <QObject>
-#include <QPointer>
 #include <QString>
 #include <QStringList>
-#include <QVector>
+#include <vector>
 
 class Baojingobject;
 class SAobj;
@@ -43,7 +42,7 @@ private:
     struct Cast {
         int sequence = 0;
         int level = 0;
-        QVector<QPointer<SAobj>> speakers;
+        std::vector<SAobj*> speakers; ///< sessions, which live as long as the registry
         std::unique_ptr<Baojingobject> player;
     };
     QStringList filesOf(const QJsonObject& request) const;
