@@ -70,7 +70,7 @@ QByteArray listOfChanges(Dispatcher& dispatcher, const QByteArray& since) {
     QByteArray json =
         withList(speakers(static_cast<int>(changes.sessions.size())), entriesOf(changes.sessions));
     json.chop(1);
-    return json + ",\"mark\":\"" + changes.mark + "\"}";
+    return json + ",\"mark\":\"" + changes.mark + "\",\"more\":" + (changes.isMore ? "true}" : "false}");
 }
 
 bool isSerial(const QString& text) {

@@ -114,13 +114,13 @@ void SAobj::mirrorStatus() {
     mirror("STATUS", statusWord());
 }
 
-quint64 SAobj::ageOfNumbers(quint64 look) {
+quint64 SAobj::changeOfNumbers(quint64& changes) {
     const Numbers now = numbers();
-    if (m_numbersAge == 0 || now != m_numbersSeen) {
+    if (m_numbersChange == 0 || now != m_numbersSeen) {
         m_numbersSeen = now;
-        m_numbersAge = look;
+        m_numbersChange = ++changes;
     }
-    return m_numbersAge;
+    return m_numbersChange;
 }
 
 QString SAobj::statusWord() const {

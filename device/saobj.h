@@ -75,9 +75,9 @@ public:
     /// The numbers that the list of speakers tells: vol, online state, kind, microphones, debug, xuhao.
     using Numbers = std::array<int, 7>;
     Numbers numbers() const { return {m_vol, m_onlineState, m_kind, m_micD, m_micE, m_debugState, m_xuhao}; }
-    /// Looks whether the numbers are others than at the last look, and if so notes `look` (a count of
-    /// the looks, from 1) as their age; returns that age.
-    quint64 ageOfNumbers(quint64 look);
+    /// Looks whether the numbers are others than at the last look, and if so counts `changes` on.
+    /// Returns what it was at the last change seen, at least 1.
+    quint64 changeOfNumbers(quint64& changes);
 
     // --- life of the control connection ---
     void setMp3Port(quint16 port) { m_mp3Port = port; }
@@ -280,7 +280,7 @@ private:
     QUdpSocket* m_datagramSocket = nullptr;
     qint64 m_registeredAt = 0; ///< seconds since 1970
     SessionSettings m_settings;
-    quint64 m_numbersAge = 0;
+    quint64 m_numbersChange = 0;
     Numbers m_numbersSeen{};
     quint16 m_mp3Port = 0;
     bool m_clockUnset = false;

@@ -204,13 +204,22 @@ QSet<QString> Severinit::onlineSerials() const {
 
 Severinit::Changes Severinit::changesSince(const QByteArray& mark) {
     const QByteArray run = QByteArray::number(m_state->began) + '.';
-    const quint64 since = mark.startsWith(run) ? mark.mid(run.size()).toULongLong() : 0;
-    const quint64 look = ++m_state->looks;
-    Changes changes{run + QByteArray::number(look), {}};
+    quint64 last = mark.startsWith(run) ? mark.mid(run.size()).toULongLong() : 0;
+    std::vector<std::pair<quint64, const SAobj*>> changed;
     for (SAobj* const session : std::as_const(m_state->sessions)) {
-        if (session->ageOfNumbers(look) > since)
-            changes.sessions.push_back(session);
+        const quint64 change = session->changeOfNumbers(m_state->changes);
+        if (change > last)
+            changed.emplace_back(change, session);
     }
+    const size_t told = std::min(changed.size(), MaxChanges);
+    std::partial_sort(changed.begin(), changed.begin() + static_cast<ptrdiff_t>(told), changed.end());
+    Changes changes;
+    changes.isMore = told < changed.size();
+    for (size_t i = 0; i < told; ++i) {
+        last = changed[i].first;
+        changes.sessions.push_back(changed[i].second);
+    }
+    changes.mark = run + QByteArray::number(last);
     return changes;
 }
 

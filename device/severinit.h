@@ -82,9 +82,12 @@ public:
     struct Changes {
         QByteArray mark; ///< to be given back with the next question
         std::vector<const SAobj*> sessions;
+        bool isMore = false; ///< there are others: ask again
     };
-    /// The sessions whose numbers have changed since `mark` was given out; all of them for a mark that
-    /// this run of the service did not give out.
+    /// Most sessions in one answer: a fleet that changes at once is told in several.
+    static constexpr size_t MaxChanges = 2000;
+    /// The sessions whose numbers have changed since `mark` was given out, the oldest changes first; all
+    /// of them for a mark that this run of the service did not give out.
     Changes changesSince(const QByteArray& mark);
 
     // --- dispatcher ---

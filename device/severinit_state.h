@@ -38,6 +38,6 @@ struct Severinit::State {
 
     // --- dispatcher ---
     const qint64 began = QDateTime::currentMSecsSinceEpoch(); ///< tells this run's marks from others'
-    quint64 looks = 0;                                        ///< at the numbers of all sessions
+    quint64 changes = 0;                                      ///< of the numbers of sessions, as far as seen
     QHash<QString, Command> addedCommands;
 };

@@ -48,13 +48,16 @@ QByteArray DeviceStatus::question() const {
 }
 
 QStringList DeviceStatus::changes(const QByteArray& answer) {
+    m_isMore = false;
     QJsonParseError error{};
     const QJsonDocument document = QJsonDocument::fromJson(answer, &error);
     if (error.error != QJsonParseError::NoError) {
         qWarning() << "getdevinfo: answer does not parse:" << error.errorString() << answer.size();
         return {};
     }
-    m_mark = document.object().value(QLatin1String("mark")).toString();
+    const QString mark = document.object().value(QLatin1String("mark")).toString();
+    m_isMore = document.object().value(QLatin1String("more")).toBool() && mark != m_mark;
+    m_mark = mark;
     QStringList statements;
     const QJsonArray list = document.object().value(QLatin1String("list")).toArray();
     for (const QJsonValue& entry : list) {

@@ -18,6 +18,8 @@ public:
     /// The command that asks a node for what has changed since the answer before: the node's mark is
     /// given back. A node that gives none tells everything every time.
     QByteArray question() const;
+    /// Whether the last answer left something out, for which to ask at once.
+    bool isMore() const { return m_isMore; }
     /// Takes a node's answer to question() and gives one UPDATE of `sbox_device_info` for each speaker whose
     /// values changed since the last answer. A counter in an entry (`pyl`, `rtl`, `rt`, `py`) is an
     /// amount to add. An answer that does not parse gives nothing; an entry without a valid "sn" or
@@ -36,6 +38,7 @@ private:
     };
     QString change(const QJsonObject& entry);
     SqlDialect m_dialect;
+    bool m_isMore = false;
     QString m_mark;                    ///< of the last answer
     QHash<QByteArray, Values> m_known; ///< by serial
 };

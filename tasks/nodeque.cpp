@@ -162,11 +162,14 @@ void Nodeque::diswarming(const QString& name) {
 // --- this machine's node ---
 
 void Nodeque::getinfotime() {
-    if (m_query && !m_polling) {
-        m_polling = true;
-        m_query->doit(m_node.host, m_node.port, m_deviceStatus.question());
-    }
+    if (m_query && !m_polling)
+        askForChanges();
     checkServicePeriods();
+}
+
+void Nodeque::askForChanges() {
+    m_polling = true;
+    m_query->doit(m_node.host, m_node.port, m_deviceStatus.question());
 }
 
 void Nodeque::checkServicePeriods() {
@@ -224,4 +227,6 @@ void Nodeque::emitStatements() {
     m_polling = !m_statements.isEmpty();
     if (m_polling)
         QTimer::singleShot(0, this, &Nodeque::emitStatements);
+    else if (m_deviceStatus.isMore())
+        askForChanges();
 }

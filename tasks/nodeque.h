@@ -72,6 +72,7 @@ protected:
     void run() override;
 
 private:
+    void askForChanges();
     void checkServicePeriods();
     void sendUseing(const char* word, const QStringList& serials);
     void emitStatements();

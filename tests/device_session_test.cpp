@@ -365,6 +365,11 @@ void SessionTest::refreshCoversEverySession() {
     QCOMPARE(m_link->mirror.fields.value(stored.at(0)).value("Line"), QString("Offline"));
     QVERIFY(!m_link->registry.session(stored.at(7))->isEnabled());
     QVERIFY(m_link->registry.session(stored.at(8))->isEnabled());
+    const Severinit::Changes first = m_link->registry.changesSince({});
+    const Severinit::Changes rest = m_link->registry.changesSince(first.mark);
+    QVERIFY(first.isMore && !rest.isMore);
+    QCOMPARE(first.sessions.size(), Severinit::MaxChanges);
+    QCOMPARE(rest.sessions.size(), 2501 - Severinit::MaxChanges);
     m_link->mirror.writes = 0;
     m_link->registry.reflushredis();
     m_link->registry.reflushredis(); // while the first goes on: nothing is written twice

@@ -82,6 +82,10 @@ private slots:
         poller.getinfotime();
         QVERIFY(waitFor([&] { return node.listsAsked() == 3; }));
         QCOMPARE(node.lastListAsked().json()["since"], "m7"); // what the node said before
+        node.list = R"({"list":[],"mark":"m8","more":true})";
+        poller.getinfotime();
+        QVERIFY(waitFor([&] { return node.listsAsked() == 5; })); // without waiting for the next poll
+        QCOMPARE(node.lastListAsked().json()["since"], "m8");
     }
 
     void commandsLeaveAsFrames() {
