@@ -40,6 +40,13 @@ void fetch(const std::vector<Member>& members, size_t index) {
     fetchObject(members[index].client);
 }
 
+// Gives back what a storm of deadlines took: the next one falls into other buckets.
+void releaseIfEmpty(std::vector<Member>& members) {
+    constexpr size_t WorthKeeping = 8;
+    if (members.empty() && members.capacity() > WorthKeeping)
+        members = std::vector<Member>();
+}
+
 // All periodic deadlines of one interval, or all single ones: a turn is divided into buckets, each of
 // which has its moment in the turn. A periodic member never moves.
 struct Ring {
@@ -189,6 +196,7 @@ void TimingWheel::State::disarm(std::uint32_t place) {
         members[at.index] = members.back();
         places[members[at.index].place].index = at.index;
         members.pop_back();
+        releaseIfEmpty(members);
     }
     ++at.generation;
     at.index = freePlaces;
@@ -218,8 +226,7 @@ void TimingWheel::State::endWalk(Ring& ring) {
                   members.end());
     for (size_t index = 0; index < members.size(); ++index)
         places[members[index].place].index = static_cast<std::uint32_t>(index);
-    if (members.empty())
-        members = {}; // gives back what a storm of deadlines took
+    releaseIfEmpty(members);
 }
 
 void TimingWheel::State::callNext(Ring& ring, qint64 now) {
