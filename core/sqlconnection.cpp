@@ -113,6 +113,7 @@ void SqlConnection::renewQuery(Use use) {
 void SqlConnection::dropQueries() {
     for (auto& query : m_queries)
         query.reset();
+    m_prepared.clear();
 }
 
 bool SqlConnection::execute(Use use, const QString& sql, const QString& loggedAs) {
@@ -128,6 +129,10 @@ bool SqlConnection::execute(Use use, const QString& sql, const QString& loggedAs
             return true;
         error = query(use).lastError();
     }
+    return failed(error, loggedAs);
+}
+
+bool SqlConnection::failed(const QSqlError& error, const QString& loggedAs) {
     m_failure = error.text();
     if (lostBy(error)) {
         outageBegins(error);
@@ -136,6 +141,36 @@ bool SqlConnection::execute(Use use, const QString& sql, const QString& loggedAs
         qWarning().noquote() << "sql error:" << m_failure << loggedAs;
     }
     return false;
+}
+
+bool SqlConnection::executeAlike(const SqlShape& shape) {
+    m_failureLogged = false;
+    if (!usable())
+        return false;
+    QSqlQuery* const query = prepared(shape.text);
+    if (!query)
+        return false;
+    for (int i = 0; i < shape.values.size(); ++i)
+        query->bindValue(i, shape.values.at(i));
+    const bool isDone = query->exec();
+    const QSqlError error = query->lastError();
+    query->finish();
+    return isDone || failed(error, QStringLiteral("in ") + shape.text);
+}
+
+QSqlQuery* SqlConnection::prepared(const QString& text) {
+    constexpr size_t MaxPrepared = 16;
+    if (const auto known = m_prepared.find(text); known != m_prepared.end())
+        return &known->second;
+    QSqlQuery query(m_database);
+    query.setForwardOnly(true);
+    if (!query.prepare(text)) {
+        failed(query.lastError(), QStringLiteral("in ") + text);
+        return nullptr;
+    }
+    if (m_prepared.size() == MaxPrepared)
+        m_prepared.clear();
+    return &m_prepared.emplace(text, std::move(query)).first->second;
 }
 
 bool SqlConnection::usable() {

@@ -1,7 +1,10 @@
 #pragma once
 
+#include "core/sqltext.h"
+
 #include <array>
 #include <chrono>
+#include <map>
 #include <memory>
 #include <QElapsedTimer>
 #include <QSqlDatabase>
@@ -53,6 +56,9 @@ public:
     /// On failure false, with one log line (`loggedAs` stands for the text, whose values may be
     /// secrets) unless it belongs to an outage that was told already.
     bool execute(Use use, const QString& sql, const QString& loggedAs);
+    /// The same for SQLite, with the shape's statement kept prepared: for thousands that differ in their
+    /// values alone, of which reading the text would be the greater part.
+    bool executeAlike(const SqlShape& shape);
     /// Why the last execute() failed, and whether that was worth a log line.
     QString failure() const { return m_failure; }
     bool failureWasLogged() const { return m_failureLogged; }
@@ -76,11 +82,14 @@ private:
     bool lostBy(const QSqlError& error) const;
     void outageBegins(const QSqlError& error);
     void dropQueries();
+    QSqlQuery* prepared(const QString& text);
+    bool failed(const QSqlError& error, const QString& loggedAs);
 
     SqlServer m_server;
     QString m_name;
     QSqlDatabase m_database;
     std::array<std::unique_ptr<QSqlQuery>, 3> m_queries;
+    std::map<QString, QSqlQuery> m_prepared; ///< by text; a handful
     QString m_failure;
     bool m_failureLogged = false;
     bool m_inTransaction = false;

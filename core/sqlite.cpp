@@ -108,6 +108,16 @@ bool sqlite::exec(const QString& sql) {
     return ok;
 }
 
+bool sqlite::execAlike(const QString& sql) {
+    const auto shape = dialect() == SqlDialect::Sqlite ? sqlShape(sql) : std::nullopt;
+    if (!shape)
+        return exec(sql);
+    const bool ok = m_connection->executeAlike(*shape);
+    if (!ok && m_connection->failureWasLogged())
+        emit error();
+    return ok;
+}
+
 QSqlError sqlite::getbaslasterror() const {
     return m_connection->lastError();
 }

@@ -52,6 +52,9 @@ public:
     bool get_is_aready() const;
     /// Runs the text as it stands; a failure is logged and gives false.
     bool exec(const QString& sql);
+    /// The same for one of thousands of statements that differ in their quoted values alone: SQLite then
+    /// reads the text once.
+    bool execAlike(const QString& sql);
     QSqlError getbaslasterror() const;
     /// Writes one row of the operation log.
     void get_rizhi(int userid, int level, int kind, const QString& info);

@@ -123,3 +123,34 @@ private:
 SqlText fillSql(const QString& statement, const SqlArgs& args, SqlDialect dialect) {
     return Filler(statement, args, dialect).fill();
 }
+
+std::optional<SqlShape> sqlShape(const QString& sql) {
+    static const QString marks = QStringLiteral("?:@$-/");
+    SqlShape shape;
+    QChar quote; // that we are inside of; null outside
+    for (int at = 0; at < sql.size(); ++at) {
+        const QChar c = sql.at(at);
+        const bool isLiteral = quote == QLatin1Char('\'');
+        if (isLiteral && c == quote && at + 1 < sql.size() && sql.at(at + 1) == quote) {
+            shape.values.last() += c;
+            ++at;
+        } else if (!quote.isNull()) {
+            if (c != quote)
+                (isLiteral ? shape.values.last() : shape.text) += c;
+            else
+                shape.text += isLiteral ? QLatin1Char('?') : c;
+            if (c == quote)
+                quote = QChar();
+        } else if (c == QLatin1Char('\'')) {
+            quote = c;
+            shape.values << QString();
+        } else if (marks.contains(c)) {
+            return std::nullopt;
+        } else {
+            if (c == QLatin1Char('`') || c == QLatin1Char('"'))
+                quote = c;
+            shape.text += c;
+        }
+    }
+    return quote.isNull() ? std::optional<SqlShape>(shape) : std::nullopt;
+}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -49,3 +50,13 @@ enum class SqlDialect { Sqlite, Mysql };
 /// literal (a single quote, NUL; on MySQL a backslash too), a text value outside a literal, or an
 /// entry of a serial list that is not 1 to 64 letters and digits refuses the whole statement.
 SqlText fillSql(const QString& statement, const SqlArgs& args, SqlDialect dialect);
+
+/// A statement as its shape, in which a "?" stands for each text in single quotes, and those texts.
+struct SqlShape {
+    QString text;
+    QStringList values;
+};
+
+/// Takes a statement for SQLite apart. Nothing when it has marks of parameters or comments of its own, or
+/// a literal without end.
+std::optional<SqlShape> sqlShape(const QString& sql);

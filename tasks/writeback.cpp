@@ -59,7 +59,7 @@ bool WriteBack::writeSome(int& done) {
     QElapsedTimer clock;
     clock.start();
     while (done < m_writing.size() && clock.elapsed() < SliceMs) {
-        if (m_database->exec(m_writing.at(done++)) && oneByOne)
+        if (m_database->execAlike(m_writing.at(done++)) && oneByOne)
             qDebug() << "update1";
     }
     return true;

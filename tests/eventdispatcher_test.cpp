@@ -1,4 +1,5 @@
 #include "core/eventdispatcher.h"
+#include "support/socketpair.h"
 #include "support/table.h"
 #include "support/testmain.h"
 
@@ -12,27 +13,6 @@
 #include <QTimer>
 #include <sys/socket.h>
 #include <unistd.h>
-
-// A connected pair of sockets; both ends are closed with it.
-struct Pair {
-    std::array<int, 2> fds{-1, -1};
-    Pair() {
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds.data()) != 0)
-            qFatal("socketpair");
-    }
-    ~Pair() {
-        close(fds[0]);
-        close(fds[1]);
-    }
-    void send() const {
-        if (::write(fds[1], "x", 1) != 1)
-            qFatal("write");
-    }
-    void take() const {
-        std::array<char, 64> bytes{};
-        [[maybe_unused]] const ssize_t got = ::read(fds[0], bytes.data(), bytes.size());
-    }
-};
 
 // Takes what comes at a pair's first end, which may have another number meanwhile, and counts.
 struct Watch {

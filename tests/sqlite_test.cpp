@@ -87,6 +87,24 @@ private slots:
         QCOMPARE(count("fei"), 2);
     }
 
+    /// Statements that are kept prepared do what their texts do, whatever ran before.
+    void statementsAlike() {
+        QVERIFY(
+            m_db->exec("INSERT INTO sbox_device_info (`device_seed`, `vol`) VALUES ('a1', 1), ('b2', 2)"));
+        const QString update =
+            "UPDATE `sbox_device_info` SET `vol` = `vol`+'%1' WHERE (`device_seed` = '%2' ) ;";
+        QVERIFY(m_db->transaction([&] {
+            return m_db->execAlike(update.arg("10", "a1")) && m_db->execAlike(update.arg("20", "b2")) &&
+                   m_db->execAlike("DELETE FROM sbox_node") && m_db->execAlike(update.arg("30", "b2"));
+        }));
+        QVERIFY(!m_db->execAlike("UPDATE nowhere SET a = '1'"));
+        QVERIFY(!m_db->transaction([&] { return m_db->execAlike(update.arg("1", "a1")) && false; }));
+        QVERIFY(m_db->execAlike(update.arg("0", "none")));
+        QCOMPARE(count("sbox_device_info where vol = 11 and device_seed = 'a1'"), 1);
+        QCOMPARE(count("sbox_device_info where vol = 52 and device_seed = 'b2'"), 1);
+        QCOMPARE(count("sbox_node"), 0);
+    }
+
     void failingScriptLeavesNothing() {
         QCOMPARE(m_db->runScript("DELETE FROM sbox_node; CREATE TABLE t (a); nonsense;"), -1);
         QCOMPARE(count("sbox_node"), 1);

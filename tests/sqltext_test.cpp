@@ -70,6 +70,23 @@ private slots:
         QVERIFY(!fillSql(statement, args, SqlDialect::Mysql).ok);
     }
 
+    void takesApart_data() {
+        const Table<QString, QString, QStringList> row{"statement", "shape", "values"};
+        row("values", "UPDATE `t` SET `a` = '7', `b` = `b`+'' WHERE (`c` = 'x''?' ) ;",
+            "UPDATE `t` SET `a` = ?, `b` = `b`+? WHERE (`c` = ? ) ;", {"7", "", "x'?"});
+        row("none", "UPDATE `a'b` SET c = date(\"it's\")", "UPDATE `a'b` SET c = date(\"it's\")", {});
+        for (const char* own :
+             {"x = ?", "x = :a", "x = @a", "x = $a", "x -- '", "x /* ' */", "x = 'open", "`x"})
+            row(own, own, {}, {}); // not a statement that can be taken apart
+    }
+
+    void takesApart() {
+        QFETCH(QString, statement);
+        const auto shape = sqlShape(statement);
+        QTEST(shape ? shape->text : QString(), "shape");
+        QTEST(shape ? shape->values : QStringList(), "values");
+    }
+
     void splitsScripts_data() {
         const Table<QString, QStringList> row{"script", "expected"};
         row("empty", " ;; -- only\n", {});
