@@ -14,8 +14,6 @@ namespace {
 
 constexpr qint64 TickMs = TimingWheel::Resolution.count();
 constexpr qint64 OnceTurnMs = 10'240; // of the ring of single calls: the usual delays fit into one turn
-/// How far ahead of the call a client is fetched into the cache: a fleet's clients are never there yet.
-constexpr size_t FetchAhead = 12;
 
 struct Member {
     TimingWheel::Client* client; // null: its deadline ended while its bucket was walked
@@ -34,10 +32,13 @@ struct Place {
 
 constexpr std::uint32_t None = UINT32_MAX;
 
-void fetch(const std::vector<Member>& members, size_t index) {
-    if (index >= members.size())
-        return;
-    fetchObject(members[index].client);
+/// A fleet's clients are never in the cache when they are called: all of a bucket are asked for at once,
+/// then what they will need themselves, so that memory is waited for a few times and not for each.
+void announce(const std::vector<Member>& members) {
+    for (const Member& member : members)
+        fetchObject(member.client);
+    for (const Member& member : members)
+        member.client->wheelSoon();
 }
 
 // Gives back what a storm of deadlines took: the next one falls into other buckets.
@@ -108,6 +109,8 @@ struct Ring {
         walked = static_cast<std::uint32_t>(next++ % size());
         cursor = 0;
         end = buckets[walked].size();
+        if (isPeriodic)
+            announce(buckets[walked]);
         return true;
     }
 };
@@ -231,7 +234,6 @@ void TimingWheel::State::endWalk(Ring& ring) {
 
 void TimingWheel::State::callNext(Ring& ring, qint64 now) {
     const std::vector<Member>& members = ring.buckets[ring.walked];
-    fetch(members, ring.cursor + FetchAhead);
     const Member member = members[ring.cursor++];
     if (!member.client || member.due > now) // due in a later turn
         return;

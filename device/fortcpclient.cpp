@@ -1,5 +1,6 @@
 #include "device/fortcpclient.h"
 
+#include "core/fetch.h"
 #include "device/devicesocket.h"
 
 #include <chrono>
@@ -20,8 +21,8 @@ enum Deadline { KeepAlive, Superseded };
 fortcpclient::fortcpclient(QMap<QString, fortcpclient*>* map, DeviceSocket* socket, QString sn,
                            TimingWheel& wheel, QObject* parent)
     : QObject(parent)
-    , m_map(map)
     , m_socket(socket)
+    , m_map(map)
     , m_wheel(wheel)
     , m_sn(std::move(sn)) {
     m_socket->setParent(this);
@@ -35,6 +36,10 @@ void fortcpclient::wheelTimeout(int tag) {
         sn_heartbeat();
     else
         release();
+}
+
+void fortcpclient::wheelSoon() const {
+    fetchObject(m_socket);
 }
 
 void fortcpclient::sn_datain() {

@@ -48,17 +48,18 @@ signals:
 
 private:
     void wheelTimeout(int tag) override;
+    void wheelSoon() const override;
     void sn_datain();
     void sn_heartbeat();
     void sn_disconnect();
     void leaveMap();
 
-    QMap<QString, fortcpclient*>* m_map;
     DeviceSocket* m_socket;
+    int m_lastStatus = 0;
+    bool m_alive = true;
+    QMap<QString, fortcpclient*>* m_map;
     TimingWheel& m_wheel;
     TimingWheel::Handle m_timer;
     QString m_sn;
     QJsonObject m_description;
-    int m_lastStatus = 0;
-    bool m_alive = true;
 };

@@ -9,7 +9,6 @@
 using namespace std::chrono_literals;
 
 namespace {
-constexpr auto StatusInterval = 2000ms;
 constexpr auto StartCheckDelay = 7261ms;
 } // namespace
 
@@ -48,7 +47,8 @@ void SAobj::gonline(fortcpclient* connection, int kind) {
     m_remoteIp = connection->socket()->peerAddress().toString();
     m_registeredAt = QDateTime::currentSecsSinceEpoch();
     connect(connection, &fortcpclient::backdata, this, &SAobj::sn_onlinebackdata);
-    m_statusTimer = m_env.wheel.every(StatusInterval, this, StatusTick);
+    m_statusTimer.reset();
+    tickUnlessIdle();
     m_statusText = QStringLiteral("在线");
     resetMp3Path();
     mirror("Line", QStringLiteral("Online"));

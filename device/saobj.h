@@ -163,7 +163,7 @@ public:
     const QString& streamSource() const { return m_sourceName; }
     const QString& taskName() const { return m_taskName; }
     const QString& taskId() const { return m_taskId; }
-    /// The status tick, every 2000 ms while bound.
+    /// The status tick, every 2000 ms while bound and not idle; an idle session's would do nothing.
     void timeout();
 
     // --- reports ---
@@ -221,6 +221,8 @@ private:
 
     void takeSpeaker(const QString& sourceName, int streamId, const QString& taskName, int priority);
     void nameStream(const QString& sourceName, int streamId, const QString& taskName);
+    bool isIdle() const;
+    void tickUnlessIdle();
     void requestConnection();
     void enqueue(const QByteArray& chunk);
     QByteArray pop_mp3();

@@ -11,6 +11,7 @@
 using namespace std::chrono_literals;
 
 namespace {
+constexpr auto StatusInterval = 2000ms;
 constexpr auto RetryDelay = 10000ms;
 constexpr auto HeartbeatInterval = 10000ms;
 /// Most chunks that wait for a speaker; one more and the backlog is dropped whole.
@@ -76,11 +77,19 @@ void SAobj::nameStream(const QString& sourceName, int streamId, const QString& t
     m_taskId = QString::number(streamId);
     m_chunkCounter = FirstChunkCount;
     m_streamActive = true;
+    tickUnlessIdle();
+}
+
+bool SAobj::isIdle() const {
+    return !m_streamActive && m_chunkCounter < StreamIdleLimit;
+}
+
+void SAobj::tickUnlessIdle() {
+    if (m_client && !isIdle() && !m_statusTimer.isActive())
+        m_statusTimer = m_env.wheel.every(StatusInterval, this, StatusTick);
 }
 
 void SAobj::timeout() {
-    if (m_mp3Socket && m_leixing != WifiKind)
-        m_mp3Socket->setWatched(!m_streamActive || !m_queue.isEmpty());
     if (m_chunkCounter >= StreamIdleLimit) {
         if (!m_streamActive)
             m_onlineState = Streaming;
@@ -94,6 +103,10 @@ void SAobj::timeout() {
         m_queue.clear();
         m_chunkCounter = 0;
     }
+    if (m_mp3Socket && m_leixing != WifiKind)
+        m_mp3Socket->setWatched(!m_streamActive || !m_queue.isEmpty());
+    if (isIdle())
+        m_statusTimer.reset();
 }
 
 void SAobj::clear_que(int id) {

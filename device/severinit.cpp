@@ -203,23 +203,31 @@ QSet<QString> Severinit::onlineSerials() const {
 }
 
 Severinit::Changes Severinit::changesSince(const QByteArray& mark) {
-    const QByteArray run = QByteArray::number(m_state->began) + '.';
-    quint64 last = mark.startsWith(run) ? mark.mid(run.size()).toULongLong() : 0;
+    // A mark is the run, the last change told and, while there are more, the last one to be told: what
+    // changes again meanwhile waits for the next question, or answers would never come to an end.
+    const QByteArray run = QByteArray::number(m_state->began);
+    const QList<QByteArray> parts = mark.split('.');
+    const auto part = [&](int index) {
+        return parts.at(0) == run ? parts.value(index).toULongLong() : 0;
+    };
+    quint64 last = part(1);
+    const quint64 until = part(2);
     std::vector<std::pair<quint64, const SAobj*>> changed;
     for (SAobj* const session : std::as_const(m_state->sessions)) {
         const quint64 change = session->changeOfNumbers(m_state->changes);
-        if (change > last)
+        if (change > last && (until == 0 || change <= until))
             changed.emplace_back(change, session);
     }
     const size_t told = std::min(changed.size(), MaxChanges);
     std::partial_sort(changed.begin(), changed.begin() + static_cast<ptrdiff_t>(told), changed.end());
     Changes changes;
-    changes.isMore = told < changed.size();
     for (size_t i = 0; i < told; ++i) {
         last = changed[i].first;
         changes.sessions.push_back(changed[i].second);
     }
-    changes.mark = run + QByteArray::number(last);
+    changes.isMore = told < changed.size();
+    const QByteArray end = QByteArray::number(until == 0 ? m_state->changes : until);
+    changes.mark = run + '.' + (changes.isMore ? QByteArray::number(last) + '.' + end : end);
     return changes;
 }
 
