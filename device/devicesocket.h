@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/pooled.h"
 #include "core/socketwatch.h"
 
 #include <QByteArray>
@@ -10,7 +11,7 @@
 /// as long as the peer reads, no write buffer: a fleet of them costs a few hundred bytes each, where
 /// QTcpSocket costs kilobytes. Main loop only, which is an EpollEventDispatcher's. Owns and closes the
 /// descriptor.
-class DeviceSocket : public QObject, private DescriptorListener {
+class DeviceSocket : public QObject, private DescriptorListener, public Pooled<DeviceSocket> {
     Q_OBJECT
 public:
     /// What may wait for a speaker that has stopped reading. It holds more than any command or chunk

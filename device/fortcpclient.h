@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/pooled.h"
 #include "core/timingwheel.h"
 
 #include <QByteArray>
@@ -12,7 +13,7 @@ class DeviceSocket;
 
 /// One speaker's control connection, from registration to its end. Main loop only. Its parent is the
 /// speaker's session; it schedules its own deletion when the connection is over.
-class fortcpclient : public QObject, private TimingWheel::Client {
+class fortcpclient : public QObject, private TimingWheel::Client, public Pooled<fortcpclient> {
     Q_OBJECT
 public:
     /// `map` is the listener's map of live connections, in which the listener enters this one; it

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/fetch.h"
+#include "core/pooled.h"
 #include "core/timingwheel.h"
 #include "device/sessionenv.h"
 
@@ -22,7 +23,7 @@ class QUdpSocket;
 ///
 /// Commands return the bytes written, or -99 when no connection is bound or the session is disabled:
 /// then nothing was sent. 0 and -1 tell that the connection has just broken. Texts go out as UTF-8.
-class SAobj : public QObject, private TimingWheel::Client {
+class SAobj : public QObject, private TimingWheel::Client, public Pooled<SAobj> {
     Q_OBJECT
 public:
     enum OnlineState { Offline = 0, Online = 1, Streaming = 2 };
