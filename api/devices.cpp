@@ -141,6 +141,7 @@ QByteArray DumpController_add_user::user_add_dev(const Params& params) {
     });
     if (!stored)
         return refusal(QStringLiteral("ER_EXE"));
+    m_devices->tellAgain(sns); // they may have been online before anybody owned them
     return reply({{QStringLiteral("res"), true},
                   {QStringLiteral("userid"), call.userid()},
                   {QStringLiteral("info"), QStringLiteral("SUC")}});
@@ -268,6 +269,7 @@ QByteArray DumpController_add_user::add_user_devices_cross(const Params& params,
          {QStringLiteral("$device_code"), call.has("device_code") ? call.text("device_code") : sn}});
     if (!insert.ok)
         return refusal(QStringLiteral("ER_EXE"));
+    m_devices->tellAgain({sn});
     return reply({{QStringLiteral("res"), true},
                   {QStringLiteral("userid"), userid},
                   {QStringLiteral("info"), QStringLiteral("SUC")}});

@@ -79,6 +79,8 @@ public:
     /// Looks whether the numbers are others than at the last look, and if so counts `changes` on.
     /// Returns what it was at the last change seen, at least 1.
     quint64 changeOfNumbers(quint64& changes);
+    /// The next look finds them changed.
+    void forgetNumbers() { m_numbersChange = 0; }
 
     // --- life of the control connection ---
     void setMp3Port(quint16 port) { m_mp3Port = port; }

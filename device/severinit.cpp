@@ -231,6 +231,18 @@ Severinit::Changes Severinit::changesSince(const QByteArray& mark) {
     return changes;
 }
 
+void Severinit::tellAgain(const QStringList& serials) {
+    QMetaObject::invokeMethod(
+        this,
+        [this, serials] {
+            for (const QString& sn : serials) {
+                if (SAobj* const found = session(sn))
+                    found->forgetNumbers();
+            }
+        },
+        Qt::QueuedConnection);
+}
+
 void Severinit::printinfo() {
     if (quiet)
         return;

@@ -89,6 +89,8 @@ public:
     /// The sessions whose numbers have changed since `mark` was given out, the oldest changes first; all
     /// of them for a mark that this run of the service did not give out.
     Changes changesSince(const QByteArray& mark);
+    /// The sessions count as changed: somebody has begun to keep their numbers. Any thread; a moment later.
+    void tellAgain(const QStringList& serials);
 
     // --- dispatcher ---
     /// A command that another room adds: gets the request and its resolved targets (each serial

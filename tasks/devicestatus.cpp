@@ -77,10 +77,12 @@ QString DeviceStatus::change(const QJsonObject& entry) {
                      entry.value(QLatin1String("status")).toInt()};
     const bool counted = std::any_of(std::begin(Fragments), std::end(Fragments),
                                      [&](const Fragment& f) { return f.counter && holds(entry, f); });
-    const auto known = m_known.constFind(sn.toLatin1());
-    if (!counted && known != m_known.constEnd() && *known == now)
-        return {};
-    m_known.insert(sn.toLatin1(), now);
+    if (m_mark.isEmpty()) { // the node tells everything every time
+        const auto known = m_known.constFind(sn.toLatin1());
+        if (!counted && known != m_known.constEnd() && *known == now)
+            return {};
+        m_known.insert(sn.toLatin1(), now);
+    }
 
     QString built = Update;
     SqlArgs args{{QStringLiteral("@sn"), sn}, {QStringLiteral("@status"), now.status}};

@@ -40,5 +40,5 @@ private:
     SqlDialect m_dialect;
     bool m_isMore = false;
     QString m_mark;                    ///< of the last answer
-    QHash<QByteArray, Values> m_known; ///< by serial
+    QHash<QByteArray, Values> m_known; ///< by serial; of a node that gives no marks
 };

@@ -323,6 +323,8 @@ void DispatcherTest::listOfChanges() {
     QCOMPARE(serialsSince(mark), (QStringList{sn("A"), sn("B")}));
     QCOMPARE(serialsSince(other), (QStringList{sn("A"), sn("B")}));
     QCOMPARE(serialsSince(mark), QStringList());
+    m_link->registry.tellAgain({sn("B"), "nobody"});
+    QVERIFY(waitFor([&] { return serialsSince(mark) == QStringList(sn("B")); }));
     QString foreign = "1." + mark.section('.', 1); // of another run
     QCOMPARE(serialsSince(foreign).size(), all);
 }

@@ -75,7 +75,7 @@ private slots:
         QVERIFY(waitFor([&] { return statements.size() == 1000; }));
         QCOMPARE(node.listsAsked(), 1);
         QCOMPARE(node.lastListAsked().json()["since"], "");
-        node.list.replace("\"7\",\"status\":1", "\"7\",\"status\":0");
+        node.list = R"({"list":[{"sn":"7","status":0}],"mark":"m7"})";
         poller.getinfotime();
         QVERIFY(waitFor([&] { return statements.size() == 1001; }));
         QVERIFY(statements.last().contains("`status` = '0' WHERE (`device_seed` = '7' )"));

@@ -145,6 +145,10 @@ private slots:
         QVERIFY(waitFor([&] { return device()["status"].toInt() == 1; }));
         QVERIFY(waitFor([&] { return period() == 2; }));
         QVERIFY(school.service.waitForLog("Disable sn:"));
+        // One that is online already when somebody adds it.
+        school.service.sql(QStringLiteral("DELETE FROM sbox_device_info WHERE device_seed = '%1'").arg(sn));
+        QCOMPARE(school.call("/user/deviceadd", {{"sn", sn}, {"name", "gate"}})["res"], true);
+        QVERIFY(waitFor([&] { return device()["status"].toInt() == 1; }));
         school.service.sql("UPDATE snover SET statu = 3, overtime = '2099-01-01 00:00:00'");
         QVERIFY(waitFor([&] { return period() == 1; }));
         school.fleet->at(0).stop();
