@@ -68,7 +68,7 @@ private slots:
         int told = 0;
         for (size_t i = 0; i < pairs.size(); ++i) {
             listeners[i] = std::make_unique<Listener>();
-            listeners[i]->action = [&] {
+            listeners[i]->action = [&, i] {
                 ++told;
                 for (size_t each = 0; each < pairs.size(); ++each)
                     loop().listen(pairs[each].fds[0], nullptr);
