@@ -13,6 +13,7 @@
 namespace {
 
 constexpr qint64 TickMs = TimingWheel::Resolution.count();
+constexpr qint64 BucketMs = TimingWheel::Spread.count();
 constexpr qint64 OnceTurnMs = 10'240; // of the ring of single calls: the usual delays fit into one turn
 
 struct Member {
@@ -66,7 +67,7 @@ struct Ring {
     Ring(qint64 turnMs, bool periodic)
         : turn(turnMs)
         , isPeriodic(periodic)
-        , buckets(static_cast<size_t>(std::max<qint64>(1, turnMs / TickMs))) {}
+        , buckets(static_cast<size_t>(std::max<qint64>(1, turnMs / (periodic ? BucketMs : TickMs)))) {}
 
     qint64 size() const { return static_cast<qint64>(buckets.size()); }
     qint64 timeOf(qint64 number) const { return number / size() * turn + number % size() * turn / size(); }

@@ -6,7 +6,7 @@
 #include <memory>
 #include <QObject>
 
-/// One timer for a whole fleet: periodic and single-shot deadlines with a resolution of `Resolution`,
+/// One timer for a whole fleet: periodic and single-shot deadlines, these with a resolution of `Resolution`,
 /// at a cost per deadline that does not depend on how many there are. Main loop only; the owner
 /// outlives every Handle. Deadlines with the same interval are spread over it, and each keeps its
 /// own period without drift.
@@ -14,6 +14,8 @@ class TimingWheel : public QObject {
     Q_OBJECT
 public:
     static constexpr std::chrono::milliseconds Resolution{10};
+    /// Moments of one interval's deadlines are so far apart: the loop wakes no more often for them.
+    static constexpr std::chrono::milliseconds Spread{50};
 
     /// Ends its deadline when destroyed or reset. Movable, 16 bytes.
     class Handle {
