@@ -90,6 +90,12 @@ void SAobj::tickUnlessIdle() {
 }
 
 void SAobj::timeout() {
+    if (m_mp3Socket && m_leixing != WifiKind)
+        m_mp3Socket->setWatched(!m_streamActive || !m_queue.isEmpty());
+    if (isIdle()) { // since the tick before: a stream that goes on keeps its ticks, and their period
+        m_statusTimer.reset();
+        return;
+    }
     if (m_chunkCounter >= StreamIdleLimit) {
         if (!m_streamActive)
             m_onlineState = Streaming;
@@ -103,10 +109,6 @@ void SAobj::timeout() {
         m_queue.clear();
         m_chunkCounter = 0;
     }
-    if (m_mp3Socket && m_leixing != WifiKind)
-        m_mp3Socket->setWatched(!m_streamActive || !m_queue.isEmpty());
-    if (isIdle())
-        m_statusTimer.reset();
 }
 
 void SAobj::clear_que(int id) {
