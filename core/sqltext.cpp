@@ -143,7 +143,7 @@ std::optional<SqlShape> sqlShape(const QString& sql) {
                 quote = QChar();
         } else if (c == QLatin1Char('\'')) {
             quote = c;
-            shape.values << QString();
+            shape.values << QStringLiteral(""); // not null: that would be bound as NULL
         } else if (marks.contains(c)) {
             return std::nullopt;
         } else {

@@ -97,6 +97,8 @@ private slots:
             return m_db->execAlike(update.arg("10", "a1")) && m_db->execAlike(update.arg("20", "b2")) &&
                    m_db->execAlike("DELETE FROM sbox_node") && m_db->execAlike(update.arg("30", "b2"));
         }));
+        QVERIFY(m_db->execAlike("INSERT INTO task (`start_time`, `len`) VALUES ('60', '')"));
+        QCOMPARE(count("task where len = ''"), 1); // empty, not NULL
         QVERIFY(!m_db->execAlike("UPDATE nowhere SET a = '1'"));
         QVERIFY(!m_db->transaction([&] { return m_db->execAlike(update.arg("1", "a1")) && false; }));
         QVERIFY(m_db->execAlike(update.arg("0", "none")));
