@@ -210,23 +210,24 @@ int SocketWatch::deliver() {
     const std::uint32_t batch = m_batch;
     int delivered = 0;
     for (size_t i = 0; batch == m_batch && i < m_ready.size(); ++i) {
-        fetchAhead(i);
+        fetchNext(i);
         delivered += deliverTo(m_ready[i].descriptor, m_ready[i].events);
     }
     return delivered;
 }
 
 // In a fleet nothing of the next connection is in the cache yet.
-void SocketWatch::fetchAhead(size_t index) const {
-    constexpr size_t Distance = 3;
-    const auto at = [&](size_t ahead) {
-        return index + ahead < m_ready.size()
-                   ? &m_watched[static_cast<size_t>(m_ready[index + ahead].descriptor)]
-                   : nullptr;
+void SocketWatch::fetchNext(size_t index) const {
+    const auto at = [this](const Ready& ready) -> const Watched& {
+        return m_watched[static_cast<size_t>(ready.descriptor)];
     };
-    fetchObject(at(2 * Distance));
-    if (const Watched* const watched = at(Distance))
-        fetchObject(watched->listener);
+    ::fetchAhead(
+        m_ready, index, [&](const Ready& ready) { fetchObject(&at(ready)); },
+        [&](const Ready& ready) { fetchObject(at(ready).listener); },
+        [&](const Ready& ready) {
+            if (at(ready).listener)
+                at(ready).listener->descriptorSoon();
+        });
 }
 
 // Each notifier is looked up anew: any of them may have been switched off or deleted by one before.

@@ -15,6 +15,8 @@ public:
     /// A broken connection is ready for whatever it is listened to for. The callee may do anything,
     /// deleting itself included.
     virtual void descriptorReady(bool readable, bool writable) = 0;
+    /// A call is near: the time to ask for memory that it will need (see fetch.h).
+    virtual void descriptorSoon() const {}
 
 protected:
     ~DescriptorListener() = default;
@@ -69,7 +71,7 @@ private:
     void disableAll(int descriptor);
     int deliverTo(int descriptor, std::uint32_t events);
     int tellListener(const Watched& watched, std::uint32_t events) const;
-    void fetchAhead(size_t index) const;
+    void fetchNext(size_t index) const;
 
     struct Ready {
         int descriptor;

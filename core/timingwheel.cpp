@@ -33,15 +33,6 @@ struct Place {
 
 constexpr std::uint32_t None = UINT32_MAX;
 
-/// A fleet's clients are never in the cache when they are called: all of a bucket are asked for at once,
-/// then what they will need themselves, so that memory is waited for a few times and not for each.
-void announce(const std::vector<Member>& members) {
-    for (const Member& member : members)
-        fetchObject(member.client);
-    for (const Member& member : members)
-        member.client->wheelSoon();
-}
-
 // Gives back what a storm of deadlines took: the next one falls into other buckets.
 void releaseIfEmpty(std::vector<Member>& members) {
     constexpr size_t WorthKeeping = 8;
@@ -110,8 +101,6 @@ struct Ring {
         walked = static_cast<std::uint32_t>(next++ % size());
         cursor = 0;
         end = buckets[walked].size();
-        if (isPeriodic)
-            announce(buckets[walked]);
         return true;
     }
 };
@@ -235,6 +224,12 @@ void TimingWheel::State::endWalk(Ring& ring) {
 
 void TimingWheel::State::callNext(Ring& ring, qint64 now) {
     const std::vector<Member>& members = ring.buckets[ring.walked];
+    fetchAhead(
+        members, ring.cursor, [](const Member& member) { fetchObject(member.client); },
+        [](const Member& member) {
+            if (member.client)
+                member.client->wheelSoon();
+        });
     const Member member = members[ring.cursor++];
     if (!member.client || member.due > now) // due in a later turn
         return;

@@ -27,17 +27,15 @@ QStringList texts(const QJsonValue& array) {
 
 /// A fleet's sessions are never in the cache when a command comes: what the next ones need is fetched,
 /// a step of the way to the socket each, while the kernel sends.
-void fetchAhead(const std::vector<SAobj*>& sessions, size_t index) {
-    constexpr size_t Distance = 3;
-    const auto at = [&](size_t ahead) {
-        return index + ahead < sessions.size() ? sessions[index + ahead] : nullptr;
+void fetchSessions(const std::vector<SAobj*>& sessions, size_t index) {
+    const auto known = [](auto step) {
+        return [step](const SAobj* session) {
+            if (session)
+                (session->*step)();
+        };
     };
-    if (const SAobj* const session = at(3 * Distance))
-        session->fetch();
-    if (const SAobj* const session = at(2 * Distance))
-        session->fetchConnection();
-    if (const SAobj* const session = at(Distance))
-        session->fetchSocket();
+    fetchAhead(sessions, index, known(&SAobj::fetch), known(&SAobj::fetchConnection),
+               known(&SAobj::fetchSocket));
 }
 
 /// What became of the targets of one command, and the reply that tells it.
@@ -182,7 +180,7 @@ QByteArray Dispatcher::runRow(const CommandRow& row, const QJsonObject& request)
     Outcome outcome(row.words, row.tellsEach);
     const std::vector<SAobj*> sessions = targets ? sessionsOf(*targets) : everySession();
     for (size_t i = 0; i < sessions.size(); ++i) {
-        fetchAhead(sessions, i);
+        fetchSessions(sessions, i);
         SAobj* const session = sessions[i];
         outcome.run(targets ? targets->at(static_cast<int>(i)) : session->sn(), session, plan.call);
     }

@@ -1,10 +1,12 @@
 #include "tasks/alarmcast.h"
 
+#include "core/fetch.h"
 #include "device/saobj.h"
 #include "device/severinit.h"
 #include "tasks/baojingobject.h"
 
 #include <algorithm>
+#include <functional>
 #include <QDebug>
 #include <QDir>
 #include <QFileInfo>
@@ -150,13 +152,9 @@ bool Alarmcast::start(const QStringList& files, const QStringList& targets, int 
 
 /// Every speaker shares the packet's one copy.
 void Alarmcast::feed(const Cast& cast, const QByteArray& packet) {
-    constexpr size_t Ahead = 4;
     const std::vector<SAobj*>& speakers = cast.speakers;
     for (size_t i = 0; i < speakers.size(); ++i) {
-        if (i + 2 * Ahead < speakers.size())
-            speakers[i + 2 * Ahead]->fetch();
-        if (i + Ahead < speakers.size())
-            speakers[i + Ahead]->fetchMp3Socket();
+        fetchAhead(speakers, i, std::mem_fn(&SAobj::fetch), std::mem_fn(&SAobj::fetchMp3Socket));
         speakers[i]->send_mp3data_mut(SourceName, StreamId, cast.player->currentFile(), cast.level,
                                       cast.sequence, true, packet);
     }
