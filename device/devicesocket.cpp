@@ -1,6 +1,7 @@
 #include "device/devicesocket.h"
 
 #include "core/eventdispatcher.h"
+#include "core/fetch.h"
 
 #include <array>
 #include <cerrno>
@@ -16,59 +17,61 @@ bool isTemporary(int error) {
 }
 } // namespace
 
-DeviceSocket::DeviceSocket(int descriptor, const QHostAddress& peer, QObject* parent)
-    : QObject(parent)
-    , m_descriptor(descriptor)
-    , m_peer(peer) {
-    listenAnew();
-}
+DeviceSocket::DeviceSocket(int descriptor, const QHostAddress& peer)
+    : m_descriptor(descriptor)
+    , m_peer(peer) {}
 
 DeviceSocket::~DeviceSocket() {
     close();
 }
 
-/// Tells the loop what to look for: bytes unless unwatched, room while there is a backlog.
+void DeviceSocket::setOwner(Owner* owner) {
+    m_owner = owner;
+    listenAnew();
+}
+
+/// Tells the loop what to look for: bytes unless unwatched, room while there is a backlog, and the end
+/// of a broken connection as long as the owner does not know.
 void DeviceSocket::listenAnew() {
     EpollEventDispatcher* const loop = EpollEventDispatcher::current();
     if (!loop)
         return; // gone already, and with it whatever it watched
-    const bool isOpen = isConnected();
-    loop->listen(m_descriptor, isOpen ? this : nullptr, isOpen && m_watched, !m_backlog.isEmpty());
+    const bool isListening = m_owner && (isConnected() || m_endIsDue);
+    loop->listen(m_descriptor, isListening ? this : nullptr, m_watched || m_endIsDue, !m_backlog.isEmpty());
 }
 
 void DeviceSocket::descriptorReady(bool readable, bool writable) {
+    if (m_endIsDue)
+        return tellEnd();
     if (writable)
         this->writable();
     if (readable && isConnected())
         readNow();
 }
 
-QByteArray DeviceSocket::readAll() {
-    return std::exchange(m_input, {});
+void DeviceSocket::descriptorSoon() const {
+    fetchObject(m_owner);
 }
 
 void DeviceSocket::readNow() {
     // Shared by all connections, which live on one thread: what is read is copied out at once.
     static std::array<char, MaxRead> buffer;
-    const int got = receive(buffer.data(), 0);
-    if (got == 0)
-        return;
-    m_input.append(buffer.data(), got);
-    emit readyRead();
+    if (const int got = receive(buffer.data(), 0); got > 0 && m_owner)
+        m_owner->socketRead(buffer.data(), got);
 }
 
 int DeviceSocket::countNow() {
     return isConnected() ? receive(nullptr, MSG_TRUNC) : 0; // the kernel copies nothing
 }
 
-/// Bytes received, 0 for none; signals the end.
+/// Bytes received; 0 for none, and after the end was told: then the socket may be gone.
 int DeviceSocket::receive(char* buffer, int flags) {
     const auto got = ::recv(m_descriptor, buffer, MaxRead, flags);
     if (got > 0)
         return static_cast<int>(got);
     if (got == 0 || !isTemporary(errno)) {
         breakDown(got == 0 ? 0 : errno);
-        announceEnd();
+        tellEnd();
     }
     return 0;
 }
@@ -119,9 +122,11 @@ void DeviceSocket::writable() {
     }
 }
 
+/// Shut down, the descriptor is ready in the loop's next turn, whatever was wrong with it.
 int DeviceSocket::fail(int error) {
+    ::shutdown(m_descriptor, SHUT_RDWR);
+    m_endIsDue = true;
     breakDown(error);
-    QMetaObject::invokeMethod(this, &DeviceSocket::announceEnd, Qt::QueuedConnection);
     return -1;
 }
 
@@ -132,14 +137,17 @@ void DeviceSocket::breakDown(int error) {
     listenAnew();
 }
 
-void DeviceSocket::announceEnd() {
-    if (m_descriptor >= 0)
-        emit disconnected();
+void DeviceSocket::tellEnd() {
+    m_endIsDue = false;
+    listenAnew();
+    if (m_owner)
+        m_owner->socketEnded();
 }
 
 void DeviceSocket::close() {
     if (m_descriptor < 0)
         return;
+    m_endIsDue = false;
     breakDown(m_error);
     ::close(m_descriptor);
     m_descriptor = -1;

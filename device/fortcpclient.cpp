@@ -1,10 +1,10 @@
 #include "device/fortcpclient.h"
 
 #include "core/fetch.h"
-#include "device/devicesocket.h"
 
 #include <chrono>
 #include <QDebug>
+#include <utility>
 
 using namespace std::chrono_literals;
 
@@ -18,16 +18,14 @@ constexpr int BeatLength = 4;
 enum Deadline { KeepAlive, Superseded };
 } // namespace
 
-fortcpclient::fortcpclient(QMap<QString, fortcpclient*>* map, DeviceSocket* socket, QString sn,
-                           TimingWheel& wheel, QObject* parent)
+fortcpclient::fortcpclient(QMap<QString, fortcpclient*>* map, std::unique_ptr<DeviceSocket> socket,
+                           QString sn, TimingWheel& wheel, QObject* parent)
     : QObject(parent)
-    , m_socket(socket)
+    , m_socket(std::move(socket))
     , m_map(map)
     , m_wheel(wheel)
     , m_sn(std::move(sn)) {
-    m_socket->setParent(this);
-    connect(m_socket, &DeviceSocket::readyRead, this, &fortcpclient::sn_datain);
-    connect(m_socket, &DeviceSocket::disconnected, this, &fortcpclient::sn_disconnect);
+    m_socket->setOwner(this);
     m_timer = m_wheel.every(KeepAliveInterval, this, KeepAlive);
 }
 
@@ -39,16 +37,15 @@ void fortcpclient::wheelTimeout(int tag) {
 }
 
 void fortcpclient::wheelSoon() const {
-    fetchObject(m_socket);
+    fetchObject(m_socket.get());
 }
 
-void fortcpclient::sn_datain() {
-    const QByteArray bytes = m_socket->readAll();
+void fortcpclient::sn_datain(const char* bytes, int size) {
     m_alive = true;
-    if (bytes.size() == BeatLength)
-        m_lastStatus = static_cast<unsigned char>(bytes.at(BeatLength - 1));
+    if (size == BeatLength)
+        m_lastStatus = static_cast<unsigned char>(bytes[BeatLength - 1]);
     else
-        emit backdata(bytes);
+        emit backdata(QByteArray(bytes, size));
 }
 
 void fortcpclient::sn_heartbeat() {
@@ -94,7 +91,6 @@ void fortcpclient::supersede() {
 
 void fortcpclient::release() {
     QObject::disconnect(this, nullptr, nullptr, nullptr);
-    QObject::disconnect(m_socket, nullptr, this, nullptr);
     m_timer.reset();
     m_socket->close();
     deleteLater();

@@ -2,27 +2,30 @@
 
 #include "core/pooled.h"
 #include "core/timingwheel.h"
+#include "device/devicesocket.h"
 
+#include <memory>
 #include <QByteArray>
 #include <QJsonObject>
 #include <QMap>
 #include <QObject>
 #include <QString>
 
-class DeviceSocket;
-
 /// One speaker's control connection, from registration to its end. Main loop only. Its parent is the
 /// speaker's session; it schedules its own deletion when the connection is over.
-class fortcpclient : public QObject, private TimingWheel::Client, public Pooled<fortcpclient> {
+class fortcpclient : public QObject,
+                     private TimingWheel::Client,
+                     private DeviceSocket::Owner,
+                     public Pooled<fortcpclient> {
     Q_OBJECT
 public:
     /// `map` is the listener's map of live connections, in which the listener enters this one; it
-    /// outlives every client. Takes `socket` as its child.
-    fortcpclient(QMap<QString, fortcpclient*>* map, DeviceSocket* socket, QString sn, TimingWheel& wheel,
-                 QObject* parent = nullptr);
+    /// outlives every client.
+    fortcpclient(QMap<QString, fortcpclient*>* map, std::unique_ptr<DeviceSocket> socket, QString sn,
+                 TimingWheel& wheel, QObject* parent = nullptr);
 
     const QString& sn() const { return m_sn; }
-    DeviceSocket* socket() const { return m_socket; }
+    DeviceSocket* socket() const { return m_socket.get(); }
     /// What the speaker said of itself when it registered; keys as packets::registration().
     const QJsonObject& description() const { return m_description; }
     void setDescription(const QJsonObject& description) { m_description = description; }
@@ -50,12 +53,14 @@ signals:
 private:
     void wheelTimeout(int tag) override;
     void wheelSoon() const override;
-    void sn_datain();
+    void socketRead(const char* bytes, int size) override { sn_datain(bytes, size); }
+    void socketEnded() override { sn_disconnect(); }
+    void sn_datain(const char* bytes, int size);
     void sn_heartbeat();
     void sn_disconnect();
     void leaveMap();
 
-    DeviceSocket* m_socket;
+    std::unique_ptr<DeviceSocket> m_socket;
     int m_lastStatus = 0;
     bool m_alive = true;
     QMap<QString, fortcpclient*>* m_map;

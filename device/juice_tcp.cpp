@@ -1,6 +1,5 @@
 #include "device/juice_tcp.h"
 
-#include "device/devicesocket.h"
 #include "device/lobby.h"
 
 #include <chrono>
@@ -18,18 +17,19 @@ juice_tcp::juice_tcp(Lobby& lobby, quint64 ticket, std::unique_ptr<DeviceSocket>
     , m_ticket(ticket)
     , m_socket(std::move(socket))
     , m_deadline(wheel.once(FirstReadDeadline, this, 0)) {
-    connect(m_socket.get(), &DeviceSocket::readyRead, this, &juice_tcp::readFirst);
-    connect(m_socket.get(), &DeviceSocket::disconnected, this, [this] { refuse(m_socket->errorText()); });
+    m_socket->setOwner(this);
 }
 
 juice_tcp::~juice_tcp() = default;
 
-void juice_tcp::readFirst() {
+void juice_tcp::socketRead(const char* bytes, int size) {
     qInfo().noquote() << "juice_tcp disconnect1" << m_lobby.name() << m_socket->peerAddress().toString();
     m_deadline.reset();
-    disconnect(m_socket.get(), nullptr, this, nullptr);
-    const QByteArray bytes = m_socket->readAll();
-    m_lobby.handOn(m_ticket, std::move(m_socket), bytes);
+    m_lobby.handOn(m_ticket, std::move(m_socket), QByteArray(bytes, size));
+}
+
+void juice_tcp::socketEnded() {
+    refuse(m_socket->errorText());
 }
 
 void juice_tcp::makeRoom() {

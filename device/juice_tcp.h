@@ -1,18 +1,18 @@
 #pragma once
 
 #include "core/timingwheel.h"
+#include "device/devicesocket.h"
 
 #include <memory>
 #include <QByteArray>
 #include <QObject>
 #include <QString>
 
-class DeviceSocket;
 class Lobby;
 
 /// Waits for the first read of one accepted connection, at most 30 s, then hands the connection to the
 /// lobby, which owns this object. Whatever arrives in that read is taken as it comes. Main loop only.
-class juice_tcp : public QObject, private TimingWheel::Client {
+class juice_tcp : public QObject, private TimingWheel::Client, private DeviceSocket::Owner {
     Q_OBJECT
 public:
     /// `ticket` is what the lobby knows this reader by.
@@ -24,7 +24,8 @@ public:
 
 private:
     void wheelTimeout(int tag) override;
-    void readFirst();
+    void socketRead(const char* bytes, int size) override;
+    void socketEnded() override;
     void refuse(const QString& reason);
 
     Lobby& m_lobby;

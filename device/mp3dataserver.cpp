@@ -53,19 +53,18 @@ void Mp3DataServer::start(Severinit* registry) {
     });
 }
 
-void Mp3DataServer::attach(DeviceSocket* socket, const QByteArray& firstMessage) {
+void Mp3DataServer::attach(DeviceSocket* accepted, const QByteArray& firstMessage) {
+    std::unique_ptr<DeviceSocket> socket(accepted);
     const Introduction who = read(firstMessage);
     SAobj* const session = sessionFor(who.description.value(QLatin1String("sn")).toString(), *socket);
     if (!session) {
         qInfo().noquote() << "MP3 data connection refused:" << firstMessage.size() << "bytes from"
                           << socket->peerAddress().toString();
-        socket->close();
-        socket->deleteLater();
         return;
     }
     session->setleixing(who.description.value(QLatin1String("leixing")).toVariant().toInt());
-    session->setmp3tcpsocket(socket);
-    session->mp3Requested(who.requestBytes);
+    session->setmp3tcpsocket(std::move(socket));
+    session->mp3_rdy(who.requestBytes);
 }
 
 /// The session that the serial names, when its control connection comes from the same address.

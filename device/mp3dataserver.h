@@ -25,7 +25,7 @@ public:
     void start(Severinit* registry);
 
 private:
-    void attach(DeviceSocket* socket, const QByteArray& firstMessage);
+    void attach(DeviceSocket* accepted, const QByteArray& firstMessage);
     SAobj* sessionFor(const QString& sn, const DeviceSocket& socket) const;
 
     std::unique_ptr<TcpAcceptor> m_acceptor;

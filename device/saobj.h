@@ -3,9 +3,11 @@
 #include "core/fetch.h"
 #include "core/pooled.h"
 #include "core/timingwheel.h"
+#include "device/devicesocket.h"
 #include "device/sessionenv.h"
 
 #include <array>
+#include <memory>
 #include <QByteArray>
 #include <QDateTime>
 #include <QJsonObject>
@@ -13,7 +15,6 @@
 #include <QObject>
 #include <QString>
 
-class DeviceSocket;
 class fortcpclient;
 class QUdpSocket;
 
@@ -23,7 +24,7 @@ class QUdpSocket;
 ///
 /// Commands return the bytes written, or -99 when no connection is bound or the session is disabled:
 /// then nothing was sent. 0 and -1 tell that the connection has just broken. Texts go out as UTF-8.
-class SAobj : public QObject, private TimingWheel::Client, public Pooled<SAobj> {
+class SAobj : public QObject, private TimingWheel::Client, private DeviceSocket::Owner, public Pooled<SAobj> {
     Q_OBJECT
 public:
     enum OnlineState { Offline = 0, Online = 1, Streaming = 2 };
@@ -94,7 +95,7 @@ public:
     void fetch() const { fetchObject(this); }
     void fetchConnection() const { fetchObject(m_client); }
     void fetchSocket() const;
-    void fetchMp3Socket() const { fetchObject(m_mp3Socket); }
+    void fetchMp3Socket() const { fetchObject(m_mp3Socket.get()); }
 
     // --- commands ---
     int get_baojing(int a, int b);
@@ -153,10 +154,10 @@ public:
     void clear_que(int id);
     /// While set, chunks are discarded.
     void setHold(bool hold) { m_hold = hold; }
-    /// Takes over an accepted data connection (as its child), replacing one that was there.
-    void setmp3tcpsocket(DeviceSocket* socket);
+    /// Takes over an accepted data connection, replacing one that was there.
+    void setmp3tcpsocket(std::unique_ptr<DeviceSocket> socket);
     /// The speaker sent so many bytes on its data connection: RequestLength are one request for a chunk.
-    void mp3Requested(int bytes);
+    void mp3_rdy(int bytes);
     bool isMp3Connected() const { return m_mp3Socket != nullptr; }
     bool isStreamActive() const { return m_streamActive; }
     int queuedChunks() const { return m_queue.size(); }
@@ -195,6 +196,8 @@ private:
     static const Report Reports[];
 
     void wheelTimeout(int tag) override;
+    void socketRead(const char* bytes, int size) override;
+    void socketEnded() override { mp3_disconnect(); }
     int command(const char* word, const QByteArray& rest = {});
     int pushContentServer(const char* word, const QString& url);
     void mirror(const char* field, const QVariant& value);
@@ -234,8 +237,6 @@ private:
     void writeWaiting();
     void answerRequest();
     void lookForRequest();
-    void mp3_rdy();
-    void mp3_wifi_rdy();
     void mp3_disconnect();
     void mp3heat_();
     void mp3recheck();
@@ -247,7 +248,7 @@ private:
     SessionEnv& m_env;
     // What every tick and every command of a fleet touches stands together, next to the object's head.
     fortcpclient* m_client = nullptr; ///< bound while not null; not owned
-    DeviceSocket* m_mp3Socket = nullptr;
+    std::unique_ptr<DeviceSocket> m_mp3Socket;
     int m_chunkCounter = 0;
     int m_leixing = PullKind;
     quint8 m_onlineState = Offline;

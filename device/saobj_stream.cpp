@@ -138,7 +138,7 @@ void SAobj::push_mp3(const QByteArray& chunk) {
 /// now, and nothing has to wake the loop for it. Where it has not asked yet, the loop shall tell.
 void SAobj::lookForRequest() {
     if (const int bytes = m_mp3Socket->countNow())
-        mp3Requested(bytes);
+        mp3_rdy(bytes);
 }
 
 void SAobj::wifi_push_mp3(const QByteArray& chunk) {
@@ -234,40 +234,34 @@ void SAobj::_check_start_stream() {
         domp3connect();
 }
 
-void SAobj::setmp3tcpsocket(DeviceSocket* socket) {
+void SAobj::setmp3tcpsocket(std::unique_ptr<DeviceSocket> socket) {
     dropMp3Socket();
-    m_mp3Socket = socket;
-    m_mp3Socket->setParent(this);
+    m_mp3Socket = std::move(socket);
+    m_mp3Socket->setOwner(this);
     m_retryTimer.reset();
     m_writeInProgress = false;
     m_requestBytes = 0;
-    connect(socket, &DeviceSocket::disconnected, this, &SAobj::mp3_disconnect);
-    connect(socket, &DeviceSocket::readyRead, this,
-            m_leixing == WifiKind ? &SAobj::mp3_wifi_rdy : &SAobj::mp3_rdy);
     m_heartbeatTimer = m_env.wheel.every(HeartbeatInterval, this, Heartbeat);
-    qInfo().noquote() << "Set Remote:" << socket->peerAddress().toString();
+    qInfo().noquote() << "Set Remote:" << m_mp3Socket->peerAddress().toString();
     qInfo().noquote() << "this sn is ready in" << m_sn;
     do
         writeWaiting();
     while (m_leixing == WifiKind && !m_queue.isEmpty());
 }
 
-void SAobj::mp3_rdy() {
-    mp3Requested(m_mp3Socket->readAll().size());
+/// A Wi-Fi speaker asks for nothing; what it sends is read so that the connection does not clog.
+void SAobj::socketRead(const char* /*bytes*/, int size) {
+    if (m_leixing != WifiKind)
+        mp3_rdy(size);
 }
 
-void SAobj::mp3Requested(int bytes) {
+void SAobj::mp3_rdy(int bytes) {
     const int all = m_requestBytes + bytes;
     m_requestBytes = static_cast<quint8>(all % RequestLength);
     // Requests beyond what waits find the queue empty, each in the same way.
     const int requests = std::min(all / RequestLength, m_queue.size() + 1);
     for (int i = 0; i < requests; ++i)
         answerRequest();
-}
-
-/// A Wi-Fi speaker asks for nothing; what it sends is read so that the connection does not clog.
-void SAobj::mp3_wifi_rdy() {
-    m_mp3Socket->readAll();
 }
 
 void SAobj::mp3_disconnect() {
@@ -287,12 +281,7 @@ void SAobj::mp3heat_() {
 
 void SAobj::dropMp3Socket() {
     m_heartbeatTimer.reset();
-    if (!m_mp3Socket)
-        return;
-    m_mp3Socket->close();
-    disconnect(m_mp3Socket, nullptr, this, nullptr);
-    m_mp3Socket->deleteLater();
-    m_mp3Socket = nullptr;
+    m_mp3Socket.reset();
 }
 
 void SAobj::resetMp3Path() {

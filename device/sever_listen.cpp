@@ -79,7 +79,8 @@ void sever_listen::remotion_error2(const QString& reason) {
     m_lobby->makeRoom();
 }
 
-void sever_listen::rdremotion_newcom(DeviceSocket* socket, const QByteArray& firstPacket) {
+void sever_listen::rdremotion_newcom(DeviceSocket* accepted, const QByteArray& firstPacket) {
+    std::unique_ptr<DeviceSocket> socket(accepted);
     QJsonObject description = didiv3(firstPacket);
     const QString peer = socket->peerAddress().toString();
     const QString sn = description.value(QLatin1String("sn")).toString();
@@ -89,15 +90,13 @@ void sever_listen::rdremotion_newcom(DeviceSocket* socket, const QByteArray& fir
     } else if (!m_registry->serialAllowed(sn)) {
         qInfo().noquote() << "Reject_list:->" << sn << peer;
     } else {
-        return bind(socket, description);
+        bind(std::move(socket), description);
     }
-    socket->close();
-    socket->deleteLater();
 }
 
-void sever_listen::bind(DeviceSocket* socket, const QJsonObject& description) {
+void sever_listen::bind(std::unique_ptr<DeviceSocket> socket, const QJsonObject& description) {
     const QString sn = description.value(QLatin1String("sn")).toString();
-    auto* const client = new fortcpclient(&m_connections, socket, sn, m_registry->wheel());
+    auto* const client = new fortcpclient(&m_connections, std::move(socket), sn, m_registry->wheel());
     client->setDescription(description);
     if (SAobj* const session = m_registry->addSession(sn, this)) {
         client->setParent(session);

@@ -48,12 +48,12 @@ public slots:
     void remotion_error(const QString& reason);
     void remotion_error2(const QString& reason);
     /// Registers a connection by its first packet. Takes `socket` over.
-    void rdremotion_newcom(DeviceSocket* socket, const QByteArray& firstPacket);
+    void rdremotion_newcom(DeviceSocket* accepted, const QByteArray& firstPacket);
 
 private:
     static void listenOrExit(TcpAcceptor& acceptor, int port, const char* exitTag);
     void enter(TcpAcceptor& acceptor);
-    void bind(DeviceSocket* socket, const QJsonObject& description);
+    void bind(std::unique_ptr<DeviceSocket> socket, const QJsonObject& description);
 
     int m_keepAliveWait;
     int m_port;

@@ -172,10 +172,11 @@ void ListenerTest::unknownSerialIsDropped() {
     RawConnection peer(server.serverPort());
     QVERIFY(waitFor([&] { return server.hasPendingConnections(); }));
     QTcpSocket* const accepted = server.nextPendingConnection();
-    auto* const client = new fortcpclient(
-        &map,
-        new DeviceSocket(::dup(static_cast<int>(accepted->socketDescriptor())), QHostAddress::LocalHost),
-        "nobody", m_link->registry.wheel());
+    auto* const client =
+        new fortcpclient(&map,
+                         std::make_unique<DeviceSocket>(::dup(static_cast<int>(accepted->socketDescriptor())),
+                                                        QHostAddress::LocalHost),
+                         "nobody", m_link->registry.wheel());
     delete accepted;
     QPointer<fortcpclient> guard(client);
     m_link->registry.sasn_online("nobody", client, 1);
