@@ -1,15 +1,16 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
-#include <memory>
 #include <new>
+#include <sys/mman.h>
 #include <vector>
 
 /// Base of a class of which a fleet has tens of thousands of objects, made and deleted with `new` and
-/// `delete` on one thread. They stand next to each other, so that walking over all of them touches few
-/// pages; what an object leaves free serves the next one and is never given back. A derived class of
-/// another size, and every class under the address sanitizer, comes from the heap as usual.
+/// `delete` on one thread. They stand next to each other, and once they fill half a huge page the next ones
+/// stand on such pages where the system has any: a walk over all of them otherwise waits longer for the
+/// addresses to be looked up than for the memory itself. What an object leaves free serves the next one and
+/// is never given back. A derived class of another size, and every class under the address sanitizer, comes
+/// from the heap as usual.
 template<typename Class>
 class Pooled {
 public:
@@ -44,19 +45,24 @@ private:
         void giveBack(void* place) { m_free.push_back(place); }
 
     private:
-        static constexpr std::size_t PerBlock = 128;
-        struct alignas(64) Place {
-            std::array<std::byte, sizeof(Class)> bytes;
-        };
+        static constexpr std::size_t CacheLine = 64;
+        static constexpr std::size_t PlaceSize = (sizeof(Class) + CacheLine - 1) / CacheLine * CacheLine;
+        static constexpr std::size_t SmallBlock = 128 * PlaceSize;
+        static constexpr std::size_t HugePage = std::size_t{2} << 20;
 
-        // The first place of a block is taken first.
         void grow() {
-            m_blocks.push_back(std::make_unique<std::array<Place, PerBlock>>());
-            for (auto place = m_blocks.back()->rbegin(); place != m_blocks.back()->rend(); ++place)
-                m_free.push_back(&*place);
+            const std::size_t size = m_size < HugePage / 2 ? SmallBlock : HugePage;
+            const std::size_t alignment = size == HugePage ? HugePage : CacheLine;
+            auto* const block = static_cast<std::byte*>(::operator new (size, std::align_val_t{alignment}));
+            if (size == HugePage)
+                madvise(block, size, MADV_HUGEPAGE); // a system without them refuses, which does no harm
+            m_size += size;
+            // The first place of the block is taken first.
+            for (std::size_t i = size / PlaceSize; i-- > 0;)
+                m_free.push_back(block + i * PlaceSize);
         }
 
-        std::vector<std::unique_ptr<std::array<Place, PerBlock>>> m_blocks;
+        std::size_t m_size = 0;
         std::vector<void*> m_free;
     };
 
