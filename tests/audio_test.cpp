@@ -27,22 +27,19 @@ class AudioTest : public QObject {
     Q_OBJECT
 private slots:
     void encodesWhatUsersSend_data() {
-        QTest::addColumn<QString>("suffix");
-        QTest::addColumn<int>("rate");
-        QTest::addColumn<int>("channels");
-        QTest::addColumn<QStringList>(
-            "encoder"); // program and options between input and output; none: sox itself
-        QTest::newRow("wav 8 kHz mono") << "wav" << 8000 << 1 << QStringList();
-        QTest::newRow("wav 48 kHz stereo") << "wav" << 48000 << 2 << QStringList();
-        QTest::newRow("aiff") << "aiff" << 44100 << 2 << QStringList();
-        QTest::newRow("mp3 8 kHz") << "mp3" << 8000 << 1 << QStringList{"lame", "-S"};
-        QTest::newRow("mp3 vbr") << "mp3" << 48000 << 2 << QStringList{"lame", "-S", "-V", "4"};
-        QTest::newRow("wav adpcm") << "wav" << 44100 << 1 << QStringList{"ffmpeg", "-c:a", "adpcm_ima_wav"};
-        QTest::newRow("m4a") << "m4a" << 44100 << 2 << QStringList{"ffmpeg"};
-        QTest::newRow("aac") << "aac" << 44100 << 2 << QStringList{"ffmpeg"};
-        QTest::newRow("ogg vorbis") << "ogg" << 44100 << 2 << QStringList{"ffmpeg"};
-        QTest::newRow("opus") << "opus" << 48000 << 1 << QStringList{"ffmpeg"};
-        QTest::newRow("flac") << "flac" << 44100 << 2 << QStringList{"ffmpeg"};
+        // encoder: program and options between input and output; none: sox itself
+        const Table<QString, int, int, QStringList> row{"suffix", "rate", "channels", "encoder"};
+        row("wav 8 kHz mono", "wav", 8000, 1, {});
+        row("wav 48 kHz stereo", "wav", 48000, 2, {});
+        row("aiff", "aiff", 44100, 2, {});
+        row("mp3 8 kHz", "mp3", 8000, 1, QStringList{"lame", "-S"});
+        row("mp3 vbr", "mp3", 48000, 2, QStringList{"lame", "-S", "-V", "4"});
+        row("wav adpcm", "wav", 44100, 1, QStringList{"ffmpeg", "-c:a", "adpcm_ima_wav"});
+        row("m4a", "m4a", 44100, 2, QStringList{"ffmpeg"});
+        row("aac", "aac", 44100, 2, QStringList{"ffmpeg"});
+        row("ogg vorbis", "ogg", 44100, 2, QStringList{"ffmpeg"});
+        row("opus", "opus", 48000, 1, QStringList{"ffmpeg"});
+        row("flac", "flac", 44100, 2, QStringList{"ffmpeg"});
     }
 
     void encodesWhatUsersSend() {

@@ -1,5 +1,6 @@
 #include "device/commandserver.h"
 #include "redis/core_corss.h"
+#include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
 
@@ -70,9 +71,9 @@ class CommandServerTest : public QObject {
     Q_OBJECT
 private slots:
     void repliesComeInOrderOverBothProtocols_data() {
-        QTest::addColumn<QString>("host");
-        QTest::newRow("IPv4") << "127.0.0.1";
-        QTest::newRow("IPv6") << "::1";
+        const Table<QString> row{"host"};
+        row("IPv4", "127.0.0.1");
+        row("IPv6", "::1");
     }
 
     void repliesComeInOrderOverBothProtocols() {
@@ -180,29 +181,17 @@ private slots:
     }
 
     void filter_data() {
-        QTest::addColumn<QString>("list");
-        QTest::addColumn<QString>("peer");
-        QTest::addColumn<bool>("allowed");
-        QTest::newRow("everybody") << ""
-                                   << "203.0.113.9" << true;
-        QTest::newRow("blank entries only") << " , "
-                                            << "203.0.113.9" << true;
-        QTest::newRow("single") << "10.1.2.3"
-                                << "10.1.2.3" << true;
-        QTest::newRow("neighbour") << "10.1.2.3"
-                                   << "10.1.2.4" << false;
-        QTest::newRow("subnet") << "192.168.0.0/16, 10.0.0.0/8"
-                                << "10.200.0.1" << true;
-        QTest::newRow("outside") << "192.168.0.0/16,10.0.0.0/8"
-                                 << "11.0.0.1" << false;
-        QTest::newRow("mapped") << "10.0.0.0/8"
-                                << "::ffff:10.0.0.1" << true;
-        QTest::newRow("IPv6") << "fd00::/8"
-                              << "fd12::1" << true;
-        QTest::newRow("IPv6 loopback") << "::1"
-                                       << "::1" << true;
-        QTest::newRow("typing error") << "10.0.0.x"
-                                      << "10.0.0.1" << false;
+        const Table<QString, QString, bool> row{"list", "peer", "allowed"};
+        row("everybody", "", "203.0.113.9", true);
+        row("blank entries only", " , ", "203.0.113.9", true);
+        row("single", "10.1.2.3", "10.1.2.3", true);
+        row("neighbour", "10.1.2.3", "10.1.2.4", false);
+        row("subnet", "192.168.0.0/16, 10.0.0.0/8", "10.200.0.1", true);
+        row("outside", "192.168.0.0/16,10.0.0.0/8", "11.0.0.1", false);
+        row("mapped", "10.0.0.0/8", "::ffff:10.0.0.1", true);
+        row("IPv6", "fd00::/8", "fd12::1", true);
+        row("IPv6 loopback", "::1", "::1", true);
+        row("typing error", "10.0.0.x", "10.0.0.1", false);
     }
 
     void filter() {

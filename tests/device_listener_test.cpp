@@ -15,244 +15,226 @@ using namespace std::chrono_literals;
 class ListenerTest : public QObject {
     Q_OBJECT
 private slots:
-    void init();
-    void cleanup();
+    void init() {
+        QDir::setCurrent(m_directory.path());
+        QFile list("unuse.conf");
+        QVERIFY(list.open(QIODevice::WriteOnly));
+        list.write("[\"" + testSerial(666).toHex() + "\"]");
+        list.close();
+        m_link = std::make_unique<DeviceLink>();
+    }
 
-    void badFirstPackets_data();
-    void badFirstPackets();
-    void splitPacketIsRefused();
-    void closedBeforeAnything();
-    void secondPort();
-    void ipv6();
-    void blockedSerial();
-    void restrictedSerial();
-    void randomBytesAfterRegistration();
-    void beatsAreNoReports();
-    void secondConnectionTakesOver();
-    void unknownSerialIsDropped();
-    void speakerThatStopsReading();
-    void manyAtOnce();
-    void silentConnectionsMakeRoom();
+    void cleanup() {
+        m_link.reset();
+        QDir::setCurrent("/");
+    }
+
+    void badFirstPackets_data() {
+        QTest::addColumn<QByteArray>("packet");
+        for (const int length : {1, 4, 17, 19, 36, 40, 70000})
+            QTest::addRow("%d bytes", length) << QByteArray(length, 'x');
+        QTest::newRow("long form") << QByteArray(41, 'x') + "DEIFS";
+    }
+
+    void badFirstPackets() {
+        QFETCH(QByteArray, packet);
+        RawConnection connection(m_link->port, packet);
+        QVERIFY(connection.waitClosed());
+        QVERIFY(connection.received().isEmpty());
+        QVERIFY(m_link->registry.sessions().isEmpty());
+        QVERIFY(m_link->listener.connections().isEmpty());
+    }
+
+    void splitPacketIsRefused() {
+        const QByteArray packet = sim::registrationPacket(testSerial(), 20);
+        RawConnection connection(m_link->port, packet.left(7));
+        QVERIFY(connection.waitClosed());
+        QVERIFY(m_link->registry.sessions().isEmpty());
+    }
+
+    void closedBeforeAnything() {
+        { RawConnection connection(m_link->port); }
+        QVERIFY(m_link->speaker(testSerial())->isOpen());
+    }
+
+    void secondPort() {
+        const quint16 port = freePort(4);
+        Severinit registry({}, {}, {}, {}, {}, {}, {}, 0, 0, 20, 0, 0, {}, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+        sever_listen listener(3000, port, port + 3);
+        listener.set_svi(&registry);
+        RawConnection speaker(static_cast<quint16>(port + 3), sim::registrationPacket(testSerial(), 20));
+        QVERIFY(speaker.waitReceived("JXXXXX"));
+        QVERIFY(registry.isOnline(testSerial().toHex()));
+    }
+
+    void ipv6() {
+        QTcpSocket speaker;
+        speaker.connectToHost(QHostAddress::LocalHostIPv6, m_link->port);
+        if (!speaker.waitForConnected(1000))
+            QSKIP("this machine has no IPv6");
+        speaker.write(sim::registrationPacket(testSerial(), 20));
+        QVERIFY(waitFor([&] { return m_link->registry.isOnline(testSerial().toHex()); }));
+        QCOMPARE(m_link->session(testSerial())->remoteIp(), QString("::1"));
+    }
+
+    void blockedSerial() {
+        QTest::ignoreMessage(QtInfoMsg, QRegularExpression("^Reject_list:-> a0+29a"));
+        RawConnection connection(m_link->port, sim::registrationPacket(testSerial(666), 20));
+        QVERIFY(connection.waitClosed());
+        QVERIFY(m_link->registry.sessions().isEmpty());
+    }
+
+    void restrictedSerial() {
+        m_link->registry.setRestricted(testSerial().toHex(), true);
+        RawConnection speaker(m_link->port, sim::registrationPacket(testSerial(), 20));
+        QVERIFY(waitFor([&] { return m_link->registry.isOnline(testSerial().toHex()); }));
+        QCOMPARE(m_link->session(testSerial())->stopcurl(), -99);
+        m_link->registry.setRestricted(testSerial().toHex(), false);
+        QCOMPARE(m_link->session(testSerial())->stopcurl(), 2);
+        QVERIFY(speaker.waitReceived("A5"));
+    }
+
+    void randomBytesAfterRegistration() {
+        const auto speaker = m_link->speaker(testSerial());
+        QRandomGenerator random(20261121);
+        for (int i = 0; i < 300; ++i) {
+            QByteArray noise(random.bounded(1, 400), '\0');
+            for (char& byte : noise)
+                byte = static_cast<char>(random.bounded(256));
+            if (i % 4 == 0) // past the first letter, into the rows of the table
+                noise.prepend(QByteArrayList{"J{", "UA2", "DEIFS", "UV", "Y", "K"}.at(i / 4 % 6));
+            speaker->send(noise);
+        }
+        QVERIFY(waitFor([&] { return m_link->session(testSerial())->stopcurl() == 2; }));
+        QVERIFY(waitFor([&] { return speaker->received().endsWith("A5"); }));
+    }
+
+    void beatsAreNoReports() {
+        const auto speaker = m_link->speaker(testSerial());
+        fortcpclient* const client = m_link->listener.connections().value(testSerial().toHex());
+        QVERIFY(client);
+        QByteArrayList reports;
+        connect(client, &fortcpclient::backdata, this,
+                [&](const QByteArray& bytes) { reports.append(bytes); });
+        speaker->send("UA1\x07");
+        QVERIFY(waitFor([&] { return client->lastStatus() == 7; }));
+        QVERIFY(reports.isEmpty());
+        speaker->send("UA1");
+        QVERIFY(waitFor([&] { return !reports.isEmpty(); }));
+        QCOMPARE(reports, QByteArrayList{"UA1"});
+    }
+
+    void secondConnectionTakesOver() {
+        const auto first = m_link->speaker(testSerial());
+        SAobj* const session = m_link->session(testSerial());
+        const auto second = m_link->speaker(testSerial());
+        fortcpclient* const client = m_link->listener.connections().value(testSerial().toHex());
+        first->forget();
+        session->stopcurl();
+        QVERIFY(second->waitReceived("A5"));
+        QVERIFY(first->received().isEmpty());
+        first->send("UA3"); // nobody listens to it
+        first->close();
+        QVERIFY(holdsFor([&] { return session->isOnline() && !session->isBusy(); }, 50ms));
+        QCOMPARE(m_link->listener.connections().value(testSerial().toHex()), client);
+        second->close();
+        QVERIFY(waitFor([&] { return !session->isOnline(); }));
+        QVERIFY(m_link->listener.connections().isEmpty());
+    }
+
+    void unknownSerialIsDropped() {
+        QMap<QString, fortcpclient*> map;
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        RawConnection peer(server.serverPort());
+        QVERIFY(waitFor([&] { return server.hasPendingConnections(); }));
+        QTcpSocket* const accepted = server.nextPendingConnection();
+        auto* const client = new fortcpclient(
+            &map,
+            std::make_unique<DeviceSocket>(::dup(static_cast<int>(accepted->socketDescriptor())),
+                                           QHostAddress::LocalHost),
+            "nobody", m_link->registry.wheel());
+        delete accepted;
+        QPointer<fortcpclient> guard(client);
+        m_link->registry.sasn_online("nobody", client, 1);
+        QVERIFY(peer.waitClosed());
+        QVERIFY(waitFor([&] { return guard.isNull(); }));
+        QVERIFY(m_link->registry.sessions().isEmpty());
+        QTest::ignoreMessage(QtInfoMsg, "one device  on  line but not means info databases; nobody");
+        m_link->registry.sasn_offline("nobody");
+    }
+
+    void speakerThatStopsReading() {
+        const auto stalled = m_link->speaker(testSerial(1));
+        const auto healthy = m_link->speaker(testSerial(2));
+        stalled->stopReading();
+        SAobj* const session = m_link->session(testSerial(1));
+        const QByteArray list(60'000, 'x');
+        int taken = 0;
+        int written = 0;
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^Speaker does not read, dropped: 127.0.0.1"));
+        while (taken < 1000 && (written = session->addMp3list(list)) > 0)
+            ++taken;
+        QCOMPARE(written, -1);
+        QVERIFY(taken * list.size() >= DeviceSocket::MaxBacklog - list.size());
+        QVERIFY(session->isOnline()); // never taken offline from inside a command
+        m_link->session(testSerial(2))->stopcurl();
+        QVERIFY(healthy->waitReceived("A5"));
+        QVERIFY(waitFor([&] { return !session->isOnline(); }));
+    }
+
+    void manyAtOnce() {
+        std::vector<std::unique_ptr<RawConnection>> speakers;
+        speakers.reserve(300);
+        for (int i = 0; i < 300; ++i) {
+            speakers.push_back(std::make_unique<RawConnection>(m_link->port));
+            speakers.back()->send(sim::registrationPacket(testSerial(i), 20));
+        }
+        QVERIFY(waitFor([&] { return m_link->registry.onlineSerials().size() == 300; }));
+        for (SAobj* const session : m_link->registry.sessions())
+            session->set_vol_V(3);
+        for (const auto& speaker : speakers)
+            QVERIFY(speaker->waitReceived("JXXXXXV\x03"));
+        speakers.clear();
+        QVERIFY(waitFor([&] { return m_link->registry.onlineSerials().isEmpty(); }));
+        QCOMPARE(m_link->registry.sessions().size(), 300);
+    }
+
+    // With no descriptor left, connections that have said nothing yet give way to a speaker.
+    void silentConnectionsMakeRoom() {
+        std::vector<std::unique_ptr<RawConnection>> silent;
+        silent.reserve(10);
+        for (int i = 0; i < 10; ++i)
+            silent.push_back(std::make_unique<RawConnection>(m_link->port));
+        const int speaker = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(m_link->port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        QCOMPARE(::connect(speaker, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        const QByteArray packet = sim::registrationPacket(testSerial(), 20);
+        QCOMPARE(::send(speaker, packet.constData(), size_t(packet.size()), 0), ssize_t(packet.size()));
+
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        const rlimit tight{rlim_t(speaker) + 20, limit.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &tight);
+        std::vector<int> rest;
+        for (int taken = 0; (taken = ::dup(speaker)) >= 0;)
+            rest.push_back(taken);
+        const bool registered = waitFor([&] { return m_link->registry.isOnline(testSerial().toHex()); });
+        setrlimit(RLIMIT_NOFILE, &limit);
+        for (const int descriptor : rest)
+            ::close(descriptor);
+        ::close(speaker);
+        QVERIFY(registered);
+        QVERIFY(waitFor([&] { return !silent.front()->isOpen(); }));
+    }
 
 private:
     QTemporaryDir m_directory;
     std::unique_ptr<DeviceLink> m_link;
 };
-
-void ListenerTest::init() {
-    QDir::setCurrent(m_directory.path());
-    QFile list("unuse.conf");
-    QVERIFY(list.open(QIODevice::WriteOnly));
-    list.write("[\"" + testSerial(666).toHex() + "\"]");
-    list.close();
-    m_link = std::make_unique<DeviceLink>();
-}
-
-void ListenerTest::cleanup() {
-    m_link.reset();
-    QDir::setCurrent("/");
-}
-
-void ListenerTest::badFirstPackets_data() {
-    QTest::addColumn<QByteArray>("packet");
-    for (const int length : {1, 4, 17, 19, 36, 40, 70000})
-        QTest::addRow("%d bytes", length) << QByteArray(length, 'x');
-    QTest::newRow("long form") << QByteArray(41, 'x') + "DEIFS";
-}
-
-void ListenerTest::badFirstPackets() {
-    QFETCH(QByteArray, packet);
-    RawConnection connection(m_link->port, packet);
-    QVERIFY(connection.waitClosed());
-    QVERIFY(connection.received().isEmpty());
-    QVERIFY(m_link->registry.sessions().isEmpty());
-    QVERIFY(m_link->listener.connections().isEmpty());
-}
-
-void ListenerTest::splitPacketIsRefused() {
-    const QByteArray packet = sim::registrationPacket(testSerial(), 20);
-    RawConnection connection(m_link->port, packet.left(7));
-    QVERIFY(connection.waitClosed());
-    QVERIFY(m_link->registry.sessions().isEmpty());
-}
-
-void ListenerTest::closedBeforeAnything() {
-    { RawConnection connection(m_link->port); }
-    QVERIFY(m_link->speaker(testSerial())->isOpen());
-}
-
-void ListenerTest::secondPort() {
-    const quint16 port = freePort(4);
-    Severinit registry({}, {}, {}, {}, {}, {}, {}, 0, 0, 20, 0, 0, {}, 0, 0, 0, 0, 0, 0, 0, 0, 0);
-    sever_listen listener(3000, port, port + 3);
-    listener.set_svi(&registry);
-    RawConnection speaker(static_cast<quint16>(port + 3), sim::registrationPacket(testSerial(), 20));
-    QVERIFY(speaker.waitReceived("JXXXXX"));
-    QVERIFY(registry.isOnline(testSerial().toHex()));
-}
-
-void ListenerTest::ipv6() {
-    QTcpSocket speaker;
-    speaker.connectToHost(QHostAddress::LocalHostIPv6, m_link->port);
-    if (!speaker.waitForConnected(1000))
-        QSKIP("this machine has no IPv6");
-    speaker.write(sim::registrationPacket(testSerial(), 20));
-    QVERIFY(waitFor([&] { return m_link->registry.isOnline(testSerial().toHex()); }));
-    QCOMPARE(m_link->session(testSerial())->remoteIp(), QString("::1"));
-}
-
-void ListenerTest::blockedSerial() {
-    QTest::ignoreMessage(QtInfoMsg, QRegularExpression("^Reject_list:-> a0+29a"));
-    RawConnection connection(m_link->port, sim::registrationPacket(testSerial(666), 20));
-    QVERIFY(connection.waitClosed());
-    QVERIFY(m_link->registry.sessions().isEmpty());
-}
-
-void ListenerTest::restrictedSerial() {
-    m_link->registry.setRestricted(testSerial().toHex(), true);
-    RawConnection speaker(m_link->port, sim::registrationPacket(testSerial(), 20));
-    QVERIFY(waitFor([&] { return m_link->registry.isOnline(testSerial().toHex()); }));
-    QCOMPARE(m_link->session(testSerial())->stopcurl(), -99);
-    m_link->registry.setRestricted(testSerial().toHex(), false);
-    QCOMPARE(m_link->session(testSerial())->stopcurl(), 2);
-    QVERIFY(speaker.waitReceived("A5"));
-}
-
-void ListenerTest::randomBytesAfterRegistration() {
-    const auto speaker = m_link->speaker(testSerial());
-    QRandomGenerator random(20261121);
-    for (int i = 0; i < 300; ++i) {
-        QByteArray noise(random.bounded(1, 400), '\0');
-        for (char& byte : noise)
-            byte = static_cast<char>(random.bounded(256));
-        if (i % 4 == 0) // past the first letter, into the rows of the table
-            noise.prepend(QByteArrayList{"J{", "UA2", "DEIFS", "UV", "Y", "K"}.at(i / 4 % 6));
-        speaker->send(noise);
-    }
-    QVERIFY(waitFor([&] { return m_link->session(testSerial())->stopcurl() == 2; }));
-    QVERIFY(waitFor([&] { return speaker->received().endsWith("A5"); }));
-}
-
-void ListenerTest::beatsAreNoReports() {
-    const auto speaker = m_link->speaker(testSerial());
-    fortcpclient* const client = m_link->listener.connections().value(testSerial().toHex());
-    QVERIFY(client);
-    QByteArrayList reports;
-    connect(client, &fortcpclient::backdata, this, [&](const QByteArray& bytes) { reports.append(bytes); });
-    speaker->send("UA1\x07");
-    QVERIFY(waitFor([&] { return client->lastStatus() == 7; }));
-    QVERIFY(reports.isEmpty());
-    speaker->send("UA1");
-    QVERIFY(waitFor([&] { return !reports.isEmpty(); }));
-    QCOMPARE(reports, QByteArrayList{"UA1"});
-}
-
-void ListenerTest::secondConnectionTakesOver() {
-    const auto first = m_link->speaker(testSerial());
-    SAobj* const session = m_link->session(testSerial());
-    const auto second = m_link->speaker(testSerial());
-    fortcpclient* const client = m_link->listener.connections().value(testSerial().toHex());
-    first->forget();
-    session->stopcurl();
-    QVERIFY(second->waitReceived("A5"));
-    QVERIFY(first->received().isEmpty());
-    first->send("UA3"); // nobody listens to it
-    first->close();
-    QVERIFY(holdsFor([&] { return session->isOnline() && !session->isBusy(); }, 50ms));
-    QCOMPARE(m_link->listener.connections().value(testSerial().toHex()), client);
-    second->close();
-    QVERIFY(waitFor([&] { return !session->isOnline(); }));
-    QVERIFY(m_link->listener.connections().isEmpty());
-}
-
-void ListenerTest::unknownSerialIsDropped() {
-    QMap<QString, fortcpclient*> map;
-    QTcpServer server;
-    QVERIFY(server.listen(QHostAddress::LocalHost));
-    RawConnection peer(server.serverPort());
-    QVERIFY(waitFor([&] { return server.hasPendingConnections(); }));
-    QTcpSocket* const accepted = server.nextPendingConnection();
-    auto* const client =
-        new fortcpclient(&map,
-                         std::make_unique<DeviceSocket>(::dup(static_cast<int>(accepted->socketDescriptor())),
-                                                        QHostAddress::LocalHost),
-                         "nobody", m_link->registry.wheel());
-    delete accepted;
-    QPointer<fortcpclient> guard(client);
-    m_link->registry.sasn_online("nobody", client, 1);
-    QVERIFY(peer.waitClosed());
-    QVERIFY(waitFor([&] { return guard.isNull(); }));
-    QVERIFY(m_link->registry.sessions().isEmpty());
-    QTest::ignoreMessage(QtInfoMsg, "one device  on  line but not means info databases; nobody");
-    m_link->registry.sasn_offline("nobody");
-}
-
-void ListenerTest::speakerThatStopsReading() {
-    const auto stalled = m_link->speaker(testSerial(1));
-    const auto healthy = m_link->speaker(testSerial(2));
-    stalled->stopReading();
-    SAobj* const session = m_link->session(testSerial(1));
-    const QByteArray list(60'000, 'x');
-    int taken = 0;
-    int written = 0;
-    QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^Speaker does not read, dropped: 127.0.0.1"));
-    while (taken < 1000 && (written = session->addMp3list(list)) > 0)
-        ++taken;
-    QCOMPARE(written, -1);
-    QVERIFY(taken * list.size() >= DeviceSocket::MaxBacklog - list.size());
-    QVERIFY(session->isOnline()); // never taken offline from inside a command
-    m_link->session(testSerial(2))->stopcurl();
-    QVERIFY(healthy->waitReceived("A5"));
-    QVERIFY(waitFor([&] { return !session->isOnline(); }));
-}
-
-void ListenerTest::manyAtOnce() {
-    std::vector<std::unique_ptr<RawConnection>> speakers;
-    speakers.reserve(300);
-    for (int i = 0; i < 300; ++i) {
-        speakers.push_back(std::make_unique<RawConnection>(m_link->port));
-        speakers.back()->send(sim::registrationPacket(testSerial(i), 20));
-    }
-    QVERIFY(waitFor([&] { return m_link->registry.onlineSerials().size() == 300; }));
-    for (SAobj* const session : m_link->registry.sessions())
-        session->set_vol_V(3);
-    for (const auto& speaker : speakers)
-        QVERIFY(speaker->waitReceived("JXXXXXV\x03"));
-    speakers.clear();
-    QVERIFY(waitFor([&] { return m_link->registry.onlineSerials().isEmpty(); }));
-    QCOMPARE(m_link->registry.sessions().size(), 300);
-}
-
-// With no descriptor left, connections that have said nothing yet give way to a speaker.
-void ListenerTest::silentConnectionsMakeRoom() {
-    std::vector<std::unique_ptr<RawConnection>> silent;
-    silent.reserve(10);
-    for (int i = 0; i < 10; ++i)
-        silent.push_back(std::make_unique<RawConnection>(m_link->port));
-    const int speaker = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(m_link->port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    QCOMPARE(::connect(speaker, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    const QByteArray packet = sim::registrationPacket(testSerial(), 20);
-    QCOMPARE(::send(speaker, packet.constData(), size_t(packet.size()), 0), ssize_t(packet.size()));
-
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const rlimit tight{rlim_t(speaker) + 20, limit.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &tight);
-    std::vector<int> rest;
-    for (int taken = 0; (taken = ::dup(speaker)) >= 0;)
-        rest.push_back(taken);
-    const bool registered = waitFor([&] { return m_link->registry.isOnline(testSerial().toHex()); });
-    setrlimit(RLIMIT_NOFILE, &limit);
-    for (const int descriptor : rest)
-        ::close(descriptor);
-    ::close(speaker);
-    QVERIFY(registered);
-    QVERIFY(waitFor([&] { return !silent.front()->isOpen(); }));
-}
 
 int main(int argc, char** argv) {
     return runTest<ListenerTest>(argc, argv);

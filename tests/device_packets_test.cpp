@@ -1,26 +1,10 @@
 #include "device/blocklist.h"
 #include "device/packets.h"
 #include "device/volume.h"
+#include "tests/support/table.h"
 #include "tests/support/testmain.h"
 
 #include <QJsonDocument>
-
-class PacketsTest : public QObject {
-    Q_OBJECT
-private slots:
-    void volumeTable();
-    void volumeOutsideTheTable();
-    void registrationPacket();
-    void registrationOfAnotherLength_data();
-    void registrationOfAnotherLength();
-    void statusForm();
-    void statusFormCutShort_data();
-    void statusFormCutShort();
-    void addresses_data();
-    void addresses();
-    void blockList_data();
-    void blockList();
-};
 
 namespace {
 QByteArray serial() {
@@ -37,109 +21,112 @@ QByteArray form() {
 }
 } // namespace
 
-void PacketsTest::volumeTable() {
-    // Key points of the uneven table: both ends, and where the step changes.
-    const QList<QPair<int, int>> pairs{{1, 112}, {2, 101}, {3, 90}, {10, 59}, {18, 31}, {19, 29}, {25, 16}};
-    for (const auto& pair : pairs)
-        QCOMPARE(int(volumeCode(static_cast<unsigned char>(pair.first))), pair.second);
-    for (unsigned char level = 1; level <= 25; ++level)
-        QCOMPARE(volumeLevel(volumeCode(level)), level);
-}
+class PacketsTest : public QObject {
+    Q_OBJECT
+private slots:
+    void volumeTable() {
+        // Key points of the uneven table: both ends, and where the step changes.
+        const QList<QPair<int, int>> pairs{{1, 112}, {2, 101}, {3, 90}, {10, 59},
+                                           {18, 31}, {19, 29}, {25, 16}};
+        for (const auto& pair : pairs)
+            QCOMPARE(int(volumeCode(static_cast<unsigned char>(pair.first))), pair.second);
+        for (unsigned char level = 1; level <= 25; ++level)
+            QCOMPARE(volumeLevel(volumeCode(level)), level);
+    }
 
-void PacketsTest::volumeOutsideTheTable() {
-    for (const quint8 level : std::initializer_list<quint8>{0, 26, 255})
-        QCOMPARE(int(volumeCode(level)), 31);
-    for (const quint8 code : std::initializer_list<quint8>{0, 15, 17, 113, 200, 255})
-        QCOMPARE(int(volumeLevel(code)), 18);
-}
+    void volumeOutsideTheTable() {
+        for (const quint8 level : std::initializer_list<quint8>{0, 26, 255})
+            QCOMPARE(int(volumeCode(level)), 31);
+        for (const quint8 code : std::initializer_list<quint8>{0, 15, 17, 113, 200, 255})
+            QCOMPARE(int(volumeLevel(code)), 18);
+    }
 
-void PacketsTest::registrationPacket() {
-    const QJsonObject expected{{"sn", "00112233445566778899aabbccddeeff"},
-                               {"status", "1"},
-                               {"vol", "200"},
-                               {"severip", "0.0.0.0"},
-                               {"localip", "0.0.0.0"},
-                               {"localmask", "0.0.0.0"},
-                               {"localwg", "0.0.0.0"},
-                               {"leixing", "1"},
-                               {"xuhao", "1"},
-                               {"severport", "0"},
-                               {"res_____", true}};
-    QCOMPARE(packets::registration(serial() + "\x7f\xc8"), expected);
-}
+    void registrationPacket() {
+        const QJsonObject expected{{"sn", "00112233445566778899aabbccddeeff"},
+                                   {"status", "1"},
+                                   {"vol", "200"},
+                                   {"severip", "0.0.0.0"},
+                                   {"localip", "0.0.0.0"},
+                                   {"localmask", "0.0.0.0"},
+                                   {"localwg", "0.0.0.0"},
+                                   {"leixing", "1"},
+                                   {"xuhao", "1"},
+                                   {"severport", "0"},
+                                   {"res_____", true}};
+        QCOMPARE(packets::registration(serial() + "\x7f\xc8"), expected);
+    }
 
-void PacketsTest::registrationOfAnotherLength_data() {
-    QTest::addColumn<int>("length");
-    for (const int length : {0, 4, 17, 19, 40})
-        QTest::addRow("%d", length) << length;
-}
+    void registrationOfAnotherLength_data() {
+        QTest::addColumn<int>("length");
+        for (const int length : {0, 4, 17, 19, 40})
+            QTest::addRow("%d", length) << length;
+    }
 
-void PacketsTest::registrationOfAnotherLength() {
-    QFETCH(int, length);
-    const QJsonObject expected{{"res_____", false}};
-    QCOMPARE(packets::registration(QByteArray(length, 'a')), expected);
-}
+    void registrationOfAnotherLength() {
+        QFETCH(int, length);
+        const QJsonObject expected{{"res_____", false}};
+        QCOMPARE(packets::registration(QByteArray(length, 'a')), expected);
+    }
 
-void PacketsTest::statusForm() {
-    const QJsonObject expected{{"localip", "192.193.194.195"},
-                               {"localmask", "196.197.198.199"},
-                               {"localwg", "200.201.202.203"},
-                               {"xuhao", QString::number(0xD2D3)},
-                               {"leixing", QString::number(0xD4)},
-                               {"sn", "d5d6d7d8d9dadbdcdddedfe0"},
-                               {"severip", "225.226.227.228"},
-                               {"severport", QString::number(0xE5E6)},
-                               {"vol", "10"},
-                               {"status", QString::number(0xE8)},
-                               {"res_____", true}};
-    QCOMPARE(packets::statusForm(form() + "DEIFS"), expected);
-}
+    void statusForm() {
+        const QJsonObject expected{{"localip", "192.193.194.195"},
+                                   {"localmask", "196.197.198.199"},
+                                   {"localwg", "200.201.202.203"},
+                                   {"xuhao", QString::number(0xD2D3)},
+                                   {"leixing", QString::number(0xD4)},
+                                   {"sn", "d5d6d7d8d9dadbdcdddedfe0"},
+                                   {"severip", "225.226.227.228"},
+                                   {"severport", QString::number(0xE5E6)},
+                                   {"vol", "10"},
+                                   {"status", QString::number(0xE8)},
+                                   {"res_____", true}};
+        QCOMPARE(packets::statusForm(form() + "DEIFS"), expected);
+    }
 
-void PacketsTest::statusFormCutShort_data() {
-    QTest::addColumn<QByteArray>("packet");
-    QTest::newRow("empty") << QByteArray();
-    QTest::newRow("trailer alone") << QByteArray("DEIFS");
-    QTest::newRow("one byte short") << form().left(40) + "DEIFS";
-    QTest::newRow("no trailer") << form();
-    QTest::newRow("trailer in front") << "DEIFS" + form();
-}
+    void statusFormCutShort_data() {
+        const Table<QByteArray> row{"packet"};
+        row("empty", {});
+        row("trailer alone", "DEIFS");
+        row("one byte short", form().left(40) + "DEIFS");
+        row("no trailer", form());
+        row("trailer in front", "DEIFS" + form());
+    }
 
-void PacketsTest::statusFormCutShort() {
-    QFETCH(QByteArray, packet);
-    const QJsonObject expected{{"res_____", false}};
-    QCOMPARE(packets::statusForm(packet), expected);
-}
+    void statusFormCutShort() {
+        QFETCH(QByteArray, packet);
+        const QJsonObject expected{{"res_____", false}};
+        QCOMPARE(packets::statusForm(packet), expected);
+    }
 
-void PacketsTest::addresses_data() {
-    QTest::addColumn<QString>("dotted");
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::newRow("plain") << "192.168.1.20" << QByteArray::fromHex("c0a80114");
-    QTest::newRow("leading zeros are decimal") << "010.08.009.1" << QByteArray::fromHex("0a080901");
-    QTest::newRow("empty") << "" << QByteArray(4, '\0');
-    QTest::newRow("too few parts") << "1.2" << QByteArray::fromHex("01020000");
-    QTest::newRow("words") << "a.b.3.d" << QByteArray::fromHex("00000300");
-}
+    void addresses_data() {
+        const Table<QString, QByteArray> row{"dotted", "bytes"};
+        row("plain", "192.168.1.20", QByteArray::fromHex("c0a80114"));
+        row("leading zeros are decimal", "010.08.009.1", QByteArray::fromHex("0a080901"));
+        row("empty", "", QByteArray(4, '\0'));
+        row("too few parts", "1.2", QByteArray::fromHex("01020000"));
+        row("words", "a.b.3.d", QByteArray::fromHex("00000300"));
+    }
 
-void PacketsTest::addresses() {
-    QFETCH(QString, dotted);
-    QFETCH(QByteArray, bytes);
-    QCOMPARE(packets::addressBytes(dotted), bytes);
-}
+    void addresses() {
+        QFETCH(QString, dotted);
+        QFETCH(QByteArray, bytes);
+        QCOMPARE(packets::addressBytes(dotted), bytes);
+    }
 
-void PacketsTest::blockList_data() {
-    QTest::addColumn<QByteArray>("json");
-    QTest::addColumn<QStringList>("serials");
-    QTest::newRow("two") << QByteArray(R"(["aa","bb"])") << QStringList{"aa", "bb"};
-    QTest::newRow("numbers are text") << QByteArray("[12]") << QStringList{"12"};
-    QTest::newRow("no array") << QByteArray(R"({"aa":1})") << QStringList{};
-    QTest::newRow("cut off") << QByteArray(R"(["aa",)") << QStringList{};
-    QTest::newRow("empty") << QByteArray() << QStringList{};
-}
+    void blockList_data() {
+        const Table<QByteArray, QStringList> row{"json", "serials"};
+        row("two", QByteArray(R"(["aa","bb"])"), QStringList{"aa", "bb"});
+        row("numbers are text", "[12]", QStringList{"12"});
+        row("no array", QByteArray(R"({"aa":1})"), {});
+        row("cut off", QByteArray(R"(["aa",)"), {});
+        row("empty", {}, {});
+    }
 
-void PacketsTest::blockList() {
-    QFETCH(QByteArray, json);
-    QTEST(parseBlockList(json), "serials");
-}
+    void blockList() {
+        QFETCH(QByteArray, json);
+        QTEST(parseBlockList(json), "serials");
+    }
+};
 
 int main(int argc, char** argv) {
     return runTest<PacketsTest>(argc, argv);

@@ -1,4 +1,5 @@
 #include "tests/support/devicelink.h"
+#include "tests/support/table.h"
 #include "tests/support/testmain.h"
 
 #include <functional>
@@ -11,29 +12,322 @@ Q_DECLARE_METATYPE(CommandCall)
 class SessionTest : public QObject {
     Q_OBJECT
 private slots:
-    void init();
-    void cleanup();
+    void init() {
+        m_link = std::make_unique<DeviceLink>();
+        m_speaker = m_link->speaker(testSerial());
+        QVERIFY(session() && session()->isBound());
+    }
 
-    void commandBytes_data();
-    void commandBytes();
-    void commandsMirrorWhatTheySet();
-    void noCommandWithoutConnectionOrWhenDisabled();
-    void timeCommand();
-    void connectCommandFallsBackToTheAddressReached();
+    void cleanup() {
+        m_speaker.reset();
+        m_link.reset();
+    }
 
-    void reports_data();
-    void reports();
-    void strayReportsChangeNothing_data();
-    void strayReportsChangeNothing();
-    void alarmReports();
-    void deviceInformation();
-    void deviceForm();
-    void timeWanted();
-    void reportsWithoutMirror();
+    void commandBytes_data() {
+        const Table<QByteArray, CommandCall> row{"bytes", "call"};
+        row("alarm on", "GET_BAOJINGEE", [](SAobj& s) { return s.get_baojing(1, 1); });
+        row("alarm", "GET_BAOJING", [](SAobj& s) { return s.get_baojing(2, 0); });
+        row("alarm over on", "GET_BAOJINGGE", [](SAobj& s) { return s.get_baojing_over(1, 0); });
+        row("alarm over", "GET_BAOJING", [](SAobj& s) { return s.get_baojing_over(0, 1); });
+        row("vol is the low byte", "SETVOL\x2c", [](SAobj& s) { return s.set_vol(300); });
+        row("vol V", "V\x19", [](SAobj& s) { return s.set_vol_V(25); });
+        row("vol V 0", QByteArray("V\0", 2), [](SAobj& s) { return s.set_vol_V(0); });
+        row("mic", "M\x05\x07", [](SAobj& s) { return s.set_Mic_V(5, 7); });
+        row("debug on", "IK", [](SAobj& s) { return s.set_debug_ks(1); });
+        row("debug off", "IS", [](SAobj& s) { return s.set_debug_ks(2); });
+        row("gpio on", "G01", [](SAobj& s) { return s.set_GPIO_ks(1); });
+        row("gpio off", "G00", [](SAobj& s) { return s.set_GPIO_ks(0); });
+        row("info", "JXXXXX", [](SAobj& s) { return s.get_devinfo(); });
+        row("tts", "X上课", [](SAobj& s) { return s.PLAY_TTS("上课"); });
+        row("server", QByteArray::fromHex("59c0a801fe0d05"),
+            [](SAobj& s) { return s.push_ipinfo("192.168.1.254", 3333); });
+        row("cdn", "A0http://x/", [](SAobj& s) { return s.cdn_url("http://x/"); });
+        row("cdn 2", "A&http://x/", [](SAobj& s) { return s.cdn_url2("http://x/"); });
+        row("list", "A1a\nb", [](SAobj& s) { return s.addMp3list("a\nb"); });
+        row("preload", "A2a", [](SAobj& s) { return s.exec_Mp3_url("a"); });
+        row("purge", "A3a", [](SAobj& s) { return s.NewMp3list_start("a"); });
+        row("play", "A4a", [](SAobj& s) { return s.Play_Mp3_url("a"); });
+        row("stop", "A5", [](SAobj& s) { return s.stopcurl(); });
+        row("list 2", "A6a", [](SAobj& s) { return s.addMp3list2("a"); });
+        row("stop 2", "A7", [](SAobj& s) { return s.stopcurl2(); });
+        row("stream", "AShttp://x", [](SAobj& s) { return s.addStreamlist("http://x"); });
+        row("stream back", "ASx", [](SAobj& s) { return s.addStreamlistback("x"); });
+        row("stream cmd", "ASx", [](SAobj& s) { return s.addStreamlistbackascmd("x"); });
+        row("task test", "AS12", [](SAobj& s) { return s.Test_unlineTasklist(12); });
+        row("task", "AT9||36000||1|2||a.mp3",
+            [](SAobj& s) { return s.add_unlineTasklist("1|2", 36000, 9, "a.mp3"); });
+        row("task GS", "AT9||36000||1|2||a.mp3||1||2||3||4",
+            [](SAobj& s) { return s.add_unlineTasklistGS("1|2", 36000, 9, "a.mp3", 1, 2, 3, 4); });
+        row("task remove", "AD12", [](SAobj& s) { return s.remove_unlineTasklist(12); });
+        row("task stop", "AE12", [](SAobj& s) { return s.stop_unlineTasklist(12); });
+        row("task list", "AL", [](SAobj& s) { return s.Get_unlinetasklist(); });
+        row("reboot", "AR", [](SAobj& s) { return s._AR(); });
+        row("clear tasks", "A@", [](SAobj& s) { return s._AAT(); });
+        row("stop tasks", "AF", [](SAobj& s) { return s._AAT_ALL(); });
+        row("file", "A#u`m`p", [](SAobj& s) { return s._AATS("u", "m", "p"); });
+        row("test", "anything", [](SAobj& s) { return s.QT_test("anything"); });
+    }
 
-    void onlineAndOffline();
-    void statusWords();
-    void refreshCoversEverySession();
+    void commandBytes() {
+        QFETCH(CommandCall, call);
+        QFETCH(QByteArray, bytes);
+        QCOMPARE(call(*session()), bytes.size());
+        QVERIFY2(m_speaker->waitReceived(bytes), m_speaker->received().toHex(' '));
+    }
+
+    void commandsMirrorWhatTheySet() {
+        session()->set_vol_V(7);
+        session()->set_Mic_V(3, 4);
+        session()->cdn_url("http://c/");
+        session()->exec_Mp3_url("a");
+        session()->NewMp3list_start("a");
+        session()->QT_test("hello");
+        session()->set_debug_ks(1);
+        const QMap<QString, QString> expected{{"Line", "Online"},       {"vol", "7"},
+                                              {"mic_e", "3"},           {"mic_d", "4"},
+                                              {"cdn_url", "http://c/"}, {"Preload", "Added_list"},
+                                              {"Purge", "Added_list"},  {"test", "hello"}};
+        QCOMPARE(fields(), expected);
+        QCOMPARE(session()->vol(), 7);
+        QCOMPARE(session()->debugState(), 1);
+        QCOMPARE(session()->addStreamlist("rtsp://x"), -1);
+    }
+
+    void noCommandWithoutConnectionOrWhenDisabled() {
+        session()->setEnabled(false);
+        QCOMPARE(session()->set_vol_V(9), SAobj::NotBound);
+        QVERIFY(!fields().contains("vol"));
+        session()->setEnabled(true);
+        m_speaker->close();
+        QVERIFY(waitFor([&] { return !session()->isOnline(); }));
+        QCOMPARE(session()->stopcurl(), -99);
+    }
+
+    void timeCommand() {
+        const QDateTime before = QDateTime::currentDateTime();
+        QCOMPARE(session()->update_time(), 8);
+        QVERIFY(waitFor([&] { return m_speaker->received().size() == 8; }));
+        const QByteArray got = m_speaker->received();
+        QVERIFY(got.startsWith("AM"));
+        const QDateTime told(QDate(1970 + got.at(2), got.at(3), got.at(4)),
+                             QTime(got.at(5), got.at(6), got.at(7)));
+        QVERIFY(qAbs(before.secsTo(told)) <= 2);
+    }
+
+    void connectCommandFallsBackToTheAddressReached() {
+        DeviceLink link("no address");
+        const auto speaker = link.speaker(testSerial());
+        link.session(testSerial())->domp3connect();
+        QVERIFY(waitFor([&] { return speaker->received().size() == 7; }));
+        const QByteArray argument = speaker->received().mid(1);
+        QCOMPARE(sim::addressOf(argument), QHostAddress(QHostAddress::LocalHost));
+        QCOMPARE(sim::portOf(argument), link.dataPort());
+    }
+
+    void reports_data() {
+        // value: "<time>" for a time text
+        const Table<QByteArray, QString, QString, bool> row{"report", "field", "value", "busy"};
+        row("UA1", "UA1", "Playing_local_path", "Nothing", false);
+        row("UA2", "UA2/mnt/校歌 1.mp3", "Playing_local_path", "/mnt/校歌 1.mp3", true);
+        row("UA3", "UA3", "Playing_local_status", "Local_PLAYING", true);
+        row("UA4", "UA4", "Playing_local_status", "Local_WAITING", false);
+        row("UA5", "UA5", "Playing_local_status", "Local_PLUSE", false);
+        row("UB1", "UB1", "Preload", "DONE", true);
+        row("UC1", "UC1", "Purge", "DONE", true);
+        row("UT1", "UT1a||b", "Task_list", "a||b", true);
+        row("UT2", "UT2", "Update_Time", "<time>", true);
+        row("UV", "UV012\n", "Version", "12", true);
+        row("U alone", "U", "Update_Time", "<time>", true);
+        row("U other", "UZ9", "Update_Time", "<time>", true);
+        row("Y", "Y1", "Warming", "<time>", true);
+    }
+
+    void reports() {
+        QFETCH(QByteArray, report);
+        QFETCH(QString, field);
+        QFETCH(QString, value);
+        QFETCH(bool, busy);
+        m_speaker->send("UA3!"); // a beat by its length: changes nothing
+        session()->sn_onlinebackdata("UA3");
+        fields().clear();
+        m_speaker->send(report);
+        QVERIFY(waitFor([&] { return !fields().isEmpty(); }));
+        QCOMPARE(fields().keys(), QStringList{field});
+        if (value == "<time>")
+            QVERIFY(QDateTime::fromString(fields().value(field), "yyyy-MM-dd:hh:mm:ss").isValid());
+        else
+            QCOMPARE(fields().value(field), value);
+        QCOMPARE(session()->isBusy(), busy);
+    }
+
+    void strayReportsChangeNothing_data() {
+        const Table<QByteArray> row{"bytes"};
+        row("UV without a number", "UVxx");
+        row("beat", "Y123");
+        row("K", "K12");
+        row("K of another length", "K12345");
+        row("form too short", QByteArray("DEIFS") + QByteArray(40, 'x'));
+        row("info cut off", "J{\"vol\":");
+        row("info no object", "J[1]");
+        row("nothing known", QByteArray::fromHex("ff00fe01") + "zzz");
+        row("lower case", "ua1 x");
+    }
+
+    void strayReportsChangeNothing() {
+        QFETCH(QByteArray, bytes);
+        fields().clear();
+        m_speaker->send(bytes);
+        QVERIFY(holdsFor([&] { return fields().isEmpty(); }, 60ms));
+        QCOMPARE(session()->vol(), 20);
+        // The connection still works.
+        session()->stopcurl();
+        QVERIFY(m_speaker->waitReceived("A5"));
+    }
+
+    void alarmReports() {
+        QStringList inputs;
+        connect(session(), &SAobj::sn_get_kg_back, this, [&](const QString&, char first, char second) {
+            inputs.append(QString("%1%2").arg(first).arg(second));
+        });
+        session()->sn_onlinebackdata("Y12");
+        QCOMPARE(m_link->mirror.up, QStringList{sn()});
+        QCOMPARE(m_link->mirror.down, QStringList{});
+        session()->sn_onlinebackdata("Y0a");
+        session()->sn_onlinebackdata("Y");
+        QCOMPARE(m_link->mirror.up.size(), 1);
+        QCOMPARE(m_link->mirror.down.size(), 2);
+        QCOMPARE(inputs.size(), 3);
+        QCOMPARE(inputs.at(0), QString("12"));
+    }
+
+    void deviceInformation() {
+        const QJsonObject info{{"kind", 3},  {"vol", "11"},           {"Mic_d", 4},     {"Mic_e", 5},
+                               {"debug", 2}, {"l_ip", "10.9.8.7\nx"}, {"Date", "2026"}, {"voltage", 12}};
+        m_speaker->send("J" + QJsonDocument(info).toJson(QJsonDocument::Compact));
+        QVERIFY(waitFor([&] { return session()->vol() == 11; }));
+        QCOMPARE(session()->kind(), 3);
+        QCOMPARE(session()->micD(), 4);
+        QCOMPARE(session()->micE(), 5);
+        QCOMPARE(session()->debugState(), 2);
+        QCOMPARE(session()->localIp(), QString("10.9.8.7"));
+        QCOMPARE(m_link->mirror.registered.value(sn()),
+                 QStringList({"3", "11", "4", "5", "10.9.8.7", "127.0.0.1"}));
+        QVERIFY(!session()->isClockUnset());
+        QVERIFY(m_speaker->received().isEmpty());
+
+        QCOMPARE(session()->dido("Jnothing").value("res").toBool(true), false);
+        QCOMPARE(session()->dido("").value("res").toBool(true), false);
+        const QJsonObject result = session()->dido("J{\"Date\":\"1970-01-01\\n\",\"vol\":9}");
+        QCOMPARE(result.value("res").toBool(), true);
+        QCOMPARE(result.value("vol").toInt(), 9);
+        QVERIFY(session()->isClockUnset());
+        QVERIFY(waitFor([&] { return m_speaker->received().startsWith("AM"); }));
+    }
+
+    void deviceForm() {
+        QByteArray form(packets::StatusFormLength, '\0');
+        form.replace(0, 1, "Y"); // as an address 89.x: not to be taken for an alarm
+        form[19] = 5;            // xuhao
+        form[20] = 1;            // leixing
+        form.replace(33, 4, QByteArray::fromHex("0a000001"));
+        form.replace(37, 2, QByteArray::fromHex("0d05"));
+        form[39] = 16; // level 25
+        form[40] = 1;
+        for (const QByteArray& report : {form + "DEIFS", "DEIFS" + form, "DEIF:" + form, "DEIF" + form}) {
+            fields().clear();
+            m_speaker->send(report);
+            QVERIFY(waitFor([&] { return fields().contains("sn"); }));
+            const QMap<QString, QString> expected{{"status", "1"},  {"vol", "25"},  {"severip", "10.0.0.1"},
+                                                  {"leixing", "1"}, {"xuhao", "5"}, {"severport", "3333"},
+                                                  {"sn", sn()}};
+            QCOMPARE(fields(), expected);
+        }
+        QCOMPARE(session()->vol(), 25);
+        QCOMPARE(session()->xuhao(), 5);
+        QVERIFY(m_link->mirror.down.isEmpty());
+    }
+
+    void timeWanted() {
+        m_speaker->send("UD1");
+        QVERIFY(waitFor([&] { return m_speaker->received().size() == 8; }));
+        QVERIFY(m_speaker->received().startsWith("AM"));
+    }
+
+    void reportsWithoutMirror() {
+        m_link->mirror.connected = false;
+        const int before = m_link->mirror.writes;
+        for (const char* const report : {"UA3", "UV12", "Y1", "UT1x", "J{\"vol\":3}"})
+            session()->sn_onlinebackdata(report);
+        m_link->registry.reflushredis();
+        QCOMPARE(m_link->mirror.writes, before);
+        QVERIFY(m_link->mirror.up.isEmpty());
+        QVERIFY(session()->isBusy());
+        QCOMPARE(session()->vol(), 3);
+    }
+
+    void onlineAndOffline() {
+        QCOMPARE(session()->onlineState(), int(SAobj::Online));
+        QCOMPARE(session()->statusText(), QString("在线"));
+        QCOMPARE(session()->name(), QString("No Name"));
+        QCOMPARE(session()->remoteIp(), QString("127.0.0.1"));
+        QCOMPARE(session()->vol(), 20);
+        QCOMPARE(session()->xuhao(), 1);
+        QCOMPARE(fields().value("Line"), QString("Online"));
+        QVERIFY(m_link->registry.isOnline(sn()));
+        QCOMPARE(m_link->registry.onlineDevices().size(), 1);
+        session()->sn_onlinebackdata("UA3");
+        m_speaker->close();
+        QVERIFY(waitFor([&] { return !session()->isOnline(); }));
+        QCOMPARE(session()->statusText(), QString("掉线"));
+        QCOMPARE(fields().value("Line"), QString("Offline"));
+        QVERIFY(!session()->isBusy());
+        QVERIFY(m_link->registry.onlineDevices().isEmpty());
+        QVERIFY(m_link->registry.session(sn()));
+
+        m_speaker = m_link->speaker(testSerial());
+        QVERIFY(session()->isOnline());
+        QCOMPARE(m_link->registry.sessions().size(), 1);
+    }
+
+    void statusWords() {
+        const auto refreshed = [&] {
+            m_link->registry.reflushredis();
+            return fields().value("STATUS");
+        };
+        QCOMPARE(refreshed(), QString("ONLINE"));
+        session()->sn_onlinebackdata("UA3");
+        QCOMPARE(refreshed(), QString("PLAYING1"));
+        session()->sn_onlinebackdata("UA4");
+        QCOMPARE(refreshed(), QString("ONLINE"));
+        m_speaker->close();
+        QVERIFY(waitFor([&] { return !session()->isBound(); }));
+        QCOMPARE(refreshed(), QString("OFFLINE"));
+    }
+
+    void refreshCoversEverySession() {
+        QStringList stored;
+        for (int i = 0; i < 2500; ++i)
+            stored.append(QString("b%1").arg(i, 31, 10, QLatin1Char('0')));
+        m_link->registry.setStoredSerials(stored, {stored.at(7)});
+        m_link->registry.init_vison();
+        QCOMPARE(m_link->registry.sessions().size(), 2501);
+        QCOMPARE(m_link->mirror.fields.value(stored.at(0)).value("Line"), QString("Offline"));
+        QVERIFY(!m_link->registry.session(stored.at(7))->isEnabled());
+        QVERIFY(m_link->registry.session(stored.at(8))->isEnabled());
+        const Severinit::Changes first = m_link->registry.changesSince({});
+        m_link->registry.session(stored.at(0))->setVol(9); // told already: for the next time
+        const Severinit::Changes rest = m_link->registry.changesSince(first.mark);
+        QVERIFY(first.isMore && !rest.isMore);
+        QCOMPARE(first.sessions.size(), Severinit::MaxChanges);
+        QCOMPARE(rest.sessions.size(), 2501 - Severinit::MaxChanges);
+        QCOMPARE(m_link->registry.changesSince(rest.mark).sessions.size(), size_t{1});
+        m_link->mirror.writes = 0;
+        m_link->registry.reflushredis();
+        m_link->registry.reflushredis(); // while the first goes on: nothing is written twice
+        QVERIFY(waitFor([&] { return m_link->mirror.writes >= 2501; }));
+        QVERIFY(holdsFor([&] { return m_link->mirror.writes == 2501; }, 30ms));
+        QCOMPARE(m_link->mirror.fields.value(stored.last()).value("STATUS"), QString("OFFLINE"));
+    }
 
 private:
     SAobj* session() const { return m_link->session(testSerial()); }
@@ -43,342 +337,6 @@ private:
     std::unique_ptr<DeviceLink> m_link;
     std::unique_ptr<RawConnection> m_speaker;
 };
-
-void SessionTest::init() {
-    m_link = std::make_unique<DeviceLink>();
-    m_speaker = m_link->speaker(testSerial());
-    QVERIFY(session() && session()->isBound());
-}
-
-void SessionTest::cleanup() {
-    m_speaker.reset();
-    m_link.reset();
-}
-
-void SessionTest::commandBytes_data() {
-    QTest::addColumn<CommandCall>("call");
-    QTest::addColumn<QByteArray>("bytes");
-    const auto row = [](const char* name, const QByteArray& bytes, const CommandCall& call) {
-        QTest::newRow(name) << call << bytes;
-    };
-    row("alarm on", "GET_BAOJINGEE", [](SAobj& s) { return s.get_baojing(1, 1); });
-    row("alarm", "GET_BAOJING", [](SAobj& s) { return s.get_baojing(2, 0); });
-    row("alarm over on", "GET_BAOJINGGE", [](SAobj& s) { return s.get_baojing_over(1, 0); });
-    row("alarm over", "GET_BAOJING", [](SAobj& s) { return s.get_baojing_over(0, 1); });
-    row("vol is the low byte", "SETVOL\x2c", [](SAobj& s) { return s.set_vol(300); });
-    row("vol V", "V\x19", [](SAobj& s) { return s.set_vol_V(25); });
-    row("vol V 0", QByteArray("V\0", 2), [](SAobj& s) { return s.set_vol_V(0); });
-    row("mic", "M\x05\x07", [](SAobj& s) { return s.set_Mic_V(5, 7); });
-    row("debug on", "IK", [](SAobj& s) { return s.set_debug_ks(1); });
-    row("debug off", "IS", [](SAobj& s) { return s.set_debug_ks(2); });
-    row("gpio on", "G01", [](SAobj& s) { return s.set_GPIO_ks(1); });
-    row("gpio off", "G00", [](SAobj& s) { return s.set_GPIO_ks(0); });
-    row("info", "JXXXXX", [](SAobj& s) { return s.get_devinfo(); });
-    row("tts", "X上课", [](SAobj& s) { return s.PLAY_TTS("上课"); });
-    row("server", QByteArray::fromHex("59c0a801fe0d05"),
-        [](SAobj& s) { return s.push_ipinfo("192.168.1.254", 3333); });
-    row("cdn", "A0http://x/", [](SAobj& s) { return s.cdn_url("http://x/"); });
-    row("cdn 2", "A&http://x/", [](SAobj& s) { return s.cdn_url2("http://x/"); });
-    row("list", "A1a\nb", [](SAobj& s) { return s.addMp3list("a\nb"); });
-    row("preload", "A2a", [](SAobj& s) { return s.exec_Mp3_url("a"); });
-    row("purge", "A3a", [](SAobj& s) { return s.NewMp3list_start("a"); });
-    row("play", "A4a", [](SAobj& s) { return s.Play_Mp3_url("a"); });
-    row("stop", "A5", [](SAobj& s) { return s.stopcurl(); });
-    row("list 2", "A6a", [](SAobj& s) { return s.addMp3list2("a"); });
-    row("stop 2", "A7", [](SAobj& s) { return s.stopcurl2(); });
-    row("stream", "AShttp://x", [](SAobj& s) { return s.addStreamlist("http://x"); });
-    row("stream back", "ASx", [](SAobj& s) { return s.addStreamlistback("x"); });
-    row("stream cmd", "ASx", [](SAobj& s) { return s.addStreamlistbackascmd("x"); });
-    row("task test", "AS12", [](SAobj& s) { return s.Test_unlineTasklist(12); });
-    row("task", "AT9||36000||1|2||a.mp3",
-        [](SAobj& s) { return s.add_unlineTasklist("1|2", 36000, 9, "a.mp3"); });
-    row("task GS", "AT9||36000||1|2||a.mp3||1||2||3||4",
-        [](SAobj& s) { return s.add_unlineTasklistGS("1|2", 36000, 9, "a.mp3", 1, 2, 3, 4); });
-    row("task remove", "AD12", [](SAobj& s) { return s.remove_unlineTasklist(12); });
-    row("task stop", "AE12", [](SAobj& s) { return s.stop_unlineTasklist(12); });
-    row("task list", "AL", [](SAobj& s) { return s.Get_unlinetasklist(); });
-    row("reboot", "AR", [](SAobj& s) { return s._AR(); });
-    row("clear tasks", "A@", [](SAobj& s) { return s._AAT(); });
-    row("stop tasks", "AF", [](SAobj& s) { return s._AAT_ALL(); });
-    row("file", "A#u`m`p", [](SAobj& s) { return s._AATS("u", "m", "p"); });
-    row("test", "anything", [](SAobj& s) { return s.QT_test("anything"); });
-}
-
-void SessionTest::commandBytes() {
-    QFETCH(CommandCall, call);
-    QFETCH(QByteArray, bytes);
-    QCOMPARE(call(*session()), bytes.size());
-    QVERIFY2(m_speaker->waitReceived(bytes), m_speaker->received().toHex(' '));
-}
-
-void SessionTest::commandsMirrorWhatTheySet() {
-    session()->set_vol_V(7);
-    session()->set_Mic_V(3, 4);
-    session()->cdn_url("http://c/");
-    session()->exec_Mp3_url("a");
-    session()->NewMp3list_start("a");
-    session()->QT_test("hello");
-    session()->set_debug_ks(1);
-    const QMap<QString, QString> expected{{"Line", "Online"},       {"vol", "7"},
-                                          {"mic_e", "3"},           {"mic_d", "4"},
-                                          {"cdn_url", "http://c/"}, {"Preload", "Added_list"},
-                                          {"Purge", "Added_list"},  {"test", "hello"}};
-    QCOMPARE(fields(), expected);
-    QCOMPARE(session()->vol(), 7);
-    QCOMPARE(session()->debugState(), 1);
-    QCOMPARE(session()->addStreamlist("rtsp://x"), -1);
-}
-
-void SessionTest::noCommandWithoutConnectionOrWhenDisabled() {
-    session()->setEnabled(false);
-    QCOMPARE(session()->set_vol_V(9), SAobj::NotBound);
-    QVERIFY(!fields().contains("vol"));
-    session()->setEnabled(true);
-    m_speaker->close();
-    QVERIFY(waitFor([&] { return !session()->isOnline(); }));
-    QCOMPARE(session()->stopcurl(), -99);
-}
-
-void SessionTest::timeCommand() {
-    const QDateTime before = QDateTime::currentDateTime();
-    QCOMPARE(session()->update_time(), 8);
-    QVERIFY(waitFor([&] { return m_speaker->received().size() == 8; }));
-    const QByteArray got = m_speaker->received();
-    QVERIFY(got.startsWith("AM"));
-    const QDateTime told(QDate(1970 + got.at(2), got.at(3), got.at(4)),
-                         QTime(got.at(5), got.at(6), got.at(7)));
-    QVERIFY(qAbs(before.secsTo(told)) <= 2);
-}
-
-void SessionTest::connectCommandFallsBackToTheAddressReached() {
-    DeviceLink link("no address");
-    const auto speaker = link.speaker(testSerial());
-    link.session(testSerial())->domp3connect();
-    QVERIFY(waitFor([&] { return speaker->received().size() == 7; }));
-    const QByteArray argument = speaker->received().mid(1);
-    QCOMPARE(sim::addressOf(argument), QHostAddress(QHostAddress::LocalHost));
-    QCOMPARE(sim::portOf(argument), link.dataPort());
-}
-
-void SessionTest::reports_data() {
-    QTest::addColumn<QByteArray>("report");
-    QTest::addColumn<QString>("field");
-    QTest::addColumn<QString>("value"); // "<time>" for a time text
-    QTest::addColumn<bool>("busy");
-    QTest::newRow("UA1") << QByteArray("UA1") << "Playing_local_path"
-                         << "Nothing" << false;
-    QTest::newRow("UA2") << QByteArray("UA2/mnt/校歌 1.mp3") << "Playing_local_path"
-                         << "/mnt/校歌 1.mp3" << true;
-    QTest::newRow("UA3") << QByteArray("UA3") << "Playing_local_status"
-                         << "Local_PLAYING" << true;
-    QTest::newRow("UA4") << QByteArray("UA4") << "Playing_local_status"
-                         << "Local_WAITING" << false;
-    QTest::newRow("UA5") << QByteArray("UA5") << "Playing_local_status"
-                         << "Local_PLUSE" << false;
-    QTest::newRow("UB1") << QByteArray("UB1") << "Preload"
-                         << "DONE" << true;
-    QTest::newRow("UC1") << QByteArray("UC1") << "Purge"
-                         << "DONE" << true;
-    QTest::newRow("UT1") << QByteArray("UT1a||b") << "Task_list"
-                         << "a||b" << true;
-    QTest::newRow("UT2") << QByteArray("UT2") << "Update_Time"
-                         << "<time>" << true;
-    QTest::newRow("UV") << QByteArray("UV012\n") << "Version"
-                        << "12" << true;
-    QTest::newRow("U alone") << QByteArray("U") << "Update_Time"
-                             << "<time>" << true;
-    QTest::newRow("U other") << QByteArray("UZ9") << "Update_Time"
-                             << "<time>" << true;
-    QTest::newRow("Y") << QByteArray("Y1") << "Warming"
-                       << "<time>" << true;
-}
-
-void SessionTest::reports() {
-    QFETCH(QByteArray, report);
-    QFETCH(QString, field);
-    QFETCH(QString, value);
-    QFETCH(bool, busy);
-    m_speaker->send("UA3!"); // a beat by its length: changes nothing
-    session()->sn_onlinebackdata("UA3");
-    fields().clear();
-    m_speaker->send(report);
-    QVERIFY(waitFor([&] { return !fields().isEmpty(); }));
-    QCOMPARE(fields().keys(), QStringList{field});
-    if (value == "<time>")
-        QVERIFY(QDateTime::fromString(fields().value(field), "yyyy-MM-dd:hh:mm:ss").isValid());
-    else
-        QCOMPARE(fields().value(field), value);
-    QCOMPARE(session()->isBusy(), busy);
-}
-
-void SessionTest::strayReportsChangeNothing_data() {
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::newRow("UV without a number") << QByteArray("UVxx");
-    QTest::newRow("beat") << QByteArray("Y123");
-    QTest::newRow("K") << QByteArray("K12");
-    QTest::newRow("K of another length") << QByteArray("K12345");
-    QTest::newRow("form too short") << QByteArray("DEIFS") + QByteArray(40, 'x');
-    QTest::newRow("info cut off") << QByteArray("J{\"vol\":");
-    QTest::newRow("info no object") << QByteArray("J[1]");
-    QTest::newRow("nothing known") << QByteArray::fromHex("ff00fe01") + "zzz";
-    QTest::newRow("lower case") << QByteArray("ua1 x");
-}
-
-void SessionTest::strayReportsChangeNothing() {
-    QFETCH(QByteArray, bytes);
-    fields().clear();
-    m_speaker->send(bytes);
-    QVERIFY(holdsFor([&] { return fields().isEmpty(); }, 60ms));
-    QCOMPARE(session()->vol(), 20);
-    // The connection still works.
-    session()->stopcurl();
-    QVERIFY(m_speaker->waitReceived("A5"));
-}
-
-void SessionTest::alarmReports() {
-    QStringList inputs;
-    connect(session(), &SAobj::sn_get_kg_back, this, [&](const QString&, char first, char second) {
-        inputs.append(QString("%1%2").arg(first).arg(second));
-    });
-    session()->sn_onlinebackdata("Y12");
-    QCOMPARE(m_link->mirror.up, QStringList{sn()});
-    QCOMPARE(m_link->mirror.down, QStringList{});
-    session()->sn_onlinebackdata("Y0a");
-    session()->sn_onlinebackdata("Y");
-    QCOMPARE(m_link->mirror.up.size(), 1);
-    QCOMPARE(m_link->mirror.down.size(), 2);
-    QCOMPARE(inputs.size(), 3);
-    QCOMPARE(inputs.at(0), QString("12"));
-}
-
-void SessionTest::deviceInformation() {
-    const QJsonObject info{{"kind", 3},  {"vol", "11"},           {"Mic_d", 4},     {"Mic_e", 5},
-                           {"debug", 2}, {"l_ip", "10.9.8.7\nx"}, {"Date", "2026"}, {"voltage", 12}};
-    m_speaker->send("J" + QJsonDocument(info).toJson(QJsonDocument::Compact));
-    QVERIFY(waitFor([&] { return session()->vol() == 11; }));
-    QCOMPARE(session()->kind(), 3);
-    QCOMPARE(session()->micD(), 4);
-    QCOMPARE(session()->micE(), 5);
-    QCOMPARE(session()->debugState(), 2);
-    QCOMPARE(session()->localIp(), QString("10.9.8.7"));
-    QCOMPARE(m_link->mirror.registered.value(sn()),
-             QStringList({"3", "11", "4", "5", "10.9.8.7", "127.0.0.1"}));
-    QVERIFY(!session()->isClockUnset());
-    QVERIFY(m_speaker->received().isEmpty());
-
-    QCOMPARE(session()->dido("Jnothing").value("res").toBool(true), false);
-    QCOMPARE(session()->dido("").value("res").toBool(true), false);
-    const QJsonObject result = session()->dido("J{\"Date\":\"1970-01-01\\n\",\"vol\":9}");
-    QCOMPARE(result.value("res").toBool(), true);
-    QCOMPARE(result.value("vol").toInt(), 9);
-    QVERIFY(session()->isClockUnset());
-    QVERIFY(waitFor([&] { return m_speaker->received().startsWith("AM"); }));
-}
-
-void SessionTest::deviceForm() {
-    QByteArray form(packets::StatusFormLength, '\0');
-    form.replace(0, 1, "Y"); // as an address 89.x: not to be taken for an alarm
-    form[19] = 5;            // xuhao
-    form[20] = 1;            // leixing
-    form.replace(33, 4, QByteArray::fromHex("0a000001"));
-    form.replace(37, 2, QByteArray::fromHex("0d05"));
-    form[39] = 16; // level 25
-    form[40] = 1;
-    for (const QByteArray& report : {form + "DEIFS", "DEIFS" + form, "DEIF:" + form, "DEIF" + form}) {
-        fields().clear();
-        m_speaker->send(report);
-        QVERIFY(waitFor([&] { return fields().contains("sn"); }));
-        const QMap<QString, QString> expected{{"status", "1"},  {"vol", "25"},  {"severip", "10.0.0.1"},
-                                              {"leixing", "1"}, {"xuhao", "5"}, {"severport", "3333"},
-                                              {"sn", sn()}};
-        QCOMPARE(fields(), expected);
-    }
-    QCOMPARE(session()->vol(), 25);
-    QCOMPARE(session()->xuhao(), 5);
-    QVERIFY(m_link->mirror.down.isEmpty());
-}
-
-void SessionTest::timeWanted() {
-    m_speaker->send("UD1");
-    QVERIFY(waitFor([&] { return m_speaker->received().size() == 8; }));
-    QVERIFY(m_speaker->received().startsWith("AM"));
-}
-
-void SessionTest::reportsWithoutMirror() {
-    m_link->mirror.connected = false;
-    const int before = m_link->mirror.writes;
-    for (const char* const report : {"UA3", "UV12", "Y1", "UT1x", "J{\"vol\":3}"})
-        session()->sn_onlinebackdata(report);
-    m_link->registry.reflushredis();
-    QCOMPARE(m_link->mirror.writes, before);
-    QVERIFY(m_link->mirror.up.isEmpty());
-    QVERIFY(session()->isBusy());
-    QCOMPARE(session()->vol(), 3);
-}
-
-void SessionTest::onlineAndOffline() {
-    QCOMPARE(session()->onlineState(), int(SAobj::Online));
-    QCOMPARE(session()->statusText(), QString("在线"));
-    QCOMPARE(session()->name(), QString("No Name"));
-    QCOMPARE(session()->remoteIp(), QString("127.0.0.1"));
-    QCOMPARE(session()->vol(), 20);
-    QCOMPARE(session()->xuhao(), 1);
-    QCOMPARE(fields().value("Line"), QString("Online"));
-    QVERIFY(m_link->registry.isOnline(sn()));
-    QCOMPARE(m_link->registry.onlineDevices().size(), 1);
-    session()->sn_onlinebackdata("UA3");
-    m_speaker->close();
-    QVERIFY(waitFor([&] { return !session()->isOnline(); }));
-    QCOMPARE(session()->statusText(), QString("掉线"));
-    QCOMPARE(fields().value("Line"), QString("Offline"));
-    QVERIFY(!session()->isBusy());
-    QVERIFY(m_link->registry.onlineDevices().isEmpty());
-    QVERIFY(m_link->registry.session(sn()));
-
-    m_speaker = m_link->speaker(testSerial());
-    QVERIFY(session()->isOnline());
-    QCOMPARE(m_link->registry.sessions().size(), 1);
-}
-
-void SessionTest::statusWords() {
-    const auto refreshed = [&] {
-        m_link->registry.reflushredis();
-        return fields().value("STATUS");
-    };
-    QCOMPARE(refreshed(), QString("ONLINE"));
-    session()->sn_onlinebackdata("UA3");
-    QCOMPARE(refreshed(), QString("PLAYING1"));
-    session()->sn_onlinebackdata("UA4");
-    QCOMPARE(refreshed(), QString("ONLINE"));
-    m_speaker->close();
-    QVERIFY(waitFor([&] { return !session()->isBound(); }));
-    QCOMPARE(refreshed(), QString("OFFLINE"));
-}
-
-void SessionTest::refreshCoversEverySession() {
-    QStringList stored;
-    for (int i = 0; i < 2500; ++i)
-        stored.append(QString("b%1").arg(i, 31, 10, QLatin1Char('0')));
-    m_link->registry.setStoredSerials(stored, {stored.at(7)});
-    m_link->registry.init_vison();
-    QCOMPARE(m_link->registry.sessions().size(), 2501);
-    QCOMPARE(m_link->mirror.fields.value(stored.at(0)).value("Line"), QString("Offline"));
-    QVERIFY(!m_link->registry.session(stored.at(7))->isEnabled());
-    QVERIFY(m_link->registry.session(stored.at(8))->isEnabled());
-    const Severinit::Changes first = m_link->registry.changesSince({});
-    m_link->registry.session(stored.at(0))->setVol(9); // told already: for the next time
-    const Severinit::Changes rest = m_link->registry.changesSince(first.mark);
-    QVERIFY(first.isMore && !rest.isMore);
-    QCOMPARE(first.sessions.size(), Severinit::MaxChanges);
-    QCOMPARE(rest.sessions.size(), 2501 - Severinit::MaxChanges);
-    QCOMPARE(m_link->registry.changesSince(rest.mark).sessions.size(), size_t{1});
-    m_link->mirror.writes = 0;
-    m_link->registry.reflushredis();
-    m_link->registry.reflushredis(); // while the first goes on: nothing is written twice
-    QVERIFY(waitFor([&] { return m_link->mirror.writes >= 2501; }));
-    QVERIFY(holdsFor([&] { return m_link->mirror.writes == 2501; }, 30ms));
-    QCOMPARE(m_link->mirror.fields.value(stored.last()).value("STATUS"), QString("OFFLINE"));
-}
 
 int main(int argc, char** argv) {
     return runTest<SessionTest>(argc, argv);

@@ -1,6 +1,7 @@
 // What a poller makes of the speakers' state that its own node tells, and of service periods.
 #include "core/sqlite.h"
 #include "support/scriptednode.h"
+#include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
 #include "tasks/devicestatus.h"
@@ -25,31 +26,30 @@ private slots:
     }
 
     void changes_data() {
-        QTest::addColumn<QList<QByteArray>>("entries");
-        QTest::addColumn<QStringList>("last"); // statements of the last answer
+        // last: statements of the last answer
+        const Table<QList<QByteArray>, QStringList> row{"entries", "last"};
         const QByteArray a = "{'sn':'a1','vol':7,'kind':2,'status':1,'xhstatus':3}";
         const QString all = "UPDATE `sbox_device_info` SET `vol` = '7', `kind` = '2', `xhstatus` = '3', "
                             "`status` = '1' WHERE (`device_seed` = 'a1' ) ;";
-        QTest::newRow("new") << QList<QByteArray>{a} << QStringList{all};
-        QTest::newRow("quiet") << QList<QByteArray>{a, a} << QStringList{};
-        QTest::newRow("changed and back")
-            << QList<QByteArray>{a, "{'sn':'a1','vol':8,'kind':2,'status':1,'xhstatus':3}", a}
-            << QStringList{all};
-        QTest::newRow("one of two") << QList<QByteArray>{a + ",{'sn':'b2','vol':1,'kind':1,'status':0}",
-                                                         a + ",{'sn':'b2','vol':1,'kind':1,'status':1}"}
-                                    << QStringList{
-                                           "UPDATE `sbox_device_info` SET `vol` = '1', `status` = '1', "
-                                           "`kind` = '1' WHERE (`device_seed` = 'b2' and `id` > 0 );"};
-        QTest::newRow("counters add up every time")
-            << QList<QByteArray>{"{'sn':'a1','status':1,'rt':4,'pyl':2}",
-                                 "{'sn':'a1','status':1,'rt':4,'py':0}"}
-            << QStringList{
-                   "UPDATE `sbox_device_info` SET `rt` = `rt`+'4', `status` = '1' WHERE (`device_seed` = "
-                   "'a1' ) ;"};
-        QTest::newRow("serial that is none")
-            << QList<QByteArray>{"{'sn':'a1 or 1','status':1}"} << QStringList{};
-        QTest::newRow("no state") << QList<QByteArray>{"{'sn':'a1','vol':1}"} << QStringList{};
-        QTest::newRow("does not parse") << QList<QByteArray>{"{'sn':"} << QStringList{};
+        row("new", QList<QByteArray>{a}, QStringList{all});
+        row("quiet", QList<QByteArray>{a, a}, {});
+        row("changed and back",
+            QList<QByteArray>{a, "{'sn':'a1','vol':8,'kind':2,'status':1,'xhstatus':3}", a},
+            QStringList{all});
+        row("one of two",
+            QList<QByteArray>{a + ",{'sn':'b2','vol':1,'kind':1,'status':0}",
+                              a + ",{'sn':'b2','vol':1,'kind':1,'status':1}"},
+            QStringList{"UPDATE `sbox_device_info` SET `vol` = '1', `status` = '1', "
+                        "`kind` = '1' WHERE (`device_seed` = 'b2' and `id` > 0 );"});
+        row("counters add up every time",
+            QList<QByteArray>{"{'sn':'a1','status':1,'rt':4,'pyl':2}",
+                              "{'sn':'a1','status':1,'rt':4,'py':0}"},
+            QStringList{
+                "UPDATE `sbox_device_info` SET `rt` = `rt`+'4', `status` = '1' WHERE (`device_seed` = "
+                "'a1' ) ;"});
+        row("serial that is none", QList<QByteArray>{"{'sn':'a1 or 1','status':1}"}, {});
+        row("no state", QList<QByteArray>{"{'sn':'a1','vol':1}"}, {});
+        row("does not parse", QList<QByteArray>{"{'sn':"}, {});
     }
     void changes() {
         QFETCH(QList<QByteArray>, entries);
@@ -132,15 +132,13 @@ private slots:
     }
 
     void servicePeriods_data() {
-        QTest::addColumn<int>("days");
-        QTest::addColumn<int>("statu");
-        QTest::addColumn<QString>("becomes");
-        QTest::newRow("over, active") << -1 << 1 << "expired";
-        QTest::newRow("last day, active") << 0 << 1 << "";
-        QTest::newRow("over, disabled already") << -1 << 2 << "";
-        QTest::newRow("renewed") << 1 << 3 << "renewed";
-        QTest::newRow("renewed too short") << -1 << 3 << "";
-        QTest::newRow("active") << 1 << 1 << "";
+        const Table<int, int, QString> row{"days", "statu", "becomes"};
+        row("over, active", -1, 1, "expired");
+        row("last day, active", 0, 1, "");
+        row("over, disabled already", -1, 2, "");
+        row("renewed", 1, 3, "renewed");
+        row("renewed too short", -1, 3, "");
+        row("active", 1, 1, "");
     }
     void servicePeriods() {
         QFETCH(int, days);

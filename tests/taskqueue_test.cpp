@@ -2,6 +2,7 @@
 // that the test sets.
 #include "core/sqlite.h"
 #include "support/scriptednode.h"
+#include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
 #include "tasks/nodeque.h"
@@ -164,26 +165,23 @@ private slots:
     }
 
     void whoStarts_data() {
-        QTest::addColumn<QStringList>("columns");
-        QTest::addColumn<int>("at");
-        QTest::addColumn<bool>("starts");
+        const Table<QStringList, int, bool> row{"columns", "at", "starts"};
         const QStringList none;
-        QTest::newRow("due") << none << EightOClock << true;
-        QTest::newRow("another second") << none << EightOClock + 1 << false;
-        QTest::newRow("disabled") << QStringList{"enable = 0"} << EightOClock << false;
-        QTest::newRow("not on Saturdays") << QStringList{"week = '1111101'"} << EightOClock << false;
-        QTest::newRow("over since yesterday") << QStringList{"enddate = 20777"} << EightOClock << false;
-        QTest::newRow("span's first second")
-            << QStringList{QStringLiteral("start_time = %1").arg(SpanStart)} << SpanStart << true;
-        QTest::newRow("before the span")
-            << QStringList{QStringLiteral("start_time = %1").arg(SpanStart - 1)} << SpanStart - 1 << false;
-        QTest::newRow("span's last second")
-            << QStringList{QStringLiteral("start_time = %1").arg(SpanEnd)} << SpanEnd << true;
-        QTest::newRow("after the span")
-            << QStringList{QStringLiteral("start_time = %1").arg(SpanEnd + 1)} << SpanEnd + 1 << false;
-        QTest::newRow("negative repeat") << QStringList{"kind = -1"} << EightOClock << false;
-        QTest::newRow("random without length") << QStringList{"kind = 0", "len = 0"} << EightOClock << false;
-        QTest::newRow("node that is not there") << QStringList{"nodeid = 99"} << EightOClock << false;
+        row("due", none, EightOClock, true);
+        row("another second", none, EightOClock + 1, false);
+        row("disabled", QStringList{"enable = 0"}, EightOClock, false);
+        row("not on Saturdays", QStringList{"week = '1111101'"}, EightOClock, false);
+        row("over since yesterday", QStringList{"enddate = 20777"}, EightOClock, false);
+        row("span's first second", QStringList{QStringLiteral("start_time = %1").arg(SpanStart)}, SpanStart,
+            true);
+        row("before the span", QStringList{QStringLiteral("start_time = %1").arg(SpanStart - 1)},
+            SpanStart - 1, false);
+        row("span's last second", QStringList{QStringLiteral("start_time = %1").arg(SpanEnd)}, SpanEnd, true);
+        row("after the span", QStringList{QStringLiteral("start_time = %1").arg(SpanEnd + 1)}, SpanEnd + 1,
+            false);
+        row("negative repeat", QStringList{"kind = -1"}, EightOClock, false);
+        row("random without length", QStringList{"kind = 0", "len = 0"}, EightOClock, false);
+        row("node that is not there", QStringList{"nodeid = 99"}, EightOClock, false);
     }
     void whoStarts() {
         QFETCH(QStringList, columns);
@@ -198,9 +196,9 @@ private slots:
     }
 
     void nothingToPlay_data() {
-        QTest::addColumn<QString>("without");
-        QTest::newRow("no files") << "taskfile";
-        QTest::newRow("no devices") << "taskseed";
+        const Table<QString> row{"without"};
+        row("no files", "taskfile");
+        row("no devices", "taskseed");
     }
     void nothingToPlay() {
         QFETCH(QString, without);
