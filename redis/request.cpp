@@ -1,5 +1,8 @@
 #include "redis/request.h"
 
+#include <array>
+#include <charconv>
+
 namespace {
 
 /// Arguments of a line, one character at a time.
@@ -43,16 +46,19 @@ private:
     bool m_open = false;
 };
 
-void appendBlock(QByteArray& out, const QByteArray& bytes, int announced) {
-    out += '$';
-    out += QByteArray::number(announced);
-    out += "\r\n";
-    out += bytes;
-    out += "\r\n";
+/// A mark and a number; in place, for a fleet's state goes through here thousands of times a second.
+void appendCount(QByteArray& out, char mark, int count) {
+    std::array<char, 12> digits{};
+    const char* const end = std::to_chars(digits.begin(), digits.end(), count).ptr;
+    out += mark;
+    out.append(digits.data(), static_cast<int>(end - digits.data()));
+    out.append("\r\n", 2);
 }
 
-QByteArray header(int count) {
-    return '*' + QByteArray::number(count) + "\r\n";
+void appendBlock(QByteArray& out, const QByteArray& bytes, int announced) {
+    appendCount(out, '$', announced);
+    out += bytes;
+    out.append("\r\n", 2);
 }
 
 } // namespace
@@ -69,7 +75,8 @@ QStringList splitCommandLine(const QString& line) {
 }
 
 QByteArray encodeCharacters(const QStringList& arguments) {
-    QByteArray out = header(arguments.size());
+    QByteArray out;
+    appendCount(out, '*', arguments.size());
     for (const QString& argument : arguments)
         appendBlock(out, argument.toUtf8(), argument.size());
     return out;
@@ -82,7 +89,7 @@ QByteArray encodeBytes(const QByteArrayList& arguments) {
         size += argument.size() + OverheadPerArgument;
     QByteArray out;
     out.reserve(size);
-    out += header(arguments.size());
+    appendCount(out, '*', arguments.size());
     for (const QByteArray& argument : arguments)
         appendBlock(out, argument, argument.size());
     return out;

@@ -54,7 +54,6 @@ private:
     void read();
     void take(const QStringList& reply);
     void heartbeat();
-    void expectAnswers(int count);
     void flush();
     void queueFlush();
     void dropOldest();
