@@ -28,13 +28,17 @@ int useService(quint16 port, const Account& account, const QString& serial, std:
     const QDeadlineTimer end(duration());
     while (!end.hasExpired()) {
         const QString name = QString("%1 组 %2").arg(account.name).arg(groups);
-        const bool added = http.postForm("/user/addgname", account.params({{"gname", name}})).res();
-        groups += added ? 1 : 0;
-        const QJsonArray list = http.postForm("/user/listgroups", account.params())["grouplist"].toArray();
-        const QJsonArray devices = http.postForm("/user/listdev", account.params())["devlist"].toArray();
-        const bool right = added && list.size() == groups && list.last()["group_name"] == name &&
+        const HttpReply adding = http.postForm("/user/addgname", account.params({{"gname", name}}));
+        groups += adding.res() ? 1 : 0;
+        const HttpReply listing = http.postForm("/user/listgroups", account.params());
+        const QJsonArray list = listing["grouplist"].toArray();
+        const HttpReply having = http.postForm("/user/listdev", account.params());
+        const QJsonArray devices = having["devlist"].toArray();
+        const bool right = adding.res() && list.size() == groups && list.last()["group_name"] == name &&
                            devices.size() == 1 && devices[0]["device_seed"] == serial;
-        wrong += right ? 0 : 1;
+        if (!right && wrong++ == 0)
+            qWarning() << name << "after" << groups << "groups:" << adding.status << adding.body
+                       << listing.status << listing.body << having.status << having.body;
         requests += 3;
     }
     return wrong;
@@ -79,6 +83,8 @@ private slots:
         for (std::thread& client : clients)
             client.join();
         qInfo("%d requests, at most %d connections", requests.load(), most);
+        if (wrong != 0)
+            qWarning().noquote() << service.log().right(4000);
         QCOMPARE(wrong.load(), 0);
         QVERIFY(requests > Clients);
         QVERIFY(waitFor([&] { return connections() <= own; }));

@@ -3,6 +3,7 @@
 #include "tests/support/waitfor.h"
 
 #include <csignal>
+#include <QDir>
 #include <unistd.h>
 
 namespace {
@@ -14,11 +15,22 @@ QStringList asWhom() {
 
 constexpr std::chrono::seconds StartLimit{60};
 
+// A server that starts removes what it takes for the remains of its temporary tables: in a directory
+// of all servers, also those in use by another test's.
+QProcessEnvironment withTemporary(const QString& directory) {
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("TMPDIR", directory);
+    return environment;
+}
+
 } // namespace
 
 MariaDb::MariaDb()
     : m_port(freePort()) {
+    QDir().mkpath(file("tmp"));
+    m_process.setProcessEnvironment(withTemporary(file("tmp")));
     QProcess install;
+    install.setProcessEnvironment(m_process.processEnvironment());
     install.start("mariadb-install-db",
                   QStringList{"--no-defaults", QStringLiteral("--datadir=") + file("data"),
                               "--auth-root-authentication-method=normal", "--skip-test-db"} +
