@@ -40,7 +40,7 @@ public:
     class Client {
     public:
         virtual void wheelTimeout(int tag) = 0;
-        /// A periodic call is near: the time to ask for memory that it will need (see fetch.h).
+        /// A call is near: the time to ask for memory that it will need (see fetch.h).
         virtual void wheelSoon() const {}
 
     protected:
