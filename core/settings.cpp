@@ -103,6 +103,27 @@ const std::vector<SettingKey> Keys = {
      "\"user/fucktext?t=\"."},
     {"Settings", "silentclip", Type::Text, "",
      "Address of the silent clip that ends an alarm. Default: preurl and \"mp3/silence.mp3\"."},
+    {"Settings", "cmdgap", Type::Integer, "60",
+     "Pause between two commands to one speaker, ms: a speaker tells commands apart by its reads. 0: none."},
+    {"Settings", "relaypause", Type::Integer, "100",
+     "Pause between two commands of tasks to one node, ms. 0, the fast way: none."},
+    {"Settings", "keepbound", Type::Flag, "false",
+     "A speaker that was heard of within 10 s is not taken by a registration from another address."},
+    {"Settings", "weborigins", Type::Text, "",
+     "Hosts whose web pages may use this service beside its own, separated by commas."},
+    {"Settings", "hardened", Type::Flag, "false",
+     "Default of the keys below: the safe ways that differ from what older clients were written for."},
+    {"Settings", "ownonly", Type::Flag, "hardened",
+     "An account commands only speakers and uses only files of its own, or its master's by mask."},
+    {"Settings", "callbacktokens", Type::Flag, "hardened",
+     "Call-backs of alarm lines carry a random secret of their binding instead of the account's password."},
+    {"Settings", "randomtokens", Type::Flag, "hardened", "Tokens are made with 16 random bytes more."},
+    {"Settings", "safeurls", Type::Flag, "hardened",
+     "Addresses to play that hold a quote, a backslash or a character that a shell acts on are refused."},
+    {"Settings", "adminpictures", Type::Flag, "hardened",
+     "The three picture uploads are for administrators."},
+    {"Settings", "tokenpaths", Type::Flag, "hardened",
+     "/user/olist, the payment reads and /user/startwarning ask for a token or a secret of their own."},
     {"sessions", "expirationTime", Type::Integer, "3600000", "Life of an unused HTTP session, ms."},
     {"sessions", "cookieName", Type::Text, "sessionid", "Cookie of the HTTP session."},
     {"docroot", "path", Type::Text, "etc/docroot",
@@ -148,6 +169,13 @@ QString storedText(const QVariant& stored) {
                                                  : stored.toString();
 }
 
+// A flag whose default names another key has that key's value, which was read before it.
+QVariant defaultOf(const SettingKey& key, const Settings& read) {
+    if (key.type == Type::Flag && qstrcmp(key.defaultValue, "hardened") == 0)
+        return read.flag("hardened");
+    return QLatin1String(key.defaultValue);
+}
+
 } // namespace
 
 const std::vector<SettingKey>& settingKeys() {
@@ -164,7 +192,7 @@ Settings Settings::load(const QString& iniPath, const QString& detectedAddress) 
     settings.m_iniPath = iniPath;
     for (const SettingKey& key : Keys) {
         const QString name = fullName(key);
-        const QVariant stored = file.value(name, QLatin1String(key.defaultValue));
+        const QVariant stored = file.value(name, defaultOf(key, settings));
         settings.m_values.insert(name, converted(key, storedText(stored)));
     }
     settings.m_hasLocalIp = file.contains(QStringLiteral("Settings/LocalIP"));

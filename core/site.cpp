@@ -26,5 +26,11 @@ sqlite::Site siteOf(const Settings& settings) {
         orDefault(settings.text("waringfetch"), site.warningurl + QStringLiteral("user/fucktext?t="));
     site.silentclip = orDefault(settings.text("silentclip"), site.preurl + QStringLiteral("mp3/silence.mp3"));
     site.payKey = settings.text("PayKey");
+    site.ownonly = settings.flag("ownonly");
+    site.callbacktokens = settings.flag("callbacktokens");
+    site.randomtokens = settings.flag("randomtokens");
+    site.safeurls = settings.flag("safeurls");
+    site.adminpictures = settings.flag("adminpictures");
+    site.tokenpaths = settings.flag("tokenpaths");
     return site;
 }

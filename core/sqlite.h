@@ -105,6 +105,13 @@ public:
         QString silentclip;   ///< address of the short silent clip
         QString payKey;       ///< when not empty, `odds_fuckpay` asks for it
         int tasklenmin = 300; ///< shortest task, seconds
+        // The safe ways of the keys of the same names (docs/configuration.md).
+        bool ownonly = false;
+        bool callbacktokens = false;
+        bool randomtokens = false;
+        bool safeurls = false;
+        bool adminpictures = false;
+        bool tokenpaths = false;
     };
     Site site;
 

@@ -69,6 +69,11 @@ cmdallow="127.0.0.0/8,::1,10.0.0.0/8,172.16.0.0/12,192.168.0.0/16,$address"
 dbk=3
 ; Service key: who knows it may add accounts and reset the database.
 ASKEY=$(random_hex 20)
+; Payments must carry this key.
+PayKey=$(random_hex 20)
+; The safe ways, where they differ from what older clients were written for; commands go out without a pause.
+hardened=true
+relaypause=0
 ; Where uploads are stored and where the outside programs are.
 runingdir=.
 programdir=$root/programs

@@ -40,6 +40,13 @@ private slots:
         QCOMPARE(settings.integer("listener/port"), 0);
     }
 
+    void hardenedIsADefault() {
+        const Settings settings = load("[Settings]\nownonly=false\nhardened=true\n");
+        QVERIFY(settings.flag("safeurls"));
+        QVERIFY(!settings.flag("ownonly"));
+        QVERIFY(!load("[Settings]\nDPort=1\n").flag("tokenpaths"));
+    }
+
     void addressesAreDerived_data() {
         QTest::addColumn<QByteArray>("ini");
         QTest::addColumn<QByteArray>("detected");
