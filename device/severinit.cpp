@@ -282,6 +282,7 @@ void Severinit::bind(SAobj* session, fortcpclient* client, unsigned port) {
     session->setVol(number(description, QLatin1String("vol")));
     session->setXuhao(number(description, QLatin1String("xuhao")));
     session->gonline(client, number(description, QLatin1String("leixing")));
+    emit registered(session->sn());
 }
 
 void Severinit::sasn_offline(const QString& sn) {

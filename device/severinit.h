@@ -114,6 +114,10 @@ public slots:
     /// does not parse is answered with "json_error", an unknown word with "unknown_cmd".
     QByteArray Diamonds_jsondidocom(const QByteArray& request);
 
+signals:
+    /// A speaker has registered and is bound to its session; commands reach it from now on.
+    void registered(const QString& sn);
+
 private:
     SAobj* bindable(const QString& sn, fortcpclient* client) const;
     void bind(SAobj* session, fortcpclient* client, unsigned port);
