@@ -95,7 +95,8 @@ QByteArray DumpController_add_user::call(const Route& route, const QByteArray& p
 }
 
 std::unique_ptr<Core_corss> DumpController_add_user::commands() const {
-    auto sender = std::make_unique<Core_corss>(m_mapper->commandHost(), m_devices->ps2);
+    auto sender = std::make_unique<Core_corss>(QStringLiteral("127.0.0.1"), m_devices->ps2);
+    sender->setGate(m_mapper->gate());
     sender->setSilentClip(db().site.silentclip);
     sender->setWarningFetch(db().site.waringfetch);
     return sender;

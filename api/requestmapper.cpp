@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <QDebug>
-#include <QNetworkInterface>
 #include <QRandomGenerator>
 
 namespace {
@@ -42,14 +41,6 @@ Controller controllerFor(const QByteArray& path) {
     return found == prefixes.end() ? Controller::None : found->controller;
 }
 
-/// Where this node's own command server is reached: its announced address, unless that is empty or
-/// belongs to this machine.
-QString commandHost(const QString& ownAddress) {
-    const QHostAddress address(ownAddress);
-    const bool here =
-        ownAddress.isEmpty() || address.isLoopback() || QNetworkInterface::allAddresses().contains(address);
-    return here ? QStringLiteral("127.0.0.1") : ownAddress;
-}
 } // namespace
 
 RequestMapper::RequestMapper(QCoreApplication* /*application*/, int /*RDDATAPORT*/,
@@ -58,8 +49,7 @@ RequestMapper::RequestMapper(QCoreApplication* /*application*/, int /*RDDATAPORT
     : HttpRequestHandler(parent)
     , m_database(database)
     , m_devices(devices)
-    , m_tasks(tasks)
-    , m_commandHost(::commandHost(database->site.ownAddress)) {
+    , m_tasks(tasks) {
     FileStore::removeLeftovers(database->site.runingdir);
     loadTokens();
     qDebug("RequestMapper: created");

@@ -8,6 +8,7 @@
 #include <QReadWriteLock>
 #include <QString>
 
+class Gate;
 class QCoreApplication;
 class Severinit;
 class sqlite;
@@ -36,13 +37,15 @@ public:
     /// What "/template" renders; before the first request. Must outlive the router; may be null.
     void setTemplates(const TemplateLoader* templates) { m_templates = templates; }
 
+    /// The road of the endpoints' commands; before the first request. Must outlive the router; without one
+    /// they go over TCP.
+    void setGate(Gate* gate) { m_gate = gate; }
+    Gate* gate() const { return m_gate; } ///< any thread
+
     // Token table: user id to token. Any thread.
     std::optional<QString> token(int userid) const;  ///< nullopt for an unknown user; never an empty text
     void setToken(int userid, const QString& token); ///< `token` must not be empty
     static QString randomToken();                    ///< 40 random lower-case hexadecimal digits
-
-    /// Host under which the endpoints reach this node's own command server. Any thread.
-    QString commandHost() const { return m_commandHost; }
 
 private:
     void loadTokens();
@@ -50,7 +53,7 @@ private:
     Severinit* m_devices;
     Task_workque* m_tasks;
     const TemplateLoader* m_templates = nullptr;
-    const QString m_commandHost;
+    Gate* m_gate = nullptr;
     mutable QReadWriteLock m_lock;
     QHash<int, QString> m_tokens; ///< guarded by m_lock
 };

@@ -91,7 +91,8 @@ const std::vector<SettingKey> Keys = {
     {"Settings", "runingdir", Type::Text, ".", "Working directory for files."},
     {"Settings", "warningableurl", Type::Text, "http://127.0.0.1:12080/", "Read and kept."},
     {"Settings", "cmdallow", Type::Text, "",
-     "Addresses and subnets that may use the command servers, separated by commas. Empty: everybody."},
+     "Addresses and subnets that may use the command servers, separated by commas; this machine always may. "
+     "Empty: everybody."},
     {"Settings", "PayKey", Type::Text, "",
      "When not empty, payments must carry it in \"sskey\". Set it: without it anybody can renew a speaker."},
     {"Settings", "programdir", Type::Text, "",

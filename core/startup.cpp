@@ -11,6 +11,7 @@
 #include "http/httpsessionstore.h"
 #include "http/staticfilecontroller.h"
 #include "http/templateloader.h"
+#include "nodes/gate.h"
 #include "redis/fuck_redis.h"
 #include "tasks/alarmcast.h"
 #include "tasks/task_workque.h"
@@ -19,6 +20,7 @@
 #include <QDebug>
 #include <QFile>
 #include <QJsonObject>
+#include <QNetworkInterface>
 #include <QSqlDatabase>
 
 namespace {
@@ -115,6 +117,8 @@ void Startup::createDevices() {
         m_redis->try_connect(text("RedisIP"), integer("RedisPort"), text("RedisAUTH"));
     }
     m_devices->init_vison();
+    m_gate =
+        std::make_unique<Gate>(m_devices.get(), text("LocalIP"), QList<int>{integer("PS1"), integer("PS2")});
 }
 
 void Startup::listenForSpeakers() {
@@ -126,7 +130,8 @@ void Startup::listenForSpeakers() {
 }
 
 void Startup::listenForCommands() {
-    const AddressFilter filter = AddressFilter::parse(text("cmdallow"));
+    AddressFilter filter = AddressFilter::parse(text("cmdallow"));
+    filter.allow(QNetworkInterface::allAddresses()); // whoever commands from this machine, by any of them
     m_commands = std::make_unique<cmdthread>(integer("PS1"));
     m_commands->setFilter(filter);
     m_commands->init(m_devices.get());
@@ -166,7 +171,8 @@ void Startup::createTasks() {
             m_devices.get(), integer("DPort"), integer("DataPort"), integer("PS1"), text("src_ipstr"),
             text("cdn_str"), nodeList(m_settings), m_application, text("Meida_ip"), integer("PS2"),
             text("task_username"), text("task_passwd"), text("basename"), m_database.get(),
-            integer("sqltaskid"), kind, integer("taskstart"), integer("taskend"));
+            integer("sqltaskid"), kind, integer("taskstart"), integer("taskend"), nullptr,
+            Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause"))});
     }
 }
 
@@ -187,6 +193,7 @@ void Startup::serveHttp() {
     m_router = std::make_unique<RequestMapper>(m_application, integer("RDDATAPORT"), text("Meida_ip"),
                                                m_database.get(), m_devices.get(), m_tasks.get());
     m_router->setTemplates(m_templates.get());
+    m_router->setGate(m_gate.get());
     m_front->setRouter(m_router.get());
 
     m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_router.get());

@@ -11,6 +11,7 @@ class Alarmcast;
 class cmdthread6;
 class cmdthread;
 class fuck_redis;
+class Gate;
 class HttpListener;
 class HttpSessionStore;
 class MainCellInit;
@@ -55,6 +56,7 @@ private:
     // In the order of their making; destroyed from the last to the first.
     std::unique_ptr<fuck_redis> m_redis; ///< null with Redis disabled
     std::unique_ptr<Severinit> m_devices;
+    std::unique_ptr<Gate> m_gate;
     std::unique_ptr<sever_listen> m_speakerListener;
     std::unique_ptr<cmdthread> m_commands;
     std::unique_ptr<cmdthread6> m_commands6;

@@ -4,6 +4,14 @@
 #include <QDebug>
 #include <QStringList>
 
+namespace {
+
+QPair<QHostAddress, int> single(const QHostAddress& address) {
+    return {address, address.protocol() == QAbstractSocket::IPv4Protocol ? 32 : 128};
+}
+
+} // namespace
+
 AddressFilter AddressFilter::parse(const QString& list) {
     AddressFilter filter;
     const QStringList entries = list.split(QLatin1Char(','), Qt::SkipEmptyParts);
@@ -12,17 +20,19 @@ AddressFilter AddressFilter::parse(const QString& list) {
         if (text.isEmpty())
             continue;
         filter.m_everybody = false;
-        const QHostAddress single(text);
-        const auto subnet =
-            single.isNull()
-                ? QHostAddress::parseSubnet(text)
-                : qMakePair(single, single.protocol() == QAbstractSocket::IPv4Protocol ? 32 : 128);
+        const QHostAddress address(text);
+        const auto subnet = address.isNull() ? QHostAddress::parseSubnet(text) : single(address);
         if (subnet.first.isNull() || subnet.second < 0)
             qWarning().noquote() << "cmdallow: neither an address nor a subnet, ignored:" << text;
         else
             filter.m_subnets << subnet;
     }
     return filter;
+}
+
+void AddressFilter::allow(const QList<QHostAddress>& addresses) {
+    for (const QHostAddress& address : addresses)
+        m_subnets << single(address);
 }
 
 bool AddressFilter::allows(const QHostAddress& peer) const {

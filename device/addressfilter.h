@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QHostAddress>
+#include <QList>
 #include <QPair>
 #include <QString>
 #include <QVector>
@@ -14,6 +15,9 @@ public:
     /// in. An entry that is neither is logged and lets nobody in: a slip of the pen must not open
     /// the door.
     static AddressFilter parse(const QString& list);
+
+    /// Lets these in too, as they are now. A filter that lets everybody in goes on doing so.
+    void allow(const QList<QHostAddress>& addresses);
 
     /// An IPv4 peer matches IPv4 entries also when it arrived over an IPv6 socket.
     bool allows(const QHostAddress& peer) const;

@@ -1,6 +1,6 @@
 #include "redis/core_corss.h"
 
-#include "redis/nodecall.h"
+#include "nodes/gate.h"
 
 #include <QDebug>
 #include <QJsonArray>
@@ -25,6 +25,10 @@ QJsonObject withFile(const char* word, const QStringList& sns, const QString& fi
 /// The tabulator, unlike a blank, survives the stripping of the request.
 QString fetchCommand(const QString& address) {
     return QStringLiteral("curl\t\"") + address;
+}
+
+QByteArray stripped(const QJsonObject& request) {
+    return QJsonDocument(request).toJson(QJsonDocument::Compact).replace(" ", "").replace("\n", "");
 }
 
 } // namespace
@@ -121,14 +125,16 @@ void Core_corss::WarningAS(const QString& sn, const QString& file) {
 }
 
 QByteArray Core_corss::frame(const QJsonObject& request) {
-    QByteArray json = QJsonDocument(request).toJson(QJsonDocument::Compact);
-    json.replace(" ", "").replace("\n", "");
-    return QByteArray::number(json.size()) + '\n' + json;
+    return NodeCall::frame(stripped(request));
 }
 
 QByteArray Core_corss::send(const QJsonObject& request, bool waitForAnswer) {
-    const NodeCall::Result result = NodeCall::send(m_host, m_port, frame(request), waitForAnswer);
-    if (!result.error.isEmpty())
+    const NodeAddress node{m_host, m_port};
+    const QByteArray payload = stripped(request);
+    if (m_gate)
+        return m_gate->runAndWait(node, payload, waitForAnswer).answer;
+    const NodeCall::Result result = NodeCall::send(node, payload, waitForAnswer, {});
+    if (result.isLost())
         qWarning().noquote() << "Core_corss:" << m_host << m_port << result.error;
     return result.answer;
 }

@@ -6,16 +6,21 @@
 #include <QString>
 #include <QStringList>
 
-/// Sends one device command to a node's command server and, where the command asks for it, waits for
-/// the answer: at most 100 ms for the connection and 30 s for the answer, blocking the calling
-/// thread. For HTTP workers and other threads that may block; never for the main loop. Use one
-/// object for one request, in one thread. Every blank and line feed is stripped from the request.
+class Gate;
+
+/// Runs one device command on a node and, where the command asks for it, waits for the answer: at most
+/// 100 ms for a connection and 30 s for the answer, blocking the calling thread. A command for this
+/// node needs no connection once there is a gate. For HTTP workers and other threads that may block;
+/// never for the main loop. Use one object for one request, in one thread. Every blank and line feed is
+/// stripped from the request.
 class Core_corss : public QObject {
     Q_OBJECT
 public:
     /// `silentClip`: address for Stop_urlq39(); `warningFetch`: address prefix of the alarm-text fetch.
     explicit Core_corss(QString host = QStringLiteral("127.0.0.1"), int port = 6006,
                         QObject* parent = nullptr);
+    /// Without one every command goes over TCP. Not owned.
+    void setGate(Gate* gate) { m_gate = gate; }
     void setSilentClip(const QString& url) { m_silentClip = url; }
     void setWarningFetch(const QString& url) { m_warningFetch = url; }
 
@@ -47,6 +52,7 @@ private:
     QByteArray send(const QJsonObject& request, bool waitForAnswer);
     QString m_host;
     int m_port;
+    Gate* m_gate = nullptr;
     QString m_silentClip;
     QString m_warningFetch;
 };

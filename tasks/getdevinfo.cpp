@@ -1,38 +1,30 @@
 #include "tasks/getdevinfo.h"
 
-#include "tasks/commandrelay.h"
+#include "nodes/gate.h"
 
-#include <QMetaObject>
+#include <QPointer>
 
 namespace {
 
-constexpr std::chrono::milliseconds AnswerLimit{4000}; ///< shorter than the poll interval
-constexpr qint64 MaxAnswer = 64 * 1024 * 1024;         ///< 20,000 speakers answer about 5 MB
+using namespace std::chrono_literals;
+
+constexpr NodeCall::Limits Limits{1000ms, 4000ms}; // shorter than the poll interval
 
 } // namespace
 
-Getdevinfo::Getdevinfo(QObject* parent)
-    : QObject(parent) {
-    m_thread.setMaxThreadCount(1);
-}
-
-Getdevinfo::~Getdevinfo() {
-    m_cancelled = true;
-    m_thread.waitForDone();
-}
+Getdevinfo::Getdevinfo(Gate* gate, QObject* parent)
+    : QObject(parent)
+    , m_gate(gate) {}
 
 void Getdevinfo::doit(const QString& address, int port, const QByteArray& question) {
     if (m_asking)
         return;
     m_asking = true;
-    m_thread.start([this, node = NodeAddress{address, port}, question] {
-        const QByteArray answer = askNode(node, question, AnswerLimit, MaxAnswer, m_cancelled);
-        QMetaObject::invokeMethod(
-            this,
-            [this, answer] {
-                m_asking = false;
-                emit over(answer);
-            },
-            Qt::QueuedConnection);
-    });
+    const auto answered = [self = QPointer(this)](const NodeCall::Result& result) {
+        if (!self)
+            return;
+        self->m_asking = false;
+        emit self->over(result.answer);
+    };
+    m_gate->run({address, port}, question, answered, Limits);
 }

@@ -7,15 +7,18 @@
 
 #include "core/sqlite.h"
 #include "device/severinit.h"
+#include "nodes/gate.h"
 
+#include <algorithm>
 #include <QDebug>
-#include <QHostAddress>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QNetworkInterface>
+#include <utility>
 
 namespace {
+
+using namespace std::chrono_literals;
 
 // Statements handed over in one turn of the main loop.
 constexpr int StatementsPerTurn = 200;
@@ -23,26 +26,28 @@ constexpr int StatementsPerTurn = 200;
 const QString CloseRequest = QStringLiteral("UPDATE `taskpop` SET `status` = '0' WHERE (`id` = '@id') ;");
 const QString TaskIdle = QStringLiteral("UPDATE `task` SET `statu` = '0' WHERE (`id` = '@taskid');");
 
-bool isThisMachine(const QString& address) {
-    const QHostAddress host(address);
-    return address.isEmpty() || address == QLatin1String("localhost") || host.isLoopback() ||
-           QNetworkInterface::allAddresses().contains(host);
+/// For the whole frame to leave: a list of 20,000 speakers is 700 kB.
+constexpr NodeCall::Limits RelayLimits{1000ms, 5000ms};
+constexpr int LoggedBytes = 256; ///< of a payload; the list of speakers in it may be long
+
+RelayQueue::Time steadyNow() {
+    return std::chrono::duration_cast<RelayQueue::Time>(std::chrono::steady_clock::now().time_since_epoch());
 }
 
 } // namespace
 
 Nodeque::Nodeque(Severinit* devices, int kind, sqlite* database, const QString& address, int port,
-                 QObject* parent)
+                 Relay relay, QObject* parent)
     : QThread(parent)
     , m_devices(devices)
     , m_database(database)
     , m_node{address.isEmpty() ? QStringLiteral("127.0.0.1") : address, port}
+    , m_relay(relay)
     , m_deviceStatus(kind == 1 ? SqlDialect::Mysql : SqlDialect::Sqlite) {
     m_parser.setMaxThreadCount(1);
-    // An address that only the world outside knows this machine by is its own too.
-    if (!isThisMachine(address) && address != m_database->site.ownAddress)
+    if (!relay.gate->isThisMachine(address))
         return;
-    m_query = new Getdevinfo(this);
+    m_query = new Getdevinfo(relay.gate, this);
     connect(m_query, &Getdevinfo::over, this, &Nodeque::getdevinfo);
     connect(&m_pollTimer, &QTimer::timeout, this, &Nodeque::getinfotime);
     m_pollTimer.start(PollInterval);
@@ -57,7 +62,7 @@ Nodeque::~Nodeque() {
 void Nodeque::stop() {
     m_stopping = true;
     m_waiting.release();
-    m_quit.release();
+    m_pauseOver.release();
 }
 
 void Nodeque::insert(quint64 taskid, Tasxkobj* player) {
@@ -68,7 +73,9 @@ void Nodeque::insert(quint64 taskid, Tasxkobj* player) {
     }
     player->setParent(this);
     m_players.insert(taskid, player);
-    connect(player, &Tasxkobj::Ocmd, this, &Nodeque::fuckin);
+    connect(player, &Tasxkobj::Ocmd, this, [this, player](const QByteArray& command) {
+        enqueue({command, player->userid, steadyNow() + player->playLeft()});
+    });
     connect(player, &Tasxkobj::Over, this, &Nodeque::fuckover);
     player->Start();
     if (!player->isPlaying() && m_players.contains(taskid))
@@ -84,6 +91,13 @@ void Nodeque::endDue(std::chrono::milliseconds time) {
         if (player->endsWithin(time))
             player->TimerOut();
     }
+}
+
+int Nodeque::endAll() {
+    const QList<Tasxkobj*> players = m_players.values();
+    for (Tasxkobj* player : players)
+        player->TimerOut();
+    return players.size();
 }
 
 void Nodeque::fuckover(quint64 taskid) {
@@ -105,47 +119,84 @@ void Nodeque::fuckover(quint64 taskid) {
 // --- command relay ---
 
 void Nodeque::fuckin(const QByteArray& command) {
+    enqueue({command});
+}
+
+void Nodeque::enqueue(RelayQueue::Command command) {
     {
         const QMutexLocker lock(&m_mutex);
-        if (m_waitingBytes + command.size() > MaxWaitingBytes) {
-            qWarning() << "node queue full, command lost:" << m_node.host << m_node.port << m_commands.size();
+        if (m_arrivedBytes + m_queuedBytes + command.payload.size() > MaxWaitingBytes) {
+            qWarning() << "node queue full, command lost:" << m_node.host << m_node.port;
             return;
         }
-        m_waitingBytes += command.size();
-        m_commands.push_back(command);
+        m_arrivedBytes += command.payload.size();
+        m_arrived.push_back(std::move(command));
+        m_isIdle = false;
     }
     m_waiting.release();
 }
 
-bool Nodeque::takeCommand(QByteArray& command) {
+bool Nodeque::isIdle() {
     const QMutexLocker lock(&m_mutex);
-    if (m_commands.empty())
-        return false;
-    command = std::move(m_commands.front());
-    m_commands.pop_front();
-    m_waitingBytes -= command.size();
-    return true;
+    return m_isIdle;
 }
 
+void Nodeque::hurry() {
+    m_isHurrying = true;
+    m_pauseOver.release();
+}
+
+// --- the poller's thread ---
+
 void Nodeque::run() {
-    QByteArray command;
-    while (true) {
-        m_waiting.acquire();
-        if (m_stopping)
-            return;
-        if (takeCommand(command))
-            fuckmg(command);
-        if (m_quit.tryAcquire(1, static_cast<int>(CommandPause.count())))
-            return;
+    while (!m_stopping) {
+        collect();
+        const auto command = m_queue.take(steadyNow());
+        m_queuedBytes = m_queue.bytes();
+        if (const int dropped = m_queue.takeDropped())
+            qWarning() << "plays not sent, their time was over:" << dropped << m_node.host << m_node.port;
+        if (command) {
+            fuckmg(*command);
+            pause();
+        } else {
+            waitForCommands();
+        }
     }
+}
+
+void Nodeque::collect() {
+    std::vector<RelayQueue::Command> arrived;
+    {
+        const QMutexLocker lock(&m_mutex);
+        arrived.swap(m_arrived);
+        m_queuedBytes += std::exchange(m_arrivedBytes, 0);
+    }
+    for (const RelayQueue::Command& command : arrived)
+        m_queue.add(command);
+}
+
+void Nodeque::waitForCommands() {
+    {
+        const QMutexLocker lock(&m_mutex);
+        m_isIdle = m_arrived.empty();
+    }
+    m_waiting.acquire(std::max(1, m_waiting.available()));
+}
+
+void Nodeque::pause() {
+    if (m_relay.pause > 0ms && !m_isHurrying)
+        m_pauseOver.tryAcquire(1, static_cast<int>(m_relay.pause.count()));
 }
 
 void Nodeque::fuckmg(const QByteArray& command) {
     qInfo() << "[fuckmg:]" << m_node.host << m_node.port;
-    if (QThread::currentThread() == this)
-        relayCommand(m_node, command);
-    else
-        relayCommandFromLoop(m_node, command, this);
+    NodeCall::Limits limits = RelayLimits;
+    limits.cancelled = &m_stopping;
+    if (QThread::currentThread() != this)
+        m_relay.gate->run(m_node, command, {}, RelayLimits);
+    else if (m_relay.gate->runAndWait(m_node, command, false, limits).isLost())
+        return;
+    qInfo() << "writedata" << m_node.host << m_node.port << command.size() << command.left(LoggedBytes);
 }
 
 // --- alarm sources ---

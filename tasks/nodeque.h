@@ -1,18 +1,20 @@
 #pragma once
 
-#include "tasks/commandrelay.h"
+#include "nodes/nodeaddress.h"
 #include "tasks/devicestatus.h"
+#include "tasks/relayqueue.h"
 
 #include <atomic>
 #include <chrono>
-#include <deque>
 #include <QMap>
 #include <QMutex>
 #include <QSemaphore>
 #include <QThread>
 #include <QThreadPool>
 #include <QTimer>
+#include <vector>
 
+class Gate;
 class Getdevinfo;
 class Severinit;
 class sqlite;
@@ -20,19 +22,23 @@ class Tasxkobj;
 class Warning;
 
 /// One play node: an address and the port of its command server. Relays the commands of the players
-/// bound to it, in order, and on the node that is this machine watches service periods and the state
-/// of the speakers. Owner: the task queue. Every method and slot belongs to the main loop; only run()
-/// is the object's own thread, and all it touches is the command queue.
+/// bound to it, as RelayQueue orders them, and on the node that is this machine watches service periods
+/// and the state of the speakers. Owner: the task queue. Every method and slot belongs to the main loop;
+/// only run() is the object's own thread, and all it touches is the commands.
 class Nodeque : public QThread {
     Q_OBJECT
 public:
-    static constexpr std::chrono::milliseconds CommandPause{100}; ///< between two commands of a node
+    /// How commands leave.
+    struct Relay {
+        Gate* gate = nullptr;                 ///< outlives this object
+        std::chrono::milliseconds pause{100}; ///< between two commands of a node
+    };
     static constexpr std::chrono::milliseconds PollInterval{5171};
     /// What waits for a node that can't be reached: a day of it must not eat the machine's memory.
     static constexpr qint64 MaxWaitingBytes = 256 * 1024 * 1024;
 
     /// `kind`: of the database, as sqlite::kind() has it.
-    Nodeque(Severinit* devices, int kind, sqlite* database, const QString& address, int port,
+    Nodeque(Severinit* devices, int kind, sqlite* database, const QString& address, int port, Relay relay,
             QObject* parent = nullptr);
     ~Nodeque() override;
 
@@ -45,11 +51,17 @@ public:
     Tasxkobj* player(quint64 taskid) const; ///< null when there is none
     /// Ends the players that would end by themselves within `time`.
     void endDue(std::chrono::milliseconds time);
+    /// Ends every player. Returns how many there were.
+    int endAll();
 
     void insertwarming(const QString& name, Warning* warning);
     void diswarming(const QString& name);
 
-    /// Asks the thread to end after the command under way. What waits is dropped.
+    /// Relays what waits without pauses from now on.
+    void hurry();
+    /// Nothing waits and nothing is on its way.
+    bool isIdle();
+    /// Asks the thread to end. What waits is dropped, a command under way given up.
     void stop();
 
 public slots:
@@ -76,17 +88,25 @@ private:
     void checkServicePeriods();
     void sendUseing(const char* word, const QStringList& serials);
     void emitStatements();
-    bool takeCommand(QByteArray& command);
+    void enqueue(RelayQueue::Command command);
+    void collect();
+    void waitForCommands();
+    void pause();
 
     Severinit* m_devices;
     sqlite* m_database;
     const NodeAddress m_node;
+    const Relay m_relay;
 
     QMutex m_mutex;
-    std::deque<QByteArray> m_commands; ///< guarded by m_mutex
-    qint64 m_waitingBytes = 0;         ///< guarded by m_mutex
-    QSemaphore m_waiting;              ///< counts m_commands, and one for stop()
-    QSemaphore m_quit;                 ///< ends the pause between two commands
+    std::vector<RelayQueue::Command> m_arrived; ///< guarded by m_mutex
+    qint64 m_arrivedBytes = 0;                  ///< guarded by m_mutex
+    bool m_isIdle = true;                       ///< guarded by m_mutex
+    std::atomic<qint64> m_queuedBytes{0};
+    RelayQueue m_queue;     ///< the thread's
+    QSemaphore m_waiting;   ///< counts what arrives, and one for stop()
+    QSemaphore m_pauseOver; ///< ends the pause between two commands
+    std::atomic<bool> m_isHurrying{false};
     std::atomic<bool> m_stopping{false};
 
     QMap<quint64, Tasxkobj*> m_players; ///< children of this object

@@ -5,6 +5,7 @@
 #include "tasks/tasxkobj.h"
 
 #include "core/sqlite.h"
+#include "nodes/gate.h"
 
 #include <chrono>
 #include <QDateTime>
@@ -49,10 +50,13 @@ Task_workque::Task_workque(Severinit* devices, int DPort, int DataPort, int PS1,
                            QString cdn_str, const QJsonArray& nodeList, QCoreApplication* /*application*/,
                            const QString& /*Meida_ip*/, int PS2, const QString& /*task_username*/,
                            const QString& /*task_passwd*/, const QString& /*basename*/, sqlite* database,
-                           int /*sqltaskid*/, int /*mode*/, int taskstart, int taskend, QObject* parent)
+                           int /*sqltaskid*/, int /*mode*/, int taskstart, int taskend, QObject* parent,
+                           Nodeque::Relay relay)
     : QObject(parent)
     , m_database(database)
     , m_devices(devices)
+    , m_ownGate(relay.gate ? nullptr : std::make_unique<Gate>(nullptr, QString(), QList<int>()))
+    , m_relay{relay.gate ? relay.gate : m_ownGate.get(), relay.pause}
     , m_sourceHost(std::move(src_ipstr))
     , m_cdnHost(std::move(cdn_str))
     , m_span{taskstart, taskend}
@@ -89,7 +93,7 @@ Task_workque::~Task_workque() {
     for (const Node& node : qAsConst(m_nodes))
         node.poller->stop();
     for (const Node& node : qAsConst(m_nodes))
-        node.poller->wait();
+        delete node.poller; // waits; before the gate goes
 }
 
 void Task_workque::systeminit() {

@@ -1,9 +1,11 @@
 #pragma once
 
+#include "tasks/nodeque.h"
 #include "tasks/schedule.h"
 #include "tasks/taskreader.h"
 #include "tasks/writeback.h"
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -14,7 +16,6 @@
 #include <QTimer>
 #include <vector>
 
-class Nodeque;
 class QCoreApplication;
 class Severinit;
 class sqlite;
@@ -36,12 +37,12 @@ public:
     /// `nodeList`: objects with "nodeip", "nodeport3" and "nocdn"; the first one is this node.
     /// `taskstart`, `taskend`: the daily working span, seconds since local midnight. On a node that
     /// uses the CDN ("nocdn" false) files of the host `src_ipstr` are fetched from `cdn_str`.
-    /// The database's credentials travel in `database`.
+    /// The database's credentials travel in `database`. Without a gate every command goes over TCP.
     Task_workque(Severinit* devices, int DPort, int DataPort, int PS1, QString src_ipstr, QString cdn_str,
                  const QJsonArray& nodeList, QCoreApplication* application, const QString& Meida_ip, int PS2,
                  const QString& task_username, const QString& task_passwd, const QString& basename,
                  sqlite* database, int sqltaskid, int mode, int taskstart, int taskend,
-                 QObject* parent = nullptr);
+                 QObject* parent = nullptr, Nodeque::Relay relay = {});
     /// Ends the threads of the node pollers: waits for the command that each has under way.
     ~Task_workque() override;
 
@@ -111,6 +112,8 @@ private:
 
     sqlite* m_database;
     Severinit* m_devices;
+    std::unique_ptr<Gate> m_ownGate; ///< when none is given
+    const Nodeque::Relay m_relay;
     const QString m_sourceHost;
     const QString m_cdnHost;
     const WorkingSpan m_span;

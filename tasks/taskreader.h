@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tasks/commandrelay.h"
+#include "nodes/nodeaddress.h"
 #include "tasks/schedule.h"
 
 #include <memory>

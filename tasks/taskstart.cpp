@@ -134,7 +134,7 @@ Task_workque::Node* Task_workque::node(const NodeAddress& address, bool nocdn) {
         if (address.port < 1 || address.port > 65535 || m_nodes.size() >= MaxNodes)
             return nullptr;
         auto* poller =
-            new Nodeque(m_devices, m_database->kind(), m_database, address.host, address.port, this);
+            new Nodeque(m_devices, m_database->kind(), m_database, address.host, address.port, m_relay, this);
         poller->start();
         qInfo() << "Node ADD:" << key << (nocdn ? "nocdn" : "usecdn");
         found = m_nodes.insert(key, {poller, nocdn});

@@ -56,6 +56,10 @@ bool Tasxkobj::endsWithin(std::chrono::milliseconds time) const {
            (lastFile && m_fileTimer.remainingTimeAsDuration() <= time);
 }
 
+std::chrono::milliseconds Tasxkobj::playLeft() const {
+    return std::min(m_fileSpan, m_taskTimer.remainingTimeAsDuration());
+}
+
 void Tasxkobj::Start() {
     if (repeat == 0) {
         randplay();
@@ -104,8 +108,9 @@ void Tasxkobj::play_file(const QString& url) {
     if (length < 1)
         return;
     qInfo() << "云平台定时任务 播放url：" << name << id << url << "文件播放时长" << length;
+    m_fileSpan = timerSpan(length);
     play_JSON(url, length);
-    m_fileTimer.start(timerSpan(length));
+    m_fileTimer.start(m_fileSpan);
 }
 
 void Tasxkobj::play_JSON(const QString& url, int /*length*/) {

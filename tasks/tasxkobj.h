@@ -42,6 +42,8 @@ public:
     bool isPlaying() const { return m_taskTimer.isActive(); }
     /// Whether the play ends by itself within `time`.
     bool endsWithin(std::chrono::milliseconds time) const;
+    /// How long from now the play command that was emitted last is worth obeying.
+    std::chrono::milliseconds playLeft() const;
 
     void Start();
     void play_file(const QString& url);
@@ -68,4 +70,5 @@ private:
     void stopPlaying();
     QTimer m_taskTimer; ///< ends the task
     QTimer m_fileTimer; ///< moves to the next file
+    std::chrono::milliseconds m_fileSpan{0};
 };

@@ -1,17 +1,23 @@
-// What a poller makes of the speakers' state that its own node tells, and of service periods.
+// What a poller makes of commands, of the speakers' state that its own node tells, and of service periods.
 #include "core/sqlite.h"
+#include "nodes/gate.h"
+#include "support/devicelink.h"
 #include "support/scriptednode.h"
 #include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
 #include "tasks/devicestatus.h"
 #include "tasks/nodeque.h"
+#include "tasks/relayqueue.h"
 #include "tasks/serviceperiod.h"
 #include "tasks/warning.h"
 
 #include <QDate>
 #include <QFile>
+#include <QJsonArray>
+#include <QRegularExpression>
 #include <QTemporaryDir>
+#include <thread>
 
 class NodePollerTest : public QObject {
     Q_OBJECT
@@ -67,7 +73,7 @@ private slots:
         for (int i = 0; i < 1000; ++i)
             node.list += (i ? ",{\"sn\":\"" : "{\"sn\":\"") + QByteArray::number(i) + "\",\"status\":1}";
         node.list += "],\"mark\":\"m7\"}";
-        Nodeque poller(nullptr, 3, m_db.get(), "127.0.0.1", node.port());
+        Nodeque poller(nullptr, 3, m_db.get(), "127.0.0.1", node.port(), {&m_gate});
         QStringList statements;
         connect(&poller, &Nodeque::updatedatabase, [&](const QString& sql) { statements += sql; });
         poller.getinfotime();
@@ -89,10 +95,10 @@ private slots:
     }
 
     void commandsLeaveAsFrames() {
-        QCOMPARE(commandFrame(""), QByteArray("0\n"));
-        QCOMPARE(commandFrame("{\"cmd\":1}"), QByteArray("9\n{\"cmd\":1}"));
+        QCOMPARE(NodeCall::frame(""), QByteArray("0\n"));
+        QCOMPARE(NodeCall::frame("{\"cmd\":1}"), QByteArray("9\n{\"cmd\":1}"));
         ScriptedNode node;
-        Nodeque poller(nullptr, 3, m_db.get(), "127.0.0.1", node.port());
+        Nodeque poller(nullptr, 3, m_db.get(), "127.0.0.1", node.port(), {&m_gate});
         const QByteArray large = "{\"cmd\":\"PLAYOFF\",\"fill\":\"" + QByteArray(2000000, 'x') + "\"}";
         poller.fuckmg(large); // an alarm's, straight from the main loop
         QVERIFY(waitFor([&] { return node.requests().size() == 1; }));
@@ -104,7 +110,7 @@ private slots:
 
     void alarmIsRelayedUntilTheWatchEnds() {
         ScriptedNode node;
-        Nodeque poller(nullptr, 3, m_db.get(), "127.0.0.1", node.port());
+        Nodeque poller(nullptr, 3, m_db.get(), "127.0.0.1", node.port(), {&m_gate});
         Warning first(1000), second(1000);
         poller.insertwarming("gate", &first);
         poller.insertwarming("gate", &first); // not twice
@@ -119,7 +125,7 @@ private slots:
     }
 
     void silentNodeHoldsNobodyUp() {
-        Nodeque poller(nullptr, 3, m_db.get(), "192.0.2.1", 6006); // an address without a host
+        Nodeque poller(nullptr, 3, m_db.get(), "192.0.2.1", 6006, {&m_gate}); // an address without a host
         poller.start();
         for (int i = 0; i < 50; ++i)
             poller.fuckin("{}");
@@ -127,8 +133,100 @@ private slots:
         clock.start();
         poller.fuckmg("{}");
         QVERIFY(clock.elapsed() < 500);
-        poller.stop();
-        QVERIFY(poller.wait(5000));
+        clock.start();
+        poller.stop(); // in the middle of a connection
+        QVERIFY(poller.wait(5000) && clock.elapsed() < 500);
+    }
+
+    /// Accounts are digits, speakers letters: "p1u ab" plays u for account 1, "s1 ab" stops in two
+    /// commands, "A" and "B"; "10" is the time of what follows, at which a play holds for 5.
+    void order_data() {
+        const Table<QString, QString> row{"come", "go"};
+        row("one account", "p1u a,p1v b,s1 a", "pu a,pv b,A a,B a");
+        row("stops become one", "s1 a,s2 b,s1 ac", "A abc,B abc");
+        row("equal plays become one", "p1u a,p1v b,p1u c", "pu ac,pv b");
+        row("a start overtakes others' stops", "s1 a,s1 b,p1u c", "pu c,A ab,B ab");
+        row("but not its own speaker's", "s1 a,s2 b,p1u a", "A ab,B ab,pu a");
+        row("and the next ones stay behind it", "s1 a,p1u a,s1 a,p2v b,p2w a",
+            "A a,pv b,B a,pu a,A a,B a,pw a");
+        row("a play between keeps equal ones apart", "p1u a,p1v a,p1u a", "pu a,pv a,pu a");
+        row("a stop does not join across a play", "s1 b,p1u a,s1 a,s1 c", "pu a,A bac,B bac");
+        row("turns", "p1a a,p1b b,p1c c,p1d d,p2x e,p3y f", "pa a,px e,py f,pb b,pc c,pd d");
+        row("over", "p1u a,s1 a,10,p1v a,s1 a,20", "A a,B a");
+        row("over, but not out of the order", "s1 a,p1u a,5,p1v a", "A a,B a,pv a");
+    }
+    void order() {
+        QFETCH(QString, come);
+        RelayQueue queue;
+        std::chrono::milliseconds now{0};
+        const auto add = [&](const QString& text, const QString& document) {
+            const QStringList sns = text.section(' ', 1).split("", Qt::SkipEmptyParts);
+            const QByteArray payload = QString(document).replace('\'', '"').arg(sns.join("\",\"")).toUtf8();
+            queue.add({payload, text.mid(1, 1).toInt(), now + std::chrono::milliseconds(5)});
+        };
+        for (const QString& text : come.split(',')) {
+            if (text.startsWith('p'))
+                add(text, "{'cmd':'PLAYOFF','filelist':['" + text.mid(2, 1) + "'],'snlist':['%1']}");
+            else if (text.startsWith('s')) {
+                add(text, "{'cmd':'FORCESTOP','snlist':['%1']}");
+                add(text, "{'cmd':'FORCESTOP','filelist':['none.mp3'],'level':'5','snlist':['%1']}");
+            } else
+                now = std::chrono::milliseconds(text.toInt());
+        }
+        QStringList gone;
+        while (const auto payload = queue.take(now)) {
+            const QJsonObject json = QJsonDocument::fromJson(*payload).object();
+            QString sns;
+            for (const auto sn : json["snlist"].toArray())
+                sns += sn.toString();
+            const QString file = json["filelist"].toArray().at(0).toString();
+            const QString word = json["cmd"] == "PLAYOFF" ? "p" + file : file.isEmpty() ? "A" : "B";
+            gone += word + ' ' + sns;
+        }
+        QTEST(gone.join(','), "go");
+        QCOMPARE(queue.bytes(), 0);
+    }
+
+    /// Every name of this node leads to its dispatcher without a connection, from any thread.
+    void ownNodeNeedsNoConnection_data() {
+        const Table<QString, int, bool> row{"host", "port", "own"};
+        row("loopback", "127.0.0.1", 6006, true);
+        row("name", "localhost", 6003, true);
+        row("none", "", 6006, true);
+        row("announced", "203.0.113.7", 6006, true);
+        row("another port", "127.0.0.1", 6007, false);
+        row("another machine", "203.0.113.8", 6006, false);
+    }
+    void ownNodeNeedsNoConnection() {
+        QFETCH(QString, host);
+        QFETCH(int, port);
+        QFETCH(bool, own);
+        DeviceLink link;
+        Gate gate(&link.registry, "203.0.113.7", {6003, 6006});
+        QCOMPARE(gate.isThisNode({host, port}), own);
+        if (!own)
+            return;
+        QByteArray answer;
+        std::atomic_bool isDone{false};
+        std::thread worker([&] {
+            answer = gate.runAndWait({host, port}, "{\"cmd\":\"LIST\"}", true).answer;
+            isDone = true;
+        });
+        QVERIFY(waitFor([&] { return isDone.load(); }));
+        worker.join();
+        QVERIFY(QJsonDocument::fromJson(answer).object()["list"].isArray());
+        QCOMPARE(gate.lostCommands(), 0u);
+    }
+
+    void lostCommandsAreCounted() {
+        ScriptedNode node;
+        const NodeAddress gone{"127.0.0.1", node.port()};
+        node.close();
+        Gate gate(nullptr, {}, {});
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("sck连接失败")); // once
+        QVERIFY(gate.runAndWait(gone, "{}", false).isLost());
+        gate.run(gone, "{}");
+        QVERIFY(waitFor([&] { return gate.lostCommands() == 2; }));
     }
 
     void servicePeriods_data() {
@@ -166,6 +264,7 @@ private slots:
     }
 
 private:
+    Gate m_gate{nullptr, {}, {}};
     QTemporaryDir m_directory;
     std::unique_ptr<sqlite> m_db;
 };

@@ -6,6 +6,7 @@
 #include <QList>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <sys/socket.h>
 
 /// A node's command server as a test wants it: keeps the requests it gets, answers the list of
 /// speakers with `list`, and counts the connections whose bytes were not whole frames.
@@ -21,6 +22,7 @@ public:
     ScriptedNode() {
         m_clock.start();
         m_server.listen(QHostAddress::LocalHost);
+        ::listen(static_cast<int>(m_server.socketDescriptor()), 4096); // as the service's own
         QObject::connect(&m_server, &QTcpServer::newConnection, &m_server, [this] {
             while (QTcpSocket* socket = m_server.nextPendingConnection())
                 take(socket);
