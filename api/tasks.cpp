@@ -3,8 +3,10 @@
 
 #include "api/requestmapper.h"
 #include "api/taskstore.h"
+#include "core/mainloop.h"
 #include "core/sqlite.h"
 #include "device/severinit.h"
+#include "tasks/task_workque.h"
 #include "tasks/tasktime.h"
 
 #include <QDebug>
@@ -334,6 +336,18 @@ QByteArray DumpController_add_user::user_edit_task_files(const Params& params) {
     return editMembers(call, db(), "fileids", Files);
 }
 
+namespace {
+
+/// The task is gone and shall be heard no more. A queue on another node takes requests only.
+void endPlay(Task_workque* tasks, sqlite& database, int userid, int taskid) {
+    if (tasks)
+        callOnLoop(tasks, [=] { tasks->endTask(static_cast<quint64>(taskid)); });
+    else
+        database.run(InsertStop, {{QStringLiteral("@taskid"), taskid}, {QStringLiteral("@userid"), userid}});
+}
+
+} // namespace
+
 QByteArray DumpController_add_user::user_DEL_task(const Params& params) {
     Call call(params, *m_mapper);
     if (!call.require({"taskid"}, "Paruser") || !call.authenticateLoosely())
@@ -349,6 +363,8 @@ QByteArray DumpController_add_user::user_DEL_task(const Params& params) {
     });
     if (removed.ok && removed.affected == 0)
         return refusal(QStringLiteral("ER_REJECT"));
+    if (done)
+        endPlay(m_tasks, db(), call.userid(), call.number("taskid"));
     return done ? success() : refusal(QStringLiteral("ER_EXE"));
 }
 

@@ -73,5 +73,7 @@ int runService(int argc, char** argv) {
     qDebug().noquote() << "Use config:" << path;
     Startup service(&application, Settings::load(path, detectLanAddress()));
     service.run();
-    return QCoreApplication::exec();
+    const int status = QCoreApplication::exec();
+    service.end();
+    return status;
 }

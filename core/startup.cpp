@@ -80,6 +80,12 @@ void Startup::run() {
     logReady();
 }
 
+void Startup::end() {
+    constexpr std::chrono::seconds limit{2};
+    if (m_tasks)
+        m_tasks->end(limit);
+}
+
 // Without an address of its own the service goes on; only what carries the address suffers.
 void Startup::reportAddresses() const {
     const bool detected = m_settings.flag("ISLOCALHOST");

@@ -57,6 +57,11 @@ public:
     Tasxkobj* runningPlayer(quint64 key) const;
     /// Starts of the last tick that go on in the loop's next turns.
     bool isStarting() const { return !pending.empty(); }
+    /// The task is gone: ends its play, and one that is about to start.
+    void endTask(quint64 key);
+    /// The process is about to end: starts nothing any more and stops what plays. Serves the loop until
+    /// the stops have left, at most for `limit`.
+    void end(std::chrono::milliseconds limit);
 
 public slots:
     void systeminit();
@@ -109,6 +114,8 @@ private:
     void bind(Start start);
     void markPlaying();
     Node* node(const NodeAddress& address, bool nocdn = true);
+
+    bool hasRelayedAll() const; // taskend.cpp
 
     sqlite* m_database;
     Severinit* m_devices;

@@ -90,7 +90,23 @@ private slots:
         QVERIFY(school.told(sim::Op::PlayList, 2));
         QVERIFY(school.call("/user/starttask", named).res()); // and once more by hand
         QVERIFY(waitFor([&] { return school.told(sim::Op::PlayList, 3); }));
+        const int stops = school.fleet->at(1).count(sim::Op::Stop);
         QCOMPARE(school.service.stop(), 0); // in the middle of it
+        QVERIFY(waitFor([&] { return school.fleet->at(1).count(sim::Op::Stop) > stops; }));
+    }
+
+    /// Nobody may connect to the command servers: the service's own commands don't ask them.
+    void deletedTaskFallsSilent() {
+        ServiceOptions options;
+        options.settings = {{"LocalIP", "203.0.113.7"}, {"cmdallow", "203.0.113.9"}};
+        School school(options);
+        const int task = school.addTask(inSeconds(2), {{"kind", "9"}});
+        QVERIFY(waitFor([&] { return school.told(sim::Op::PlayList, 1); }));
+        QVERIFY(school.call("/user/del_task", {{"taskid", QString::number(task)}}).res());
+        QVERIFY(waitFor([&] { return school.told(sim::Op::Stop, 2); }, 500ms));
+        QVERIFY(school.call("/user/urlstop", {{"snlist", school.fleet->serials().join('|')}}).res());
+        QVERIFY(waitFor([&] { return school.told(sim::Op::Stop, 3); }));
+        QVERIFY2(!school.service.log().contains("refused"), school.service.log());
     }
 
     void temporaryPlay() {
