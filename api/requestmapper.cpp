@@ -59,7 +59,8 @@ RequestMapper::RequestMapper(QCoreApplication* /*application*/, int /*RDDATAPORT
     , m_database(database)
     , m_devices(devices)
     , m_tasks(tasks)
-    , m_commandHost(::commandHost(database->site.ownAddress)) {
+    , m_commandHost(::commandHost(database->site.ownAddress))
+    , m_onlineList(devices) {
     FileStore::removeLeftovers(database->site.runingdir);
     loadTokens();
     qDebug("RequestMapper: created");

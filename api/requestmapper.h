@@ -1,5 +1,6 @@
 #pragma once
 
+#include "api/onlinelist.h"
 #include "http/httprequesthandler.h"
 
 #include <optional>
@@ -43,6 +44,7 @@ public:
 
     /// Host under which the endpoints reach this node's own command server. Any thread.
     QString commandHost() const { return m_commandHost; }
+    OnlineList& onlineList() { return m_onlineList; }
 
 private:
     void loadTokens();
@@ -51,6 +53,7 @@ private:
     Task_workque* m_tasks;
     const TemplateLoader* m_templates = nullptr;
     const QString m_commandHost;
+    OnlineList m_onlineList;
     mutable QReadWriteLock m_lock;
     QHash<int, QString> m_tokens; ///< guarded by m_lock
 };
