@@ -61,6 +61,7 @@ Severinit::Severinit(QString updateListPath, QString upstreamcdn, QString localc
     m_state->env.serverAddress = std::move(LocalIP);
     for (const QString& sn : readBlockList(BlockListFile))
         m_state->blocked.insert(sn);
+    m_state->dispatcher = std::make_unique<Dispatcher>(*this);
     connect(&m_state->refreshTimer, &QTimer::timeout, this, &Severinit::reflushredis);
 }
 

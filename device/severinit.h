@@ -105,6 +105,9 @@ public:
     /// of "snlist", or the expanded "group"; never empty), returns the reply object.
     using Command = std::function<QJsonObject(const QJsonObject& request, const QStringList& targets)>;
     void addCommand(const QString& word, const Command& command);
+    /// Runs one request as Diamonds_jsondidocom() does, but a command to many speakers goes on over turns
+    /// of the loop; `reply` is called once, at once or later.
+    void runCommand(const QByteArray& request, const std::function<void(QByteArray)>& reply);
 
 public slots:
     /// Binds a connection to its session; a serial without a session drops the connection. `port` is

@@ -218,6 +218,31 @@ private slots:
         QVERIFY(wire("V\x03", "V\x03"));
     }
 
+    /// A command to very many is under way, B served and A's turn far off: what comes meanwhile for A runs
+    /// at once, and yet after it. The reply tells every target in its place.
+    void commandsForOneSpeakerKeepTheirOrder() {
+        constexpr int Others = 300'000;
+        QByteArray request = "{\"cmd\":\"VOL_S\",\"vol\":5,\"snlist\":[\"" + sn("B").toLatin1() + '"';
+        for (int i = 0; i < Others; ++i)
+            request += ",\"b0000000000000000000" + QByteArray::number(1'000'000'000'000LL + i) + '"';
+        request += ",\"" + sn("A").toLatin1() + "\"]}";
+        RawConnection big(m_server->serverPort());
+        big.send(request);
+        QVERIFY(m_b->waitReceived("V\x05"));
+        QCOMPARE(askJson("{'cmd':'VOL_V','sn':$A,'vol':7}")["res"], "success");
+        const QByteArray plain = fill("{'cmd':'VOL_V','sn':$A,'vol':8}");
+        QVERIFY(m_link->registry.Diamonds_jsondidocom(plain).contains("success"));
+        QVERIFY(big.received().isEmpty());
+        QVERIFY(waitFor([&] { return big.received().endsWith("\r\n"); }));
+        const QJsonObject reply = QJsonDocument::fromJson(big.received()).object();
+        QCOMPARE(reply["res"], "out_of_range");
+        QVERIFY(reply["info"].toString().startsWith("sent to 2 of 300002; "));
+        QCOMPARE(reply["list"].toArray().size(), Others + 2);
+        QCOMPARE(reply["list"].toArray().last().toObject(),
+                 (QJsonObject{{"sn", sn("A")}, {"res", "success"}}));
+        QVERIFY(wire("V\x05V\x07V\x08", "V\x05"));
+    }
+
     void list() {
         m_a->send("UA2/music/\"bell\" \\铃.mp3");
         QVERIFY(waitFor([&] { return m_link->session(testSerial(1))->playingPath().contains("bell"); }));
