@@ -222,8 +222,7 @@ QByteArray DumpController_add_user::user_disable_device(const Params& params) {
 }
 
 QByteArray DumpController_add_user::user_LIST(const Params& /*params*/) {
-    const QJsonArray list = callOnLoop(m_devices, [this] { return m_devices->onlineDevices(); });
-    return reply({{QStringLiteral("res"), true}, {QStringLiteral("devlist"), list}});
+    return m_mapper->onlineList().reply();
 }
 
 QByteArray DumpController_add_user::get_devicelistweb(const Params& params, const QString& /*path*/) {

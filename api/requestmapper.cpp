@@ -49,7 +49,8 @@ RequestMapper::RequestMapper(QCoreApplication* /*application*/, int /*RDDATAPORT
     : HttpRequestHandler(parent)
     , m_database(database)
     , m_devices(devices)
-    , m_tasks(tasks) {
+    , m_tasks(tasks)
+    , m_onlineList(devices) {
     FileStore::removeLeftovers(database->site.runingdir);
     loadTokens();
     qDebug("RequestMapper: created");

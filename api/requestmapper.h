@@ -1,5 +1,6 @@
 #pragma once
 
+#include "api/onlinelist.h"
 #include "http/httprequesthandler.h"
 
 #include <optional>
@@ -47,6 +48,8 @@ public:
     void setToken(int userid, const QString& token); ///< `token` must not be empty
     static QString randomToken();                    ///< 40 random lower-case hexadecimal digits
 
+    OnlineList& onlineList() { return m_onlineList; }
+
 private:
     void loadTokens();
     sqlite* m_database;
@@ -54,6 +57,7 @@ private:
     Task_workque* m_tasks;
     const TemplateLoader* m_templates = nullptr;
     Gate* m_gate = nullptr;
+    OnlineList m_onlineList;
     mutable QReadWriteLock m_lock;
     QHash<int, QString> m_tokens; ///< guarded by m_lock
 };

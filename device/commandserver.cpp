@@ -2,6 +2,7 @@
 
 #include "device/severinit.h"
 
+#include <algorithm>
 #include <chrono>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -16,6 +17,9 @@ namespace {
 
 /// Pause after the system ran out of descriptors, so as not to spin on the waiting queue.
 constexpr auto ExhaustedPause = 200ms;
+
+/// A storm of connections is told in one line of the log.
+constexpr auto EvictionLogPause = 1s;
 
 QHostAddress peerOf(int descriptor) {
     sockaddr_storage address{};
@@ -35,8 +39,8 @@ void setOptions(int descriptor) {
 }
 
 CommandHandler handlerOf(Severinit* devices) {
-    return [devices](const QByteArray& request) {
-        return devices->Diamonds_jsondidocom(request);
+    return [devices](const QByteArray& request, const auto& reply) {
+        devices->runCommand(request, reply);
     };
 }
 
@@ -45,6 +49,11 @@ CommandHandler handlerOf(Severinit* devices) {
 CommandServer::CommandServer(QString tag, QObject* parent)
     : QTcpServer(parent)
     , m_tag(std::move(tag)) {
+    m_evictionLog.setSingleShot(true);
+    connect(&m_evictionLog, &QTimer::timeout, this, [this] {
+        qWarning().noquote() << m_tag << std::exchange(m_evicted, 0)
+                             << "silent connections closed, to make room for others";
+    });
     connect(this, &QTcpServer::acceptError, this, [this] {
         qWarning().noquote() << m_tag << "accept:" << errorString();
         QTimer::singleShot(ExhaustedPause, this, &QTcpServer::resumeAccepting);
@@ -71,16 +80,29 @@ void CommandServer::incomingConnection(qintptr handle) {
     const int descriptor = static_cast<int>(handle);
     const QHostAddress peer = peerOf(descriptor);
     const bool isAllowed = m_filter.allows(peer);
-    if (!isAllowed || m_connections >= MaxConnections) {
+    if (!isAllowed || !makeRoom()) {
         qWarning().noquote() << m_tag << "refused:" << peer.toString()
                              << (isAllowed ? "too many connections" : "not in cmdallow");
         ::close(descriptor);
         return;
     }
     setOptions(descriptor);
-    ++m_connections;
-    auto* connection = new didocmd(descriptor, peer, m_tag, m_handler, m_buffered, this);
-    connect(connection, &QObject::destroyed, this, [this] { --m_connections; });
+    new didocmd(descriptor, peer, m_tag, m_handler, m_peers, this);
+}
+
+/// True when one more connection has its place.
+bool CommandServer::makeRoom() {
+    auto& peers = m_peers->byAge;
+    if (peers.size() < MaxConnections)
+        return true;
+    const auto oldest =
+        std::find_if(peers.begin(), peers.end(), [](const didocmd* peer) { return peer->isSilent(); });
+    if (oldest == peers.end())
+        return false;
+    if (m_evicted++ == 0)
+        m_evictionLog.start(EvictionLogPause);
+    delete *oldest;
+    return true;
 }
 
 cmdthread::cmdthread(int PS1, QObject* parent)

@@ -16,7 +16,7 @@ public:
     /// Connections that the kernel holds for us while a storm of them arrives.
     static constexpr int Backlog = 4096;
     /// Peers connect for one command or keep one connection each; more than this is a fault or an
-    /// attack, and descriptors are needed for speakers.
+    /// attack, and descriptors are needed for speakers. Whoever has been silent the longest makes room.
     static constexpr int MaxConnections = 2048;
 
     /// `tag` begins the log lines.
@@ -31,11 +31,13 @@ protected:
 
 private:
     bool listenWithBacklog(QHostAddress::SpecialAddress address, quint16 port);
+    bool makeRoom();
     QString m_tag;
     AddressFilter m_filter;
     CommandHandler m_handler;
-    std::shared_ptr<qsizetype> m_buffered = std::make_shared<qsizetype>(0);
-    int m_connections = 0;
+    std::shared_ptr<CommandPeers> m_peers = std::make_shared<CommandPeers>();
+    int m_evicted = 0; ///< since the last log line about it
+    QTimer m_evictionLog;
 };
 
 /// The first command server: IPv4, on `PS1`.

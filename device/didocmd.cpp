@@ -36,12 +36,13 @@ ssize_t readBlock(int descriptor, const char*& data) {
 } // namespace
 
 didocmd::didocmd(int descriptor, const QHostAddress& peer, QString tag, CommandHandler handler,
-                 std::shared_ptr<qsizetype> buffered, QObject* parent)
+                 std::shared_ptr<CommandPeers> peers, QObject* parent)
     : QObject(parent)
     , m_reader(std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read))
     , m_writer(std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Write))
     , m_handler(std::move(handler))
-    , m_buffered(std::move(buffered))
+    , m_peers(std::move(peers))
+    , m_place(m_peers->byAge.insert(m_peers->byAge.end(), this))
     , m_peer(peer)
     , m_tag(std::move(tag))
     , m_descriptor(descriptor) {
@@ -54,7 +55,8 @@ didocmd::didocmd(int descriptor, const QHostAddress& peer, QString tag, CommandH
 }
 
 didocmd::~didocmd() {
-    *m_buffered -= m_counted;
+    m_peers->buffered -= m_counted;
+    m_peers->byAge.erase(m_place);
     m_reader.reset();
     m_writer.reset();
     ::close(m_descriptor);
@@ -87,12 +89,14 @@ bool didocmd::receive() {
         m_reader->setEnabled(false);
     }
     m_parser.append(data, got);
+    m_peers->byAge.splice(m_peers->byAge.end(), m_peers->byAge, m_place);
     return got > 0;
 }
 
 void didocmd::countBuffered() {
-    *m_buffered += m_parser.bufferedBytes() - m_counted;
-    m_counted = m_parser.bufferedBytes();
+    const qsizetype bytes = m_parser.bufferedBytes() + m_running;
+    m_peers->buffered += bytes - m_counted;
+    m_counted = bytes;
 }
 
 void didocmd::process() {
@@ -103,7 +107,7 @@ void didocmd::process() {
     if (!self)
         return;
     countBuffered();
-    if (!m_closing && m_counted > 0 && *m_buffered > MaxBufferedBytes)
+    if (!m_closing && !m_busy && m_counted > 0 && m_peers->buffered > MaxBufferedBytes)
         refuse(QStringLiteral("too many incomplete requests on this server"));
     settle();
 }
@@ -121,40 +125,59 @@ void didocmd::processSlice() {
             return;
         }
         answer(next.json);
-        if (!self)
+        if (!self || m_busy)
             return;
         if (slice.elapsed() >= TimeSlice.count()) {
-            m_waiting = true;
-            QTimer::singleShot(0, this, [this] {
-                m_waiting = false;
-                process();
-            });
+            processLater();
             return;
         }
     }
 }
 
+void didocmd::processLater() {
+    m_waiting = true;
+    QTimer::singleShot(0, this, [this] {
+        m_waiting = false;
+        process();
+    });
+}
+
 void didocmd::answer(const QByteArray& request) {
     QElapsedTimer timer;
     timer.start();
-    m_busy = true;
+    m_busy = m_isInside = true;
+    m_running = request.size();
     m_reader->setEnabled(false);
     const QPointer<didocmd> self(this);
-    const QByteArray reply = m_handler(request);
-    if (!self)
-        return;
+    m_handler(request, [self, timer](QByteArray reply) {
+        if (self)
+            self->answered(std::move(reply), timer.elapsed());
+    });
+    if (self)
+        m_isInside = false;
+}
+
+void didocmd::answered(QByteArray reply, qint64 milliseconds) {
+    const int size = reply.size();
     m_busy = false;
     m_hasSpoken = true;
     m_deadline.stop();
-    send(reply);
-    qInfo().noquote() << m_tag << "finshed:" << m_peer.toString() << request.size() << "bytes in"
-                      << reply.size() << "out" << timer.elapsed() << "ms";
+    send(std::move(reply));
+    qInfo().noquote() << m_tag << "finshed:" << m_peer.toString() << m_running << "bytes in" << size << "out"
+                      << milliseconds << "ms";
+    m_running = 0;
+    if (!m_isInside)
+        processLater();
 }
 
-void didocmd::send(const QByteArray& reply) {
+void didocmd::send(QByteArray reply) {
     if (m_isGone)
         return;
-    m_unsent += reply + "\r\n";
+    reply += "\r\n";
+    if (m_unsent.isEmpty())
+        m_unsent = std::move(reply);
+    else
+        m_unsent += reply;
     flush();
 }
 
@@ -167,20 +190,20 @@ void didocmd::refuse(const QString& why) {
 }
 
 void didocmd::flush() {
-    while (!m_unsent.isEmpty()) {
-        const ssize_t sent =
-            ::send(m_descriptor, m_unsent.constData(), static_cast<size_t>(m_unsent.size()), MSG_NOSIGNAL);
-        if (sent <= 0) {
-            if (sent < 0 && !isTemporary(errno)) { // nobody is there to answer
-                m_unsent.clear();
-                m_isGone = m_ended = true;
-            }
+    while (m_sent < m_unsent.size()) {
+        const ssize_t sent = ::send(m_descriptor, m_unsent.constData() + m_sent,
+                                    static_cast<size_t>(m_unsent.size() - m_sent), MSG_NOSIGNAL);
+        if (sent < 0 && isTemporary(errno))
             return;
+        if (sent <= 0) { // nobody is there to answer
+            m_isGone = m_ended = true;
+            break;
         }
         m_deadline.stop();
-        m_unsent.remove(0, static_cast<int>(sent));
+        m_sent += static_cast<int>(sent);
     }
     m_unsent = QByteArray();
+    m_sent = 0;
 }
 
 void didocmd::writable() {
@@ -191,9 +214,11 @@ void didocmd::writable() {
 
 /// Sets the notifiers and the deadline to what the connection waits for now.
 void didocmd::settle() {
-    if (m_busy || m_draining)
+    if (m_draining)
         return;
     m_writer->setEnabled(!m_unsent.isEmpty());
+    if (m_busy)
+        return;
     m_reader->setEnabled(!m_closing && !m_ended && !m_waiting && !isFull());
     if (m_closing && m_unsent.isEmpty()) {
         if (m_ended) {

@@ -1,140 +1,51 @@
 #include "device/dispatcher.h"
 
 #include "device/jsontext.h"
-#include "device/saobj.h"
 #include "device/severinit_state.h"
 #include "device/statemirror.h"
 
 #include <algorithm>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <vector>
+
+using namespace std::chrono_literals;
 
 namespace {
 
 constexpr char NoTargets[] = "Data_error_7";
-/// Failed serials that "info" names; the rest is counted.
-constexpr int NamedFailures = 20;
 
-QStringList texts(const QJsonValue& array) {
-    const QJsonArray entries = array.toArray();
-    QStringList found;
-    found.reserve(entries.size());
-    for (const QJsonValue entry : entries)
-        found << entry.toString();
-    return found;
+/// For commands to many speakers in one turn of the loop.
+constexpr auto TimeSlice = 4ms;
+
+QByteArray noTargets() {
+    return Dispatcher::reply(NoTargets, QStringLiteral("no speakers in \"snlist\" or \"group\""));
 }
-
-/// A fleet's sessions are never in the cache when a command comes: what the next ones need is fetched,
-/// a step of the way to the socket each, while the kernel sends.
-void fetchSessions(const std::vector<SAobj*>& sessions, size_t index) {
-    const auto known = [](auto step) {
-        return [step](const SAobj* session) {
-            if (session)
-                (session->*step)();
-        };
-    };
-    fetchAhead(sessions, index, known(&SAobj::fetch), known(&SAobj::fetchConnection),
-               known(&SAobj::fetchSocket));
-}
-
-/// What became of the targets of one command, and the reply that tells it.
-class Outcome {
-public:
-    Outcome(const ResultWords& words, bool tellsEach)
-        : m_words(words)
-        , m_word(words.done)
-        , m_tellsEach(tellsEach) {}
-
-    void run(const QString& sn, SAobj* session, const SessionCall& call) {
-        const Fate fate = attempt(session, call);
-        const char* const word = wordOf(fate);
-        ++m_targets;
-        if (fate != Fate::Done) {
-            if (word)
-                m_word = word;
-            if (m_failed++ < NamedFailures)
-                m_failures << sn + QLatin1Char(' ') + QLatin1String(word ? word : "not sent");
-        }
-        if (m_tellsEach)
-            addToList(sn, word);
-    }
-
-    QByteArray reply() const {
-        QByteArray json = Dispatcher::reply(m_word, info());
-        if (m_tellsEach) {
-            json.chop(1);
-            json += ",\"list\":[" + m_list + "]}";
-        }
-        return json;
-    }
-
-private:
-    enum class Fate { Done, Offline, Unknown, Disabled, Broken };
-
-    static Fate attempt(SAobj* session, const SessionCall& call) {
-        if (!session)
-            return Fate::Unknown;
-        if (!session->isOnline())
-            return Fate::Offline;
-        const int written = call(*session);
-        if (written == SAobj::NotBound)
-            return Fate::Disabled;
-        return written > 0 ? Fate::Done : Fate::Broken;
-    }
-
-    const char* wordOf(Fate fate) const {
-        switch (fate) {
-        case Fate::Offline:
-            return m_words.offline;
-        case Fate::Unknown:
-            return m_words.unknown;
-        case Fate::Disabled:
-            return m_words.disabled;
-        case Fate::Broken:
-            return m_words.broken;
-        case Fate::Done:
-            break;
-        }
-        return m_words.done;
-    }
-
-    void addToList(const QString& sn, const char* word) {
-        m_list += m_list.isEmpty() ? "{\"sn\":" : ",{\"sn\":";
-        appendJsonText(m_list, sn);
-        m_list += ",\"res\":\"";
-        m_list += word;
-        m_list += "\"}";
-    }
-
-    QString info() const {
-        QString text = QStringLiteral("sent to %1 of %2").arg(m_targets - m_failed).arg(m_targets);
-        if (m_failed > 0)
-            text += QStringLiteral("; ") + m_failures.join(QStringLiteral(", "));
-        if (m_failed > NamedFailures)
-            text += QStringLiteral(", %1 more").arg(m_failed - NamedFailures);
-        return text;
-    }
-
-    const ResultWords& m_words;
-    const char* m_word;
-    bool m_tellsEach;
-    int m_targets = 0;
-    int m_failed = 0;
-    QStringList m_failures;
-    QByteArray m_list;
-};
 
 } // namespace
 
 // --- the service's door ---
 
 void Severinit::addCommand(const QString& word, const Command& command) {
-    m_state->addedCommands.insert(word, command);
+    m_state->dispatcher->add(word, command);
 }
 
 QByteArray Severinit::Diamonds_jsondidocom(const QByteArray& request) {
-    return Dispatcher(*this, m_state->addedCommands).run(request);
+    return m_state->dispatcher->run(request);
+}
+
+void Severinit::runCommand(const QByteArray& request, const std::function<void(QByteArray)>& reply) {
+    m_state->dispatcher->run(request, reply);
+}
+
+Dispatcher::Dispatcher(Severinit& devices)
+    : m_devices(devices) {
+    m_turn.setSingleShot(true);
+    QObject::connect(&m_turn, &QTimer::timeout, [this] { takeTurn(); });
+    m_reader.setMaxThreadCount(1);
+}
+
+Dispatcher::~Dispatcher() {
+    m_reader.waitForDone();
 }
 
 // --- one request ---
@@ -145,15 +56,33 @@ QByteArray Dispatcher::reply(const char* word, const QString& info) {
     return json + '}';
 }
 
-QByteArray Dispatcher::run(const QByteArray& bytes) {
+Dispatcher::Request Dispatcher::read(const QByteArray& bytes) {
+    if (bytes.size() > MaxValues && isTooMuch(bytes))
+        return {{}, reply("json_error", QStringLiteral("too many values")), {}};
     QJsonParseError error{};
     const QJsonDocument document = QJsonDocument::fromJson(bytes, &error);
     if (error.error != QJsonParseError::NoError)
-        return reply("json_error",
-                     QStringLiteral("%1 at byte %2").arg(error.errorString()).arg(error.offset));
+        return {
+            {},
+            reply("json_error", QStringLiteral("%1 at byte %2").arg(error.errorString()).arg(error.offset)),
+            {}};
     if (!document.isObject())
-        return reply("json_error", QStringLiteral("not a JSON object"));
-    const QJsonObject request = document.object();
+        return {{}, reply("json_error", QStringLiteral("not a JSON object")), {}};
+    const QJsonObject json = document.object();
+    TargetList listed(json.value(QLatin1String("snlist")).toArray());
+    if (bytes.size() > ReadHereBytes)
+        listed.prepareCount();
+    return {json, {}, std::move(listed)};
+}
+
+bool Dispatcher::isTooMuch(const QByteArray& bytes) {
+    return bytes.count(',') > MaxValues || bytes.count('[') + bytes.count('{') > MaxContainers;
+}
+
+Dispatcher::Command Dispatcher::commandOf(const Request& read) {
+    if (!read.refusal.isEmpty())
+        return {read.refusal, nullptr, nullptr, {}};
+    const QJsonObject& request = read.json;
     const QString word = request.value(QLatin1String("cmd")).toString();
     const int mode = request.value(QLatin1String("mode")).toInt();
     const auto& table = commandTable();
@@ -161,78 +90,72 @@ QByteArray Dispatcher::run(const QByteArray& bytes) {
         return (candidate.mode != 0 && candidate.mode == mode) || word == QLatin1String(candidate.word);
     });
     if (row != table.end())
-        return runRow(*row, request);
+        return rowCommand(*row, read);
     if (m_added.contains(word))
-        return runAdded(m_added.value(word), word, request);
-    return reply("unknown_cmd",
-                 word.isEmpty() ? QStringLiteral("no \"cmd\"") : QStringLiteral("no command ") + word);
+        return addedCommand(word, read);
+    const QString info = word.isEmpty() ? QStringLiteral("no \"cmd\"") : QStringLiteral("no command ") + word;
+    return {reply("unknown_cmd", info), nullptr, nullptr, {}};
 }
 
-QByteArray Dispatcher::runRow(const CommandRow& row, const QJsonObject& request) {
-    if (row.answer)
-        return row.answer(*this, request);
-    const auto targets = resolve(row.targets, QLatin1String(row.word), request);
-    if (targets && targets->isEmpty())
-        return reply(NoTargets, QStringLiteral("no speakers in \"snlist\" or \"group\""));
-    const Plan plan = row.plan(Arguments(request));
-    if (!plan.call)
-        return reply(plan.refusal, plan.info);
-    Outcome outcome(row.words, row.tellsEach);
-    const std::vector<SAobj*> sessions = targets ? sessionsOf(*targets) : everySession();
-    for (size_t i = 0; i < sessions.size(); ++i) {
-        fetchSessions(sessions, i);
-        SAobj* const session = sessions[i];
-        outcome.run(targets ? targets->at(static_cast<int>(i)) : session->sn(), session, plan.call);
+Dispatcher::Command Dispatcher::rowCommand(const CommandRow& row, const Request& read) {
+    const QJsonObject& request = read.json;
+    if (row.answer) {
+        const QByteArray answer = row.answer(*this, request);
+        if (row.targets == Targets::None || !answer.isEmpty())
+            return {answer, nullptr, nullptr, {}};
     }
-    return outcome.reply();
+    TargetList targets = resolve(row.targets, QLatin1String(row.word), read);
+    if (row.targets != Targets::All && targets.size() == 0)
+        return {noTargets(), nullptr, nullptr, {}};
+    SessionCall call;
+    if (row.plan) {
+        Plan plan = row.plan(Arguments(request));
+        if (!plan.call)
+            return {reply(plan.refusal, plan.info), nullptr, nullptr, {}};
+        call = std::move(plan.call);
+    }
+    auto run = row.targets == Targets::All
+                   ? std::make_unique<CommandRun>(m_devices, row, std::move(call))
+                   : std::make_unique<CommandRun>(m_devices, row, std::move(call), std::move(targets));
+    return {{}, std::move(run), nullptr, {}};
 }
 
-QByteArray Dispatcher::runAdded(const Severinit::Command& command, const QString& word,
-                                const QJsonObject& request) {
-    const QStringList targets = each(word, request);
-    if (targets.isEmpty())
-        return reply(NoTargets, QStringLiteral("no speakers in \"snlist\" or \"group\""));
-    return QJsonDocument(command(request, targets)).toJson(QJsonDocument::Compact);
+Dispatcher::Command Dispatcher::addedCommand(const QString& word, const Request& read) {
+    const TargetList targets = each(word, read);
+    if (targets.size() == 0)
+        return {noTargets(), nullptr, nullptr, {}};
+    const auto work = [command = m_added.value(word), request = read.json, targets] {
+        return QJsonDocument(command(request, targets.serials())).toJson(QJsonDocument::Compact);
+    };
+    return {{}, nullptr, work, targets};
 }
 
-/// All lookups before the first command: one by one between the writes each would wait for memory anew.
-std::vector<SAobj*> Dispatcher::sessionsOf(const QStringList& serials) const {
-    std::vector<SAobj*> sessions;
-    sessions.reserve(static_cast<size_t>(serials.size()));
-    for (const QString& sn : serials)
-        sessions.push_back(m_devices.session(sn));
-    return sessions;
-}
-
-std::vector<SAobj*> Dispatcher::everySession() const {
-    const auto& sessions = m_devices.sessions();
-    return {sessions.begin(), sessions.end()};
-}
-
-/// The serials that the request names; nothing when it is for every session.
-std::optional<QStringList> Dispatcher::resolve(Targets targets, const QString& word,
-                                               const QJsonObject& request) const {
+/// The serials that the request names; none when it is for every session.
+TargetList Dispatcher::resolve(Targets targets, const QString& word, const Request& read) const {
     switch (targets) {
     case Targets::One:
-        return QStringList{request.value(QLatin1String("sn")).toString()};
+        return TargetList(QStringList{read.json.value(QLatin1String("sn")).toString()});
     case Targets::List:
-        return texts(request.value(QLatin1String("snlist")));
+        return read.listed;
     case Targets::Each:
-        return each(word, request);
+        return each(word, read);
     case Targets::All:
     case Targets::None:
         break;
     }
-    return std::nullopt;
+    return {};
 }
 
-QStringList Dispatcher::each(const QString& word, const QJsonObject& request) const {
-    QStringList listed = texts(request.value(QLatin1String("snlist")));
-    if (listed.isEmpty())
-        return expandGroup(request);
-    if (!word.endsWith(QLatin1String("_G")))
+TargetList Dispatcher::each(const QString& word, const Request& read) const {
+    const QJsonObject& request = read.json;
+    const TargetList& listed = read.listed;
+    if (listed.size() == 0)
+        return TargetList(expandGroup(request));
+    if (!word.endsWith(QLatin1String("_G")) || !request.contains(QLatin1String("group")))
         return listed;
-    return request.contains(QLatin1String("group")) ? expandGroup(request) : listed;
+    const QStringList members = expandGroup(request);
+    const bool isNamed = !request.value(QLatin1String("group")).toString().isEmpty();
+    return members.isEmpty() && isNamed ? listed : TargetList(members);
 }
 
 QStringList Dispatcher::expandGroup(const QJsonObject& request) const {
@@ -241,38 +164,129 @@ QStringList Dispatcher::expandGroup(const QJsonObject& request) const {
     return group.isEmpty() || !mirror ? QStringList() : mirror->backsnlist(group);
 }
 
-// --- arguments ---
+// --- commands under way ---
 
-std::optional<int> Arguments::integer(const char* key) const {
-    const QJsonValue value = m_request.value(QLatin1String(key));
-    bool isInteger = false;
-    int number = 0;
-    if (value.isDouble()) {
-        number = value.toVariant().toInt(&isInteger);
-        isInteger = isInteger && number == value.toDouble();
-    } else {
-        number = value.toString().toInt(&isInteger);
+QByteArray Dispatcher::run(const QByteArray& request) {
+    Command command = commandOf(read(request));
+    if (!command.run && !command.work)
+        return command.reply;
+    if (mayGoFirst(command))
+        serveEarly(command);
+    else
+        proceedUntil(QDeadlineTimer::Forever);
+    proceed(command, QDeadlineTimer::Forever);
+    return command.reply;
+}
+
+void Dispatcher::run(const QByteArray& request, const Reply& reply) {
+    if (request.size() <= ReadHereBytes)
+        return begin(read(request), request.size(), reply);
+    m_unread.push_back({request, reply});
+    readNext();
+}
+
+void Dispatcher::begin(const Request& request, qint64 bytes, const Reply& reply) {
+    const auto command = std::make_shared<Command>(commandOf(request));
+    const bool isDone = !command->run && !command->work;
+    if (!isDone && !mayGoFirst(*command))
+        return enqueue({command, reply, bytes});
+    if (!isDone) {
+        serveEarly(*command);
+        if (!proceed(*command, QDeadlineTimer(TimeSlice)))
+            return enqueue({command, reply, bytes});
     }
-    return isInteger ? std::optional<int>(number) : std::nullopt;
+    reply(std::move(command->reply));
+    if (bytes > ReadHereBytes)
+        letGo(command);
 }
 
-std::optional<QString> Arguments::text(const char* key) const {
-    const QJsonValue value = m_request.value(QLatin1String(key));
-    if (value.isDouble()) {
-        const auto number = integer(key);
-        return number ? std::optional<QString>(QString::number(*number)) : std::nullopt;
+/// With nothing under way, or for few speakers behind nothing but runs.
+bool Dispatcher::mayGoFirst(const Command& command) const {
+    const int targets = command.run ? command.run->size() : command.workTargets.size();
+    return m_underWay.empty() ||
+           (targets <= CommandRun::BlockSize &&
+            std::none_of(m_underWay.begin(), m_underWay.end(),
+                         [](const UnderWay& other) { return other.command->work != nullptr; }));
+}
+
+void Dispatcher::serveEarly(const Command& command) {
+    if (m_underWay.empty() || (command.run && command.run->isQuiet()))
+        return;
+    const QStringList targets = command.run ? command.run->serials() : command.workTargets.serials();
+    for (int i = 0; i < targets.size() && !m_underWay.empty(); ++i) {
+        for (const UnderWay& earlier : m_underWay)
+            earlier.command->run->serveEarly(targets.at(i));
     }
-    if (!value.isString() || value.toString().toUtf8().size() > MaxBytes)
-        return std::nullopt;
-    return value.toString();
 }
 
-std::optional<QString> Arguments::filledText(const char* key) const {
-    auto found = text(key);
-    return found && !found->isEmpty() ? found : std::nullopt;
+/// Goes on with the command; true when its reply is there.
+bool Dispatcher::proceed(Command& command, const QDeadlineTimer& until) {
+    if (command.work) {
+        command.reply = command.work();
+        return true;
+    }
+    if (!command.run->proceed(until))
+        return false;
+    command.reply = command.run->reply();
+    return true;
 }
 
-QStringList Arguments::files() const {
-    const QStringList found = texts(m_request.value(QLatin1String("filelist")));
-    return found.contains(QString()) ? QStringList() : found;
+void Dispatcher::enqueue(UnderWay underWay) {
+    m_bytesUnderWay += underWay.bytes;
+    m_underWay.push_back(std::move(underWay));
+    if (!m_turn.isActive())
+        m_turn.start(0);
+}
+
+void Dispatcher::proceedUntil(const QDeadlineTimer& until) {
+    while (!m_underWay.empty() && proceed(*m_underWay.front().command, until)) {
+        const UnderWay done = std::move(m_underWay.front());
+        m_underWay.pop_front();
+        m_bytesUnderWay -= done.bytes;
+        done.reply(std::move(done.command->reply));
+        if (done.bytes > ReadHereBytes)
+            letGo(done.command);
+        if (until.hasExpired())
+            break;
+    }
+}
+
+void Dispatcher::takeTurn() {
+    proceedUntil(QDeadlineTimer(TimeSlice));
+    if (!m_underWay.empty())
+        m_turn.start(0);
+    readNext();
+}
+
+void Dispatcher::callEach(const CommandRow& row, SessionCall call) {
+    auto command = std::make_shared<Command>();
+    command->run = std::make_unique<CommandRun>(m_devices, row, std::move(call));
+    enqueue({command, [](const QByteArray& /*reply*/) {}, 0});
+}
+
+// --- large requests ---
+
+void Dispatcher::readNext() {
+    if (m_reading || m_unread.empty() || m_bytesUnderWay > MaxBytesUnderWay)
+        return;
+    m_reading = true;
+    m_reader.start([this, bytes = m_unread.front().request] {
+        const auto request = std::make_shared<Request>(read(bytes));
+        QMetaObject::invokeMethod(
+            &m_turn,
+            [this, request] {
+                m_reading = false;
+                const Unread unread = std::move(m_unread.front());
+                m_unread.pop_front();
+                begin(*request, unread.request.size(), unread.reply);
+                letGo(request);
+                readNext();
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+/// Millions of values take long to free.
+void Dispatcher::letGo(std::shared_ptr<void> large) {
+    m_reader.start([large = std::move(large)] {});
 }

@@ -1,118 +1,94 @@
 #pragma once
 
+#include "device/commandrow.h"
+#include "device/commandrun.h"
 #include "device/severinit.h"
 
-#include <functional>
-#include <optional>
-#include <QByteArray>
-#include <QHash>
-#include <QJsonObject>
-#include <QString>
-#include <QStringList>
-#include <vector>
+#include <deque>
+#include <QThreadPool>
+#include <QTimer>
 
-class SAobj;
-
-/// What a command does to one session: returns what the session's command returned.
-using SessionCall = std::function<int(SAobj&)>;
-
-/// A command whose arguments have been read, ready for any number of sessions; or why not.
-struct Plan {
-    SessionCall call;
-    const char* refusal = nullptr; ///< result word when there is no call
-    QString info;
-
-    template<typename Call>
-    Plan(Call work) // NOLINT(google-explicit-constructor): a plan is written as its call
-        : call(std::move(work)) {}
-    static Plan refused(const char* word, QString why) {
-        Plan plan(nullptr);
-        plan.refusal = word;
-        plan.info = std::move(why);
-        return plan;
-    }
-};
-
-/// Arguments of one request. Integers may stand as JSON numbers or as decimal text.
-class Arguments {
-public:
-    /// Longest argument of a command: well below what may wait for a speaker that is slow to read, so
-    /// that no command ends a connection.
-    static constexpr int MaxBytes = 64 * 1024;
-
-    explicit Arguments(const QJsonObject& request)
-        : m_request(request) {}
-    std::optional<int> integer(const char* key) const;
-    /// Text or integer, as text; nothing when missing, of another type or too long.
-    std::optional<QString> text(const char* key) const;
-    /// The same, but not empty.
-    std::optional<QString> filledText(const char* key) const;
-    /// Entries of "filelist"; empty when it is missing or any entry is no text or empty.
-    QStringList files() const;
-
-private:
-    const QJsonObject& m_request;
-};
-
-/// How a command names its sessions.
-enum class Targets {
-    One,  ///< "sn"
-    List, ///< "snlist"
-    Each, ///< "snlist" or "group"; a word that ends in "_G" looks at "group" first
-    All,  ///< every session of the registry
-    None, ///< the command answers by itself
-};
-
-/// Result words of a command, one for each thing that can become of a target. The reply carries the
-/// last failure's, `done` when there was none. Null: such a failure does not show in the result word.
-struct ResultWords {
-    const char* done = "success";
-    const char* offline = "unline";
-    const char* unknown = "out_of_range";
-    const char* disabled = "unline"; ///< online, but the session's enable flag is clear
-    const char* broken = "unline";   ///< the connection broke as it was written
-};
-
-class Dispatcher;
-
-/// One command: the row of the table.
-struct CommandRow {
-    const char* word;
-    int mode; ///< number in "mode" that selects it too; 0: none
-    Targets targets;
-    Plan (*plan)(const Arguments&);
-    ResultWords words;
-    /// For Targets::None: the whole reply.
-    QByteArray (*answer)(Dispatcher&, const QJsonObject&) = nullptr;
-    bool tellsEach = false; ///< the reply's "list" holds every target's own result word
-};
-
-/// Every command of the device room, in the order in which a request is compared with them.
-const std::vector<CommandRow>& commandTable();
-
-/// Runs one request against the registry. Cheap to make, keeps nothing.
+/// Runs requests against the registry; main loop only. A command to many speakers goes on over turns of
+/// the loop, so that nothing else waits for it. Such commands run one after the other; what comes
+/// meanwhile for a few speakers does not wait, but each of these is first served by the commands under
+/// way that it still stands in: the commands for one speaker keep their order.
 class Dispatcher {
 public:
-    using Added = QHash<QString, Severinit::Command>;
-    Dispatcher(Severinit& devices, const Added& added)
-        : m_devices(devices)
-        , m_added(added) {}
+    using Reply = std::function<void(QByteArray)>;
+    /// A request larger than this is read on another thread: here it would take milliseconds.
+    static constexpr int ReadHereBytes = 256 * 1024;
+    /// Of the requests of commands under way: no further large one is read beyond it.
+    static constexpr qint64 MaxBytesUnderWay = 32 * 1024 * 1024;
+    /// Most values, and most lists and objects, in a large request: what they cost in memory, and what a
+    /// whole fleet needs many times over.
+    static constexpr int MaxValues = 1'000'000;
+    static constexpr int MaxContainers = 1000;
 
+    explicit Dispatcher(Severinit& devices);
+    ~Dispatcher();
+    Q_DISABLE_COPY(Dispatcher)
+
+    void add(const QString& word, const Severinit::Command& command) { m_added.insert(word, command); }
+    /// To its end at once, whatever its size. May wait in a nested loop for a group.
     QByteArray run(const QByteArray& request);
+    /// In as many turns of the loop as it takes; `reply` is called once, at once or later.
+    void run(const QByteArray& request, const Reply& reply);
+
+    // --- for commands that answer by themselves ---
     Severinit& devices() { return m_devices; }
     /// Serials of the group; empty when there is none or nobody to ask. Waits in a nested loop.
     QStringList expandGroup(const QJsonObject& request) const;
+    /// Does it to every session, as a command whose reply nobody needs.
+    void callEach(const CommandRow& row, SessionCall call);
     static QByteArray reply(const char* word, const QString& info);
 
 private:
-    QByteArray runRow(const CommandRow& row, const QJsonObject& request);
-    QByteArray runAdded(const Severinit::Command& command, const QString& word, const QJsonObject& request);
-    std::optional<QStringList> resolve(Targets targets, const QString& word,
-                                       const QJsonObject& request) const;
-    std::vector<SAobj*> sessionsOf(const QStringList& serials) const; ///< null where there is none
-    std::vector<SAobj*> everySession() const;
-    QStringList each(const QString& word, const QJsonObject& request) const;
+    struct Request {
+        QJsonObject json;
+        QByteArray refusal; ///< the reply, when there is no object
+        TargetList listed;  ///< "snlist"
+    };
+    /// What a request has come to: its reply, targets to serve, or one piece of work.
+    struct Command {
+        QByteArray reply;
+        std::unique_ptr<CommandRun> run;
+        std::function<QByteArray()> work;
+        TargetList workTargets;
+    };
+    struct UnderWay {
+        std::shared_ptr<Command> command;
+        Reply reply;
+        qint64 bytes;
+    };
+    struct Unread {
+        QByteArray request;
+        Reply reply;
+    };
+
+    static Request read(const QByteArray& bytes);
+    static bool isTooMuch(const QByteArray& bytes);
+    Command commandOf(const Request& request);
+    Command rowCommand(const CommandRow& row, const Request& request);
+    Command addedCommand(const QString& word, const Request& request);
+    TargetList resolve(Targets targets, const QString& word, const Request& request) const;
+    TargetList each(const QString& word, const Request& request) const;
+
+    void begin(const Request& request, qint64 bytes, const Reply& reply);
+    bool mayGoFirst(const Command& command) const;
+    void serveEarly(const Command& command);
+    static bool proceed(Command& command, const QDeadlineTimer& until);
+    void enqueue(UnderWay underWay);
+    void proceedUntil(const QDeadlineTimer& until);
+    void takeTurn();
+    void readNext();
+    void letGo(std::shared_ptr<void> large);
 
     Severinit& m_devices;
-    const Added& m_added;
+    QHash<QString, Severinit::Command> m_added;
+    std::deque<UnderWay> m_underWay; ///< the first one is being served
+    qint64 m_bytesUnderWay = 0;
+    std::deque<Unread> m_unread;
+    bool m_reading = false;
+    QTimer m_turn;
+    QThreadPool m_reader; ///< one thread: large requests keep their order
 };

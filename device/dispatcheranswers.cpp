@@ -11,9 +11,6 @@
 
 namespace {
 
-/// Bytes of one entry of LIST, more or less.
-constexpr int ListEntryBytes = 260;
-
 void appendText(QByteArray& json, const char* key, const QString& text) {
     json += key;
     appendJsonText(json, text);
@@ -22,21 +19,6 @@ void appendText(QByteArray& json, const char* key, const QString& text) {
 void appendNumber(QByteArray& json, const char* key, int value) {
     json += key;
     json += QByteArray::number(value);
-}
-
-void appendSession(QByteArray& json, const SAobj& session) {
-    appendText(json, "{\"sn\":", session.sn());
-    appendText(json, ",\"status_playfile\":", session.playingPath());
-    appendText(json, ",\"l_ip\":", session.localIp());
-    appendNumber(json, ",\"vol\":", session.vol());
-    appendNumber(json, ",\"status\":", session.onlineState());
-    appendNumber(json, ",\"kind\":", session.kind());
-    appendText(json, ",\"r_ip\":", session.remoteIp());
-    appendNumber(json, ",\"Mic_d\":", session.micD());
-    appendNumber(json, ",\"Mic_e\":", session.micE());
-    appendNumber(json, ",\"dsv\":", session.debugState());
-    appendNumber(json, ",\"xhstatus\":", session.xuhao());
-    json += '}';
 }
 
 /// The reply with "list": `entries` are JSON values, separated by commas.
@@ -53,26 +35,6 @@ QString speakers(int count) {
     return QStringLiteral("%1 speakers").arg(count);
 }
 
-template<typename Sessions>
-QByteArray entriesOf(const Sessions& sessions) {
-    QByteArray entries;
-    entries.reserve(static_cast<int>(sessions.size()) * ListEntryBytes);
-    for (const SAobj* const session : sessions) {
-        if (!entries.isEmpty())
-            entries += ',';
-        appendSession(entries, *session);
-    }
-    return entries;
-}
-
-QByteArray listOfChanges(Dispatcher& dispatcher, const QByteArray& since) {
-    const Severinit::Changes changes = dispatcher.devices().changesSince(since);
-    QByteArray json =
-        withList(speakers(static_cast<int>(changes.sessions.size())), entriesOf(changes.sessions));
-    json.chop(1);
-    return json + ",\"mark\":\"" + changes.mark + "\",\"more\":" + (changes.isMore ? "true}" : "false}");
-}
-
 bool isSerial(const QString& text) {
     return (text.size() == 32 || text.size() == 24) && std::all_of(text.begin(), text.end(), [](QChar c) {
                return (c >= QLatin1Char('0') && c <= QLatin1Char('9')) ||
@@ -87,27 +49,9 @@ QStringList serials(const QJsonObject& request) {
     return found;
 }
 
-QByteArray noTargets() {
-    return Dispatcher::reply("Data_error_7", QStringLiteral("no serials in \"snlist\""));
-}
-
-QByteArray setEnabled(Dispatcher& dispatcher, const QJsonObject& request, bool isEnabled) {
-    const QStringList targets = serials(request);
-    if (targets.isEmpty())
-        return noTargets();
-    QStringList unknown;
-    for (const QString& sn : targets) {
-        if (isSerial(sn) || dispatcher.devices().session(sn))
-            dispatcher.devices().setRestricted(sn, !isEnabled);
-        if (!dispatcher.devices().session(sn))
-            unknown << sn;
-    }
-    const QString verb = isEnabled ? QStringLiteral("enabled") : QStringLiteral("disabled");
-    if (!unknown.isEmpty())
-        return Dispatcher::reply("out_of_range", QStringLiteral("%1 %2 for their first registration: %3")
-                                                     .arg(unknown.size())
-                                                     .arg(verb, unknown.join(QStringLiteral(", "))));
-    return Dispatcher::reply("success", QStringLiteral("%1 %2").arg(targets.size()).arg(verb));
+void setEnabled(Severinit& devices, const QString& sn, bool isEnabled) {
+    if (isSerial(sn) || devices.session(sn))
+        devices.setRestricted(sn, !isEnabled);
 }
 
 /// How a command changes the list of refused serials.
@@ -143,20 +87,47 @@ QByteArray changeRegistered(Dispatcher& dispatcher, const QJsonObject& request, 
         return Dispatcher::reply("write_erro", QStringLiteral("\"unuse.conf\" can't be written"));
     const Arguments arguments(request);
     if (const auto url = arguments.filledText("url")) {
-        for (SAobj* const session : devices.sessions())
-            session->_AATS(*url, arguments.text("md5").value_or(QString()),
-                           arguments.text("paths").value_or(QString()));
+        const auto tell = [url = *url, md5 = arguments.text("md5").value_or(QString()),
+                           paths = arguments.text("paths").value_or(QString())](SAobj& session) {
+            return session._AATS(url, md5, paths);
+        };
+        static const CommandRow row{"A#", 0, Targets::All, nullptr, {}};
+        dispatcher.callEach(row, tell);
     }
     return Dispatcher::reply("success9000800", QStringLiteral("%1 serials in the list").arg(list.size()));
 }
 
 } // namespace
 
-QByteArray answers::list(Dispatcher& dispatcher, const QJsonObject& request) {
-    if (request.contains(QLatin1String("since")))
-        return listOfChanges(dispatcher, request.value(QLatin1String("since")).toString().toUtf8());
-    const auto& sessions = dispatcher.devices().sessions();
-    return withList(speakers(sessions.size()), entriesOf(sessions));
+void answers::appendSession(QByteArray& json, const SAobj& session) {
+    appendText(json, "{\"sn\":", session.sn());
+    appendText(json, ",\"status_playfile\":", session.playingPath());
+    appendText(json, ",\"l_ip\":", session.localIp());
+    appendNumber(json, ",\"vol\":", session.vol());
+    appendNumber(json, ",\"status\":", session.onlineState());
+    appendNumber(json, ",\"kind\":", session.kind());
+    appendText(json, ",\"r_ip\":", session.remoteIp());
+    appendNumber(json, ",\"Mic_d\":", session.micD());
+    appendNumber(json, ",\"Mic_e\":", session.micE());
+    appendNumber(json, ",\"dsv\":", session.debugState());
+    appendNumber(json, ",\"xhstatus\":", session.xuhao());
+    json += '}';
+}
+
+QByteArray answers::listOfChanges(Dispatcher& dispatcher, const QJsonObject& request) {
+    if (!request.contains(QLatin1String("since")))
+        return {};
+    const QByteArray since = request.value(QLatin1String("since")).toString().toUtf8();
+    const Severinit::Changes changes = dispatcher.devices().changesSince(since);
+    QByteArray entries;
+    for (const SAobj* const session : changes.sessions) {
+        if (!entries.isEmpty())
+            entries += ',';
+        appendSession(entries, *session);
+    }
+    QByteArray json = withList(speakers(static_cast<int>(changes.sessions.size())), entries);
+    json.chop(1);
+    return json + ",\"mark\":\"" + changes.mark + "\",\"more\":" + (changes.isMore ? "true}" : "false}");
 }
 
 QByteArray answers::group(Dispatcher& dispatcher, const QJsonObject& request) {
@@ -172,12 +143,12 @@ QByteArray answers::group(Dispatcher& dispatcher, const QJsonObject& request) {
     return withList(speakers(members.size()), entries);
 }
 
-QByteArray answers::enable(Dispatcher& dispatcher, const QJsonObject& request) {
-    return setEnabled(dispatcher, request, true);
+void answers::enable(Severinit& devices, const QString& sn) {
+    setEnabled(devices, sn, true);
 }
 
-QByteArray answers::disable(Dispatcher& dispatcher, const QJsonObject& request) {
-    return setEnabled(dispatcher, request, false);
+void answers::disable(Severinit& devices, const QString& sn) {
+    setEnabled(devices, sn, false);
 }
 
 QByteArray answers::addRegistered(Dispatcher& dispatcher, const QJsonObject& request) {

@@ -4,16 +4,20 @@
 
 class Dispatcher;
 class QJsonObject;
+class QString;
+class SAobj;
+class Severinit;
 
 /// The commands that do not send one thing to each target but answer for themselves.
 namespace answers {
 
-/// Every session with its state, written straight into bytes: at 20,000 speakers it must not hold the
-/// loop.
-QByteArray list(Dispatcher& dispatcher, const QJsonObject& request);
+/// The session with its state, written straight into bytes.
+void appendSession(QByteArray& json, const SAobj& session);
+/// The sessions that have changed since the mark that the request gives; nothing without one.
+QByteArray listOfChanges(Dispatcher& dispatcher, const QJsonObject& request);
 QByteArray group(Dispatcher& dispatcher, const QJsonObject& request);
-QByteArray enable(Dispatcher& dispatcher, const QJsonObject& request);
-QByteArray disable(Dispatcher& dispatcher, const QJsonObject& request);
+void enable(Severinit& devices, const QString& sn);
+void disable(Severinit& devices, const QString& sn);
 
 // The list of serials that may not register, kept in "unuse.conf". "sskey" must be the service key
 // and the licence must allow "seed" and "key".

@@ -1,6 +1,7 @@
-#include "device/dispatcher.h"
+#include "device/commandrow.h"
 #include "device/dispatcheranswers.h"
 #include "device/saobj.h"
+#include "device/severinit.h"
 
 #include <algorithm>
 #include <QDebug>
@@ -128,11 +129,12 @@ Plan newAddress(const Arguments& arguments) {
 
 // --- play lists ---
 
-/// The bytes of a list command: entries joined by line feeds. Empty when there are none.
+/// The bytes of a list command: entries joined by line feeds. Empty when there are none. The log gets
+/// no entry itself: a line for a speaker's shell may hold a password.
 QByteArray joined(const QStringList& files) {
-    for (const QString& file : files)
-        qDebug().noquote() << "strline:" << file;
-    return files.join(QLatin1Char('\n')).toUtf8();
+    const QByteArray list = files.join(QLatin1Char('\n')).toUtf8();
+    qDebug() << "strline:" << files.size() << "entries" << list.size() << "bytes";
+    return list;
 }
 
 Plan listCall(const QStringList& files, int (SAobj::*method)(const QByteArray&)) {
@@ -307,8 +309,8 @@ constexpr ResultWords Gpio{"success90708", "unline90708", "out_of_range90008", "
 const std::vector<CommandRow>& commandTable() {
     using T = Targets;
     static const std::vector<CommandRow> table{
-        {"LIST", 1001, T::None, nullptr, Usual, answers::list},
-        {"GETALLINFO", 0, T::None, nullptr, Usual, answers::list},
+        {"LIST", 1001, T::All, nullptr, Usual, answers::listOfChanges, false, answers::appendSession},
+        {"GETALLINFO", 0, T::All, nullptr, Usual, answers::listOfChanges, false, answers::appendSession},
         {"VOL", 1002, T::One, volumeLevel, Usual},
         {"VOL_V", 1003, T::One, volumeByte, Volume},
         {"VOL_S", 1009, T::List, volumeByte, Usual, nullptr, true},
@@ -355,8 +357,8 @@ const std::vector<CommandRow>& commandTable() {
         {"STOPALL_TASK_G", 0, T::Each, plain<&SAobj::_AAT_ALL>, Usual},
         {"FILE_G", 0, T::Each, transferFile<Path>, Usual},
         {"FILES_G", 0, T::Each, transferFile<Paths>, Usual},
-        {"useing_enable", 0, T::None, nullptr, Usual, answers::enable},
-        {"useing_disable", 0, T::None, nullptr, Usual, answers::disable},
+        {"useing_enable", 0, T::List, nullptr, Usual, nullptr, false, nullptr, answers::enable},
+        {"useing_disable", 0, T::List, nullptr, Usual, nullptr, false, nullptr, answers::disable},
         {"ADD_FDEV", 0, T::None, nullptr, Usual, answers::addRegistered},
         {"EDT_FDEV", 0, T::None, nullptr, Usual, answers::editRegistered},
         {"DEL_FDEV", 0, T::None, nullptr, Usual, answers::deleteRegistered},

@@ -61,6 +61,7 @@ Severinit::Severinit(QString updateListPath, QString upstreamcdn, QString localc
     m_state->env.serverAddress = std::move(LocalIP);
     for (const QString& sn : readBlockList(BlockListFile))
         m_state->blocked.insert(sn);
+    m_state->dispatcher = std::make_unique<Dispatcher>(*this);
     connect(&m_state->refreshTimer, &QTimer::timeout, this, &Severinit::reflushredis);
 }
 
@@ -180,15 +181,12 @@ TimingWheel& Severinit::wheel() {
     return m_state->wheel;
 }
 
-QJsonArray Severinit::onlineDevices() const {
-    QJsonArray devices;
+QVector<OnlineDevice> Severinit::onlineDevices() const {
+    QVector<OnlineDevice> devices;
     for (const SAobj* const session : std::as_const(m_state->sessions)) {
         if (session->isOnline())
-            devices.append(QJsonObject{{QStringLiteral("seed"), session->sn()},
-                                       {QStringLiteral("status"), session->onlineState()},
-                                       {QStringLiteral("vol"), session->vol()},
-                                       {QStringLiteral("voltage"), session->voltage()},
-                                       {QStringLiteral("debug"), session->debugState()}});
+            devices.append({session->sn(), session->onlineState(), session->vol(), session->voltage(),
+                            session->debugState()});
     }
     return devices;
 }

@@ -5,18 +5,27 @@
 #include <functional>
 #include <memory>
 #include <QByteArray>
-#include <QJsonArray>
 #include <QJsonObject>
 #include <QMap>
 #include <QObject>
 #include <QSet>
 #include <QStringList>
+#include <QVector>
 #include <vector>
 
 class fortcpclient;
 class LicenceCheck;
 class SAobj;
 class StateMirror;
+
+/// What is told of a speaker that is online.
+struct OnlineDevice {
+    QString seed; ///< serial
+    int status;   ///< SAobj::OnlineState
+    int vol;
+    int voltage;
+    int debug;
+};
 
 /// The device service: registry of every speaker session of this node, and the dispatcher through
 /// which every command for speakers passes. Owner: start-up. Main loop only; other threads reach it
@@ -73,8 +82,7 @@ public:
     /// Puts the serial on the restricted list and disables its session, or undoes both.
     void setRestricted(const QString& sn, bool restricted);
     TimingWheel& wheel();
-    /// Devices online, one object each: "seed", "status", "vol", "voltage", "debug" (integers).
-    QJsonArray onlineDevices() const;
+    QVector<OnlineDevice> onlineDevices() const;
     QSet<QString> onlineSerials() const;
     void printinfo();
 
@@ -97,6 +105,9 @@ public:
     /// of "snlist", or the expanded "group"; never empty), returns the reply object.
     using Command = std::function<QJsonObject(const QJsonObject& request, const QStringList& targets)>;
     void addCommand(const QString& word, const Command& command);
+    /// Runs one request as Diamonds_jsondidocom() does, but a command to many speakers goes on over turns
+    /// of the loop; `reply` is called once, at once or later.
+    void runCommand(const QByteArray& request, const std::function<void(QByteArray)>& reply);
 
 public slots:
     /// Binds a connection to its session; a serial without a session drops the connection. `port` is

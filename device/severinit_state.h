@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/timingwheel.h"
+#include "device/dispatcher.h"
 #include "device/licence.h"
 #include "device/sessionenv.h"
 #include "device/severinit.h"
@@ -39,5 +40,5 @@ struct Severinit::State {
     // --- dispatcher ---
     const qint64 began = QDateTime::currentMSecsSinceEpoch(); ///< tells this run's marks from others'
     quint64 changes = 0;                                      ///< of the numbers of sessions, as far as seen
-    QHash<QString, Command> addedCommands;
+    std::unique_ptr<Dispatcher> dispatcher;
 };

@@ -24,9 +24,9 @@ struct Server {
     std::function<QByteArray(const QByteArray&)> reply;
 
     Server() {
-        server.start(QHostAddress::Any, 0, [this](const QByteArray& request) {
+        server.start(QHostAddress::Any, 0, [this](const QByteArray& request, const auto& answer) {
             requests << request;
-            return reply ? reply(request) : "{\"n\":" + QByteArray::number(requests.size()) + '}';
+            answer(reply ? reply(request) : "{\"n\":" + QByteArray::number(requests.size()) + '}');
         });
     }
     quint16 port() const { return server.serverPort(); }
@@ -206,6 +206,23 @@ private slots:
         Client client(server.port());
         QVERIFY(waitFor([&] { return client.isClosed; }));
         QVERIFY(server.requests.isEmpty());
+    }
+
+    /// As many as the server takes, and one more: of the silent ones the first to have fallen silent goes.
+    void oldestSilentPeerMakesRoom() {
+        Server server;
+        std::vector<std::unique_ptr<Client>> peers;
+        for (int i = 0; i < CommandServer::MaxConnections; ++i)
+            peers.push_back(std::make_unique<Client>(server.port()));
+        const auto speak = [](Client& client) {
+            client.write("{}");
+            return waitFor([&] { return client.received.endsWith("\r\n"); });
+        };
+        QVERIFY(speak(*peers[0]));
+        Client late(server.port());
+        QVERIFY(speak(late));
+        QVERIFY(waitFor([&] { return peers[1]->isClosed; }));
+        QVERIFY(!peers[0]->isClosed && !peers[2]->isClosed);
     }
 
     void senderRequests_data() {

@@ -110,6 +110,8 @@ private slots:
         row("{'cmd':'PLAYOFF_G','snlist':[$A],'filelist':['a']}", "WELL", "A1a");
         row("{'cmd':'PLAYOFF_G','group':'half','filelist':['a']}", "out_of_range", "A1a");
         row("{'cmd':'PLAYOFF_G','group':'nobody','filelist':['a']}", "Data_error_7");
+        row("{'cmd':'PLAYOFF_G','group':'nobody','snlist':[$A],'filelist':['a']}", "WELL", "A1a");
+        row("{'cmd':'PLAYOFF_G','group':'','snlist':[$A],'filelist':['a']}", "Data_error_7");
         row("{'cmd':'PLAYOFF','snlist':[$D,$C,$A],'filelist':['a']}", "unline", "A1a");
         row("{'cmd':'PLAYOFF','snlist':[7,null,$A],'filelist':['a']}", "out_of_range", "A1a");
         row("{'cmd':'PLAYOFF','snlist':[$A],'filelist':[]}", "ufile_error");
@@ -191,8 +193,9 @@ private slots:
     void withoutRedis() {
         m_link->registry.setStateMirror(nullptr);
         QCOMPARE(askJson("{'cmd':'PLAYOFF_G','group':'g','filelist':['a']}")["res"], "Data_error_7");
+        QCOMPARE(askJson("{'cmd':'PLAYOFF_G','group':'g','snlist':[$B],'filelist':['a']}")["res"], "WELL");
         QCOMPARE(askJson("{'cmd':'ListGroup','group':'g'}")["res"], "Data_error_7");
-        QVERIFY(wire({}, {}));
+        QVERIFY(wire({}, "A1a"));
     }
 
     void disabledSpeaker() {
@@ -213,6 +216,31 @@ private slots:
                                      sn("B") + " success"}));
         QVERIFY(reply["info"].toString().contains("2 of 4"));
         QVERIFY(wire("V\x03", "V\x03"));
+    }
+
+    /// A command to very many is under way, B served and A's turn far off: what comes meanwhile for A runs
+    /// at once, and yet after it. The reply tells every target in its place.
+    void commandsForOneSpeakerKeepTheirOrder() {
+        constexpr int Others = 300'000;
+        QByteArray request = "{\"cmd\":\"VOL_S\",\"vol\":5,\"snlist\":[\"" + sn("B").toLatin1() + '"';
+        for (int i = 0; i < Others; ++i)
+            request += ",\"b0000000000000000000" + QByteArray::number(1'000'000'000'000LL + i) + '"';
+        request += ",\"" + sn("A").toLatin1() + "\"]}";
+        RawConnection big(m_server->serverPort());
+        big.send(request);
+        QVERIFY(m_b->waitReceived("V\x05"));
+        QCOMPARE(askJson("{'cmd':'VOL_V','sn':$A,'vol':7}")["res"], "success");
+        const QByteArray plain = fill("{'cmd':'VOL_V','sn':$A,'vol':8}");
+        QVERIFY(m_link->registry.Diamonds_jsondidocom(plain).contains("success"));
+        QVERIFY(big.received().isEmpty());
+        QVERIFY(waitFor([&] { return big.received().endsWith("\r\n"); }));
+        const QJsonObject reply = QJsonDocument::fromJson(big.received()).object();
+        QCOMPARE(reply["res"], "out_of_range");
+        QVERIFY(reply["info"].toString().startsWith("sent to 2 of 300002; "));
+        QCOMPARE(reply["list"].toArray().size(), Others + 2);
+        QCOMPARE(reply["list"].toArray().last().toObject(),
+                 (QJsonObject{{"sn", sn("A")}, {"res", "success"}}));
+        QVERIFY(wire("V\x05V\x07V\x08", "V\x05"));
     }
 
     void list() {
