@@ -38,7 +38,7 @@ SqlResult writeRow(sqlite& database, const AudioUpload& upload, StoredAudio& aud
         return old;
     if (old.isEmpty()) {
         const SqlResult added = database.run(
-            QStringLiteral("INSERT INTO `userfile` (`userid`, `filename`, `url`, `len`, `crl`,   `ziuse`, "
+            QStringLiteral("INSERT INTO  `userfile` (`userid`, `filename`, `url`, `len`, `crl`,   `ziuse`, "
                            "`sizeByte`)                             VALUES ( '@userid', '@filename', '@url', "
                            "'@len' , '@crl' , 1 , '@filesize' )"),
             args);

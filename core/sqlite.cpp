@@ -204,6 +204,6 @@ std::unique_ptr<sqlite> sqlite::forThread() const {
     const QString name = QStringLiteral("taskmain_%1").arg(++count);
     qDebug().noquote() << "reget Dbasename" << name;
     std::unique_ptr<sqlite> own(new sqlite(*this, name));
-    own->init();
+    own->init2();
     return own;
 }
