@@ -2,6 +2,7 @@
 
 #include "api/call.h"
 #include "core/sqlite.h"
+#include "http/httprequest.h"
 
 #include <cstdio>
 #include <QDebug>
@@ -122,6 +123,11 @@ bool FileStore::remove(const QString& url) const {
 
 void FileStore::removeLeftovers(const QString& runingdir) {
     QDir(runingdir + workFolder()).removeRecursively();
+}
+
+QString uploadName(const Call& call, const HttpRequest& request) {
+    return call.has("filename") ? call.text("filename")
+                                : QString::fromUtf8(request.getUploadedFileName("file"));
 }
 
 QByteArray StoreResult::refusalReply() const {

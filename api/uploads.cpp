@@ -75,9 +75,7 @@ QByteArray DumpController_add_user::user_reg_fileallk(const Params& params, Http
     Call call(params, *m_mapper);
     if (!call.require({}, "Parusersss") || !call.authenticate())
         return call.refused();
-    const QString given =
-        call.has("filename") ? call.text("filename") : QString::fromUtf8(request.getUploadedFileName("file"));
-    const QString name = sharedName(given);
+    const QString name = sharedName(uploadName(call, request));
     const FileStore store(db());
     const QString url = QStringLiteral("ksfile/%1/%2").arg(call.userid()).arg(name);
     const SqlArgs args{{QStringLiteral("@userid"), call.userid()},

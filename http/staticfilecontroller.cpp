@@ -26,9 +26,10 @@ QByteArray resolvedPath(const QSettings& settings) {
     return QFile::encodeName(QDir::cleanPath(base.absoluteFilePath(path)));
 }
 
-/// Whether a path may be looked up at all: no step upwards, nothing hidden.
+/// Whether a path may be looked up at all: no step upwards, nothing hidden but a sound without a name.
 bool isServable(const QByteArray& path) {
-    return !path.contains("/.");
+    const bool isNameless = path.startsWith("/mp3/") && path.endsWith("/.mp3");
+    return !(isNameless ? path.chopped(int(sizeof "/.mp3") - 1) : path).contains("/.");
 }
 
 bool isDirectory(int descriptor) {

@@ -2,6 +2,7 @@
 
 #include "tasks/tasxkobj.h"
 
+#include "core/fileaddress.h"
 #include "core/sqlite.h"
 
 namespace {
@@ -111,5 +112,5 @@ bool TaskReader::readTemporaryFiles(Tasxkobj& player) const {
 }
 
 QString TaskReader::absolute(const QString& url) const {
-    return url.contains(QStringLiteral("://")) ? url : m_database->site.preurl + url;
+    return url.contains(QStringLiteral("://")) ? url : fileAddress(m_database->site.preurl, url);
 }

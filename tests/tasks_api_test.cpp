@@ -205,7 +205,8 @@ private slots:
 
     void lengthOfTheFilesWhenNoneIsGiven() {
         const HttpReply reply = m_site->call(
-            "/user/add_task", {{"snids", ""}, {"fileids", "1|2|1"}, {"start_time", "0:0:0"}, {"kind", "2"}});
+            "/user/add_task",
+            {{"snids", ""}, {"fileids", "1|2|1"}, {"start_time", "0:0:0"}, {"kind", "2"}, {"len", ""}});
         const QVariantMap row = m_site->task(reply["taskid"].toInt());
         QCOMPARE(row["len"].toInt(), 1200);
         QCOMPARE(row["startdate"].toInt(), 0);
