@@ -33,7 +33,43 @@ class ApiRoutesTest : public QObject {
 private slots:
     void cleanupTestCase() { ApiWorld::stopAll(); }
 
-    void initTestCase_data() { addKinds({0, 3, 1}); }
+    void initTestCase_data() {
+        const Table<int, bool> row{"kind", "hardened"};
+        row("kind 0", 0, false);
+        row("kind 3", 3, false);
+        row("kind 1", 1, false);
+        row("kind 3 hardened", 3, true);
+    }
+
+    /// What an answer holds as fixed and in the safe ways. who: "alice", "bob" or nobody, who sends no id
+    /// and token; a path after "GET " is asked for by GET. A refusal must not change any row.
+    void refusesAsConfigured_data() {
+        const Table<QString, QString, QString, QByteArray, QByteArray> row{"who", "path", "params", "asFixed",
+                                                                           "asHardened"};
+        const QByteArray nothing = R"({"res":true,"taskary":[]})";
+        row("an unknown account owns nothing", "", "/user/list_task", "id=99999&token=", nothing, nothing);
+    }
+
+    void refusesAsConfigured() {
+        QFETCH(QString, who);
+        QFETCH(QString, path);
+        QFETCH(QString, params);
+        QFETCH(QByteArray, asFixed);
+        QFETCH(QByteArray, asHardened);
+        QFETCH_GLOBAL(bool, hardened);
+        ApiWorld& world = this->world();
+        const QString before = world.snapshot();
+        const HttpParams sent = who == "alice" ? world.alice.params(form(params))
+                                : who == "bob" ? world.bob.params(form(params))
+                                               : form(params);
+        HttpReply reply = path.startsWith("GET ") ? world.service.http().get(path.mid(4) + '?' + params)
+                                                  : world.service.http().postForm(path, sent);
+        if (path.startsWith("GET ") && reply.body.endsWith("GET"))
+            reply.body.chop(3);
+        QVERIFY(holds(reply, hardened ? asHardened : asFixed));
+        if (!reply.res())
+            QCOMPARE(world.snapshot(), before);
+    }
 
     /// Endpoints that ask for "id" and "token" and for `params`; `foreign` names Bob's object instead of
     /// Alice's; `check` is a statement about what the good case leaves, none: nothing may change.
@@ -190,7 +226,7 @@ private slots:
         const auto speaker = onlineFleet(speakersAt(world.service, sn.toLatin1()), 1);
         HttpClient& http = world.service.http();
         const auto listed = [&] {
-            return http.postForm("/user/olist", {})["devlist"].toArray();
+            return http.postForm("/user/olist", world.alice.params())["devlist"].toArray();
         };
         QVERIFY(waitFor([&] { return listed().size() == 1; }));
         const QJsonObject live = listed()[0].toObject();
@@ -357,13 +393,15 @@ private slots:
 private:
     static ApiWorld& world() {
         QFETCH_GLOBAL(int, kind);
-        ApiWorld& world = ApiWorld::of(kind);
+        QFETCH_GLOBAL(bool, hardened);
+        ApiWorld& world = ApiWorld::of(kind, hardened);
         world.reset();
         return world;
     }
     static HttpReply asAlice(const QString& path, const QString& params = {}) {
         QFETCH_GLOBAL(int, kind);
-        ApiWorld& world = ApiWorld::of(kind);
+        QFETCH_GLOBAL(bool, hardened);
+        ApiWorld& world = ApiWorld::of(kind, hardened);
         return world.service.http().postForm(path, world.alice.params(form(params)));
     }
 };
