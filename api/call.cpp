@@ -1,7 +1,9 @@
 #include "api/call.h"
 
 #include "api/requestmapper.h"
+#include "core/sqlite.h"
 
+#include <algorithm>
 #include <QJsonDocument>
 #include <QRegularExpression>
 
@@ -29,17 +31,28 @@ QList<qint64> numbersIn(const QString& list) {
     return numbers;
 }
 
+bool isOneLine(const QString& text) {
+    return std::none_of(text.begin(), text.end(),
+                        [](QChar c) { return c.category() == QChar::Other_Control; });
+}
+
+bool isPlayable(const QString& address, const RequestMapper& router) {
+    static const QRegularExpression actedOn(QStringLiteral("[\"'`$;|<>\\\\]"));
+    return isOneLine(address) && !(router.database()->site.safeurls && address.contains(actedOn));
+}
+
 bool Call::require(std::initializer_list<const char*> names, const char* word) {
     bool complete = has("id") && has("token");
     for (const char* name : names)
-        complete = complete && has(name);
+        complete = complete && has(name) && (qstrcmp(name, "url") != 0 || isPlayable(text(name), m_tokens));
     return complete || refuse(refusal(QLatin1String(word)));
 }
 
-bool Call::authenticate(const char* unknownWord) {
-    if (m_tokens.token(userid()))
-        return authenticateLoosely();
-    return refuse(refusal(QLatin1String(unknownWord), -1));
+bool Call::authenticateAs(int account, const char* unknownWord) {
+    const auto token = m_tokens.token(account);
+    if (!token)
+        return refuse(refusal(QLatin1String(unknownWord), -1));
+    return *token == text("token") || refuse(refusal(QStringLiteral("_FALSE6"), -2));
 }
 
 bool Call::authenticateLoosely() {

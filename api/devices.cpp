@@ -221,7 +221,10 @@ QByteArray DumpController_add_user::user_disable_device(const Params& params) {
                          [this](const QStringList& sns) { commands()->disable_device(sns); });
 }
 
-QByteArray DumpController_add_user::user_LIST(const Params& /*params*/) {
+QByteArray DumpController_add_user::user_LIST(const Params& params) {
+    Call call(params, *m_mapper);
+    if (db().site.tokenpaths && (!call.require({}, "Paruser") || !call.authenticate()))
+        return call.refused();
     const QJsonArray list = callOnLoop(m_devices, [this] { return m_devices->onlineDevices(); });
     return reply({{QStringLiteral("res"), true}, {QStringLiteral("devlist"), list}});
 }

@@ -2,12 +2,14 @@
 
 #include "http/httprequesthandler.h"
 
+#include <memory>
 #include <optional>
 #include <QHash>
 #include <QMap>
 #include <QReadWriteLock>
 #include <QString>
 
+class PlanKeys;
 class QCoreApplication;
 class Severinit;
 class sqlite;
@@ -41,6 +43,9 @@ public:
     void setToken(int userid, const QString& token); ///< `token` must not be empty
     static QString randomToken();                    ///< 40 random lower-case hexadecimal digits
 
+    /// Random parts of the plans' call-back addresses; null when none are asked for. Any thread.
+    const PlanKeys* planKeys() const { return m_planKeys.get(); }
+
     /// Host under which the endpoints reach this node's own command server. Any thread.
     QString commandHost() const { return m_commandHost; }
 
@@ -51,6 +56,7 @@ private:
     Task_workque* m_tasks;
     const TemplateLoader* m_templates = nullptr;
     const QString m_commandHost;
+    const std::unique_ptr<const PlanKeys> m_planKeys; ///< with the key `tokenpaths`
     mutable QReadWriteLock m_lock;
     QHash<int, QString> m_tokens; ///< guarded by m_lock
 };

@@ -35,10 +35,11 @@ private slots:
         m_kind = kind;
         ServiceOptions options;
         options.kind = kind;
-        options.settings = {{"listener/maxMultiPartSize", 4'000'000}};
+        options.settings = {{"listener/maxMultiPartSize", 4'000'000}, {"adminpictures", kind != 0}};
         m_service = std::make_unique<Service>(options);
         QVERIFY(m_service->start());
         m_admin = m_service->addAccount("admin");
+        m_service->sql("UPDATE sbox_users SET user_level = 1");
     }
 
     void cleanup() {
@@ -154,6 +155,12 @@ private slots:
         const QByteArray png = QByteArray("\x89PNG\r\n\x1A\n", 8) + QByteArray(500, 'p');
         QVERIFY(upload("/user/wxtouxianguploadfile", png).res());
         QVERIFY(upload("/user/wxlogopnguploadfile", png).res());
+        const Account other = m_service->addAccount("other");
+        const HttpReply others = m_service->http().postMultipart("/user/wxlogopnguploadfile", other.params(),
+                                                                 "file", "f", m_kind == 0 ? png : png + "no");
+        QCOMPARE(others.info(), m_kind == 0 ? "SUC" : "ER_REJECT");
+        QCOMPARE(upload("/user/swapupload", png, "n", {{"lunbotext", "t"}, {"to", "javascript:x"}}).info(),
+                 "Parusersss");
         QCOMPARE(m_service->http().get("/static/u1.jpg").body, png);
         QCOMPARE(m_service->http().get("/static/logo.png").body, png);
 
