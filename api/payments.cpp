@@ -31,6 +31,8 @@ QByteArray DumpController_add_user::odds_fuckpay(const Params& params) {
         if (!call.has(name))
             return refusal(QStringLiteral("ParER"));
     }
+    if (call.hasLongText() || call.isLonger("sn", Call::MaxName))
+        return refusal(QStringLiteral("ParER"));
     const QString payKey = db().site.payKey;
     if (!payKey.isEmpty() && call.raw("sskey") != payKey)
         return refusal(QStringLiteral("sskey_ER"));
