@@ -92,7 +92,8 @@ QByteArray DumpController_add_user::user_add(const Params& /*params*/) {
 
 QByteArray DumpController_add_user::user_add_lite(const Params& params) {
     const Call call(params, *m_mapper);
-    if (!call.has("sskey") || !call.has("username") || !call.has("passwd"))
+    if (!call.has("sskey") || !call.has("username") || !call.has("passwd") ||
+        call.isLonger("username", Call::MaxName) || call.isLonger("passwd", Call::MaxName))
         return refusal(QStringLiteral("ParER"));
     if (!m_devices->matchesServiceKey(call.raw("sskey")))
         return refusal(QStringLiteral("sskey_ER"));

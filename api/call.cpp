@@ -4,6 +4,7 @@
 #include "core/sqlite.h"
 
 #include <algorithm>
+#include <array>
 #include <QJsonDocument>
 #include <QRegularExpression>
 
@@ -45,7 +46,7 @@ bool Call::require(std::initializer_list<const char*> names, const char* word) {
     bool complete = has("id") && has("token");
     for (const char* name : names)
         complete = complete && has(name) && (qstrcmp(name, "url") != 0 || isPlayable(text(name), m_tokens));
-    return complete || refuse(refusal(QLatin1String(word)));
+    return (complete && !hasLongText()) || refuse(refusal(QLatin1String(word)));
 }
 
 bool Call::authenticateAs(int account, const char* unknownWord) {
@@ -75,6 +76,21 @@ QString Call::raw(const char* name) const {
 
 QString Call::text(const char* name) const {
     return raw(name).trimmed();
+}
+
+bool Call::isLonger(const char* name, int bytes) const {
+    const QByteArray value = m_params.value(name);
+    return value.size() > bytes && value.trimmed().size() > bytes;
+}
+
+bool Call::hasLongText() const {
+    constexpr std::array names{"device_code", "dname",     "fei",   "gname",    "lunbotext",
+                               "name",        "newname",   "newsn", "overtime", "plantname",
+                               "pname",       "task_name", "type"};
+    constexpr int texts = 4096;
+    return isLonger("info", texts) || isLonger("to", texts) || isLonger("url", texts) ||
+           std::any_of(names.begin(), names.end(),
+                       [this](const char* name) { return isLonger(name, MaxName); });
 }
 
 int Call::number(const char* name) const {

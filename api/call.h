@@ -35,8 +35,8 @@ public:
         : m_params(params)
         , m_tokens(tokens) {}
 
-    /// "id", "token" and `names` must be present, and a "url" among them be playable; otherwise the
-    /// refusal's info is `word`.
+    /// "id", "token" and `names` must be present, a "url" among them be playable and no text too long to
+    /// store; otherwise the refusal's info is `word`.
     bool require(std::initializer_list<const char*> names, const char* word);
     /// Unknown user: `unknownWord` with code -1; wrong token: "_FALSE6" with code -2.
     bool authenticate(const char* unknownWord = "_FALSE5") { return authenticateAs(userid(), unknownWord); }
@@ -51,9 +51,13 @@ public:
 
     int userid() const { return number("id"); }
     bool has(const char* name) const;
-    QString raw(const char* name) const;  ///< as sent, for keys
-    QString text(const char* name) const; ///< trimmed
-    int number(const char* name) const;   ///< 0 when it is not a number
+    QString raw(const char* name) const;              ///< as sent, for keys
+    QString text(const char* name) const;             ///< trimmed
+    int number(const char* name) const;               ///< 0 when it is not a number
+    static constexpr int MaxName = 255;               ///< bytes of a name
+    bool isLonger(const char* name, int bytes) const; ///< in UTF-8, trimmed
+    /// Whether a text that endpoints store is longer than it may be: rows are read in lists of any length.
+    bool hasLongText() const;
     /// Split at "|"; an empty value is a list with no entries.
     QStringList list(const char* name) const;
 

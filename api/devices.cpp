@@ -249,7 +249,8 @@ QByteArray DumpController_add_user::get_devicelistweb(const Params& params, cons
 
 QByteArray DumpController_add_user::add_user_devices_cross(const Params& params, const QString& /*path*/) {
     const Call call(params, *m_mapper);
-    if (!call.has("username") || !call.has("passwd") || !call.has("name") || !call.has("sed"))
+    if (!call.has("username") || !call.has("passwd") || !call.has("name") || !call.has("sed") ||
+        call.hasLongText() || call.isLonger("sed", Call::MaxName))
         return refusal(QStringLiteral("ParER"));
     const SqlResult login = webLogin(db(), call);
     if (login.isEmpty())

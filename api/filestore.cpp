@@ -86,6 +86,10 @@ QString FileStore::sizeText(qint64 bytes) {
     return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeTraditionalFormat);
 }
 
+QList<QByteArray> FileStore::uploadPaths() {
+    return {"/ksfile/", "/mp3/", "/static/logo.png", "/static/swap_", "/static/u1.jpg", "/tmp.jpg"};
+}
+
 std::unique_ptr<QTemporaryDir> FileStore::workDirectory() const {
     if (!QDir().mkpath(m_work))
         qWarning().noquote() << "no directory for uploads:" << m_work;

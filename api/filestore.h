@@ -29,6 +29,9 @@ public:
     static QString sizeText(qint64 bytes);
     static constexpr int MaxNameBytes = 100; // twice that in hex still fits a file name
 
+    /// The beginnings of every path over HTTP under which uploads are found.
+    static QList<QByteArray> uploadPaths();
+
     QString root() const { return m_root; }
     QString path(const QString& url) const { return m_root + QLatin1Char('/') + url; }
     QString playUrl(const QString& url) const { return fileAddress(m_preurl, url); }

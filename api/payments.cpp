@@ -40,6 +40,8 @@ QByteArray DumpController_add_user::odds_fuckpay(const Params& params) {
         if (!call.has(name))
             return refusal(QStringLiteral("ParER"));
     }
+    if (call.hasLongText() || call.isLonger("sn", Call::MaxName))
+        return refusal(QStringLiteral("ParER"));
     if (!db().site.payKey.isEmpty() && !holdsPayKey(db(), call))
         return refusal(QStringLiteral("sskey_ER"));
     if (!isEndOfPeriod(call.text("overtime")))

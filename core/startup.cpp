@@ -1,5 +1,6 @@
 #include "core/startup.h"
 
+#include "api/filestore.h"
 #include "api/requestmapper.h"
 #include "core/site.h"
 #include "core/sqlite.h"
@@ -65,6 +66,7 @@ Startup::~Startup() = default;
 
 void Startup::run() {
     reportAddresses();
+    warnOfMissingSecrets();
     connectRedis();
     createDevices();
     listenForSpeakers();
@@ -76,6 +78,14 @@ void Startup::run() {
         qDebug() << QSqlDatabase::drivers();
     }
     logReady();
+}
+
+// What anybody who reaches the ports may do as long as a secret is missing.
+void Startup::warnOfMissingSecrets() const {
+    if (text("ASKEY").isEmpty())
+        qWarning("ASKEY is empty: requests that need the service key are all refused");
+    if (text("PayKey").isEmpty())
+        qWarning("PayKey is empty: anybody can renew a speaker's service period");
 }
 
 // Without an address of its own the service goes on; only what carries the address suffers.
@@ -176,6 +186,7 @@ void Startup::serveHttp() {
     m_listenerGroup = openGroup(m_settings, QStringLiteral("listener"));
     m_sessions = std::make_unique<HttpSessionStore>(m_sessionsGroup.get());
     m_files = std::make_unique<StaticFileController>(m_docrootGroup.get());
+    m_files->setUploads(FileStore::uploadPaths());
     m_templates = std::make_unique<TemplateLoader>(openGroup(m_settings, QStringLiteral("templates")).get());
     const char* const key = text("ASKEY").isEmpty() ? "(no key)" : "(key)";
     qDebug().noquote() << text("Meida_ip") << integer("Meida_port") << integer("wbport") << key;
