@@ -2,6 +2,7 @@
 
 #include "http/httprequesthandler.h"
 
+#include <mutex>
 #include <optional>
 #include <QHash>
 #include <QMap>
@@ -37,15 +38,18 @@ public:
     void setTemplates(const TemplateLoader* templates) { m_templates = templates; }
 
     // Token table: user id to token. Any thread.
-    std::optional<QString> token(int userid) const;  ///< nullopt for an unknown user; never an empty text
-    void setToken(int userid, const QString& token); ///< `token` must not be empty
-    static QString randomToken();                    ///< 40 random lower-case hexadecimal digits
+    std::optional<QString> token(int userid) const; ///< nullopt for an unknown user; never an empty text
+    /// Takes over what the database has: after a login, a new password, a deletion. Whatever happens at the
+    /// same time, the last one to come reads what is valid. `database` is the calling thread's own.
+    void refreshToken(sqlite& database, int userid);
+    /// The same for all accounts; who has no token is given one.
+    void loadTokens(sqlite& database);
+    static QString randomToken(); ///< 40 random lower-case hexadecimal digits
 
     /// Host under which the endpoints reach this node's own command server. Any thread.
     QString commandHost() const { return m_commandHost; }
 
 private:
-    void loadTokens();
     sqlite* m_database;
     Severinit* m_devices;
     Task_workque* m_tasks;
@@ -53,4 +57,5 @@ private:
     const QString m_commandHost;
     mutable QReadWriteLock m_lock;
     QHash<int, QString> m_tokens; ///< guarded by m_lock
+    std::mutex m_refreshing;      ///< from reading the database to writing m_tokens
 };
