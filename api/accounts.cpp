@@ -60,7 +60,7 @@ QByteArray DumpController_add_user::user_gtoken(const Params& params) {
                       {QStringLiteral("info"), QStringLiteral("ER_EXE")}});
     if (update.affected == 0 && login.text(0, "token") != token)
         return refusal(QStringLiteral("ER_UPS")); // the account has just been deleted
-    m_mapper->setToken(userid, token);
+    m_mapper->refreshToken(db(), userid);
     return reply({{QStringLiteral("res"), true},
                   {QStringLiteral("userid"), userid},
                   {QStringLiteral("master_id"), login.integer(0, "master_id")},
@@ -110,7 +110,7 @@ QByteArray DumpController_add_user::user_add_lite(const Params& params) {
     if (!insert.ok)
         return refusal(QStringLiteral("ER_EXE"));
     const int userid = static_cast<int>(insert.lastId);
-    m_mapper->setToken(userid, token);
+    m_mapper->refreshToken(db(), userid);
     return reply({{QStringLiteral("res"), true},
                   {QStringLiteral("username"), call.text("username")},
                   {QStringLiteral("userid"), userid},
@@ -133,6 +133,7 @@ QByteArray DumpController_add_user::user_dbini(const Params& params) {
         return reply({{QStringLiteral("res"), false},
                       {QStringLiteral("info"), QStringLiteral("excvp_ER")},
                       {QStringLiteral("infors"), affected}});
+    m_mapper->loadTokens(db());
     if (m_tasks) // this node's row must hold its own address again
         QMetaObject::invokeMethod(m_tasks, &Task_workque::systeminit, Qt::QueuedConnection);
     return reply({{QStringLiteral("res"), true}, {QStringLiteral("info"), affected}});

@@ -57,8 +57,11 @@ bool Call::authenticateAs(int account, const char* unknownWord) {
 }
 
 bool Call::authenticateLoosely() {
-    return m_tokens.token(userid()).value_or(QString()) == text("token") ||
-           refuse(refusal(QStringLiteral("_FALSE6"), -2));
+    const std::optional<QString> token = m_tokens.token(userid());
+    if (token.value_or(QString()) != text("token"))
+        return refuse(refusal(QStringLiteral("_FALSE6"), -2));
+    m_isNobody = !token;
+    return true;
 }
 
 bool Call::refuse(const QByteArray& answer) {

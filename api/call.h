@@ -43,13 +43,13 @@ public:
     /// The same for an account that another parameter names.
     bool authenticateAs(int account, const char* unknownWord = "_FALSE5");
     /// For the endpoints without a test of their own for an unknown user: there the stored token
-    /// counts as the empty text.
+    /// counts as the empty text, and userid() is from then on a number that owns nothing.
     bool authenticateLoosely();
     QByteArray refused() const { return m_refused; }
     /// Makes `answer` the refusal; returns false.
     bool refuse(const QByteArray& answer);
 
-    int userid() const { return number("id"); }
+    int userid() const { return m_isNobody ? Nobody : number("id"); }
     bool has(const char* name) const;
     QString raw(const char* name) const;              ///< as sent, for keys
     QString text(const char* name) const;             ///< trimmed
@@ -62,7 +62,9 @@ public:
     QStringList list(const char* name) const;
 
 private:
+    static constexpr int Nobody = -1;
     const Params& m_params;
     const RequestMapper& m_tokens;
     QByteArray m_refused;
+    bool m_isNobody = false; ///< the account is unknown; rows of a deleted one may still bear its number
 };

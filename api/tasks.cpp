@@ -257,12 +257,14 @@ QByteArray DumpController_add_user::user_get_task(const Params& params) {
     QJsonArray fileList;
     for (int row = 0; row < files.rows.size(); ++row) {
         QJsonObject file = files.object(row);
+        file.insert(QStringLiteral("id"), files.integer(row, "fileid"));            // not the link row's
         file.insert(QStringLiteral("filenamebase64"), files.text(row, "filename")); // stored that way
         fileList.append(file);
     }
     QJsonArray deviceList;
     for (int row = 0; row < devices.rows.size(); ++row) {
         QJsonObject device = devices.object(row);
+        device.insert(QStringLiteral("id"), devices.integer(row, "devseedid"));
         device.insert(QStringLiteral("device_namebase64"),
                       QString::fromLatin1(devices.text(row, "device_name").toUtf8().toBase64()));
         deviceList.append(device);

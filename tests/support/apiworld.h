@@ -31,6 +31,8 @@ public:
                                   "warningplant", "userfile", "task", "taskseed", "taskfile"})
             service.sql(QString("DELETE FROM `%1`").arg(table));
         service.sql(QString("DELETE FROM `sbox_users` WHERE `id` not in (%1, %2)").arg(alice.id).arg(bob.id));
+        for (Account* account : {&alice, &bob})
+            loginAgain(*account);
         addDevice(AliceLamp, alice, lamp(), 0);
         addDevice(AliceBell, alice, bell(), 99);
         addDevice(BobHorn, bob, horn(), 0);
@@ -96,6 +98,15 @@ private:
                         .arg(owner.id)
                         .arg(sn)
                         .arg(iswarning));
+    }
+    /// A test may have ended the token.
+    void loginAgain(Account& account) {
+        if (cell(QString("SELECT `token` FROM `sbox_users` WHERE `id` = %1").arg(account.id)) ==
+            account.token)
+            return;
+        const HttpReply login = service.http().postForm(
+            "/user/gtoken", {{"username", account.name}, {"passwd", account.password}});
+        account.token = login["token"].toString();
     }
     void addFile(int id, const Account& owner) {
         service.sql(QString("INSERT INTO `userfile` (`id`, `userid`, `filename`, `url`, `len`) VALUES (%1, "
