@@ -225,8 +225,7 @@ QByteArray DumpController_add_user::user_LIST(const Params& params) {
     Call call(params, *m_mapper);
     if (db().site.tokenpaths && (!call.require({}, "Paruser") || !call.authenticate()))
         return call.refused();
-    const QJsonArray list = callOnLoop(m_devices, [this] { return m_devices->onlineDevices(); });
-    return reply({{QStringLiteral("res"), true}, {QStringLiteral("devlist"), list}});
+    return m_mapper->onlineList().reply();
 }
 
 QByteArray DumpController_add_user::get_devicelistweb(const Params& params, const QString& /*path*/) {

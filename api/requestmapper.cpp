@@ -61,7 +61,8 @@ RequestMapper::RequestMapper(QCoreApplication* /*application*/, int /*RDDATAPORT
     , m_devices(devices)
     , m_tasks(tasks)
     , m_commandHost(::commandHost(database->site.ownAddress))
-    , m_planKeys(database->site.tokenpaths ? std::make_unique<PlanKeys>(database->site.waringdir) : nullptr) {
+    , m_planKeys(database->site.tokenpaths ? std::make_unique<PlanKeys>(database->site.waringdir) : nullptr)
+    , m_onlineList(devices) {
     FileStore::removeLeftovers(database->site.runingdir);
     loadTokens(*database);
     qDebug("RequestMapper: created");

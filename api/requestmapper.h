@@ -1,5 +1,6 @@
 #pragma once
 
+#include "api/onlinelist.h"
 #include "http/httprequesthandler.h"
 
 #include <memory>
@@ -53,6 +54,7 @@ public:
 
     /// Host under which the endpoints reach this node's own command server. Any thread.
     QString commandHost() const { return m_commandHost; }
+    OnlineList& onlineList() { return m_onlineList; }
 
 private:
     sqlite* m_database;
@@ -61,6 +63,7 @@ private:
     const TemplateLoader* m_templates = nullptr;
     const QString m_commandHost;
     const std::unique_ptr<const PlanKeys> m_planKeys; ///< with the key `tokenpaths`
+    OnlineList m_onlineList;
     mutable QReadWriteLock m_lock;
     QHash<int, QString> m_tokens; ///< guarded by m_lock
     std::mutex m_refreshing;      ///< from reading the database to writing m_tokens

@@ -180,15 +180,12 @@ TimingWheel& Severinit::wheel() {
     return m_state->wheel;
 }
 
-QJsonArray Severinit::onlineDevices() const {
-    QJsonArray devices;
+QVector<OnlineDevice> Severinit::onlineDevices() const {
+    QVector<OnlineDevice> devices;
     for (const SAobj* const session : std::as_const(m_state->sessions)) {
         if (session->isOnline())
-            devices.append(QJsonObject{{QStringLiteral("seed"), session->sn()},
-                                       {QStringLiteral("status"), session->onlineState()},
-                                       {QStringLiteral("vol"), session->vol()},
-                                       {QStringLiteral("voltage"), session->voltage()},
-                                       {QStringLiteral("debug"), session->debugState()}});
+            devices.append({session->sn(), session->onlineState(), session->vol(), session->voltage(),
+                            session->debugState()});
     }
     return devices;
 }
