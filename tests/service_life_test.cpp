@@ -3,8 +3,12 @@
 #include "support/table.h"
 #include "support/testmain.h"
 
+#include <array>
 #include <csignal>
+#include <fcntl.h>
 #include <QTcpServer>
+#include <sys/stat.h>
+#include <unistd.h>
 
 class ServiceLifeTest : public QObject {
     Q_OBJECT
@@ -23,6 +27,44 @@ private slots:
         ::kill(pid_t(service.pid()), number);
         QCOMPARE(service.waitForEnd(), 0);
         QVERIFY(waitFor([&] { return !fleet->at(0).isConnected(); }));
+    }
+
+    /// The reader of the log stops, as that of a pipe does when its terminal is held.
+    void goesOnWhenNobodyReadsItsLog() {
+        Service service; // lends its directory, configuration and ports
+        const QByteArray path = QFile::encodeName(service.file("log"));
+        QCOMPARE(::mkfifo(path.constData(), 0600), 0);
+        const int reader = ::open(path.constData(), O_RDONLY | O_NONBLOCK);
+        const int filler = ::open(path.constData(), O_WRONLY | O_NONBLOCK);
+        std::array<char, 4096> bytes{};
+        const auto fill = [&] {
+            while (::write(filler, bytes.data(), bytes.size()) > 0 || ::write(filler, bytes.data(), 1) > 0)
+                ;
+        };
+        const auto readAll = [&] {
+            QByteArray text;
+            for (ssize_t n = 0; (n = ::read(reader, bytes.data(), bytes.size())) > 0;)
+                text.append(bytes.data(), int(n));
+            bytes.fill(0);
+            return text;
+        };
+        fill();
+        ChildProcess process;
+        process.setWorkingDirectory(service.directory());
+        process.setStandardErrorFile(service.file("log"));
+        process.start(BUILD_DIR "/speakerd", {"config.ini"});
+        auto options = speakersAt(service);
+        options.reconnectPause = std::chrono::milliseconds(100);
+        const auto fleet = onlineFleet(options, 100);
+        readAll();
+        service.command({{"cmd", "LIST"}}); // is told
+        QVERIFY(readAll().contains(" lines lost\n"));
+        fill();
+        process.terminate();
+        QVERIFY(process.waitForFinished(20000));
+        QCOMPARE(process.exitCode(), 0);
+        ::close(reader);
+        ::close(filler);
     }
 
     void survivesKill9() {
