@@ -151,6 +151,42 @@ private slots:
         QVERIFY2(service.log().contains(logged), service.log());
     }
 
+    void addsAccounts_data() { addKinds({0, 1, 3}); }
+
+    void addsAccounts() {
+        QFETCH(int, kind);
+        ServiceOptions options;
+        options.kind = kind;
+        Service service(options);
+        const auto add = [&](const QStringList& arguments, const QByteArray& input,
+                             QByteArray* told = nullptr) {
+            QProcess process;
+            process.setWorkingDirectory(service.directory());
+            process.start(BUILD_DIR "/speakerd", QStringList{"--adduser"} + arguments);
+            process.write(input);
+            process.closeWriteChannel();
+            process.waitForFinished();
+            if (told)
+                *told = process.readAllStandardOutput();
+            return process.exitCode();
+        };
+        QByteArray told;
+        QCOMPARE(add({"Ann", "--admin"}, "my own\n"), 0);
+        QCOMPARE(add({"Ann"}, "another\n"), 1);
+        QCOMPARE(add({"O'Hara"}, "p\n"), 1);
+        QCOMPARE(add({"--admin"}, "p\n"), 2);
+        QVERIFY(service.start());
+        QCOMPARE(add({"铃", "config.ini"}, "", &told), 0); // the service runs
+        const auto level = [&](const QString& name, const QString& password) {
+            const HttpParams params{{"username", name}, {"passwd", password}};
+            return service.http().postForm("/user/gtoken", params).res()
+                       ? service.http().postForm("/user/checkuser.php", params)["user_level"].toInt()
+                       : -1;
+        };
+        QCOMPARE(level("Ann", "my own"), 1);
+        QCOMPARE(level("铃", told.mid(told.indexOf("Password: ") + 10).trimmed()), 0);
+    }
+
     void answersAboutItself() {
         QProcess process;
         process.start(BUILD_DIR "/speakerd", {"--version"});
