@@ -117,6 +117,8 @@ int addUser(int argc, char** argv) {
                     settings.text("task_username"), settings.text("task_passwd"), settings.text("basename"),
                     settings.integer("dbk"));
     database.init();
+    if (!database.get_is_aready())
+        return fail(QStringLiteral("the database can't be opened"));
     readPassword(order->account);
     return add(database, order->account);
 }

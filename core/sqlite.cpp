@@ -141,6 +141,7 @@ SqlResult sqlite::run(const QString& statement, const SqlArgs& args) {
     if (filled.ok)
         return send(filled.sql, statement);
     SqlResult refused;
+    refused.refused = true;
     refused.sql = filled.sql;
     refused.error = filled.error;
     if (mayLog("sql refused", QString()))

@@ -107,9 +107,10 @@ private slots:
     }
 
     void runsOnWith_data() {
-        const Table<int, QString, QByteArray> row{"kind", "missing", "logged"};
-        row("no LocalIP", 3, "LocalIP", "LocalIP Error");
-        row("no database", 2, "", "db init error");
+        const Table<int, QString, QByteArray, QString> row{"kind", "missing", "logged", "login"};
+        row("no LocalIP", 3, "LocalIP", "LocalIP Error", "ER_REJECT");
+        row("no database", 2, "", "db init error", "ER_EXE");
+        row("a database that is none", 3, ".Elvor.db", "file is not a database", "ER_EXE");
     }
 
     void runsOnWith() {
@@ -118,13 +119,17 @@ private slots:
         QFETCH(QByteArray, logged);
         ServiceOptions options;
         options.kind = kind;
-        if (!missing.isEmpty())
+        options.createDatabase = missing != ".Elvor.db";
+        if (!options.createDatabase)
+            options.files.insert(missing, QByteArray(5000, 'x'));
+        else if (!missing.isEmpty())
             options.settings.insert(missing, QVariant());
         Service service(options);
         QVERIFY(service.start());
         QVERIFY(service.waitForLog(logged));
         const auto fleet = onlineFleet(speakersAt(service), 1);
         QCOMPARE(service.http().postForm("/user/test", {{"x", "y"}}).body, "dbtest");
+        QTEST(service.http().postForm("/user/gtoken", {{"username", "a"}, {"passwd", "b"}}).info(), "login");
         service.command({{"cmd", "VOL_V"}, {"sn", fleet->at(0).sn()}, {"vol", 4}});
         QVERIFY(waitFor([&] { return fleet->at(0).volume() == 4; }));
         QCOMPARE(service.stop(), 0);
