@@ -48,6 +48,8 @@ QByteArray DumpController_add_user::user_gtoken(const Params& params) {
         return refusal(QStringLiteral("ParERuser_gtoken"));
     const QString token = newToken(call.text("username"), call.text("passwd"));
     const SqlResult login = findLogin(db(), call);
+    if (!login.ok && !login.refused)
+        return refusal(QStringLiteral("ER_EXE"));
     if (login.isEmpty())
         return refusal(QStringLiteral("ER_REJECT"));
     const int userid = login.integer(0, "id");

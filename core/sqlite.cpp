@@ -1,5 +1,6 @@
 #include "core/sqlite.h"
 
+#include "core/logthrottle.h"
 #include "core/sqlconnection.h"
 #include "core/sqlscript.h"
 
@@ -140,9 +141,11 @@ SqlResult sqlite::run(const QString& statement, const SqlArgs& args) {
     if (filled.ok)
         return send(filled.sql, statement);
     SqlResult refused;
+    refused.refused = true;
     refused.sql = filled.sql;
     refused.error = filled.error;
-    qWarning().noquote() << "sql refused:" << filled.error << "in" << statement;
+    if (mayLog("sql refused", QString()))
+        qWarning().noquote() << "sql refused:" << filled.error << "in" << statement;
     return refused;
 }
 
