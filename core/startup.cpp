@@ -2,6 +2,7 @@
 
 #include "api/filestore.h"
 #include "api/requestmapper.h"
+#include "core/schemaupgrade.h"
 #include "core/site.h"
 #include "core/sqlite.h"
 #include "device/commandserver.h"
@@ -161,6 +162,7 @@ void Startup::openDatabase() {
 void Startup::loadStoredSpeakers() {
     if (!m_database->get_is_aready())
         return;
+    upgradeSchema(*m_database);
     const auto stored = m_database->run(QStringLiteral("SELECT device_seed FROM sbox_device_info ;"));
     const auto expired = m_database->run(QStringLiteral("SELECT sn FROM snover where ( `statu` = 2 ) ;"));
     m_devices->setStoredSerials(serialsOf(stored, "device_seed"), serialsOf(expired, "sn"));
