@@ -48,6 +48,8 @@ QByteArray DumpController_add_user::user_gtoken(const Params& params) {
         return refusal(QStringLiteral("ParERuser_gtoken"));
     const QString token = newToken(call.text("username"), call.text("passwd"));
     const SqlResult login = findLogin(db(), call);
+    if (!login.ok && !login.refused)
+        return refusal(QStringLiteral("ER_EXE"));
     if (login.isEmpty())
         return refusal(QStringLiteral("ER_REJECT"));
     const int userid = login.integer(0, "id");
@@ -60,7 +62,7 @@ QByteArray DumpController_add_user::user_gtoken(const Params& params) {
                       {QStringLiteral("info"), QStringLiteral("ER_EXE")}});
     if (update.affected == 0 && login.text(0, "token") != token)
         return refusal(QStringLiteral("ER_UPS")); // the account has just been deleted
-    m_mapper->setToken(userid, token);
+    m_mapper->refreshToken(db(), userid);
     return reply({{QStringLiteral("res"), true},
                   {QStringLiteral("userid"), userid},
                   {QStringLiteral("master_id"), login.integer(0, "master_id")},
@@ -92,7 +94,8 @@ QByteArray DumpController_add_user::user_add(const Params& /*params*/) {
 
 QByteArray DumpController_add_user::user_add_lite(const Params& params) {
     const Call call(params, *m_mapper);
-    if (!call.has("sskey") || !call.has("username") || !call.has("passwd"))
+    if (!call.has("sskey") || !call.has("username") || !call.has("passwd") ||
+        call.isLonger("username", Call::MaxName) || call.isLonger("passwd", Call::MaxName))
         return refusal(QStringLiteral("ParER"));
     if (!m_devices->matchesServiceKey(call.raw("sskey")))
         return refusal(QStringLiteral("sskey_ER"));
@@ -109,7 +112,7 @@ QByteArray DumpController_add_user::user_add_lite(const Params& params) {
     if (!insert.ok)
         return refusal(QStringLiteral("ER_EXE"));
     const int userid = static_cast<int>(insert.lastId);
-    m_mapper->setToken(userid, token);
+    m_mapper->refreshToken(db(), userid);
     return reply({{QStringLiteral("res"), true},
                   {QStringLiteral("username"), call.text("username")},
                   {QStringLiteral("userid"), userid},
@@ -132,6 +135,7 @@ QByteArray DumpController_add_user::user_dbini(const Params& params) {
         return reply({{QStringLiteral("res"), false},
                       {QStringLiteral("info"), QStringLiteral("excvp_ER")},
                       {QStringLiteral("infors"), affected}});
+    m_mapper->loadTokens(db());
     if (m_tasks) // this node's row must hold its own address again
         QMetaObject::invokeMethod(m_tasks, &Task_workque::systeminit, Qt::QueuedConnection);
     return reply({{QStringLiteral("res"), true}, {QStringLiteral("info"), affected}});

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "api/call.h"
+#include "api/querytable.h"
 #include "http/httprequesthandler.h"
 
 #include <memory>
@@ -148,6 +149,8 @@ public:
 private:
     QByteArray call(const Route& route, const QByteArray& path, const Params&, HttpRequest& uploads);
     QByteArray runQuery(const QString& set, const Params&, const QString& path, bool inProcess);
+    /// After a command, whatever its outcome: takes over what is left of the token that it ends.
+    void endTokens(const QueryTable::Command& command, const Params&);
     sqlite& db() const { return *m_database; } ///< this worker's own
     /// Sends commands to this node's command server, which the main loop is free to serve meanwhile.
     std::unique_ptr<Core_corss> commands() const;

@@ -173,7 +173,17 @@ QByteArray DumpController_add_user::runQuery(const QString& set, const Params& p
     QByteArray refused = refuseCommand(*command, Call(params, *m_mapper), *m_devices, values);
     if (!refused.isEmpty())
         return refused;
-    return inProcess ? runCommand(db(), *command, values) : outputOf(db(), path, params);
+    const QByteArray answer = inProcess ? runCommand(db(), *command, values) : outputOf(db(), path, params);
+    endTokens(*command, params);
+    return answer;
+}
+
+void DumpController_add_user::endTokens(const QueryTable::Command& command, const Params& params) {
+    if (command.voids.isEmpty())
+        return;
+    const Call call(params, *m_mapper);
+    const QByteArray name = command.voids.toUtf8();
+    m_mapper->refreshToken(db(), call.number(call.has(name) ? name.constData() : "id"));
 }
 
 QByteArray DumpController_add_user::user_nodejs(const Params& params, const QString& path) {
@@ -185,7 +195,13 @@ QByteArray DumpController_add_user::user_nodejsc(const Params& params, const QSt
 }
 
 QByteArray DumpController_add_user::user_nodejso(const Params& params, const QString& path) {
-    return outputOf(db(), path, params);
+    const QByteArray answer = outputOf(db(), path, params);
+    const QString name = path.mid(QStringLiteral("/user/fnokukei/").size());
+    for (const QString& set : {plainSet, subscriptionSet}) {
+        if (const QueryTable::Command* command = QueryTable::embedded().find(set, name))
+            endTokens(*command, params);
+    }
+    return answer;
 }
 
 QByteArray DumpController_add_user::user_nodesqlite3js(const Params& params, const QString& path) {

@@ -89,6 +89,7 @@ void QueryTable::addCommand(const QJsonObject& definition, const QJsonObject& ch
     command.name = definition.value(QLatin1String("name")).toString();
     command.sets = texts(definition.value(QLatin1String("sets")));
     command.writes = definition.value(QLatin1String("reply")).toString() == QLatin1String("write");
+    command.voids = definition.value(QLatin1String("voids")).toString();
     const QStringList access = texts(definition.value(QLatin1String("access")));
     command.needsServiceKey = access.contains(QLatin1String("servicekey"));
     for (const QString& check : access)

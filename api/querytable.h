@@ -30,6 +30,7 @@ public:
         QStringList sets;
         bool needsServiceKey = false;
         bool writes = false;
+        QString voids;                     ///< value that names the account whose tokens end; empty: none
         std::vector<Parameter> parameters; ///< those of its checks first
         std::vector<Step> steps;           ///< those of its checks first
     };

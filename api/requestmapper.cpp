@@ -3,6 +3,7 @@
 #include "api/dumpcontroller_add_user.h"
 #include "api/examplecontrollers.h"
 #include "api/filestore.h"
+#include "api/plankeys.h"
 #include "core/sqlite.h"
 #include "http/httprequest.h"
 #include "http/httpresponse.h"
@@ -50,9 +51,10 @@ RequestMapper::RequestMapper(QCoreApplication* /*application*/, int /*RDDATAPORT
     , m_database(database)
     , m_devices(devices)
     , m_tasks(tasks)
+    , m_planKeys(database->site.tokenpaths ? std::make_unique<PlanKeys>(database->site.waringdir) : nullptr)
     , m_onlineList(devices) {
     FileStore::removeLeftovers(database->site.runingdir);
-    loadTokens();
+    loadTokens(*database);
     qDebug("RequestMapper: created");
 }
 
@@ -98,19 +100,22 @@ QString RequestMapper::randomToken() {
     return QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(words.data()), sizeof words).toHex());
 }
 
-void RequestMapper::loadTokens() {
-    const SqlResult users = m_database->run(QStringLiteral("SELECT *  FROM `sbox_users`;"));
+void RequestMapper::loadTokens(sqlite& database) {
+    const std::lock_guard refreshing(m_refreshing);
+    const SqlResult users = database.run(QStringLiteral("SELECT *  FROM `sbox_users`;"));
+    QHash<int, QString> tokens;
     for (int row = 0; row < users.rows.size(); ++row) {
         const int id = users.integer(row, "id");
         QString token = users.text(row, "token");
         if (token.isEmpty()) {
             token = randomToken();
-            m_database->run(
-                QStringLiteral("UPDATE  `sbox_users` SET `token`='@token' WHERE (`id`= '@userid')"),
-                {{QStringLiteral("@token"), token}, {QStringLiteral("@userid"), id}});
+            database.run(QStringLiteral("UPDATE  `sbox_users` SET `token`='@token' WHERE (`id`= '@userid')"),
+                         {{QStringLiteral("@token"), token}, {QStringLiteral("@userid"), id}});
         }
-        setToken(id, token);
+        tokens.insert(id, token);
     }
+    const QWriteLocker locker(&m_lock);
+    m_tokens = tokens;
 }
 
 std::optional<QString> RequestMapper::token(int userid) const {
@@ -119,7 +124,15 @@ std::optional<QString> RequestMapper::token(int userid) const {
     return found == m_tokens.constEnd() ? std::nullopt : std::optional(*found);
 }
 
-void RequestMapper::setToken(int userid, const QString& token) {
+void RequestMapper::refreshToken(sqlite& database, int userid) {
+    const std::lock_guard refreshing(m_refreshing);
+    const SqlResult user =
+        database.run(QStringLiteral("SELECT `token` FROM `sbox_users` WHERE (`id` = '@userid');"),
+                     {{QStringLiteral("@userid"), userid}});
+    const QString token = user.text(0, "token");
     const QWriteLocker locker(&m_lock);
-    m_tokens.insert(userid, token);
+    if (token.isEmpty()) // also when the database does not answer: then nobody comes in
+        m_tokens.remove(userid);
+    else
+        m_tokens.insert(userid, token);
 }

@@ -3,6 +3,8 @@
 #include "api/onlinelist.h"
 #include "http/httprequesthandler.h"
 
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <QHash>
 #include <QMap>
@@ -10,6 +12,7 @@
 #include <QString>
 
 class Gate;
+class PlanKeys;
 class QCoreApplication;
 class Severinit;
 class sqlite;
@@ -44,20 +47,28 @@ public:
     Gate* gate() const { return m_gate; } ///< any thread
 
     // Token table: user id to token. Any thread.
-    std::optional<QString> token(int userid) const;  ///< nullopt for an unknown user; never an empty text
-    void setToken(int userid, const QString& token); ///< `token` must not be empty
-    static QString randomToken();                    ///< 40 random lower-case hexadecimal digits
+    std::optional<QString> token(int userid) const; ///< nullopt for an unknown user; never an empty text
+    /// Takes over what the database has: after a login, a new password, a deletion. Whatever happens at the
+    /// same time, the last one to come reads what is valid. `database` is the calling thread's own.
+    void refreshToken(sqlite& database, int userid);
+    /// The same for all accounts; who has no token is given one.
+    void loadTokens(sqlite& database);
+    static QString randomToken(); ///< 40 random lower-case hexadecimal digits
+
+    /// Random parts of the plans' call-back addresses; null when none are asked for. Any thread.
+    const PlanKeys* planKeys() const { return m_planKeys.get(); }
 
     OnlineList& onlineList() { return m_onlineList; }
 
 private:
-    void loadTokens();
     sqlite* m_database;
     Severinit* m_devices;
     Task_workque* m_tasks;
     const TemplateLoader* m_templates = nullptr;
     Gate* m_gate = nullptr;
+    const std::unique_ptr<const PlanKeys> m_planKeys; ///< with the key `tokenpaths`
     OnlineList m_onlineList;
     mutable QReadWriteLock m_lock;
     QHash<int, QString> m_tokens; ///< guarded by m_lock
+    std::mutex m_refreshing;      ///< from reading the database to writing m_tokens
 };

@@ -52,7 +52,7 @@ const Members Devices{
     QStringLiteral("INSERT INTO  `taskseed` (`taskid`, `devseedid`) VALUES ( '@taskid' , '@snid' ) ;"),
     QStringLiteral("DELETE FROM  `taskseed` WHERE ( `taskid` = '@taskid' );"),
     QStringLiteral("SELECT * FROM  sbox_device_info,taskseed where taskseed.devseedid = sbox_device_info.id "
-                   "and taskseed.taskid  =  '@taskid' ;"),
+                   "and taskseed.taskid  =  '@taskid' order by taskseed.id ;"),
     QStringLiteral("UPDATE `task` SET `snids` = '@list' WHERE (`id` = '@taskid');")};
 const Members Files{
     QStringLiteral("@fileid"),
@@ -60,7 +60,7 @@ const Members Files{
     QStringLiteral("INSERT INTO  `taskfile` (`taskid`, `fileid`) VALUES ( '@taskid' , '@fileid' ) ;"),
     QStringLiteral("DELETE FROM  `taskfile` WHERE ( `taskid` = '@taskid'  );"),
     QStringLiteral("SELECT * FROM  userfile,taskfile where taskfile.fileid= userfile.id and taskfile.taskid  "
-                   "= '@taskid' ;"),
+                   "= '@taskid' order by taskfile.id ;"),
     QStringLiteral("UPDATE `task` SET `fileids` = '@list' WHERE (`id` = '@taskid');")};
 const QString DeleteFiles = QStringLiteral("DELETE FROM  `taskfile` WHERE (`taskid` = '@taskid');");
 const QString DeleteDevices = QStringLiteral("DELETE FROM  `taskseed` WHERE (`taskid` = '@taskid');");
@@ -259,12 +259,14 @@ QByteArray DumpController_add_user::user_get_task(const Params& params) {
     QJsonArray fileList;
     for (int row = 0; row < files.rows.size(); ++row) {
         QJsonObject file = files.object(row);
+        file.insert(QStringLiteral("id"), files.integer(row, "fileid"));            // not the link row's
         file.insert(QStringLiteral("filenamebase64"), files.text(row, "filename")); // stored that way
         fileList.append(file);
     }
     QJsonArray deviceList;
     for (int row = 0; row < devices.rows.size(); ++row) {
         QJsonObject device = devices.object(row);
+        device.insert(QStringLiteral("id"), devices.integer(row, "devseedid"));
         device.insert(QStringLiteral("device_namebase64"),
                       QString::fromLatin1(devices.text(row, "device_name").toUtf8().toBase64()));
         deviceList.append(device);

@@ -137,8 +137,11 @@ std::optional<SqlShape> sqlShape(const QString& sql) {
         } else if (!quote.isNull()) {
             if (c != quote)
                 (isLiteral ? shape.values.last() : shape.text) += c;
-            else
-                shape.text += isLiteral ? QLatin1Char('?') : c;
+            else if (!isLiteral)
+                shape.text += c;
+            else // the driver gives each mark a name, in which a word behind it would go on
+                shape.text += at + 1 < sql.size() && sql.at(at + 1).isLetter() ? QStringLiteral("? ")
+                                                                               : QStringLiteral("?");
             if (c == quote)
                 quote = QChar();
         } else if (c == QLatin1Char('\'')) {

@@ -39,6 +39,7 @@ public:
 
 private:
     void reportAddresses() const;
+    void warnOfMissingSecrets() const;
     void connectRedis();
     void createDevices();
     void listenForSpeakers();

@@ -1,5 +1,6 @@
 #include "device/severinit.h"
 
+#include "core/logthrottle.h"
 #include "device/blocklist.h"
 #include "device/fortcpclient.h"
 #include "device/saobj.h"
@@ -118,7 +119,8 @@ SAobj* Severinit::addSession(const QString& sn, QObject* parent) {
     if (SAobj* const known = session(sn))
         return known;
     if (!serialAllowed(sn) || m_state->sessions.size() >= MaxSessions) {
-        qWarning().noquote() << "No session for" << sn << "- blocked, or" << MaxSessions << "are reached";
+        if (mayLog("No session", QString()))
+            qWarning().noquote() << "No session for" << sn << "- blocked, or" << MaxSessions << "are reached";
         return nullptr;
     }
     auto* const added = new SAobj(sn, m_state->env, parent);
@@ -286,11 +288,13 @@ void Severinit::bind(SAobj* session, fortcpclient* client, unsigned port) {
 void Severinit::sasn_offline(const QString& sn) {
     SAobj* const found = session(sn);
     if (!found) {
-        qInfo().noquote() << "one device  on  line but not means info databases;" << sn;
+        if (mayLog("one device  on  line but not means info databases", sn))
+            qInfo().noquote() << "one device  on  line but not means info databases;" << sn;
         return;
     }
     found->goffline();
-    qInfo().noquote() << "off line" << sn;
+    if (mayLog("off line", sn))
+        qInfo().noquote() << "off line" << sn;
 }
 
 // --- mirroring ---

@@ -257,6 +257,53 @@ private slots:
         QCOMPARE(seen(), "13");
     }
 
+    void endsTokens_data() { addKinds({3, 1}); }
+
+    /// A new password ends the account's token, its deletion everything that was its own.
+    void endsTokens() {
+        ApiWorld& world = this->world();
+        HttpClient& http = world.service.http();
+        Account sub{this->sub(), "sub", "p", {}};
+        const auto login = [&] {
+            sub.token =
+                http.postForm("/user/gtoken", {{"username", "sub"}, {"passwd", sub.password}})["token"]
+                    .toString();
+            return http.postForm("/user/listdev", sub.params()).res();
+        };
+        const auto sql = [&](const char* statement) {
+            world.service.sql(filled(statement));
+        };
+        const HttpParams caller{{"id", QString::number(world.alice.id)}, {"token", world.alice.token}};
+        const HttpParams master = caller + HttpParams{{"zuserid", QString::number(sub.id)}};
+        QVERIFY(login());
+        QVERIFY(query("edit_chaxunmima", master + HttpParams{{"user_pass", "fresh"}}).res());
+        QCOMPARE(http.postForm("/user/listdev", sub.params()).info(), "_FALSE6");
+        sub.password = "fresh";
+        QVERIFY(login());
+
+        sql("INSERT INTO `sbox_group` (`id`, `userid`) VALUES (91, {sub})");
+        sql("INSERT INTO `group_seed` (`gid`, `userid`, `devid`) VALUES (91, {sub}, 13)");
+        sql("INSERT INTO `userfile` (`id`, `userid`) VALUES (92, {sub})");
+        sql("INSERT INTO `task` (`id`, `userid`, `enable`, `statu`) VALUES (93, {sub}, 0, 1)");
+        sql("INSERT INTO `taskseed` (`taskid`, `devseedid`) VALUES (93, 13)");
+        sql("INSERT INTO `taskfile` (`taskid`, `fileid`) VALUES (93, 92)");
+        sql("INSERT INTO `taskgroup` (`userid`, `groupname`) VALUES ({sub}, 'week')");
+        const QString others = "SELECT COUNT(*) FROM `%1` WHERE `%2` = %3";
+        QVERIFY(query("delziuser", master).res());
+        const QString gone = QString::number(sub.id);
+        for (const char* table : {"sbox_group", "group_seed", "userfile", "task", "taskgroup"})
+            QCOMPARE(world.cell(others.arg(table, "userid", gone)), "0");
+        for (const char* table : {"taskseed", "taskfile"})
+            QCOMPARE(world.cell(others.arg(table, "taskid", "93")), "0");
+        QCOMPARE(world.cell(others.arg("taskpop", "taskid", "93")), "1"); // its stop
+        QCOMPARE(http.postForm("/user/listdev", sub.params()).info(), "_FALSE5");
+        QCOMPARE(http.postForm("/user/listdev", caller)["devlist"].toArray().size(), 3);
+        QCOMPARE(world.cell("SELECT COUNT(*) FROM `userfile`"), "2");
+
+        QVERIFY(query("newpasswdnick", caller + HttpParams{{"user_pass", "secret"}}).res());
+        QCOMPARE(http.postForm("/user/listdev", caller).info(), "_FALSE6");
+    }
+
     void keepsLoginNamesApart_data() { addKinds({3, 1}); }
 
     void keepsLoginNamesApart() {

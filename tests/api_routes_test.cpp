@@ -33,7 +33,65 @@ class ApiRoutesTest : public QObject {
 private slots:
     void cleanupTestCase() { ApiWorld::stopAll(); }
 
-    void initTestCase_data() { addKinds({0, 3, 1}); }
+    void initTestCase_data() {
+        const Table<int, bool> row{"kind", "hardened"};
+        row("kind 0", 0, false);
+        row("kind 3", 3, false);
+        row("kind 1", 1, false);
+        row("kind 3 hardened", 3, true);
+    }
+
+    /// What an answer holds as fixed and in the safe ways. who: "alice", "bob" or nobody, who sends no id
+    /// and token; a path after "GET " is asked for by GET. A refusal must not change any row.
+    void refusesAsConfigured_data() {
+        const Table<QString, QString, QString, QByteArray, QByteArray> row{"who", "path", "params", "asFixed",
+                                                                           "asHardened"};
+        const QByteArray nothing = R"({"res":true,"taskary":[]})";
+        row("an unknown account owns nothing", "", "/user/list_task", "id=99999&token=", nothing, nothing);
+        const QByteArray done = R"({"res":true})";
+        const QByteArray unfit = R"({"res":false,"info":"Paruser"})";
+        const QByteArray wrongToken = R"({"res":false,"info":"_FALSE6","code":-2})";
+        const QString play = "plantname=p&filename=f&dname=d&fb=B&sn=" + ApiWorld::lamp() +
+                             "&snlist=" + ApiWorld::lamp() + "&url=http://x/";
+        for (const char* path : {"/user/urlplay", "/user/urlq39play", "/user/wplantadd", "/user/wfilerg"}) {
+            const QByteArray served = qstrcmp(path, "/user/wfilerg") == 0
+                                          ? QByteArray(R"({"res":false,"info":"unline_error"})")
+                                          : done;
+            row(path + QByteArray(" of two lines"), "alice", path, play + "a%0Ab", unfit, unfit);
+            row(path + QByteArray(" for a shell"), "alice", path, play + "a$(b)", served, unfit);
+            row(path + QByteArray(" as usual"), "alice", path, play + "a?b=%25%26c=~1", served, served);
+        }
+        row("speakers online", "", "/user/olist", "", done, unfit);
+        row("a plan's number alone", "", "GET /user/startwarning", "pltid=9",
+            R"({"res":false,"info":"snlist_error","code":-1})", wrongToken);
+        for (const char* path : {"/user/seemyoder", "/user/seemydaoqishebei"}) {
+            row(path + QByteArray(" of another"), "bob", path, "userid=1", done, wrongToken);
+            row(path + QByteArray(" of its own"), "alice", path, "userid=1", done, done);
+            row(path + QByteArray(" of nobody"), "", path, "userid=99999", done,
+                R"({"res":false,"info":"_FALSE5","code":-1})");
+        }
+    }
+
+    void refusesAsConfigured() {
+        QFETCH(QString, who);
+        QFETCH(QString, path);
+        QFETCH(QString, params);
+        QFETCH(QByteArray, asFixed);
+        QFETCH(QByteArray, asHardened);
+        QFETCH_GLOBAL(bool, hardened);
+        ApiWorld& world = this->world();
+        const QString before = world.snapshot();
+        const HttpParams sent = who == "alice" ? world.alice.params(form(params))
+                                : who == "bob" ? world.bob.params(form(params))
+                                               : form(params);
+        HttpReply reply = path.startsWith("GET ") ? world.service.http().get(path.mid(4) + '?' + params)
+                                                  : world.service.http().postForm(path, sent);
+        if (path.startsWith("GET ") && reply.body.endsWith("GET"))
+            reply.body.chop(3);
+        QVERIFY(holds(reply, hardened ? asHardened : asFixed));
+        if (!reply.res())
+            QCOMPARE(world.snapshot(), before);
+    }
 
     /// Endpoints that ask for "id" and "token" and for `params`; `foreign` names Bob's object instead of
     /// Alice's; `check` is a statement about what the good case leaves, none: nothing may change.
@@ -190,7 +248,7 @@ private slots:
         const auto speaker = onlineFleet(speakersAt(world.service, sn.toLatin1()), 1);
         HttpClient& http = world.service.http();
         const auto listed = [&] {
-            return http.postForm("/user/olist", {})["devlist"].toArray();
+            return http.postForm("/user/olist", world.alice.params())["devlist"].toArray();
         };
         QVERIFY(waitFor([&] { return listed().size() == 1; }));
         const QJsonObject live = listed()[0].toObject();
@@ -288,12 +346,14 @@ private slots:
         QVERIFY(holds(pay(good), R"({"res":true,"EF":1})"));
         QVERIFY(
             holds(pay(replaced(good, {{"sn", world.bell()}, {"info", "next"}})), R"({"res":true,"EF":0})"));
-        const QJsonArray paid = http.postForm("/user/seemyoder", {{"userid", userid}})["data"].toArray();
+        const QJsonArray paid =
+            http.postForm("/user/seemyoder", world.alice.params({{"userid", userid}}))["data"].toArray();
         QCOMPARE(paid.size(), 2);
         QCOMPARE(paid[0]["info"].toString(), "next");
         QCOMPARE(paid[1]["fei"].toVariant().toDouble(), 99.5);
         const QJsonArray due =
-            http.postForm("/user/seemydaoqishebei", {{"userid", userid}})["data"].toArray();
+            http.postForm("/user/seemydaoqishebei", world.alice.params({{"userid", userid}}))["data"]
+                .toArray();
         QCOMPARE(due.size(), 1);
         QCOMPARE(due[0]["device_name"].toString(), "device 11");
         QCOMPARE(due[0]["overtime"].toString(), "2200-02-03");
@@ -357,13 +417,15 @@ private slots:
 private:
     static ApiWorld& world() {
         QFETCH_GLOBAL(int, kind);
-        ApiWorld& world = ApiWorld::of(kind);
+        QFETCH_GLOBAL(bool, hardened);
+        ApiWorld& world = ApiWorld::of(kind, hardened);
         world.reset();
         return world;
     }
     static HttpReply asAlice(const QString& path, const QString& params = {}) {
         QFETCH_GLOBAL(int, kind);
-        ApiWorld& world = ApiWorld::of(kind);
+        QFETCH_GLOBAL(bool, hardened);
+        ApiWorld& world = ApiWorld::of(kind, hardened);
         return world.service.http().postForm(path, world.alice.params(form(params)));
     }
 };

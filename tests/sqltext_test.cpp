@@ -74,6 +74,7 @@ private slots:
         const Table<QString, QString, QStringList> row{"statement", "shape", "values"};
         row("values", "UPDATE `t` SET `a` = '7', `b` = `b`+'' WHERE (`c` = 'x''?' ) ;",
             "UPDATE `t` SET `a` = ?, `b` = `b`+? WHERE (`c` = ? ) ;", {"7", "", "x'?"});
+        row("a word right behind", "SET`a` = '7'WHERE b", "SET`a` = ? WHERE b", {"7"});
         row("none", "UPDATE `a'b` SET c = date(\"it's\")", "UPDATE `a'b` SET c = date(\"it's\")", {});
         for (const char* own :
              {"x = ?", "x = :a", "x = @a", "x = $a", "x -- '", "x /* ' */", "x = 'open", "`x"})
