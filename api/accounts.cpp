@@ -52,6 +52,8 @@ QByteArray DumpController_add_user::user_gtoken(const Params& params) {
         return refusal(QStringLiteral("ParERuser_gtoken"));
     const QString token = newToken(call.text("username"), call.text("passwd"), db().site.randomtokens);
     const SqlResult login = findLogin(db(), call);
+    if (!login.ok && !login.refused)
+        return refusal(QStringLiteral("ER_EXE"));
     if (login.isEmpty())
         return refuseLogin(call);
     const int userid = login.integer(0, "id");
@@ -96,7 +98,8 @@ QByteArray DumpController_add_user::user_add(const Params& /*params*/) {
 
 QByteArray DumpController_add_user::user_add_lite(const Params& params) {
     const Call call(params, *m_mapper);
-    if (!call.has("sskey") || !call.has("username") || !call.has("passwd"))
+    if (!call.has("sskey") || !call.has("username") || !call.has("passwd") ||
+        call.isLonger("username", Call::MaxName) || call.isLonger("passwd", Call::MaxName))
         return refusal(QStringLiteral("ParER"));
     if (!m_devices->matchesServiceKey(call.raw("sskey")))
         return refusal(QStringLiteral("sskey_ER"));

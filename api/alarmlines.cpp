@@ -1,5 +1,6 @@
 #include "api/dumpcontroller_add_user.h"
 #include "api/linebindings.h"
+#include "api/plankeys.h"
 #include "api/requestmapper.h"
 #include "api/taskstore.h"
 
@@ -32,12 +33,14 @@ QByteArray done() {
     return reply({{QStringLiteral("res"), true}, {QStringLiteral("info"), QStringLiteral("done")}});
 }
 
-QByteArray rowsReply(const char* key, const SqlResult& rows) {
-    if (!rows.ok)
-        return refusal(QStringLiteral("exec_error"));
+QByteArray doneWith(const char* key, const QJsonArray& list) {
     return reply({{QStringLiteral("res"), true},
                   {QStringLiteral("info"), QStringLiteral("done")},
-                  {QString::fromLatin1(key), rows.objects()}});
+                  {QString::fromLatin1(key), list}});
+}
+
+QByteArray rowsReply(const char* key, const SqlResult& rows) {
+    return rows.ok ? doneWith(key, rows.objects()) : refusal(QStringLiteral("exec_error"));
 }
 
 bool isLine(const QString& text) {
@@ -116,6 +119,16 @@ SqlResult storeRegistration(sqlite& database, const LineRegistration& line) {
     return result;
 }
 
+/// What a speaker fetches when a line that is bound to the plan fires; the line's letter comes behind.
+QString planAddress(const RequestMapper& router, int plan) {
+    const PlanKeys* keys = router.planKeys();
+    const QString key = keys ? QStringLiteral("&key=") + keys->of(plan) : QString();
+    return QStringLiteral("%1user/startwarning?pltid=%2%3&dd.mp3")
+        .arg(router.database()->site.warningurl)
+        .arg(plan)
+        .arg(key);
+}
+
 QString taskAddress(const Call& call) {
     return QStringLiteral("http://%1/Startwaringtask.php?username=%2&passwd=%3&taskid=%4")
         .arg(call.text("host"), percentEncoded(call.text("username")), percentEncoded(call.text("passwd")),
@@ -148,9 +161,19 @@ QByteArray DumpController_add_user::user_get_DOPlist(const Params& params) {
     Call call(params, *m_mapper);
     if (!call.require({}, "Paruser") || !call.authenticate())
         return call.refused();
-    return rowsReply("plantlist",
-                     db().run(QStringLiteral("select * from  `warningplant` where `userid` =  '@userid' ;"),
-                              {{QStringLiteral("@userid"), call.userid()}}));
+    const SqlResult rows =
+        db().run(QStringLiteral("select * from  `warningplant` where `userid` =  '@userid' ;"),
+                 {{QStringLiteral("@userid"), call.userid()}});
+    const PlanKeys* keys = m_mapper->planKeys();
+    if (!rows.ok || !keys)
+        return rowsReply("plantlist", rows);
+    QJsonArray plans;
+    for (int row = 0; row < rows.rows.size(); ++row) {
+        QJsonObject plan = rows.object(row);
+        plan.insert(QStringLiteral("key"), keys->of(rows.integer(row, "id")));
+        plans.append(plan);
+    }
+    return doneWith("plantlist", plans);
 }
 
 QByteArray DumpController_add_user::user_rm_DOPlane(const Params& params) {
@@ -178,8 +201,7 @@ QByteArray DumpController_add_user::user_reg_DOPane(const Params& params) {
         return refusal(QStringLiteral("exec_error"));
     if (!areOnline(m_devices, {sn}))
         return refusal(QStringLiteral("unline_error"));
-    const QString address =
-        db().site.warningurl + QStringLiteral("user/startwarning?pltid=%1&dd.mp3").arg(call.number("pltid"));
+    const QString address = planAddress(*m_mapper, call.number("pltid"));
     const SqlResult stored = storeRegistration(db(), {sn, BindingKind::Plan, address, call.text("dname"),
                                                       plan.text(0, "name"), call.userid(), line});
     if (!stored.ok)

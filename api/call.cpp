@@ -1,7 +1,10 @@
 #include "api/call.h"
 
 #include "api/requestmapper.h"
+#include "core/sqlite.h"
 
+#include <algorithm>
+#include <array>
 #include <QJsonDocument>
 #include <QRegularExpression>
 
@@ -29,17 +32,28 @@ QList<qint64> numbersIn(const QString& list) {
     return numbers;
 }
 
+bool isOneLine(const QString& text) {
+    return std::none_of(text.begin(), text.end(),
+                        [](QChar c) { return c.category() == QChar::Other_Control; });
+}
+
+bool isPlayable(const QString& address, const RequestMapper& router) {
+    static const QRegularExpression actedOn(QStringLiteral("[\"'`$;|<>\\\\]"));
+    return isOneLine(address) && !(router.database()->site.safeurls && address.contains(actedOn));
+}
+
 bool Call::require(std::initializer_list<const char*> names, const char* word) {
     bool complete = has("id") && has("token");
     for (const char* name : names)
-        complete = complete && has(name);
-    return complete || refuse(refusal(QLatin1String(word)));
+        complete = complete && has(name) && (qstrcmp(name, "url") != 0 || isPlayable(text(name), m_tokens));
+    return (complete && !hasLongText()) || refuse(refusal(QLatin1String(word)));
 }
 
-bool Call::authenticate(const char* unknownWord) {
-    if (m_tokens.token(userid()))
-        return authenticateLoosely();
-    return refuse(refusal(QLatin1String(unknownWord), -1));
+bool Call::authenticateAs(int account, const char* unknownWord) {
+    const auto token = m_tokens.token(account);
+    if (!token)
+        return refuse(refusal(QLatin1String(unknownWord), -1));
+    return *token == text("token") || refuse(refusal(QStringLiteral("_FALSE6"), -2));
 }
 
 bool Call::authenticateLoosely() {
@@ -65,6 +79,21 @@ QString Call::raw(const char* name) const {
 
 QString Call::text(const char* name) const {
     return raw(name).trimmed();
+}
+
+bool Call::isLonger(const char* name, int bytes) const {
+    const QByteArray value = m_params.value(name);
+    return value.size() > bytes && value.trimmed().size() > bytes;
+}
+
+bool Call::hasLongText() const {
+    constexpr std::array names{"device_code", "dname",     "fei",   "gname",    "lunbotext",
+                               "name",        "newname",   "newsn", "overtime", "plantname",
+                               "pname",       "task_name", "type"};
+    constexpr int texts = 4096;
+    return isLonger("info", texts) || isLonger("to", texts) || isLonger("url", texts) ||
+           std::any_of(names.begin(), names.end(),
+                       [this](const char* name) { return isLonger(name, MaxName); });
 }
 
 int Call::number(const char* name) const {

@@ -21,6 +21,12 @@ QByteArray refusal(const QString& word, int code = 0);
 /// The entries of a list, separated by "|" or ",", that are numbers.
 QList<qint64> numbersIn(const QString& list);
 
+/// Whether no character of the text is a control character: no line break, no tabulator, no NUL.
+bool isOneLine(const QString& text);
+/// Whether a speaker may be given the address, which its shell reads: one line and, with the key
+/// `safeurls`, nothing that a shell acts on ("&" apart, which addresses need).
+bool isPlayable(const QString& address, const RequestMapper& router);
+
 /// The common steps of an authenticated endpoint. Use: require(), then authenticate(); each returns
 /// false when the request must be refused, and refused() is then the reply to send.
 class Call {
@@ -29,10 +35,13 @@ public:
         : m_params(params)
         , m_tokens(tokens) {}
 
-    /// "id", "token" and `names` must be present; otherwise the refusal's info is `word`.
+    /// "id", "token" and `names` must be present, a "url" among them be playable and no text too long to
+    /// store; otherwise the refusal's info is `word`.
     bool require(std::initializer_list<const char*> names, const char* word);
     /// Unknown user: `unknownWord` with code -1; wrong token: "_FALSE6" with code -2.
-    bool authenticate(const char* unknownWord = "_FALSE5");
+    bool authenticate(const char* unknownWord = "_FALSE5") { return authenticateAs(userid(), unknownWord); }
+    /// The same for an account that another parameter names.
+    bool authenticateAs(int account, const char* unknownWord = "_FALSE5");
     /// For the endpoints without a test of their own for an unknown user: there the stored token
     /// counts as the empty text, and userid() is from then on a number that owns nothing.
     bool authenticateLoosely();
@@ -42,9 +51,13 @@ public:
 
     int userid() const { return m_isNobody ? Nobody : number("id"); }
     bool has(const char* name) const;
-    QString raw(const char* name) const;  ///< as sent, for keys
-    QString text(const char* name) const; ///< trimmed
-    int number(const char* name) const;   ///< 0 when it is not a number
+    QString raw(const char* name) const;              ///< as sent, for keys
+    QString text(const char* name) const;             ///< trimmed
+    int number(const char* name) const;               ///< 0 when it is not a number
+    static constexpr int MaxName = 255;               ///< bytes of a name
+    bool isLonger(const char* name, int bytes) const; ///< in UTF-8, trimmed
+    /// Whether a text that endpoints store is longer than it may be: rows are read in lists of any length.
+    bool hasLongText() const;
     /// Split at "|"; an empty value is a list with no entries.
     QStringList list(const char* name) const;
 

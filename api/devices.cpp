@@ -221,9 +221,11 @@ QByteArray DumpController_add_user::user_disable_device(const Params& params) {
                          [this](const QStringList& sns) { commands()->disable_device(sns); });
 }
 
-QByteArray DumpController_add_user::user_LIST(const Params& /*params*/) {
-    const QJsonArray list = callOnLoop(m_devices, [this] { return m_devices->onlineDevices(); });
-    return reply({{QStringLiteral("res"), true}, {QStringLiteral("devlist"), list}});
+QByteArray DumpController_add_user::user_LIST(const Params& params) {
+    Call call(params, *m_mapper);
+    if (db().site.tokenpaths && (!call.require({}, "Paruser") || !call.authenticate()))
+        return call.refused();
+    return m_mapper->onlineList().reply();
 }
 
 QByteArray DumpController_add_user::get_devicelistweb(const Params& params, const QString& /*path*/) {
@@ -246,7 +248,8 @@ QByteArray DumpController_add_user::get_devicelistweb(const Params& params, cons
 
 QByteArray DumpController_add_user::add_user_devices_cross(const Params& params, const QString& /*path*/) {
     const Call call(params, *m_mapper);
-    if (!call.has("username") || !call.has("passwd") || !call.has("name") || !call.has("sed"))
+    if (!call.has("username") || !call.has("passwd") || !call.has("name") || !call.has("sed") ||
+        call.hasLongText() || call.isLonger("sed", Call::MaxName))
         return refusal(QStringLiteral("ParER"));
     const SqlResult login = webLogin(db(), call);
     if (login.isEmpty())

@@ -36,7 +36,7 @@ std::optional<Params> uniAppParameters(const QByteArray& body, QByteArray& error
 }
 
 bool isUniApp(const HttpRequest& request) {
-    return request.getHeaderMap().contains(QByteArrayLiteral("from-header"), QByteArrayLiteral("uniapp"));
+    return request.getHeader(QByteArrayLiteral("from-header")) == "uniapp";
 }
 } // namespace
 

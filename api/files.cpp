@@ -34,7 +34,7 @@ QJsonObject listedFile(const SqlResult& rows, int row, const QString& urlPrefix)
     const QString base64 = rows.text(row, "filename");
     file.insert(QStringLiteral("filenamebase64"), base64);
     file.insert(QStringLiteral("filename"), QString::fromUtf8(QByteArray::fromBase64(base64.toLatin1())));
-    file.insert(QStringLiteral("playurl"), urlPrefix + rows.text(row, "url"));
+    file.insert(QStringLiteral("playurl"), fileAddress(urlPrefix, rows.text(row, "url")));
     file.insert(QStringLiteral("sizeStr"), FileStore::sizeText(rows.value(row, "sizeByte").toLongLong()));
     return file;
 }
@@ -54,11 +54,12 @@ QByteArray listReply(sqlite& database, int userid, const QString& urlPrefix) {
                   {QStringLiteral("filelist"), files}});
 }
 
-/// The MP3 files of one folder below the document root, without any database.
+/// The MP3 files of one folder below the document root, without any database. Of the hidden ones only
+/// ".mp3", a sound without a name, is served.
 void listFolder(const FileStore& store, const QString& folder, QJsonArray& files) {
     const QDir directory(store.path(folder));
-    for (const QFileInfo& info :
-         directory.entryInfoList({QStringLiteral("*.mp3")}, QDir::Files, QDir::Name)) {
+    const QStringList sounds{QStringLiteral("[!.]*.mp3"), QStringLiteral(".mp3")};
+    for (const QFileInfo& info : directory.entryInfoList(sounds, QDir::Files | QDir::Hidden, QDir::Name)) {
         const QByteArray hex = info.completeBaseName().toLatin1();
         const QByteArray decoded = QByteArray::fromHex(hex);
         const QString name = decoded.toHex() == hex ? QString::fromUtf8(decoded) : info.completeBaseName();
@@ -85,7 +86,7 @@ QByteArray DumpController_add_user::storeUploadedAudio(const Params& params, Htt
     if (!file)
         return refusal(QStringLiteral("NoFile in FormData"));
     Call call(params, *m_mapper);
-    if (!call.require({"filename"}, "Paruser") || !call.authenticate())
+    if (!call.require({}, "Paruser") || !call.authenticate())
         return call.refused();
     const FileStore store(db());
     const auto work = store.workDirectory();
@@ -93,7 +94,7 @@ QByteArray DumpController_add_user::storeUploadedAudio(const Params& params, Htt
     if (!work->isValid() || !FileStore::copyTo(*file, source))
         return refusal(QStringLiteral("exc_error_ext"));
     const StoreResult result = storeAudio(
-        db(), store, {call.userid(), call.text("filename"), m_devices->bitrate, true}, source, *work);
+        db(), store, {call.userid(), uploadName(call, request), m_devices->bitrate, true}, source, *work);
     if (!result.stored)
         return result.refusalReply();
     QJsonObject object = storedReply(*result.stored, store);

@@ -2,6 +2,7 @@
 
 #include "api/call.h"
 #include "core/sqlite.h"
+#include "http/httprequest.h"
 
 #include <cstdio>
 #include <QDebug>
@@ -38,7 +39,7 @@ SqlResult writeRow(sqlite& database, const AudioUpload& upload, StoredAudio& aud
         return old;
     if (old.isEmpty()) {
         const SqlResult added = database.run(
-            QStringLiteral("INSERT INTO `userfile` (`userid`, `filename`, `url`, `len`, `crl`,   `ziuse`, "
+            QStringLiteral("INSERT INTO  `userfile` (`userid`, `filename`, `url`, `len`, `crl`,   `ziuse`, "
                            "`sizeByte`)                             VALUES ( '@userid', '@filename', '@url', "
                            "'@len' , '@crl' , 1 , '@filesize' )"),
             args);
@@ -85,6 +86,10 @@ QString FileStore::sizeText(qint64 bytes) {
     return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeTraditionalFormat);
 }
 
+QList<QByteArray> FileStore::uploadPaths() {
+    return {"/ksfile/", "/mp3/", "/static/logo.png", "/static/swap_", "/static/u1.jpg", "/tmp.jpg"};
+}
+
 std::unique_ptr<QTemporaryDir> FileStore::workDirectory() const {
     if (!QDir().mkpath(m_work))
         qWarning().noquote() << "no directory for uploads:" << m_work;
@@ -122,6 +127,11 @@ bool FileStore::remove(const QString& url) const {
 
 void FileStore::removeLeftovers(const QString& runingdir) {
     QDir(runingdir + workFolder()).removeRecursively();
+}
+
+QString uploadName(const Call& call, const HttpRequest& request) {
+    return call.has("filename") ? call.text("filename")
+                                : QString::fromUtf8(request.getUploadedFileName("file"));
 }
 
 QByteArray StoreResult::refusalReply() const {

@@ -1,12 +1,15 @@
 #pragma once
 
 #include "api/audio.h"
+#include "core/fileaddress.h"
 
 #include <memory>
 #include <optional>
 #include <QString>
 #include <QTemporaryDir>
 
+class Call;
+class HttpRequest;
 class QIODevice;
 class sqlite;
 
@@ -26,9 +29,12 @@ public:
     static QString sizeText(qint64 bytes);
     static constexpr int MaxNameBytes = 100; // twice that in hex still fits a file name
 
+    /// The beginnings of every path over HTTP under which uploads are found.
+    static QList<QByteArray> uploadPaths();
+
     QString root() const { return m_root; }
     QString path(const QString& url) const { return m_root + QLatin1Char('/') + url; }
-    QString playUrl(const QString& url) const { return m_preurl + url; }
+    QString playUrl(const QString& url) const { return fileAddress(m_preurl, url); }
 
     /// A directory of this request's own, on the document root's file system, removed with the
     /// object. Not valid when it could not be made.
@@ -47,6 +53,9 @@ private:
     QString m_root;
     QString m_preurl;
 };
+
+/// Name of an upload: the parameter "filename", without it the part's own. Not cleaned.
+QString uploadName(const Call& call, const HttpRequest& request);
 
 /// A stored audio file: what the caller is told and the table holds.
 struct StoredAudio {

@@ -12,10 +12,19 @@ bool isEndOfPeriod(const QString& text) {
     return QDate::fromString(text.left(10), QStringLiteral("yyyy-MM-dd")).isValid();
 }
 
-/// The rows that a statement about one account gives.
-QByteArray listFor(sqlite& database, const Call& call, const QString& statement) {
+/// False when no key is configured.
+bool holdsPayKey(const sqlite& database, const Call& call) {
+    return !database.site.payKey.isEmpty() && call.raw("sskey") == database.site.payKey;
+}
+
+/// The rows that a statement about one account gives. With `tokenpaths` the account's token or the key of
+/// payments is asked for.
+QByteArray listFor(sqlite& database, Call call, const QString& statement) {
     if (!call.has("userid"))
         return refusal(QStringLiteral("ParER"));
+    if (database.site.tokenpaths && !holdsPayKey(database, call) &&
+        !call.authenticateAs(call.number("userid")))
+        return call.refused();
     const SqlResult rows = database.run(statement, {{QStringLiteral("@userid"), call.number("userid")}});
     if (!rows.ok)
         return refusal(QStringLiteral("ER_EXE"));
@@ -31,8 +40,9 @@ QByteArray DumpController_add_user::odds_fuckpay(const Params& params) {
         if (!call.has(name))
             return refusal(QStringLiteral("ParER"));
     }
-    const QString payKey = db().site.payKey;
-    if (!payKey.isEmpty() && call.raw("sskey") != payKey)
+    if (call.hasLongText() || call.isLonger("sn", Call::MaxName))
+        return refusal(QStringLiteral("ParER"));
+    if (!db().site.payKey.isEmpty() && !holdsPayKey(db(), call))
         return refusal(QStringLiteral("sskey_ER"));
     if (!isEndOfPeriod(call.text("overtime")))
         return refusal(QStringLiteral("ParER"));

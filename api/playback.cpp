@@ -1,6 +1,7 @@
 // Endpoints that make speakers play, stop and change their volume at once.
 #include "api/dumpcontroller_add_user.h"
 
+#include "api/plankeys.h"
 #include "api/requestmapper.h"
 #include "core/sqlite.h"
 #include "redis/core_corss.h"
@@ -95,6 +96,9 @@ QByteArray DumpController_add_user::user_play_wplant(const Params& params) {
     const Call call(params, *m_mapper);
     if (!call.has("pltid"))
         return refusal(QStringLiteral("Paruser"));
+    const PlanKeys* keys = m_mapper->planKeys();
+    if (keys && call.text("key") != keys->of(call.number("pltid")))
+        return refusal(QStringLiteral("_FALSE6"), -2);
     const SqlResult plan = db().run(QStringLiteral("SELECT * FROM  warningplant where id ='@pltid';"),
                                     {{QStringLiteral("@pltid"), call.number("pltid")}});
     if (!plan.ok)
@@ -102,6 +106,8 @@ QByteArray DumpController_add_user::user_play_wplant(const Params& params) {
     const QString sns = plan.text(0, "snids");
     if (sns.isEmpty())
         return noTargets();
+    if (!isPlayable(plan.text(0, "url"), *m_mapper))
+        return refusal(QStringLiteral("Paruser"));
     commands()->play_urlq39(sns.split(QLatin1Char('|')), plan.text(0, "url"));
     return done();
 }

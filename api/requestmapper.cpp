@@ -3,6 +3,7 @@
 #include "api/dumpcontroller_add_user.h"
 #include "api/examplecontrollers.h"
 #include "api/filestore.h"
+#include "api/plankeys.h"
 #include "core/sqlite.h"
 #include "http/httprequest.h"
 #include "http/httpresponse.h"
@@ -59,7 +60,9 @@ RequestMapper::RequestMapper(QCoreApplication* /*application*/, int /*RDDATAPORT
     , m_database(database)
     , m_devices(devices)
     , m_tasks(tasks)
-    , m_commandHost(::commandHost(database->site.ownAddress)) {
+    , m_commandHost(::commandHost(database->site.ownAddress))
+    , m_planKeys(database->site.tokenpaths ? std::make_unique<PlanKeys>(database->site.waringdir) : nullptr)
+    , m_onlineList(devices) {
     FileStore::removeLeftovers(database->site.runingdir);
     loadTokens(*database);
     qDebug("RequestMapper: created");

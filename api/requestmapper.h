@@ -1,8 +1,10 @@
 #pragma once
 
+#include "api/onlinelist.h"
 #include "api/wronglogins.h"
 #include "http/httprequesthandler.h"
 
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <QHash>
@@ -10,6 +12,7 @@
 #include <QReadWriteLock>
 #include <QString>
 
+class PlanKeys;
 class QCoreApplication;
 class Severinit;
 class sqlite;
@@ -53,9 +56,12 @@ public:
     static QString randomToken(); ///< 40 random lower-case hexadecimal digits
 
     WrongLogins& wrongLogins() { return m_wrongLogins; }
+    /// Random parts of the plans' call-back addresses; null when none are asked for. Any thread.
+    const PlanKeys* planKeys() const { return m_planKeys.get(); }
 
     /// Host under which the endpoints reach this node's own command server. Any thread.
     QString commandHost() const { return m_commandHost; }
+    OnlineList& onlineList() { return m_onlineList; }
 
 private:
     sqlite* m_database;
@@ -63,6 +69,8 @@ private:
     Task_workque* m_tasks;
     const TemplateLoader* m_templates = nullptr;
     const QString m_commandHost;
+    const std::unique_ptr<const PlanKeys> m_planKeys; ///< with the key `tokenpaths`
+    OnlineList m_onlineList;
     mutable QReadWriteLock m_lock;
     QHash<int, QString> m_tokens; ///< guarded by m_lock
     WrongLogins m_wrongLogins;

@@ -58,10 +58,11 @@ bool speak(const sqlite::Site& site, const SpeechOrder& order, const QString& ou
                                 QString::number(order.speed),
                                 order.voice,
                                 output,
-                                text.argument(),
-                                site.ttsxfAPPID,
-                                site.ttsxfAPISecret,
-                                site.ttsxfAPIKey};
+                                text.argument()};
+    // Everybody on the machine can read a program's arguments.
+    run.environment.insert(QStringLiteral("ttsxfAPPID"), site.ttsxfAPPID);
+    run.environment.insert(QStringLiteral("ttsxfAPISecret"), site.ttsxfAPISecret);
+    run.environment.insert(QStringLiteral("ttsxfAPIKey"), site.ttsxfAPIKey);
     return runProgram(run).ok();
 }
 

@@ -50,7 +50,7 @@ const Members Devices{
     QStringLiteral("INSERT INTO  `taskseed` (`taskid`, `devseedid`) VALUES ( '@taskid' , '@snid' ) ;"),
     QStringLiteral("DELETE FROM  `taskseed` WHERE ( `taskid` = '@taskid' );"),
     QStringLiteral("SELECT * FROM  sbox_device_info,taskseed where taskseed.devseedid = sbox_device_info.id "
-                   "and taskseed.taskid  =  '@taskid' ;"),
+                   "and taskseed.taskid  =  '@taskid' order by taskseed.id ;"),
     QStringLiteral("UPDATE `task` SET `snids` = '@list' WHERE (`id` = '@taskid');")};
 const Members Files{
     QStringLiteral("@fileid"),
@@ -58,7 +58,7 @@ const Members Files{
     QStringLiteral("INSERT INTO  `taskfile` (`taskid`, `fileid`) VALUES ( '@taskid' , '@fileid' ) ;"),
     QStringLiteral("DELETE FROM  `taskfile` WHERE ( `taskid` = '@taskid'  );"),
     QStringLiteral("SELECT * FROM  userfile,taskfile where taskfile.fileid= userfile.id and taskfile.taskid  "
-                   "= '@taskid' ;"),
+                   "= '@taskid' order by taskfile.id ;"),
     QStringLiteral("UPDATE `task` SET `fileids` = '@list' WHERE (`id` = '@taskid');")};
 const QString DeleteFiles = QStringLiteral("DELETE FROM  `taskfile` WHERE (`taskid` = '@taskid');");
 const QString DeleteDevices = QStringLiteral("DELETE FROM  `taskseed` WHERE (`taskid` = '@taskid');");

@@ -57,7 +57,7 @@ QString commaList(const QList<qint64>& ids) {
 
 std::optional<int> playLength(sqlite& database, const Call& call, const QList<qint64>& files, int times) {
     const int shortest = database.site.tasklenmin;
-    if (!call.has("len")) {
+    if (call.text("len").isEmpty()) {
         const qint64 wanted = filesLength(database, call.userid(), files) * std::clamp(times, 1, 1000);
         return static_cast<int>(std::clamp<qint64>(wanted, std::min(shortest, MaxTaskLength), MaxTaskLength));
     }

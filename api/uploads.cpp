@@ -6,11 +6,13 @@
 #include "http/httprequest.h"
 
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QUuid>
 
 namespace {
 
 constexpr int HeadBytes = 64;
+constexpr int AdministratorLevel = 1;
 
 QByteArray stored(const FileStore& store, const QString& url) {
     return reply({{QStringLiteral("res"), true},
@@ -36,6 +38,24 @@ QString pictureSuffixOf(QTemporaryFile& upload) {
     return audio::pictureSuffix(upload.peek(HeadBytes));
 }
 
+/// Whether the picture paths refuse the account, which must be an administrator's with `adminpictures`.
+bool mayNotChangePictures(sqlite& database, int userid) {
+    if (!database.site.adminpictures)
+        return false;
+    const SqlResult account =
+        database.run(QStringLiteral("SELECT `user_level` FROM  sbox_users where ( `id` = '@userid' );"),
+                     {{QStringLiteral("@userid"), userid}});
+    return account.integer(0, "user_level") != AdministratorLevel;
+}
+
+/// What a browser may be sent to from a picture: nothing, an http(s) address or a path. Without a scheme
+/// there is no colon before the first slash.
+bool isLink(const QString& text) {
+    static const QRegularExpression link(QStringLiteral("\\A(?:https?://|[^:]*\\z|[^:/?#]*[/?#])"),
+                                         QRegularExpression::CaseInsensitiveOption);
+    return isOneLine(text) && link.match(text).hasMatch();
+}
+
 /// A name that can stand in a directory: not empty, and no dots in front.
 QString sharedName(const QString& name) {
     QString cleaned = FileStore::cleanName(name);
@@ -54,6 +74,8 @@ QByteArray DumpController_add_user::storePicture(const Params& params, HttpReque
     Call call(params, *m_mapper);
     if (!call.require({}, "Paruser") || !call.authenticate())
         return call.refused();
+    if (mayNotChangePictures(db(), call.userid()))
+        return refusal(QStringLiteral("ER_REJECT"));
     if (pictureSuffixOf(*file).isEmpty())
         return refusal(QStringLiteral("Decode_error"));
     const FileStore store(db());
@@ -75,9 +97,7 @@ QByteArray DumpController_add_user::user_reg_fileallk(const Params& params, Http
     Call call(params, *m_mapper);
     if (!call.require({}, "Parusersss") || !call.authenticate())
         return call.refused();
-    const QString given =
-        call.has("filename") ? call.text("filename") : QString::fromUtf8(request.getUploadedFileName("file"));
-    const QString name = sharedName(given);
+    const QString name = sharedName(uploadName(call, request));
     const FileStore store(db());
     const QString url = QStringLiteral("ksfile/%1/%2").arg(call.userid()).arg(name);
     const SqlArgs args{{QStringLiteral("@userid"), call.userid()},
@@ -106,6 +126,10 @@ QByteArray DumpController_add_user::swapupload(const Params& params, HttpRequest
     Call call(params, *m_mapper);
     if (!call.require({"lunbotext"}, "Parusersss") || !call.authenticate())
         return call.refused();
+    if (!isLink(call.text("to")))
+        return refusal(QStringLiteral("Parusersss"));
+    if (mayNotChangePictures(db(), call.userid()))
+        return refusal(QStringLiteral("ER_REJECT"));
     const QString suffix = pictureSuffixOf(*file);
     if (suffix.isEmpty())
         return refusal(QStringLiteral("Decode_error"));

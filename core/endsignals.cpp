@@ -41,6 +41,7 @@ EndSignals::EndSignals(QObject* parent)
     setHandler(SIGTERM, noteSignal);
     setHandler(SIGINT, noteSignal);
     setHandler(SIGPIPE, SIG_IGN);
+    setHandler(SIGXFSZ, SIG_IGN); // a file at its limit is a failed write, not the end of every speaker
 }
 
 EndSignals::~EndSignals() {

@@ -1,6 +1,9 @@
 #include "core/logging.h"
 
-#include <cerrno>
+#include "core/logline.h"
+#include "core/logoutput.h"
+
+#include <mutex>
 #include <QByteArray>
 #include <QDateTime>
 #include <QString>
@@ -38,20 +41,6 @@ const char* journalPriority(QtMsgType type) {
     return "<2>";
 }
 
-void writeAll(const QByteArray& line) {
-    const char* from = line.constData();
-    auto left = static_cast<size_t>(line.size());
-    while (left > 0) {
-        const ssize_t n = write(STDERR_FILENO, from, left);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return;
-        from += n;
-        left -= static_cast<size_t>(n);
-    }
-}
-
 // Local time down to the millisecond. The date part is worked out once a second: in a storm of lines it
 // would cost more than all the rest of a line.
 QByteArray timeStamp() {
@@ -66,13 +55,41 @@ QByteArray timeStamp() {
     return text + QByteArray::number(now % 1000).rightJustified(3, '0') + ' ';
 }
 
+QByteArray lineOf(QtMsgType type, const QString& message) {
+    const QByteArray head = ToJournal ? QByteArray(journalPriority(type)) : timeStamp();
+    return head + logLine(message, LogOutput::MaxLine - head.size() - 2) +
+           '\n'; // 2: line ends, see LogOutput
+}
+
+/// What all threads write to.
+class Log {
+public:
+    void write(QtMsgType type, const QString& message) {
+        const QByteArray line = lineOf(type, message);
+        const std::lock_guard lock(m_mutex); // held for no longer than a write that does not wait
+        if (!tellLost() || !m_output.write(line))
+            ++m_lost;
+    }
+
+private:
+    bool tellLost() {
+        if (m_lost == 0)
+            return true;
+        const bool told = m_output.write(lineOf(QtWarningMsg, QStringLiteral("%1 lines lost").arg(m_lost)));
+        if (told)
+            m_lost = 0;
+        return told;
+    }
+
+    std::mutex m_mutex; ///< guards all below
+    LogOutput m_output{STDERR_FILENO};
+    qint64 m_lost = 0;
+};
+
 void handleMessage(QtMsgType type, const QMessageLogContext& /*context*/, const QString& message) {
-    QByteArray line = ToJournal ? QByteArray(journalPriority(type)) : timeStamp();
-    QByteArray text = message.toUtf8();
-    text.replace("\r\n", "\\n").replace('\n', "\\n").replace('\r', "\\n");
-    line += text;
-    line += '\n';
-    writeAll(line);
+    static auto* const log =
+        new Log; // never destroyed: objects that go later may still have something to say
+    log->write(type, message);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "core/run.h"
 
+#include "core/adduser.h"
 #include "core/endsignals.h"
 #include "core/eventdispatcher.h"
 #include "core/logging.h"
@@ -16,14 +17,20 @@
 
 namespace {
 
-constexpr auto Usage = "Usage: speakerd [CONFIG]\n"
-                       "Service for a fleet of networked IP speakers.\n"
-                       "\n"
-                       "  CONFIG      INI file; \"config.ini\" in the working directory when not given\n"
-                       "  --help      this text\n"
-                       "  --version   the version\n"
-                       "\n"
-                       "SIGTERM and SIGINT end it.\n";
+constexpr auto Usage =
+    "Usage: speakerd [CONFIG]\n"
+    "       speakerd --adduser NAME [--admin] [CONFIG]\n"
+    "Service for a fleet of networked IP speakers.\n"
+    "\n"
+    "  CONFIG          INI file; \"config.ini\" in the working directory when not given\n"
+    "  --adduser NAME  add an account to the configured database, then end; the service may run. The\n"
+    "                  password is a line of standard input; from a terminal, or when the line is empty,\n"
+    "                  one is made and told. In the service's working directory when that is SQLite\n"
+    "  --admin         the account is an administrator's\n"
+    "  --help          this text\n"
+    "  --version       the version\n"
+    "\n"
+    "SIGTERM and SIGINT end it.\n";
 
 // Answers the options that need no service; false when there is none.
 bool answersOption(const char* argument) {
@@ -61,8 +68,12 @@ int runService(int argc, char** argv) {
     if (argc > 1 && answersOption(argv[1]))
         return 0;
     installLogging();
-    raiseOpenFileLimit();
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+    if (argc > 1 && qstrcmp(argv[1], "--adduser") == 0) {
+        const QCoreApplication application(argc, argv);
+        return addUser(argc, argv);
+    }
+    raiseOpenFileLimit();
     QCoreApplication::setEventDispatcher(new EpollEventDispatcher); // the application owns it
     QCoreApplication application(argc, argv);
     const EndSignals endSignals;

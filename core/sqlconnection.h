@@ -14,6 +14,9 @@
 
 class QTcpSocket;
 
+/// The database of kinds 0 and 3, in the working directory.
+constexpr auto SqliteFile = ".Elvor.db";
+
 /// What a connection is opened with.
 struct SqlServer {
     QString host;

@@ -1,5 +1,6 @@
 #include "core/sqlite.h"
 
+#include "core/logthrottle.h"
 #include "core/sqlconnection.h"
 #include "core/sqlscript.h"
 
@@ -140,9 +141,11 @@ SqlResult sqlite::run(const QString& statement, const SqlArgs& args) {
     if (filled.ok)
         return send(filled.sql, statement);
     SqlResult refused;
+    refused.refused = true;
     refused.sql = filled.sql;
     refused.error = filled.error;
-    qWarning().noquote() << "sql refused:" << filled.error << "in" << statement;
+    if (mayLog("sql refused", QString()))
+        qWarning().noquote() << "sql refused:" << filled.error << "in" << statement;
     return refused;
 }
 
@@ -204,6 +207,6 @@ std::unique_ptr<sqlite> sqlite::forThread() const {
     const QString name = QStringLiteral("taskmain_%1").arg(++count);
     qDebug().noquote() << "reget Dbasename" << name;
     std::unique_ptr<sqlite> own(new sqlite(*this, name));
-    own->init();
+    own->init2();
     return own;
 }

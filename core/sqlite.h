@@ -18,6 +18,7 @@ class SqlConnection;
 /// Outcome of one statement, with its rows fetched whole: no cursor stays open.
 struct SqlResult {
     bool ok = false;
+    bool refused = false; ///< not sent: a value would have left its quotes
     int affected = 0;  ///< rows changed by a write, -1 when the driver can't tell
     qint64 lastId = 0; ///< id of the inserted row, 0 when there is none
     QString sql;       ///< the statement as sent, or as refused
@@ -47,7 +48,7 @@ public:
 
     /// Creates the query objects of the connection. Called once, by start-up.
     void init();
-    /// Makes a fresh query 1 and sets state 2; logs "query  init2".
+    /// Prepares the connection of a thread: a fresh query 1, state 2. Logs "query  init2".
     void init2();
     bool get_is_aready() const;
     /// Runs the text as it stands; a failure is logged and gives false.
@@ -58,8 +59,8 @@ public:
     QSqlError getbaslasterror() const;
     /// Writes one row of the operation log.
     void get_rizhi(int userid, int level, int kind, const QString& info);
-    /// Closes the connection and schedules this object's deletion (so the thread needs an event loop;
-    /// a clone without one is simply destroyed).
+    /// Closes the connection and schedules this object's deletion; logs "queryclear". In a thread without
+    /// an event loop the caller sees to the deletion (WorkerDatabase).
     void release();
 
     /// Fills the template and runs it on this object's connection. A refused or failed statement is
@@ -76,7 +77,7 @@ public:
     int runScript(const QString& script);
 
     /// A database object with the same settings and a connection of its own, for the calling thread,
-    /// which owns it. Logs "reget Dbasename" with the connection's name. Thread-safe.
+    /// which owns it, prepared by init2(). Logs "reget Dbasename" with the connection's name. Thread-safe.
     std::unique_ptr<sqlite> forThread() const;
 
     /// 0 and 3: SQLite file ".Elvor.db" in the working directory; 1: MySQL.

@@ -36,6 +36,7 @@ public:
 
 private:
     void reportAddresses() const;
+    void warnOfMissingSecrets() const;
     void connectRedis();
     void createDevices();
     void listenForSpeakers();

@@ -1,5 +1,6 @@
 #include "device/commandserver.h"
 
+#include "core/logthrottle.h"
 #include "device/severinit.h"
 
 #include <chrono>
@@ -46,7 +47,8 @@ CommandServer::CommandServer(QString tag, QObject* parent)
     : QTcpServer(parent)
     , m_tag(std::move(tag)) {
     connect(this, &QTcpServer::acceptError, this, [this] {
-        qWarning().noquote() << m_tag << "accept:" << errorString();
+        if (mayLog("command connection not accepted", QString()))
+            qWarning().noquote() << m_tag << "accept:" << errorString();
         QTimer::singleShot(ExhaustedPause, this, &QTcpServer::resumeAccepting);
     });
 }
@@ -72,8 +74,9 @@ void CommandServer::incomingConnection(qintptr handle) {
     const QHostAddress peer = peerOf(descriptor);
     const bool isAllowed = m_filter.allows(peer);
     if (!isAllowed || m_connections >= MaxConnections) {
-        qWarning().noquote() << m_tag << "refused:" << peer.toString()
-                             << (isAllowed ? "too many connections" : "not in cmdallow");
+        if (mayLog("command connection refused", peer))
+            qWarning().noquote() << m_tag << "refused:" << peer.toString()
+                                 << (isAllowed ? "too many connections" : "not in cmdallow");
         ::close(descriptor);
         return;
     }

@@ -2,6 +2,7 @@
 
 #include "core/eventdispatcher.h"
 #include "core/fetch.h"
+#include "core/logthrottle.h"
 
 #include <array>
 #include <cerrno>
@@ -93,8 +94,9 @@ int DeviceSocket::write(const QByteArray& bytes) {
             return sent;
     }
     if (m_backlog.size() + bytes.size() - sent > MaxBacklog) {
-        qWarning().noquote() << "Speaker does not read, dropped:" << m_peer.toString() << "with"
-                             << m_backlog.size() << "bytes waiting";
+        if (mayLog("Speaker does not read", m_peer))
+            qWarning().noquote() << "Speaker does not read, dropped:" << m_peer.toString() << "with"
+                                 << m_backlog.size() << "bytes waiting";
         return fail(ENOBUFS);
     }
     m_backlog.append(bytes.constData() + sent, bytes.size() - sent);

@@ -1,5 +1,7 @@
 #include "device/didocmd.h"
 
+#include "core/logthrottle.h"
+
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -147,8 +149,9 @@ void didocmd::answer(const QByteArray& request) {
     m_hasSpoken = true;
     m_deadline.stop();
     send(reply);
-    qInfo().noquote() << m_tag << "finshed:" << m_peer.toString() << request.size() << "bytes in"
-                      << reply.size() << "out" << timer.elapsed() << "ms";
+    if (mayLog("command finished", m_peer))
+        qInfo().noquote() << m_tag << "finshed:" << m_peer.toString() << request.size() << "bytes in"
+                          << reply.size() << "out" << timer.elapsed() << "ms";
 }
 
 void didocmd::send(const QByteArray& reply) {
@@ -159,7 +162,8 @@ void didocmd::send(const QByteArray& reply) {
 }
 
 void didocmd::refuse(const QString& why) {
-    qWarning().noquote() << m_tag << "json_error:" << m_peer.toString() << why << "- closed";
+    if (mayLog("command refused", m_peer))
+        qWarning().noquote() << m_tag << "json_error:" << m_peer.toString() << why << "- closed";
     m_closing = true;
     const QJsonObject reply{{QStringLiteral("res"), QStringLiteral("json_error")},
                             {QStringLiteral("info"), why}};
@@ -228,8 +232,9 @@ void didocmd::late() {
         refuse(QStringLiteral("request not complete within %1 s").arg(Patience.count() / 1000));
         settle();
     } else {
-        qInfo().noquote() << m_tag << "closed:" << m_peer.toString()
-                          << (m_unsent.isEmpty() ? "no request" : "does not read its replies");
+        if (mayLog("command connection closed", m_peer))
+            qInfo().noquote() << m_tag << "closed:" << m_peer.toString()
+                              << (m_unsent.isEmpty() ? "no request" : "does not read its replies");
         over();
     }
 }

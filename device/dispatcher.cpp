@@ -230,9 +230,11 @@ QStringList Dispatcher::each(const QString& word, const QJsonObject& request) co
     QStringList listed = texts(request.value(QLatin1String("snlist")));
     if (listed.isEmpty())
         return expandGroup(request);
-    if (!word.endsWith(QLatin1String("_G")))
+    if (!word.endsWith(QLatin1String("_G")) || !request.contains(QLatin1String("group")))
         return listed;
-    return request.contains(QLatin1String("group")) ? expandGroup(request) : listed;
+    const QStringList members = expandGroup(request);
+    const bool isNamed = !request.value(QLatin1String("group")).toString().isEmpty();
+    return members.isEmpty() && isNamed ? listed : members;
 }
 
 QStringList Dispatcher::expandGroup(const QJsonObject& request) const {

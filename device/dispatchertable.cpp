@@ -128,11 +128,12 @@ Plan newAddress(const Arguments& arguments) {
 
 // --- play lists ---
 
-/// The bytes of a list command: entries joined by line feeds. Empty when there are none.
+/// The bytes of a list command: entries joined by line feeds. Empty when there are none. The log gets
+/// no entry itself: a line for a speaker's shell may hold a password.
 QByteArray joined(const QStringList& files) {
-    for (const QString& file : files)
-        qDebug().noquote() << "strline:" << file;
-    return files.join(QLatin1Char('\n')).toUtf8();
+    const QByteArray list = files.join(QLatin1Char('\n')).toUtf8();
+    qDebug() << "strline:" << files.size() << "entries" << list.size() << "bytes";
+    return list;
 }
 
 Plan listCall(const QStringList& files, int (SAobj::*method)(const QByteArray&)) {

@@ -1,6 +1,7 @@
 #include "device/fortcpclient.h"
 
 #include "core/fetch.h"
+#include "core/logthrottle.h"
 
 #include <chrono>
 #include <QDebug>
@@ -53,7 +54,8 @@ void fortcpclient::sn_heartbeat() {
     if (m_socket->isConnected() && m_socket->write(beat) > 0)
         return;
     m_timer.reset();
-    qInfo().noquote() << "Dev is out line" << m_sn << m_socket->errorText();
+    if (mayLog("Dev is out line", m_sn))
+        qInfo().noquote() << "Dev is out line" << m_sn << m_socket->errorText();
     leaveMap();
     emit sn_imoutline(m_sn);
     release();
@@ -62,8 +64,9 @@ void fortcpclient::sn_heartbeat() {
 void fortcpclient::sn_disconnect() {
     leaveMap();
     emit sn_imoutline(m_sn);
-    qInfo().noquote() << "_Disconnect__fuck" << m_sn << m_socket->peerAddress().toString()
-                      << m_socket->errorText();
+    if (mayLog("_Disconnect__fuck", m_sn))
+        qInfo().noquote() << "_Disconnect__fuck" << m_sn << m_socket->peerAddress().toString()
+                          << m_socket->errorText();
     release();
 }
 
@@ -76,7 +79,8 @@ void fortcpclient::leaveMap() {
 int fortcpclient::Writedata(const QByteArray& bytes) {
     if (m_alive && m_socket->isConnected())
         return sn_Writedata(bytes);
-    qWarning().noquote() << "return: write:" << (m_alive ? "true" : "false") << m_sn;
+    if (mayLog("return: write", m_sn))
+        qWarning().noquote() << "return: write:" << (m_alive ? "true" : "false") << m_sn;
     return 0;
 }
 

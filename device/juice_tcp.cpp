@@ -1,5 +1,6 @@
 #include "device/juice_tcp.h"
 
+#include "core/logthrottle.h"
 #include "device/lobby.h"
 
 #include <chrono>
@@ -23,7 +24,8 @@ juice_tcp::juice_tcp(Lobby& lobby, quint64 ticket, std::unique_ptr<DeviceSocket>
 juice_tcp::~juice_tcp() = default;
 
 void juice_tcp::socketRead(const char* bytes, int size) {
-    qInfo().noquote() << "juice_tcp disconnect1" << m_lobby.name() << m_socket->peerAddress().toString();
+    if (mayLog("juice_tcp disconnect1", m_socket->peerAddress()))
+        qInfo().noquote() << "juice_tcp disconnect1" << m_lobby.name() << m_socket->peerAddress().toString();
     m_deadline.reset();
     m_lobby.handOn(m_ticket, std::move(m_socket), QByteArray(bytes, size));
 }
@@ -43,8 +45,9 @@ void juice_tcp::wheelTimeout(int /*tag*/) {
 }
 
 void juice_tcp::refuse(const QString& reason) {
-    qInfo().noquote() << "juice_tcp disconnect2" << m_lobby.name() << m_socket->peerAddress().toString()
-                      << reason;
+    if (mayLog("juice_tcp disconnect2", m_socket->peerAddress()))
+        qInfo().noquote() << "juice_tcp disconnect2" << m_lobby.name() << m_socket->peerAddress().toString()
+                          << reason;
     m_deadline.reset();
     m_socket->close();
     m_lobby.leave(m_ticket);

@@ -1,5 +1,6 @@
 #include "device/mp3dataserver.h"
 
+#include "core/logthrottle.h"
 #include "device/devicesocket.h"
 #include "device/lobby.h"
 #include "device/packets.h"
@@ -48,7 +49,8 @@ void Mp3DataServer::start(Severinit* registry) {
     connect(m_acceptor.get(), &TcpAcceptor::newConnection, this,
             [this] { m_lobby->enter(m_acceptor->nextPendingConnection()); });
     connect(m_acceptor.get(), &TcpAcceptor::acceptError, this, [this](const QString& reason) {
-        qWarning().noquote() << "MP3 data port:" << reason;
+        if (mayLog("MP3 data port", QString()))
+            qWarning().noquote() << "MP3 data port:" << reason;
         m_lobby->makeRoom();
     });
 }
@@ -58,8 +60,9 @@ void Mp3DataServer::attach(DeviceSocket* accepted, const QByteArray& firstMessag
     const Introduction who = read(firstMessage);
     SAobj* const session = sessionFor(who.description.value(QLatin1String("sn")).toString(), *socket);
     if (!session) {
-        qInfo().noquote() << "MP3 data connection refused:" << firstMessage.size() << "bytes from"
-                          << socket->peerAddress().toString();
+        if (mayLog("MP3 data connection refused", socket->peerAddress()))
+            qInfo().noquote() << "MP3 data connection refused:" << firstMessage.size() << "bytes from"
+                              << socket->peerAddress().toString();
         return;
     }
     session->setleixing(who.description.value(QLatin1String("leixing")).toVariant().toInt());

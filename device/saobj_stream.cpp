@@ -1,3 +1,4 @@
+#include "core/logthrottle.h"
 #include "device/devicesocket.h"
 #include "device/fortcpclient.h"
 #include "device/packets.h"
@@ -242,8 +243,10 @@ void SAobj::setmp3tcpsocket(std::unique_ptr<DeviceSocket> socket) {
     m_writeInProgress = false;
     m_requestBytes = 0;
     m_heartbeatTimer = m_env.wheel.every(HeartbeatInterval, this, Heartbeat);
-    qInfo().noquote() << "Set Remote:" << m_mp3Socket->peerAddress().toString();
-    qInfo().noquote() << "this sn is ready in" << m_sn;
+    if (mayLog("Set Remote", m_sn))
+        qInfo().noquote() << "Set Remote:" << m_mp3Socket->peerAddress().toString();
+    if (mayLog("this sn is ready in", m_sn))
+        qInfo().noquote() << "this sn is ready in" << m_sn;
     do
         writeWaiting();
     while (m_leixing == WifiKind && !m_queue.isEmpty());
@@ -265,7 +268,8 @@ void SAobj::mp3_rdy(int bytes) {
 }
 
 void SAobj::mp3_disconnect() {
-    qInfo().noquote() << "SAobj::mp3_disconnect" << m_sn << m_mp3Socket->errorText();
+    if (mayLog("mp3_disconnect", m_sn))
+        qInfo().noquote() << "SAobj::mp3_disconnect" << m_sn << m_mp3Socket->errorText();
     dropMp3Socket();
     m_needConnect = true;
 }

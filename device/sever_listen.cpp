@@ -1,5 +1,6 @@
 #include "device/sever_listen.h"
 
+#include "core/logthrottle.h"
 #include "device/devicesocket.h"
 #include "device/fortcpclient.h"
 #include "device/lobby.h"
@@ -70,12 +71,14 @@ void sever_listen::enter(TcpAcceptor& acceptor) {
 }
 
 void sever_listen::remotion_error(const QString& reason) {
-    qWarning().noquote() << "remotion_error" << reason;
+    if (mayLog("remotion_error", QString()))
+        qWarning().noquote() << "remotion_error" << reason;
     m_lobby->makeRoom();
 }
 
 void sever_listen::remotion_error2(const QString& reason) {
-    qWarning().noquote() << "remotion_error2" << reason;
+    if (mayLog("remotion_error2", QString()))
+        qWarning().noquote() << "remotion_error2" << reason;
     m_lobby->makeRoom();
 }
 
@@ -86,9 +89,11 @@ void sever_listen::rdremotion_newcom(DeviceSocket* accepted, const QByteArray& f
     const QString sn = description.value(QLatin1String("sn")).toString();
     description.insert(QStringLiteral("localip"), peer);
     if (!description.value(QLatin1String("res_____")).toBool()) {
-        qInfo().noquote() << "No registration packet:" << firstPacket.size() << "bytes from" << peer;
+        if (mayLog("No registration packet", socket->peerAddress()))
+            qInfo().noquote() << "No registration packet:" << firstPacket.size() << "bytes from" << peer;
     } else if (!m_registry->serialAllowed(sn)) {
-        qInfo().noquote() << "Reject_list:->" << sn << peer;
+        if (mayLog("Reject_list", socket->peerAddress()))
+            qInfo().noquote() << "Reject_list:->" << sn << peer;
     } else {
         bind(std::move(socket), description);
     }

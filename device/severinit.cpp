@@ -1,5 +1,6 @@
 #include "device/severinit.h"
 
+#include "core/logthrottle.h"
 #include "device/blocklist.h"
 #include "device/fortcpclient.h"
 #include "device/saobj.h"
@@ -117,7 +118,8 @@ SAobj* Severinit::addSession(const QString& sn, QObject* parent) {
     if (SAobj* const known = session(sn))
         return known;
     if (!serialAllowed(sn) || m_state->sessions.size() >= MaxSessions) {
-        qWarning().noquote() << "No session for" << sn << "- blocked, or" << MaxSessions << "are reached";
+        if (mayLog("No session", QString()))
+            qWarning().noquote() << "No session for" << sn << "- blocked, or" << MaxSessions << "are reached";
         return nullptr;
     }
     auto* const added = new SAobj(sn, m_state->env, parent);
@@ -180,15 +182,12 @@ TimingWheel& Severinit::wheel() {
     return m_state->wheel;
 }
 
-QJsonArray Severinit::onlineDevices() const {
-    QJsonArray devices;
+QVector<OnlineDevice> Severinit::onlineDevices() const {
+    QVector<OnlineDevice> devices;
     for (const SAobj* const session : std::as_const(m_state->sessions)) {
         if (session->isOnline())
-            devices.append(QJsonObject{{QStringLiteral("seed"), session->sn()},
-                                       {QStringLiteral("status"), session->onlineState()},
-                                       {QStringLiteral("vol"), session->vol()},
-                                       {QStringLiteral("voltage"), session->voltage()},
-                                       {QStringLiteral("debug"), session->debugState()}});
+            devices.append({session->sn(), session->onlineState(), session->vol(), session->voltage(),
+                            session->debugState()});
     }
     return devices;
 }
@@ -288,11 +287,13 @@ void Severinit::bind(SAobj* session, fortcpclient* client, unsigned port) {
 void Severinit::sasn_offline(const QString& sn) {
     SAobj* const found = session(sn);
     if (!found) {
-        qInfo().noquote() << "one device  on  line but not means info databases;" << sn;
+        if (mayLog("one device  on  line but not means info databases", sn))
+            qInfo().noquote() << "one device  on  line but not means info databases;" << sn;
         return;
     }
     found->goffline();
-    qInfo().noquote() << "off line" << sn;
+    if (mayLog("off line", sn))
+        qInfo().noquote() << "off line" << sn;
 }
 
 // --- mirroring ---

@@ -5,18 +5,27 @@
 #include <functional>
 #include <memory>
 #include <QByteArray>
-#include <QJsonArray>
 #include <QJsonObject>
 #include <QMap>
 #include <QObject>
 #include <QSet>
 #include <QStringList>
+#include <QVector>
 #include <vector>
 
 class fortcpclient;
 class LicenceCheck;
 class SAobj;
 class StateMirror;
+
+/// What is told of a speaker that is online.
+struct OnlineDevice {
+    QString seed; ///< serial
+    int status;   ///< SAobj::OnlineState
+    int vol;
+    int voltage;
+    int debug;
+};
 
 /// The device service: registry of every speaker session of this node, and the dispatcher through
 /// which every command for speakers passes. Owner: start-up. Main loop only; other threads reach it
@@ -73,8 +82,7 @@ public:
     /// Puts the serial on the restricted list and disables its session, or undoes both.
     void setRestricted(const QString& sn, bool restricted);
     TimingWheel& wheel();
-    /// Devices online, one object each: "seed", "status", "vol", "voltage", "debug" (integers).
-    QJsonArray onlineDevices() const;
+    QVector<OnlineDevice> onlineDevices() const;
     QSet<QString> onlineSerials() const;
     void printinfo();
 

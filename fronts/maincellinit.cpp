@@ -1,5 +1,6 @@
 #include "fronts/maincellinit.h"
 
+#include "core/logthrottle.h"
 #include "fronts/qwebsocktthread.h"
 
 #include "api/call.h"
@@ -103,7 +104,8 @@ MainCellInit::MainCellInit(RequestMapper* router, const QString& /*askey*/, int 
             accept(socket);
     });
     connect(&m_listener, &QTcpServer::acceptError, this, [this] {
-        qWarning().noquote() << "WebSocket: accept:" << m_listener.errorString();
+        if (mayLog("WebSocket: accept", QString()))
+            qWarning().noquote() << "WebSocket: accept:" << m_listener.errorString();
         QTimer::singleShot(ExhaustedPause, &m_listener, &QTcpServer::resumeAccepting);
     });
     if (router)
@@ -142,8 +144,9 @@ void MainCellInit::listen() {
 
 void MainCellInit::accept(QTcpSocket* socket) {
     if (m_connections >= MaxConnections) {
-        qWarning().noquote() << "WebSocket: refused, too many connections:"
-                             << socket->peerAddress().toString();
+        if (mayLog("WebSocket: refused", socket->peerAddress()))
+            qWarning().noquote() << "WebSocket: refused, too many connections:"
+                                 << socket->peerAddress().toString();
         socket->abort();
         socket->deleteLater();
         return;

@@ -1,5 +1,7 @@
 #include "fronts/qwebsocktthread.h"
 
+#include "core/logthrottle.h"
+
 #include <QDebug>
 #include <QHostAddress>
 #include <QWebSocket>
@@ -62,8 +64,9 @@ void qwebsocktthread::send(const QByteArray& text) {
     if (!m_socket->isValid())
         return;
     if (m_socket->bytesToWrite() + text.size() > MaxUnsentBytes) {
-        qWarning().noquote() << "WebSocket: does not read its replies, dropped:"
-                             << m_socket->peerAddress().toString();
+        if (mayLog("WebSocket: does not read", m_socket->peerAddress()))
+            qWarning().noquote() << "WebSocket: does not read its replies, dropped:"
+                                 << m_socket->peerAddress().toString();
         m_socket->abort();
         return;
     }
@@ -73,7 +76,9 @@ void qwebsocktthread::send(const QByteArray& text) {
 
 void qwebsocktthread::ping() {
     if (!m_hasAnswered) {
-        qInfo().noquote() << "WebSocket: no answer to a ping, dropped:" << m_socket->peerAddress().toString();
+        if (mayLog("WebSocket: no answer", m_socket->peerAddress()))
+            qInfo().noquote() << "WebSocket: no answer to a ping, dropped:"
+                              << m_socket->peerAddress().toString();
         m_socket->abort();
         return;
     }
@@ -82,7 +87,8 @@ void qwebsocktthread::ping() {
 }
 
 void qwebsocktthread::refuse(int code, const QString& why) {
-    qWarning().noquote() << "WebSocket: closed:" << m_socket->peerAddress().toString() << why;
+    if (mayLog("WebSocket: closed", m_socket->peerAddress()))
+        qWarning().noquote() << "WebSocket: closed:" << m_socket->peerAddress().toString() << why;
     m_waiting.clear();
     m_isBusy = true; // nothing more is taken
     m_socket->close(static_cast<QWebSocketProtocol::CloseCode>(code), why);

@@ -8,6 +8,7 @@
 #include <microhttpd.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <unordered_set>
 
 namespace {
 
@@ -37,6 +38,13 @@ QByteArray refusalPage(const Refusal& refusal) {
            MHD_get_reason_phrase_for(static_cast<unsigned>(refusal.status)) + ": " + refusal.reason + '\n';
 }
 
+/// The exchanges of this engine thread whose head has begun and is not read yet.
+using Heads = std::unordered_set<HttpConnection*>;
+Heads& headsUnderWay() {
+    thread_local Heads heads;
+    return heads;
+}
+
 ResponsePointer bodyResponse(const QByteArray& body) {
     auto owned = std::make_unique<QByteArray>(body);
     const auto size = static_cast<std::size_t>(owned->size());
@@ -55,9 +63,12 @@ HttpConnection::HttpConnection(HttpEngine& engine, MHD_Connection* connection, H
     : m_engine(engine)
     , m_connection(connection)
     , m_socket(socket)
-    , m_target(std::move(target)) {}
+    , m_target(std::move(target)) {
+    headsUnderWay().insert(this);
+}
 
 HttpConnection::~HttpConnection() {
+    headsUnderWay().erase(this);
     if (m_isInFlight)
         --m_engine.inFlight;
 }
@@ -83,6 +94,7 @@ bool HttpConnection::proceed(const char* method, const char* version, const char
 }
 
 bool HttpConnection::takeHead(const char* method, const char* version) {
+    headsUnderWay().erase(this);
     BodyLength body;
     const auto refusal = readHead(method, version, &body);
     m_fields.clear();
@@ -247,6 +259,18 @@ void HttpConnection::refusedByLibrary(const Refusal& refusal) {
         return;
     m_engine.refusals().add(m_socket->peer, refusal.status, refusal.reason);
     m_socket->lingers = true;
+}
+
+void HttpConnection::refuseMalformedLengths() {
+    for (HttpConnection* head : headsUnderWay()) {
+        const char* length =
+            MHD_lookup_connection_value(head->m_connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+        const auto refusal = length ? checkLength(length) : std::nullopt;
+        if (!refusal || head->m_stage == Stage::Refused)
+            continue;
+        head->refuseAtOnce(*refusal);
+        ::shutdown(head->m_socket->descriptor, SHUT_WR);
+    }
 }
 
 void HttpConnection::ended() {

@@ -26,6 +26,9 @@ public:
     bool proceed(const char* method, const char* version, const char* data, std::size_t* size);
     /// The library answered by itself.
     void refusedByLibrary(const Refusal& refusal);
+    /// On the engine thread at hand: refuses every head that has arrived there with a length that is no
+    /// number. The library is about to do so for one of them, twice over.
+    static void refuseMalformedLengths();
     /// The last call: the answer was sent, or the connection ended.
     void ended();
 

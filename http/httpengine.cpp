@@ -40,8 +40,10 @@ void onLibraryMessage(void* engine, const char* format, va_list arguments) {
     char text[256];
     std::vsnprintf(text, sizeof text, format, arguments);
     const QByteArray message = QByteArray(text).trimmed();
-    if (message.startsWith("Error processing request"))
+    if (message.startsWith("Error processing request")) {
         libraryRefusal = parseRefusal(message);
+        HttpConnection::refuseMalformedLengths();
+    }
     for (const char* alarm : LibraryAlarms) {
         if (message.startsWith(alarm))
             static_cast<HttpEngine*>(engine)->refusals().note(message.constData());

@@ -22,8 +22,16 @@ std::optional<Refusal> refusalFor(int status) {
     }
 }
 
-/// File names of uploads are at most what a file system takes, with room for what encodings add.
+/// File names of uploads are at most what a file system takes, with room for what encodings add. The
+/// rest is cut, at the end of a character of UTF-8.
 constexpr int MaxFileName = 1024;
+
+QByteArray shortened(const QByteArray& fileName) {
+    int size = std::min(fileName.size(), MaxFileName);
+    while (size > 0 && size < fileName.size() && (fileName.at(size) & 0xC0) == 0x80)
+        --size;
+    return fileName.left(size);
+}
 
 } // namespace
 
@@ -87,10 +95,8 @@ int RequestBody::partBegins(const QByteArray& name, bool isFile, const QByteArra
     m_partFile = nullptr;
     if (!isFile || fileName.isEmpty())
         return 0;
-    if (fileName.size() > MaxFileName)
-        return 400;
     Upload& upload = uploads[name];
-    upload.fileName = fileName;
+    upload.fileName = shortened(fileName);
     upload.file = std::make_unique<QTemporaryFile>();
     m_partFile = upload.file.get();
     return m_partFile->open() ? 0 : 507;

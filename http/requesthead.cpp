@@ -65,6 +65,13 @@ std::optional<Refusal> collect(const std::vector<HeaderField>& fields, Singles* 
 
 } // namespace
 
+std::optional<Refusal> checkLength(std::string_view text) {
+    if (decimal(text))
+        return std::nullopt;
+    const bool isNumber = !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+    return isNumber ? Refusal{413, "body over the limit"} : Refusal{400, "malformed Content-Length"};
+}
+
 std::optional<Refusal> checkHead(std::string_view method, std::string_view version,
                                  const std::vector<HeaderField>& fields, BodyLength* body) {
     if (!isToken(method))
@@ -87,10 +94,9 @@ std::optional<Refusal> checkHead(std::string_view method, std::string_view versi
     *body = {};
     body->chunked = singles.codings > 0;
     if (singles.lengths == 1) {
-        const auto length = decimal(singles.length);
-        if (!length)
-            return Refusal{400, "malformed Content-Length"};
-        body->length = *length;
+        if (auto refusal = checkLength(singles.length))
+            return refusal;
+        body->length = *decimal(singles.length);
     }
     return std::nullopt;
 }

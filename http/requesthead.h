@@ -29,6 +29,9 @@ struct BodyLength {
 std::optional<Refusal> checkHead(std::string_view method, std::string_view version,
                                  const std::vector<HeaderField>& fields, BodyLength* body);
 
+/// What is wrong with the value of a Content-Length: it takes digits only, no sign, no list.
+std::optional<Refusal> checkLength(std::string_view text);
+
 /// Where a request head lies in memory: what was read, with each separator overwritten by NUL bytes.
 struct HeadLayout {
     std::string_view method;

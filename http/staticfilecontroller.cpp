@@ -6,6 +6,7 @@
 #include "http/httpresponse.h"
 #include "http/mimetypes.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -26,9 +27,21 @@ QByteArray resolvedPath(const QSettings& settings) {
     return QFile::encodeName(QDir::cleanPath(base.absoluteFilePath(path)));
 }
 
-/// Whether a path may be looked up at all: no step upwards, nothing hidden.
+/// Whether a path may be looked up at all: no step upwards, nothing hidden but a sound without a name.
 bool isServable(const QByteArray& path) {
-    return !path.contains("/.");
+    const bool isNameless = path.startsWith("/mp3/") && path.endsWith("/.mp3");
+    return !(isNameless ? path.chopped(int(sizeof "/.mp3") - 1) : path).contains("/.");
+}
+
+/// The path as the system resolves it: slashes that repeat count as one.
+QByteArray singleSlashes(const QByteArray& path) {
+    QByteArray single;
+    single.reserve(path.size());
+    for (const char c : path) {
+        if (c != '/' || !single.endsWith('/'))
+            single.append(c);
+    }
+    return single;
 }
 
 bool isDirectory(int descriptor) {
@@ -62,12 +75,14 @@ void fail(HttpResponse& response, int status, const char* text) {
 }
 
 void failToOpen(HttpResponse& response, int error) {
-    if (error == EMFILE || error == ENFILE)
+    if (error == EMFILE || error == ENFILE) {
+        response.setHeader("Retry-After", 1);
         fail(response, 503, "503 too many open files\n");
-    else if (error == EACCES || error == EPERM || error == EXDEV || error == ELOOP)
+    } else if (error == EACCES || error == EPERM || error == EXDEV || error == ELOOP) {
         fail(response, 403, "403 forbidden\n");
-    else
+    } else {
         fail(response, 404, "404 not found\n");
+    }
 }
 
 } // namespace
@@ -95,6 +110,7 @@ StaticFileController::~StaticFileController() {
 }
 
 void StaticFileController::service(HttpRequest& request, HttpResponse& response) {
+    response.setHeader("X-Content-Type-Options", "nosniff");
     const QByteArray method = request.getMethod();
     if (method != "GET" && method != "HEAD" && method != "POST") {
         response.setHeader("Allow", "GET, HEAD, POST");
@@ -103,6 +119,8 @@ void StaticFileController::service(HttpRequest& request, HttpResponse& response)
     const QByteArray path = request.getPath();
     if (!isServable(path))
         return fail(response, 403, "403 forbidden\n");
+    if (isUpload(path))
+        response.setHeader("Content-Security-Policy", "sandbox");
     int descriptor = openFile(path);
     QByteArray name = path;
     if (descriptor >= 0 && isDirectory(descriptor)) {
@@ -116,6 +134,12 @@ void StaticFileController::service(HttpRequest& request, HttpResponse& response)
     if (descriptor < 0)
         return failToOpen(response, errno);
     sendFile(descriptor, name, queryOf(request), response);
+}
+
+bool StaticFileController::isUpload(const QByteArray& path) const {
+    const QByteArray resolved = singleSlashes(path);
+    return std::any_of(m_uploads.begin(), m_uploads.end(),
+                       [&](const QByteArray& prefix) { return resolved.startsWith(prefix); });
 }
 
 int StaticFileController::openRoot() {

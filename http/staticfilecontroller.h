@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <QByteArray>
+#include <QList>
 
 class QSettings;
 struct FileQuery;
@@ -23,8 +24,12 @@ public:
 
     void service(HttpRequest& request, HttpResponse& response) override;
     QByteArray root() const { return m_path; }
+    /// Where the files of strangers lie: a browser runs nothing of them ("Content-Security-Policy:
+    /// sandbox"). Each prefix begins with a slash. Before the first request.
+    void setUploads(const QList<QByteArray>& prefixes) { m_uploads = prefixes; }
 
 private:
+    bool isUpload(const QByteArray& path) const;
     int openRoot();
     int openFile(const QByteArray& path);
     int openBelow(int directory, const QByteArray& name);
@@ -33,6 +38,7 @@ private:
 
     QByteArray m_path;
     QByteArray m_encoding;
+    QList<QByteArray> m_uploads;
     int m_maxAgeSeconds;
     std::atomic<int> m_root{-1}; ///< opened at first use, so that it may be made after the start
 };

@@ -2,10 +2,14 @@
 
 #include "core/sqlite.h"
 
+#include <QCoreApplication>
+
 WorkerDatabase::WorkerDatabase(const sqlite* source)
     : m_source(source) {}
 
-WorkerDatabase::~WorkerDatabase() = default;
+WorkerDatabase::~WorkerDatabase() {
+    release();
+}
 
 sqlite* WorkerDatabase::get() {
     if (m_source && !m_clone)
@@ -14,5 +18,10 @@ sqlite* WorkerDatabase::get() {
 }
 
 void WorkerDatabase::release() {
-    m_clone.reset();
+    sqlite* clone = m_clone.release();
+    if (!clone)
+        return;
+    clone->release();
+    // A worker has no event loop that would delete it.
+    QCoreApplication::sendPostedEvents(clone, QEvent::DeferredDelete);
 }

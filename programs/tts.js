@@ -1,6 +1,7 @@
 #!/usr/bin/env node
 // Speaks a text file into a WAV file with the offline voice.
-//   node tts.js VOLUME SPEED VOICE OUTPUT TEXTFILE APPID APISECRET APIKEY
+//   node tts.js VOLUME SPEED VOICE OUTPUT TEXTFILE
+//   environment: "ttsxfAPPID", "ttsxfAPISecret", "ttsxfAPIKey", the keys of an online speech service
 // VOLUME and SPEED go from 0 to 100, 50 is normal. VOICE is a voice of espeak-ng ("en", "cmn", "de", …);
 // an unknown one stands for the voice that fits the text. Exit status 0 when OUTPUT was written.
 'use strict';
@@ -28,8 +29,9 @@ function isVoice(name) {
   return list.status === 0 && list.stdout.trim().split('\n').length > 1;
 }
 
-function main([volume, speed, voice, output, textFile, appId]) {
-  if (!textFile) fail('usage: tts.js VOLUME SPEED VOICE OUTPUT TEXTFILE APPID APISECRET APIKEY');
+function main([volume, speed, voice, output, textFile]) {
+  if (!textFile) fail('usage: tts.js VOLUME SPEED VOICE OUTPUT TEXTFILE');
+  const appId = process.env.ttsxfAPPID;
   if (appId && appId !== 'none') {
     process.stderr.write('tts: speech service credentials are configured, but no online service is built in; ' +
       'the offline voice speaks\n');

@@ -110,8 +110,7 @@ make_database() (
   password=$(random_hex 8)
   sqlite3 -bail .Elvor.db.new <"$root/core/schema/sqlite3main.sql"
   mv .Elvor.db.new .Elvor.db
-  sql "INSERT INTO sbox_users (user_name, user_pass, nickname, user_level, token)
-       VALUES ('admin', '$password', 'Administrator', 1, '$(random_hex 20)');"
+  "$SPEAKERD_BIN/speakerd" --adduser admin --admin config.ini <<<"$password" >/dev/null
   for ((i = 0; i < speakers; i++)); do
     serial=$(serial_at $i)
     sql "INSERT INTO sbox_device_info (user_id, device_name, device_seed, node_id)

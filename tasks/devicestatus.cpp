@@ -12,8 +12,8 @@
 namespace {
 
 const QString Update = QStringLiteral("UPDATE `sbox_device_info` SET");
-const QString Status = QStringLiteral(" `status` = '@status'");
-const QString Where = QStringLiteral(" WHERE (`device_seed` = '@sn' ) ;");
+const QString Status = QStringLiteral("`status` = '@status'");
+const QString Where = QStringLiteral("WHERE (`device_seed` = '@sn' ) ;");
 // For an answer that tells these three alone.
 const QString FixedUpdate =
     QStringLiteral("UPDATE `sbox_device_info` SET `vol` = '@vol', `status` = '@status', `kind` = '@kind' "
@@ -25,13 +25,13 @@ struct Fragment {
     bool counter;     ///< an amount to add
 };
 constexpr Fragment Fragments[] = {
-    {"vol", " `vol` = '@vol',", false},
-    {"kind", " `kind` = '@kind',", false},
-    {"pyl", " `pyl` = `pyl`+'@pyl',", true},
-    {"rtl", " `rtl` = `rtl`+'@rtl',", true},
-    {"rt", " `rt` = `rt`+'@rt',", true},
-    {"py", " `py` = `py`+'@py',", true},
-    {"xhstatus", " `xhstatus` = '@xhstatus',", false},
+    {"vol", "`vol` = '@vol',", false},
+    {"kind", "`kind` = '@kind',", false},
+    {"pyl", "`pyl` = `pyl`+'@pyl',", true},
+    {"rtl", "`rtl` = `rtl`+'@rtl',", true},
+    {"rt", "`rt` = `rt`+'@rt',", true},
+    {"py", "`py` = `py`+'@py',", true},
+    {"xhstatus", "`xhstatus` = '@xhstatus',", false},
 };
 
 bool holds(const QJsonObject& entry, const Fragment& fragment) {

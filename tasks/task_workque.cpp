@@ -21,7 +21,7 @@ constexpr int EmptyRequestsAt = 10; ///< second of the day
 // through is tried again by a later tick.
 const QString ShortLockWait = QStringLiteral("PRAGMA busy_timeout = 40;");
 
-const QString TasksIdle = QStringLiteral("UPDATE  `task` SET `statu` = '0' where id > 0 ;");
+const QString TasksIdle = QStringLiteral(" UPDATE  `task` SET `statu` = '0' where id > 0 ;");
 const QString EmptyRequests = QStringLiteral("DELETE FROM taskpop  WHERE (`id` > 0)");
 const QString RearmCommands =
     QStringLiteral("UPDATE  `taskpop` SET `status` = '0' WHERE (`id` > '0') and (`status` = '11');");

@@ -2,18 +2,21 @@
 
 #include "tasks/tasxkobj.h"
 
+#include "core/fileaddress.h"
 #include "core/sqlite.h"
 
 namespace {
 
+// A list has the order in which it was given. No index makes a server keep to it that reads the smaller
+// table first: the order is asked for.
 const QString SelectTask = QStringLiteral("SELECT  *  FROM  task   where  id = '@id'  ;");
 const QString SelectNode = QStringLiteral("SELECT * FROM  sbox_node where id = '@nodeid';");
-const QString SelectSeeds =
-    QStringLiteral("SELECT sbox_device_info.device_seed as seed   FROM taskseed ,sbox_device_info where "
-                   "taskseed.taskid = @taskid and taskseed.devseedid = sbox_device_info.id  ;");
+const QString SelectSeeds = QStringLiteral(
+    "SELECT sbox_device_info.device_seed as seed   FROM taskseed ,sbox_device_info where "
+    "taskseed.taskid = @taskid and taskseed.devseedid = sbox_device_info.id  order by taskseed.id ;");
 const QString SelectFiles =
     QStringLiteral("SELECT userfile.url as url ,userfile.len as len FROM  taskfile , userfile where "
-                   "taskfile.taskid = @taskid and taskfile.fileid = userfile.id ;");
+                   "taskfile.taskid = @taskid and taskfile.fileid = userfile.id order by taskfile.id ;");
 const QString SelectLength =
     QStringLiteral("SELECT `len` FROM `userfile` WHERE (`url` = '@url' and `userid` = '@userid');");
 
@@ -111,5 +114,5 @@ bool TaskReader::readTemporaryFiles(Tasxkobj& player) const {
 }
 
 QString TaskReader::absolute(const QString& url) const {
-    return url.contains(QStringLiteral("://")) ? url : m_database->site.preurl + url;
+    return url.contains(QStringLiteral("://")) ? url : fileAddress(m_database->site.preurl, url);
 }

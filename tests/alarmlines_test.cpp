@@ -14,6 +14,7 @@ private slots:
         QFETCH_GLOBAL(int, kind);
         ServiceOptions options;
         options.kind = kind;
+        options.settings["tokenpaths"] = kind == 1;
         options.files = {{"etc/docroot/mp3/alarm.mp3", makeMp3(0.5)}};
         m_service = std::make_unique<Service>(options);
         QVERIFY(m_service->start());
@@ -154,7 +155,7 @@ private slots:
                               {"lineid", lineid}};
         QCOMPARE(post("/user/setwaringlinetaskid", line).info(), "Paruser");
         QCOMPARE(speaker(0).count(sim::Op::Stream), 0);
-        QCOMPARE(QDir(m_service->file("waring")).entryList(QDir::Files).size(), 0);
+        QCOMPARE(QDir(m_service->file("waring")).entryList({"*.json"}, QDir::Files).size(), 0);
     }
 
 private:

@@ -35,10 +35,11 @@ private slots:
         m_kind = kind;
         ServiceOptions options;
         options.kind = kind;
-        options.settings = {{"listener/maxMultiPartSize", 4'000'000}};
+        options.settings = {{"listener/maxMultiPartSize", 4'000'000}, {"adminpictures", kind != 0}};
         m_service = std::make_unique<Service>(options);
         QVERIFY(m_service->start());
         m_admin = m_service->addAccount("admin");
+        m_service->sql("UPDATE sbox_users SET user_level = 1");
     }
 
     void cleanup() {
@@ -123,26 +124,43 @@ private slots:
     }
 
     void takesOddNames_data() {
-        const Table<QString, QString> row{"name", "stem"};
-        row("way out", "../../../evil", "......evil");
-        row("quote", "it's", "it's");
+        const Table<QString, QString, QString> row{"name", "partName", "stem"};
+        row("way out", "../../../evil", "f", "......evil");
+        row("quote", "it's", "f", "it's");
+        row("nothing left", "_ * @", "f", "");
+        row("the part's own", QString(), "bell 1.wav", "bell1.wav");
+        row("long", QString(), QString(1023, '_') + "é" + QString(900, 'x'), "");
     }
 
     void takesOddNames() {
         QFETCH(QString, name);
+        QFETCH(QString, partName);
         QFETCH(QString, stem);
-        const HttpReply reply = upload("/user/uploadfile", makeMp3(0.5), name);
+        const HttpReply reply = m_service->http().postMultipart(
+            "/user/wxuploadfile",
+            m_admin.params(name.isNull() ? HttpParams() : HttpParams{{"filename", name}}), "file", partName,
+            makeMp3(0.5));
         QVERIFY2(reply.res(), reply.body);
         const QString file =
             QString("docroot/mp3/%1/%2.mp3").arg(m_admin.id).arg(QString(stem.toUtf8().toHex()));
         QCOMPARE(stored(), QStringList(file));
         QCOMPARE(rows("userfile"), 1);
+        const QJsonValue listed =
+            m_service->http().postForm("/user/listfile", m_admin.params())["filelist"].toArray().first();
+        QCOMPARE(listed["filename"].toString(), stem);
+        QCOMPARE(m_service->http().get(QUrl(listed["playurl"].toString()).path()).status, 200);
     }
 
     void keepsPicturesAndSharedFiles() {
         const QByteArray png = QByteArray("\x89PNG\r\n\x1A\n", 8) + QByteArray(500, 'p');
         QVERIFY(upload("/user/wxtouxianguploadfile", png).res());
         QVERIFY(upload("/user/wxlogopnguploadfile", png).res());
+        const Account other = m_service->addAccount("other");
+        const HttpReply others = m_service->http().postMultipart("/user/wxlogopnguploadfile", other.params(),
+                                                                 "file", "f", m_kind == 0 ? png : png + "no");
+        QCOMPARE(others.info(), m_kind == 0 ? "SUC" : "ER_REJECT");
+        QCOMPARE(upload("/user/swapupload", png, "n", {{"lunbotext", "t"}, {"to", "javascript:x"}}).info(),
+                 "Parusersss");
         QCOMPARE(m_service->http().get("/static/u1.jpg").body, png);
         QCOMPARE(m_service->http().get("/static/logo.png").body, png);
 
@@ -157,9 +175,11 @@ private slots:
             one.value("url").toString());
 
         for (const QByteArray& bytes : {QByteArray("first"), QByteArray("second")}) {
-            const HttpReply shared = upload("/user/allfileupload", bytes, "../.report.pdf");
-            QCOMPARE(shared["url"].toString(), QString("ksfile/%1/report.pdf").arg(m_admin.id));
-            QCOMPARE(m_service->http().get('/' + shared["url"].toString()).body, bytes);
+            const HttpReply shared = upload("/user/allfileupload", bytes, "../.why?é.pdf");
+            QCOMPARE(shared["url"].toString(), QString("ksfile/%1/why?é.pdf").arg(m_admin.id));
+            const QString address = m_service->url(QString("/ksfile/%1/why%3F%C3%A9.pdf").arg(m_admin.id));
+            QCOMPARE(shared["playurl"].toString(), address);
+            QCOMPARE(m_service->http().get(address.mid(m_service->url("").size())).body, bytes);
         }
         QCOMPARE(rows("sharefiles"), 1);
     }

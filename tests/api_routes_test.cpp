@@ -48,6 +48,28 @@ private slots:
                                                                            "asHardened"};
         const QByteArray nothing = R"({"res":true,"taskary":[]})";
         row("an unknown account owns nothing", "", "/user/list_task", "id=99999&token=", nothing, nothing);
+        const QByteArray done = R"({"res":true})";
+        const QByteArray unfit = R"({"res":false,"info":"Paruser"})";
+        const QByteArray wrongToken = R"({"res":false,"info":"_FALSE6","code":-2})";
+        const QString play = "plantname=p&filename=f&dname=d&fb=B&sn=" + ApiWorld::lamp() +
+                             "&snlist=" + ApiWorld::lamp() + "&url=http://x/";
+        for (const char* path : {"/user/urlplay", "/user/urlq39play", "/user/wplantadd", "/user/wfilerg"}) {
+            const QByteArray served = qstrcmp(path, "/user/wfilerg") == 0
+                                          ? QByteArray(R"({"res":false,"info":"unline_error"})")
+                                          : done;
+            row(path + QByteArray(" of two lines"), "alice", path, play + "a%0Ab", unfit, unfit);
+            row(path + QByteArray(" for a shell"), "alice", path, play + "a$(b)", served, unfit);
+            row(path + QByteArray(" as usual"), "alice", path, play + "a?b=%25%26c=~1", served, served);
+        }
+        row("speakers online", "", "/user/olist", "", done, unfit);
+        row("a plan's number alone", "", "GET /user/startwarning", "pltid=9",
+            R"({"res":false,"info":"snlist_error","code":-1})", wrongToken);
+        for (const char* path : {"/user/seemyoder", "/user/seemydaoqishebei"}) {
+            row(path + QByteArray(" of another"), "bob", path, "userid=1", done, wrongToken);
+            row(path + QByteArray(" of its own"), "alice", path, "userid=1", done, done);
+            row(path + QByteArray(" of nobody"), "", path, "userid=99999", done,
+                R"({"res":false,"info":"_FALSE5","code":-1})");
+        }
     }
 
     void refusesAsConfigured() {
@@ -338,12 +360,14 @@ private slots:
         QVERIFY(holds(pay(good), R"({"res":true,"EF":1})"));
         QVERIFY(
             holds(pay(replaced(good, {{"sn", world.bell()}, {"info", "next"}})), R"({"res":true,"EF":0})"));
-        const QJsonArray paid = http.postForm("/user/seemyoder", {{"userid", userid}})["data"].toArray();
+        const QJsonArray paid =
+            http.postForm("/user/seemyoder", world.alice.params({{"userid", userid}}))["data"].toArray();
         QCOMPARE(paid.size(), 2);
         QCOMPARE(paid[0]["info"].toString(), "next");
         QCOMPARE(paid[1]["fei"].toVariant().toDouble(), 99.5);
         const QJsonArray due =
-            http.postForm("/user/seemydaoqishebei", {{"userid", userid}})["data"].toArray();
+            http.postForm("/user/seemydaoqishebei", world.alice.params({{"userid", userid}}))["data"]
+                .toArray();
         QCOMPARE(due.size(), 1);
         QCOMPARE(due[0]["device_name"].toString(), "device 11");
         QCOMPARE(due[0]["overtime"].toString(), "2200-02-03");

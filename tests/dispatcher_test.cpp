@@ -110,6 +110,8 @@ private slots:
         row("{'cmd':'PLAYOFF_G','snlist':[$A],'filelist':['a']}", "WELL", "A1a");
         row("{'cmd':'PLAYOFF_G','group':'half','filelist':['a']}", "out_of_range", "A1a");
         row("{'cmd':'PLAYOFF_G','group':'nobody','filelist':['a']}", "Data_error_7");
+        row("{'cmd':'PLAYOFF_G','group':'nobody','snlist':[$A],'filelist':['a']}", "WELL", "A1a");
+        row("{'cmd':'PLAYOFF_G','group':'','snlist':[$A],'filelist':['a']}", "Data_error_7");
         row("{'cmd':'PLAYOFF','snlist':[$D,$C,$A],'filelist':['a']}", "unline", "A1a");
         row("{'cmd':'PLAYOFF','snlist':[7,null,$A],'filelist':['a']}", "out_of_range", "A1a");
         row("{'cmd':'PLAYOFF','snlist':[$A],'filelist':[]}", "ufile_error");
@@ -191,8 +193,9 @@ private slots:
     void withoutRedis() {
         m_link->registry.setStateMirror(nullptr);
         QCOMPARE(askJson("{'cmd':'PLAYOFF_G','group':'g','filelist':['a']}")["res"], "Data_error_7");
+        QCOMPARE(askJson("{'cmd':'PLAYOFF_G','group':'g','snlist':[$B],'filelist':['a']}")["res"], "WELL");
         QCOMPARE(askJson("{'cmd':'ListGroup','group':'g'}")["res"], "Data_error_7");
-        QVERIFY(wire({}, {}));
+        QVERIFY(wire({}, "A1a"));
     }
 
     void disabledSpeaker() {

@@ -12,6 +12,7 @@ class HttpFilesTest : public QObject {
 private slots:
     void initTestCase() {
         m_server = std::make_unique<HttpServer>([](HttpRequest&, HttpResponse&) {});
+        m_server->files->setUploads({"/sub"});
         m_server->put("digits.txt", "0123456789");
         m_server->put("empty.txt", "");
         m_server->put("song.MP3", "ID3");
@@ -41,6 +42,7 @@ private slots:
         row("/", 200, html, "<p>root</p>");
         row("/sub", 200, html, "<p>sub</p>");
         row("/sub/", 200, html, "<p>sub</p>");
+        row("//sub//index.html", 200, html, "<p>sub</p>");
         row("/bare/x.bin", 200, "application/octet-stream", "x");
         row("/%E4%BD%A0%20a.mp3", 200, "audio/mpeg", "name");
         row("/inside", 200, "application/octet-stream", "0123456789");
@@ -68,6 +70,8 @@ private slots:
         QCOMPARE(answer.headers.value("content-type"), type);
         if (status == 200)
             QCOMPARE(answer.body, body);
+        QCOMPARE(answer.headers.value("x-content-type-options"), "nosniff");
+        QCOMPARE(answer.headers.contains("content-security-policy"), body == "<p>sub</p>");
     }
 
     void methods_data() {

@@ -1,3 +1,4 @@
+#include "core/schemaupgrade.h"
 #include "core/sqlconnection.h"
 #include "core/sqlite.h"
 #include "support/testmain.h"
@@ -26,6 +27,15 @@ private slots:
     void init() {
         for (const char* table : {"rizhi", "task", "taskpop"})
             QVERIFY(m_db->exec(QString("DELETE FROM ") + table));
+    }
+
+    void olderDatabasesGetTheirIndexes() {
+        QVERIFY(m_db->exec("DROP INDEX taskfile_list ON taskfile"));
+        QVERIFY(m_db->exec("CREATE INDEX taskfile_task ON taskfile (taskid, fileid)"));
+        QVERIFY(upgradeSchema(*m_db) && upgradeSchema(*m_db));
+        QCOMPARE(m_server.sql("SELECT DISTINCT index_name FROM information_schema.statistics WHERE "
+                              "table_schema = 'speakers' AND index_name LIKE 'taskfile_%' ORDER BY 1"),
+                 QByteArray("taskfile_file\ntaskfile_list\n"));
     }
 
     void textsSurvive() {

@@ -29,8 +29,8 @@ private slots:
         // last: statements of the last answer
         const Table<QList<QByteArray>, QStringList> row{"entries", "last"};
         const QByteArray a = "{'sn':'a1','vol':7,'kind':2,'status':1,'xhstatus':3}";
-        const QString all = "UPDATE `sbox_device_info` SET `vol` = '7', `kind` = '2', `xhstatus` = '3', "
-                            "`status` = '1' WHERE (`device_seed` = 'a1' ) ;";
+        const QString all = "UPDATE `sbox_device_info` SET`vol` = '7',`kind` = '2',`xhstatus` = '3',"
+                            "`status` = '1'WHERE (`device_seed` = 'a1' ) ;";
         row("new", QList<QByteArray>{a}, QStringList{all});
         row("quiet", QList<QByteArray>{a, a}, {});
         row("changed and back",
@@ -44,9 +44,8 @@ private slots:
         row("counters add up every time",
             QList<QByteArray>{"{'sn':'a1','status':1,'rt':4,'pyl':2}",
                               "{'sn':'a1','status':1,'rt':4,'py':0}"},
-            QStringList{
-                "UPDATE `sbox_device_info` SET `rt` = `rt`+'4', `status` = '1' WHERE (`device_seed` = "
-                "'a1' ) ;"});
+            QStringList{"UPDATE `sbox_device_info` SET`rt` = `rt`+'4',`status` = '1'WHERE (`device_seed` = "
+                        "'a1' ) ;"});
         row("serial that is none", QList<QByteArray>{"{'sn':'a1 or 1','status':1}"}, {});
         row("no state", QList<QByteArray>{"{'sn':'a1','vol':1}"}, {});
         row("does not parse", QList<QByteArray>{"{'sn':"}, {});
@@ -78,7 +77,7 @@ private slots:
         node.list = R"({"list":[{"sn":"7","status":0}],"mark":"m7"})";
         poller.getinfotime();
         QVERIFY(waitFor([&] { return statements.size() == 1001; }));
-        QVERIFY(statements.last().contains("`status` = '0' WHERE (`device_seed` = '7' )"));
+        QVERIFY(statements.last().contains("`status` = '0'WHERE (`device_seed` = '7' )"));
         poller.getinfotime();
         QVERIFY(waitFor([&] { return node.listsAsked() == 3; }));
         QCOMPARE(node.lastListAsked().json()["since"], "m7"); // what the node said before

@@ -1,3 +1,4 @@
+#include "core/schemaupgrade.h"
 #include "core/sqlite.h"
 #include "support/testmain.h"
 
@@ -39,6 +40,15 @@ private slots:
         QCOMPARE(count("swap_info where type = 'info'"), 1);
         QCOMPARE(count("xieyi_mod where id = 1"), 1);
         QVERIFY(QFile::exists(".Elvor.db"));
+    }
+
+    void olderDatabasesGetTheirIndexes() {
+        QVERIFY(m_db->exec("DROP INDEX taskfile_list"));
+        QVERIFY(m_db->exec("CREATE INDEX taskfile_task ON taskfile (taskid, fileid)"));
+        QVERIFY(upgradeSchema(*m_db) && upgradeSchema(*m_db));
+        QCOMPARE(count("sqlite_master where name in ('taskfile_list', 'taskfile_task')"), 1);
+        QVERIFY(m_db->exec("DROP TABLE taskfile")); // one that is missing is not this step's business
+        QVERIFY(upgradeSchema(*m_db));
     }
 
     void rowsComeBackTyped() {

@@ -77,7 +77,7 @@ struct Bench {
                     .arg(EightOClock)
                     .arg(node))
                 .lastId;
-        for (int i = 1; i <= 2; ++i) {
+        for (int i : {2, 1}) {
             sql(QStringLiteral("INSERT INTO taskseed (taskid, devseedid) VALUES (%1, %2)").arg(id).arg(i));
             sql(QStringLiteral("INSERT INTO taskfile (taskid, fileid) VALUES (%1, %2)").arg(id).arg(i));
         }
@@ -158,8 +158,8 @@ private slots:
         QVERIFY(waitFor([&] { return bench.words().size() == 4; }));
         QCOMPARE(bench.words(), (QStringList{"PLAYOFF", "PLAYOFF"} + Stop));
         const QJsonObject play = bench.nodes[0].requests()[0].json();
-        QCOMPARE(play["filelist"].toArray(), QJsonArray{"http://host/mp3/5/1.mp3"});
-        QCOMPARE(play["snlist"].toArray(), (QJsonArray{serial(1), serial(2)}));
+        QCOMPARE(play["filelist"].toArray(), QJsonArray{"http://host/mp3/5/2.mp3"});
+        QCOMPARE(play["snlist"].toArray(), (QJsonArray{serial(2), serial(1)}));
         QVERIFY(waitFor([&] { return bench.statu(id) == 0; }));
         QCOMPARE(bench.nodes[0].brokenFrames(), 0);
     }

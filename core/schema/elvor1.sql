@@ -31,7 +31,7 @@ CREATE TABLE `taskseed` (
   `taskid` INT NOT NULL DEFAULT 0,
   `devseedid` INT NOT NULL DEFAULT 0 -- sbox_device_info.id
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
-CREATE INDEX `taskseed_task` ON `taskseed` (`taskid`, `devseedid`);
+CREATE INDEX `taskseed_list` ON `taskseed` (`taskid`, `id`);
 CREATE INDEX `taskseed_device` ON `taskseed` (`devseedid`);
 
 DROP TABLE IF EXISTS `taskfile`;
@@ -40,7 +40,7 @@ CREATE TABLE `taskfile` (
   `taskid` INT NOT NULL DEFAULT 0,
   `fileid` INT NOT NULL DEFAULT 0 -- userfile.id
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
-CREATE INDEX `taskfile_task` ON `taskfile` (`taskid`, `fileid`);
+CREATE INDEX `taskfile_list` ON `taskfile` (`taskid`, `id`);
 CREATE INDEX `taskfile_file` ON `taskfile` (`fileid`);
 
 DROP TABLE IF EXISTS `taskpop`;

@@ -29,7 +29,7 @@ CREATE TABLE `taskseed` (
   `taskid` INTEGER NOT NULL DEFAULT 0,
   `devseedid` INTEGER NOT NULL DEFAULT 0 -- sbox_device_info.id
 );
-CREATE INDEX `taskseed_task` ON `taskseed` (`taskid`, `devseedid`);
+CREATE INDEX `taskseed_list` ON `taskseed` (`taskid`, `id`);
 CREATE INDEX `taskseed_device` ON `taskseed` (`devseedid`);
 
 DROP TABLE IF EXISTS `taskfile`;
@@ -38,7 +38,7 @@ CREATE TABLE `taskfile` (
   `taskid` INTEGER NOT NULL DEFAULT 0,
   `fileid` INTEGER NOT NULL DEFAULT 0 -- userfile.id
 );
-CREATE INDEX `taskfile_task` ON `taskfile` (`taskid`, `fileid`);
+CREATE INDEX `taskfile_list` ON `taskfile` (`taskid`, `id`);
 CREATE INDEX `taskfile_file` ON `taskfile` (`fileid`);
 
 DROP TABLE IF EXISTS `taskpop`;
