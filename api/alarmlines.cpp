@@ -339,7 +339,7 @@ QByteArray DumpController_add_user::Startwaringtask(const Params& params, const 
                  {{QStringLiteral("@username"), call.text("username")},
                   {QStringLiteral("@passwd"), call.text("passwd")}});
     if (!account.ok || account.isEmpty())
-        return refusal(QStringLiteral("账号密码不正确"));
+        return refuseLogin(call, QStringLiteral("账号密码不正确"));
     if (call.has("token") && call.text("token") != account.text(0, "token"))
         return refusal(QStringLiteral("token 不对"));
     switch (

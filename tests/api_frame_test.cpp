@@ -1,5 +1,6 @@
 // The frame around the endpoints, accounts and tokens, and the commands that reach the speakers.
 #include "support/apiworld.h"
+#include "support/rawhttp.h"
 #include "support/speakers.h"
 #include "support/table.h"
 #include "support/testmain.h"
@@ -129,6 +130,32 @@ private slots:
         QCOMPARE(world.cell(QString("SELECT `token` FROM `sbox_users` WHERE `id` = %1").arg(user.id)), token);
         QCOMPARE(http.postForm("/user/listdev", user.params()).info(), "_FALSE6");
         QVERIFY(http.postForm("/user/listdev", {{"id", QString::number(user.id)}, {"token", token}}).res());
+    }
+
+    /// The sixth wrong answer within a minute is late. The only worker answers others meanwhile.
+    void slowsWrongLogins() {
+        ServiceOptions options;
+        options.settings["listener/minThreads"] = 1;
+        options.settings["listener/maxThreads"] = 1;
+        Service service(options);
+        QVERIFY(service.start());
+        const Account erin = service.addAccount("erin");
+        HttpClient& http = service.http();
+        for (int i = 0; i < 5; ++i)
+            QCOMPARE(http.postForm("/checkuser.php", form("username=erin&passwd=no")).info(), "ER_REJECT");
+        const QByteArray body = "username=erin&passwd=no";
+        RawHttp guesser(service.httpPort());
+        guesser.send("POST /get_user_info.php HTTP/1.1\r\nHost: x\r\nContent-Type: "
+                     "application/x-www-form-urlencoded\r\nContent-Length: " +
+                     QByteArray::number(body.size()) + "\r\n\r\n" + body);
+        QVERIFY(service.waitForLog("wrong login \"erin\" from \"127.0.0.1\" count 5"));
+        QCOMPARE(http.postForm("/checkuser.php", form("username=erin2&passwd=no")).info(), "ER_REJECT");
+        QVERIFY(http.postForm("/user/gtoken", form("username=erin&passwd=secret")).res());
+        QVERIFY(!guesser.hasData());
+        QVERIFY(guesser.receive().body.contains("ER_REJECT"));
+        guesser.send("POST /checkuser.php?" + body + " HTTP/1.1\r\nHost: x\r\nContent-Length: 0\r\n\r\n");
+        QCOMPARE(http.postForm("/user/listdev", erin.params()).status, 200);
+        QCOMPARE(service.stop(), 0); // what waits is sent
     }
 
     /// Accounts that were stored without a token get one when the service starts; those that are stored

@@ -164,6 +164,20 @@ private slots:
             QCOMPARE(world.snapshot(), before);
     }
 
+    /// As fixed a token can be computed from the second of the login; the random part tells two apart.
+    void makesTokens() {
+        QFETCH_GLOBAL(bool, hardened);
+        ApiWorld& world = this->world();
+        const auto issued = [&] {
+            return world.service.http().postForm("/user/gtoken",
+                                                 form("username=alice&passwd=secret"))["token"];
+        };
+        if (hardened)
+            QVERIFY(issued() != issued());
+        else
+            QVERIFY(waitFor([&] { return issued() == issued(); })); // unless the second has just ended
+    }
+
     void checksSerials() {
         QFETCH_GLOBAL(int, kind);
         ApiWorld& world = this->world();
