@@ -50,19 +50,18 @@ DumpController_add_user::DumpController_add_user(sqlite* database, Task_workque*
 void DumpController_add_user::service(HttpRequest& request, HttpResponse& response) {
     response.setHeader("Content-Type", "application/json");
     response.setHeader("Access-Control-Allow-Origin", "*");
-    Params params;
-    if (isUniApp(request)) {
-        QByteArray error;
-        const std::optional<Params> parsed = uniAppParameters(request.getBody(), error);
-        if (!parsed) {
-            response.write(error);
-            return;
-        }
-        params = *parsed;
-    } else {
-        params = request.getParameterMap();
-    }
-    response.write(answer(request.getMethod(), request.getPath(), params, request), true);
+    QByteArray error;
+    const std::optional<Params> params = parametersOf(request, error);
+    if (params)
+        response.write(answer(request.getMethod(), request.getPath(), *params, request), true);
+    else
+        response.write(error);
+}
+
+std::optional<Params> DumpController_add_user::parametersOf(const HttpRequest& request, QByteArray& error) {
+    if (isUniApp(request))
+        return uniAppParameters(request.getBody(), error);
+    return request.getParameterMap();
 }
 
 QByteArray DumpController_add_user::answer(const QByteArray& method, const QByteArray& path,

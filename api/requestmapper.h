@@ -24,12 +24,16 @@ public:
     ~RequestMapper() override;
 
     bool wants(const QByteArray& method, const QByteArray& path) const override;
+    JobLanes lanes(const HttpRequest& request) const override;
     void service(HttpRequest& request, HttpResponse& response) override;
 
     /// The reply to a POST of `path` for a front that does not speak HTTP; no files can be uploaded.
     /// A path that is no endpoint's is refused with "path_error". May block; `database` is the calling
     /// thread's own.
     QByteArray post(const QByteArray& path, const QMap<QByteArray, QByteArray>& parameters, sqlite* database);
+    /// Lanes in which such a POST waits: encodings and speech, two of an account at once and as many in all
+    /// as there are processors; programs of the query sets, two at once.
+    JobLanes lanes(const QByteArray& path, const QMap<QByteArray, QByteArray>& parameters) const;
     /// The main object, for clones.
     const sqlite* database() const { return m_database; }
 

@@ -64,6 +64,7 @@ public:
     void run(WorkerDatabase& database) override {
         finish(m_router->post(m_path, m_parameters, database.get()));
     }
+    JobLanes lanes() override { return m_router->lanes(m_path, m_parameters); }
     void cancel() override { finish(refusal(QStringLiteral("busy"))); }
 
 private:
