@@ -8,15 +8,15 @@
 #include <QDebug>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QSemaphore>
 #include <QtEndian>
-#include <QThread>
 
 namespace audio {
 namespace {
 
 constexpr int HeadBytes = 64;
-constexpr int LongestSource = 7200; // s; bounds the disk space that a small compressed upload can ask for
+constexpr int LongestSource = 7200;                                      // s; of what ffmpeg decodes
+constexpr qint64 LargestDecoded = qint64(LongestSource) * 44100 * 2 * 2; // bytes; never on the disk
+constexpr qint64 LargestResult = 512 * 1024 * 1024;                      // bytes; nine hours at 128 kbit/s
 
 using Mpg = std::unique_ptr<mpg123_handle, decltype(&mpg123_delete)>;
 
@@ -65,12 +65,14 @@ bool isMpegLayer3(const QByteArray& head) {
     return (second & 0xE0U) == 0xE0U && (second & 0x06U) == 0x02U && (second & 0x18U) != 0x08U;
 }
 
-/// The encodings of a WAV file that lame reads itself: PCM, IEEE float, extensible.
+/// The WAV files that lame reads itself: PCM, IEEE float or extensible, of usual rates and channels.
 bool isPlainWav(const QByteArray& head) {
-    if (head.size() < 22 || head.mid(12, 4) != "fmt ")
+    if (head.size() < 28 || head.mid(12, 4) != "fmt ")
         return false;
-    const quint16 tag = qFromLittleEndian<quint16>(head.constData() + 20);
-    return tag == 1 || tag == 3 || tag == 0xFFFE;
+    const auto tag = qFromLittleEndian<quint16>(head.constData() + 20);
+    const auto channels = qFromLittleEndian<quint16>(head.constData() + 22);
+    const auto rate = qFromLittleEndian<quint32>(head.constData() + 24);
+    return (tag == 1 || tag == 3 || tag == 0xFFFE) && channels <= 2 && rate >= 8000 && rate <= 48000;
 }
 
 /// Demuxer that ffmpeg is held to, so that the bytes can't talk it into another one.
@@ -108,7 +110,9 @@ Outcome outcomeOf(const ProgramResult& result) {
     return Outcome::ProgramFailed;
 }
 
-Outcome decodeWithFfmpeg(Format format, const QString& source, const QString& wav, const QString& directory) {
+/// Speakers are told nothing by more channels or a higher rate: held to these, a source costs no more than
+/// its length, whatever its header says.
+ProgramRun ffmpeg(Format format, const QString& source, const QString& directory) {
     ProgramRun run;
     run.program = QStringLiteral("ffmpeg");
     run.directory = directory;
@@ -116,7 +120,7 @@ Outcome decodeWithFfmpeg(Format format, const QString& source, const QString& wa
                                 QStringLiteral("-v"),
                                 QStringLiteral("error"),
                                 QStringLiteral("-protocol_whitelist"),
-                                QStringLiteral("file"),
+                                QStringLiteral("file,pipe"),
                                 QStringLiteral("-f"),
                                 QString::fromLatin1(demuxer(format)),
                                 QStringLiteral("-i"),
@@ -125,16 +129,23 @@ Outcome decodeWithFfmpeg(Format format, const QString& source, const QString& wa
                                 QStringLiteral("0:a:0"),
                                 QStringLiteral("-t"),
                                 QString::number(LongestSource),
+                                QStringLiteral("-af"),
+                                QStringLiteral("aformat=sample_rates=44100:channel_layouts=stereo|mono"),
                                 QStringLiteral("-c:a"),
                                 QStringLiteral("pcm_s16le"),
-                                wav};
-    return outcomeOf(runProgram(run));
+                                QStringLiteral("-fs"),
+                                QString::number(LargestDecoded),
+                                QStringLiteral("-f"),
+                                QStringLiteral("wav"),
+                                QStringLiteral("pipe:1")};
+    return run;
 }
 
-Outcome encodeWithLame(const QString& source, const QString& target, const QString& directory, int bitrate) {
+ProgramRun lame(const QString& source, const QString& target, const QString& directory, int bitrate) {
     ProgramRun run;
     run.program = QStringLiteral("lame");
     run.directory = directory;
+    run.largestFile = LargestResult;
     run.arguments = QStringList{QStringLiteral("-S"),
                                 source,
                                 QStringLiteral("--resample"),
@@ -144,7 +155,7 @@ Outcome encodeWithLame(const QString& source, const QString& target, const QStri
                                 QString::number(bitrate),
                                 QStringLiteral("-o"),
                                 target};
-    return outcomeOf(runProgram(run));
+    return run;
 }
 
 /// False when the file holds no frame, or clearly less than its own header promises: it was cut off
@@ -159,28 +170,9 @@ bool isWholeMp3(const QString& path) {
     return found > 0 && promised <= found + 1;
 }
 
-/// The file name that lame needs to see to take the bytes for what they are.
-QString lameName(Format format) {
-    switch (format) {
-    case Format::Mp3:
-        return QStringLiteral("tmp.mp3");
-    case Format::Aiff:
-        return QStringLiteral("tmp.aiff");
-    default:
-        return QStringLiteral("tmp.wav");
-    }
-}
-
-/// As many encoders at once as there are processors: more would only make each run out of its time.
-QSemaphore& encoders() {
-    static QSemaphore free(qMax(1, QThread::idealThreadCount()));
-    return free;
-}
-
-/// Formats that lame reads itself; the others become a WAV first.
+/// Formats that lame reads itself; the others are decoded for it.
 bool isDirect(Format format, const QByteArray& head) {
-    return format == Format::Mp3 || (format == Format::Wav && isPlainWav(head)) ||
-           (format == Format::Aiff && head.mid(8, 4) == "AIFF");
+    return format == Format::Mp3 || (format == Format::Wav && isPlainWav(head));
 }
 
 Outcome encodeNow(const QString& source, const QString& target, const QString& directory, int bitrate) {
@@ -188,16 +180,15 @@ Outcome encodeNow(const QString& source, const QString& target, const QString& d
     const Format format = sniff(head);
     if (format == Format::Unknown || (format == Format::Mp3 && !isWholeMp3(source)))
         return Outcome::Undecodable;
-    QString input = directory + QLatin1Char('/') + lameName(format);
-    Outcome outcome = Outcome::Done;
-    if (isDirect(format, head)) {
-        if (!QFile::rename(source, input))
-            return Outcome::ProgramFailed;
-    } else {
-        input = directory + QStringLiteral("/decoded.wav");
-        outcome = decodeWithFfmpeg(format, source, input, directory);
-    }
-    return outcome == Outcome::Done ? encodeWithLame(input, target, directory, bitrate) : outcome;
+    if (!isDirect(format, head))
+        return outcomeOf(runPiped(ffmpeg(format, source, directory),
+                                  lame(QStringLiteral("-"), target, directory, bitrate)));
+    // lame takes the bytes for what the name says.
+    const QString input =
+        directory + (format == Format::Mp3 ? QStringLiteral("/tmp.mp3") : QStringLiteral("/tmp.wav"));
+    if (!QFile::rename(source, input))
+        return Outcome::ProgramFailed;
+    return outcomeOf(runProgram(lame(input, target, directory, bitrate)));
 }
 
 } // namespace
@@ -242,7 +233,6 @@ int quickLength(const QString& path) {
 }
 
 Outcome encode(const QString& source, const QString& target, const QString& directory, int bitrate) {
-    const QSemaphoreReleaser encoder((encoders().acquire(), encoders()));
     QElapsedTimer clock;
     clock.start();
     qInfo().noquote() << "encode start" << target << "from" << QFile(source).size() << "bytes";

@@ -29,8 +29,8 @@ int quickLength(const QString& path);
 enum class Outcome { Done, Undecodable, ProgramFailed };
 
 /// Makes the MP3 `target` of `source`, at `bitrate` kbit/s and 44.1 kHz. `directory` is the run's own
-/// working directory: intermediate files stand there, and `source`, which must lie there too, may be
-/// renamed. What lame does not read itself is decoded by ffmpeg first.
+/// working directory: `source`, which must lie there too, may be
+/// renamed. What lame does not read itself ffmpeg decodes for it, without a file between them.
 Outcome encode(const QString& source, const QString& target, const QString& directory, int bitrate);
 
 /// First bytes tell JPEG, PNG or WebP: "jpg", "png", "webp"; empty for anything else.

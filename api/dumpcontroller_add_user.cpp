@@ -50,20 +50,19 @@ DumpController_add_user::DumpController_add_user(sqlite* database, Task_workque*
 void DumpController_add_user::service(HttpRequest& request, HttpResponse& response) {
     response.setHeader("Content-Type", "application/json");
     response.setHeader("Access-Control-Allow-Origin", "*");
-    Params params;
-    if (isUniApp(request)) {
-        QByteArray error;
-        const std::optional<Params> parsed = uniAppParameters(request.getBody(), error);
-        if (!parsed) {
-            response.write(error);
-            return;
-        }
-        params = *parsed;
+    QByteArray error;
+    if (const std::optional<Params> params = parametersOf(request, error)) {
+        response.write(answer(request.getMethod(), request.getPath(), *params, request), true);
+        response.setDelay(delay(request.getPeerAddress().toString()));
     } else {
-        params = request.getParameterMap();
+        response.write(error);
     }
-    response.write(answer(request.getMethod(), request.getPath(), params, request), true);
-    response.setDelay(delay(request.getPeerAddress().toString()));
+}
+
+std::optional<Params> DumpController_add_user::parametersOf(const HttpRequest& request, QByteArray& error) {
+    if (isUniApp(request))
+        return uniAppParameters(request.getBody(), error);
+    return request.getParameterMap();
 }
 
 std::chrono::milliseconds DumpController_add_user::delay(const QString& address) const {

@@ -24,6 +24,8 @@ class DumpController_add_user : public HttpRequestHandler {
 public:
     DumpController_add_user(sqlite* database, Task_workque* tasks, Severinit* devices, RequestMapper* mapper);
     void service(HttpRequest& request, HttpResponse& response) override;
+    /// The request's parameters, wherever they stand in it; on failure `error` is the reply.
+    static std::optional<Params> parametersOf(const HttpRequest& request, QByteArray& error);
     /// The reply to a request whose parameters are known; `uploads` holds its files, if any. Afterwards
     /// delay() tells how long it is to be held back.
     QByteArray answer(const QByteArray& method, const QByteArray& path, const Params&, HttpRequest& uploads);

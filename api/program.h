@@ -14,6 +14,7 @@ struct ProgramRun {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     QByteArray input = {}; ///< written to standard input, which is then closed
     std::chrono::milliseconds limit{120000};
+    qint64 largestFile = 0; ///< bytes that it may write into one file; 0: as many as the service itself
 };
 
 struct ProgramResult {
@@ -31,3 +32,7 @@ struct ProgramResult {
 /// blocks the calling thread until it ends; one that exceeds the limit is killed. Failures are
 /// logged with the end of the error text. For HTTP workers, not for the main loop.
 ProgramResult runProgram(const ProgramRun& run);
+
+/// Runs two programs, the second reading what the first puts out. The first one's result, unless that is
+/// Done; then the second one's. Both end within the second one's limit.
+ProgramResult runPiped(const ProgramRun& source, const ProgramRun& sink);

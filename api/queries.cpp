@@ -102,19 +102,51 @@ void take(const QueryTable::Step& step, const SqlResult& result, Values& values)
     }
 }
 
-/// Runs the steps one after the other. Returns the word that refuses, null when all went well;
-/// `result` is then the last step's.
+/// Returns the word that refuses, null when all went well.
+const char* runStep(sqlite& database, const QueryTable::Step& step, Values& values, SqlResult& result) {
+    result = database.run(step.statement, arguments(values));
+    if (!result.ok)
+        return "ER_EXE";
+    if ((step.rows == QueryTable::Rows::Some && result.isEmpty()) ||
+        (step.rows == QueryTable::Rows::None && !result.isEmpty()))
+        return "ER_REJECT";
+    take(step, result, values);
+    return nullptr;
+}
+
+/// Runs the steps one after the other, as runStep(); `result` is then the last step's.
 const char* runSteps(sqlite& database, const QueryTable::Command& command, Values values, SqlResult& result) {
     for (const QueryTable::Step& step : command.steps) {
-        result = database.run(step.statement, arguments(values));
-        if (!result.ok)
-            return "ER_EXE";
-        if ((step.rows == QueryTable::Rows::Some && result.isEmpty()) ||
-            (step.rows == QueryTable::Rows::None && !result.isEmpty()))
-            return "ER_REJECT";
-        take(step, result, values);
+        if (const char* const fault = runStep(database, step, values, result))
+            return fault;
     }
     return command.writes && result.affected == 0 ? "ER_REJECT" : nullptr;
+}
+
+/// Whether the caller may have the command: its checks alone, which is far less than starting a program for
+/// anybody.
+const char* runChecks(sqlite& database, const QueryTable::Command& command, Values values) {
+    SqlResult result;
+    for (const QueryTable::Step& step : command.steps) {
+        const char* const fault = step.isCheck ? runStep(database, step, values, result) : nullptr;
+        if (fault)
+            return fault;
+    }
+    return nullptr;
+}
+
+/// A text that the statements of the other endpoints could not take: an account so renamed could never log
+/// in. What exists may be asked for with a backslash, which a name in SQLite may hold.
+bool isUnsafe(const QString& text, bool writes) {
+    return text.contains(QLatin1Char('\'')) || text.contains(QChar(u'\0')) ||
+           (writes && text.contains(QLatin1Char('\\')));
+}
+
+bool holdsUnsafe(const Values& values, bool writes) {
+    return std::any_of(values.begin(), values.end(), [writes](const SqlValue& value) {
+        const auto* text = std::get_if<QString>(&value);
+        return text && isUnsafe(*text, writes);
+    });
 }
 
 QJsonArray visibleRows(const SqlResult& result) {
@@ -155,11 +187,16 @@ QByteArray refuseCommand(const QueryTable::Command& command, const Call& call, c
         return refusal(QStringLiteral("ParER"));
     if (command.needsServiceKey && !devices.matchesServiceKey(call.raw("sskey")))
         return refusal(QStringLiteral("sskey_ER"));
+    if (holdsUnsafe(*found, command.writes))
+        return refusal(QStringLiteral("ER_EXE"));
     values = *found;
     return {};
 }
 
-QByteArray outputOf(const sqlite& database, const QString& path, const Params& params) {
+QByteArray outputOf(sqlite& database, const QueryTable::Command& command, const Values& values,
+                    const QString& path, const Params& params) {
+    if (const char* const fault = runChecks(database, command, values))
+        return refusal(QLatin1String(fault));
     const std::optional<QByteArray> output = runFindProgram(database, path, params);
     return output ? *output : refusal(QStringLiteral("exc_error_ext"));
 }
@@ -169,12 +206,13 @@ QByteArray DumpController_add_user::runQuery(const QString& set, const Params& p
                                              bool inProcess) {
     const QueryTable::Command* command = commandFor(set, path);
     if (!command)
-        return fucktext(params);
+        return set == QueryTable::openSet() ? refusal(QStringLiteral("unknown_cmd")) : fucktext(params);
     Values values;
     QByteArray refused = refuseCommand(*command, Call(params, *m_mapper), *m_devices, values);
     if (!refused.isEmpty())
         return refused;
-    const QByteArray answer = inProcess ? runCommand(db(), *command, values) : outputOf(db(), path, params);
+    const QByteArray answer =
+        inProcess ? runCommand(db(), *command, values) : outputOf(db(), *command, values, path, params);
     afterCommand(*command, params, answer);
     return answer;
 }
@@ -200,14 +238,9 @@ QByteArray DumpController_add_user::user_nodejsc(const Params& params, const QSt
 }
 
 QByteArray DumpController_add_user::user_nodejso(const Params& params, const QString& path) {
-    const QByteArray answer = outputOf(db(), path, params);
-    const QString name = path.mid(QStringLiteral("/user/fnokukei/").size());
-    const QueryTable::Command* command = QueryTable::embedded().find(plainSet, name);
-    if (!command)
-        command = QueryTable::embedded().find(subscriptionSet, name);
-    if (command)
-        afterCommand(*command, params, answer);
-    return answer;
+    if (db().kind() != 1)
+        return refusal(QStringLiteral("config.ini_dbk_ER"));
+    return runQuery(QueryTable::openSet(), params, path, false);
 }
 
 QByteArray DumpController_add_user::user_nodesqlite3js(const Params& params, const QString& path) {

@@ -38,10 +38,11 @@ void appendParameters(QueryTable::Command& command, const QJsonArray& definition
     }
 }
 
-void appendSteps(QueryTable::Command& command, const QJsonArray& definitions) {
+void appendSteps(QueryTable::Command& command, const QJsonArray& definitions, bool areChecks) {
     for (const QJsonValue& definition : definitions) {
         QueryTable::Step step;
         step.statement = definition[QLatin1String("statement")].toString();
+        step.isCheck = areChecks;
         step.rows = rowsOf(definition[QLatin1String("rows")]);
         const QJsonObject take = definition[QLatin1String("take")].toObject();
         for (auto column = take.begin(); column != take.end(); ++column)
@@ -50,9 +51,9 @@ void appendSteps(QueryTable::Command& command, const QJsonArray& definitions) {
     }
 }
 
-void append(QueryTable::Command& command, const QJsonObject& definition) {
+void append(QueryTable::Command& command, const QJsonObject& definition, bool isCheck) {
     appendParameters(command, definition.value(QLatin1String("parameters")).toArray());
-    appendSteps(command, definition.value(QLatin1String("steps")).toArray());
+    appendSteps(command, definition.value(QLatin1String("steps")).toArray(), isCheck);
 }
 } // namespace
 
@@ -68,6 +69,11 @@ const QueryTable& QueryTable::embedded() {
         return QueryTable(file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray());
     }();
     return table;
+}
+
+const QString& QueryTable::openSet() {
+    static const QString name = QStringLiteral("fnokukei");
+    return name;
 }
 
 QueryTable::QueryTable(const QByteArray& json) {
@@ -93,14 +99,17 @@ void QueryTable::addCommand(const QJsonObject& definition, const QJsonObject& ch
     const QStringList access = texts(definition.value(QLatin1String("access")));
     command.needsServiceKey = access.contains(QLatin1String("servicekey"));
     for (const QString& check : access)
-        append(command, checks.value(check).toObject());
-    append(command, definition);
+        append(command, checks.value(check).toObject(), true);
+    append(command, definition, false);
     m_commands.push_back(command);
 }
 
 const QueryTable::Command* QueryTable::find(const QString& set, const QString& command) const {
+    const auto holds = [&set](const Command& candidate) {
+        return set == openSet() ? !candidate.needsServiceKey : candidate.sets.contains(set);
+    };
     const auto found = std::find_if(m_commands.begin(), m_commands.end(), [&](const Command& candidate) {
-        return candidate.sets.contains(set) && command.startsWith(candidate.name);
+        return holds(candidate) && command.startsWith(candidate.name);
     });
     return found == m_commands.end() ? nullptr : &*found;
 }

@@ -11,6 +11,9 @@
 /// key is told there. Immutable once built; any thread.
 class QueryTable {
 public:
+    /// What "/user/fnokukei" serves: the commands of all sets but those that need the service key.
+    static const QString& openSet();
+
     enum class Type { Int, Text, IdText, Ids, Serial, Date, Random };
     enum class Rows { Any, Some, None };
 
@@ -22,6 +25,7 @@ public:
     };
     struct Step {
         QString statement;
+        bool isCheck = false; ///< asks who may, before the command's own
         Rows rows = Rows::Any;
         QMap<QString, Type> take; ///< column of the first row, which replaces the value of that name
     };

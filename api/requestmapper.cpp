@@ -12,6 +12,7 @@
 #include <array>
 #include <QDebug>
 #include <QRandomGenerator>
+#include <QThread>
 
 namespace {
 enum class Controller { None, Dump, Template, Management };
@@ -42,6 +43,27 @@ Controller controllerFor(const QByteArray& path) {
     return found == prefixes.end() ? Controller::None : found->controller;
 }
 
+/// What outside programs a path starts.
+enum class Work { None, Encoding, Query };
+
+constexpr std::array encodingPaths{"/user/uploadfile", "/user/wxuploadfile", "/user/savettsfile",
+                                   "/user/ttsplayfile"};
+constexpr std::array queryPaths{"/user/fnkukei", "/user/fnckukei", "/user/fnokukei"};
+
+Work workOf(const QByteArray& path, int kind) {
+    const auto isHere = [&](const char* prefix) {
+        return path.startsWith(prefix);
+    };
+    if (std::any_of(encodingPaths.begin(), encodingPaths.end(), isHere))
+        return Work::Encoding;
+    const bool isQuery = kind == 1 && std::any_of(queryPaths.begin(), queryPaths.end(), isHere);
+    return isQuery ? Work::Query : Work::None;
+}
+
+constexpr int AtOnce = 2;             ///< encodings of an account, and programs of the query sets
+constexpr int WaitingEncodings = 256; ///< in all; each is an upload on the disk
+constexpr int WaitingOfAccount = 16;
+constexpr int WaitingQueries = 64; ///< a few seconds' worth
 } // namespace
 
 RequestMapper::RequestMapper(QCoreApplication* /*application*/, int /*RDDATAPORT*/,
@@ -64,6 +86,31 @@ RequestMapper::~RequestMapper() {
 
 bool RequestMapper::wants(const QByteArray& /*method*/, const QByteArray& path) const {
     return controllerFor(path) != Controller::None;
+}
+
+JobLanes RequestMapper::lanes(const HttpRequest& request) const {
+    if (request.getMethod() != "POST" || workOf(request.getPath(), m_database->kind()) == Work::None)
+        return {};
+    QByteArray error;
+    const auto parameters = DumpController_add_user::parametersOf(request, error);
+    return parameters ? lanes(request.getPath(), *parameters) : JobLanes();
+}
+
+JobLanes RequestMapper::lanes(const QByteArray& path, const Params& parameters) const {
+    switch (workOf(path, m_database->kind())) {
+    case Work::Query:
+        return {{QByteArrayLiteral("query"), AtOnce, WaitingQueries}};
+    case Work::Encoding: {
+        Call call(parameters, *this);
+        if (!call.authenticate())
+            return {}; // refused at once
+        return {{QByteArrayLiteral("encoding"), qMax(1, QThread::idealThreadCount()), WaitingEncodings},
+                {"encoding " + QByteArray::number(call.userid()), AtOnce, WaitingOfAccount}};
+    }
+    case Work::None:
+        break;
+    }
+    return {};
 }
 
 void RequestMapper::service(HttpRequest& request, HttpResponse& response) {

@@ -30,6 +30,7 @@ public:
     ~RequestMapper() override;
 
     bool wants(const QByteArray& method, const QByteArray& path) const override;
+    JobLanes lanes(const HttpRequest& request) const override;
     void service(HttpRequest& request, HttpResponse& response) override;
 
     struct Answer {
@@ -41,6 +42,9 @@ public:
     /// calling thread's own.
     Answer post(const QByteArray& path, const QMap<QByteArray, QByteArray>& parameters,
                 const QString& address, sqlite* database);
+    /// Lanes in which such a POST waits: encodings and speech, two of an account at once and as many in all
+    /// as there are processors; programs of the query sets, two at once.
+    JobLanes lanes(const QByteArray& path, const QMap<QByteArray, QByteArray>& parameters) const;
     /// The main object, for clones.
     const sqlite* database() const { return m_database; }
 

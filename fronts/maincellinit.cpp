@@ -65,6 +65,7 @@ public:
     void run(WorkerDatabase& database) override {
         finish(m_router->post(m_path, m_parameters, m_address, database.get()));
     }
+    JobLanes lanes() override { return m_router->lanes(m_path, m_parameters); }
     void cancel() override { finish({refusal(QStringLiteral("busy"))}); }
 
 private:

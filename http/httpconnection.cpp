@@ -192,6 +192,10 @@ void HttpConnection::run(WorkerDatabase& database) {
         resume();
 }
 
+JobLanes HttpConnection::lanes() {
+    return m_engine.handler()->lanes(m_request);
+}
+
 void HttpConnection::cancel() {
     constexpr Refusal busy{503, "too many requests wait, or the service ends"};
     m_engine.refusals().add(m_socket->peer, busy.status, busy.reason);

@@ -44,6 +44,7 @@ private:
     void serveFile();
     void run(WorkerDatabase& database) override;
     void cancel() override;
+    JobLanes lanes() override;
     void resume();
     bool answer();
     bool refuse(const Refusal& refusal);

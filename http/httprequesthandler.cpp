@@ -10,3 +10,8 @@ bool HttpRequestHandler::wants(const QByteArray& method, const QByteArray& path)
     Q_UNUSED(path)
     return true;
 }
+
+JobLanes HttpRequestHandler::lanes(const HttpRequest& request) const {
+    Q_UNUSED(request)
+    return {};
+}

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "http/joblanes.h"
+
 #include <QObject>
 
 class HttpRequest;
@@ -15,5 +17,8 @@ public:
     /// True when service() wants this path. What it does not want is served as a static file,
     /// straight from the engine's threads. Called on an engine thread: must be quick and const.
     virtual bool wants(const QByteArray& method, const QByteArray& path) const;
+    /// Lanes in which the request must wait for others before service(). Called on a worker, for requests
+    /// that service() wants.
+    virtual JobLanes lanes(const HttpRequest& request) const;
     virtual void service(HttpRequest& request, HttpResponse& response) = 0;
 };

@@ -26,7 +26,7 @@ bool WorkerPool::submit(Job* job) {
     const std::lock_guard lock(m_mutex);
     if (m_stopping || m_queue.size() >= MaxQueued)
         return false;
-    m_queue.push_back(job);
+    m_queue.push_back({job});
     const auto most = static_cast<std::size_t>(std::max(1, m_settings.maxThreads));
     if (m_queue.size() > static_cast<std::size_t>(m_waiting) && m_threads.size() < most)
         startThread();
@@ -35,15 +35,17 @@ bool WorkerPool::submit(Job* job) {
 }
 
 void WorkerPool::stop() {
-    std::deque<Job*> cancelled;
+    std::deque<Entry> cancelled;
     {
         const std::lock_guard lock(m_mutex);
         m_stopping = true;
         cancelled.swap(m_queue);
+        std::move(m_held.begin(), m_held.end(), std::back_inserter(cancelled));
+        m_held.clear();
     }
     m_wake.notify_all();
-    for (Job* job : cancelled)
-        job->cancel();
+    for (const Entry& entry : cancelled)
+        entry.job->cancel();
 }
 
 bool WorkerPool::waitIdle(std::chrono::milliseconds timeout) {
@@ -68,23 +70,70 @@ void WorkerPool::startThread() {
 void WorkerPool::work() {
     WorkerDatabase database(m_database);
     std::unique_lock lock(m_mutex);
-    while (Job* job = nextJob(lock, database)) {
+    while (auto entry = next(lock, database)) {
+        if (!enterLanes(*entry, lock))
+            continue;
         lock.unlock();
-        job->run(database);
+        entry->job->run(database);
         lock.lock();
+        leaveLanes(entry->lanes);
     }
     retire();
 }
 
-WorkerPool::Job* WorkerPool::nextJob(std::unique_lock<std::mutex>& lock, WorkerDatabase& database) {
+// False when the job has to wait, or was cancelled because too many do.
+bool WorkerPool::enterLanes(Entry& entry, std::unique_lock<std::mutex>& lock) {
+    if (entry.hasRoom)
+        return true;
+    lock.unlock();
+    entry.lanes = entry.job->lanes();
+    lock.lock();
+    entry.hasRoom = m_lanes.hasRoom(entry.lanes);
+    if (entry.hasRoom) {
+        m_lanes.begin(entry.lanes);
+    } else if (!m_stopping && m_lanes.mayWait(entry.lanes)) {
+        m_lanes.wait(entry.lanes);
+        m_held.push_back(std::move(entry));
+        return false;
+    } else {
+        lock.unlock();
+        entry.job->cancel();
+        lock.lock();
+    }
+    return entry.hasRoom;
+}
+
+// Makes the jobs ready that have room now.
+void WorkerPool::leaveLanes(const JobLanes& lanes) {
+    m_lanes.end(lanes);
+    const auto order = [this](const Entry& a, const Entry& b) { // those without room last
+        const bool roomA = m_lanes.hasRoom(a.lanes);
+        const bool roomB = m_lanes.hasRoom(b.lanes);
+        return roomA != roomB ? roomA : m_lanes.running(a.lanes) < m_lanes.running(b.lanes);
+    };
+    while (!lanes.empty() && !m_held.empty()) {
+        const auto first = std::min_element(m_held.begin(), m_held.end(), order);
+        if (!m_lanes.hasRoom(first->lanes))
+            return;
+        m_lanes.waited(first->lanes);
+        m_lanes.begin(first->lanes);
+        first->hasRoom = true;
+        m_queue.push_back(std::move(*first));
+        m_held.erase(first);
+        m_wake.notify_one();
+    }
+}
+
+std::optional<WorkerPool::Entry> WorkerPool::next(std::unique_lock<std::mutex>& lock,
+                                                  WorkerDatabase& database) {
     ++m_waiting;
     m_idle.notify_all();
-    Job* job = nullptr;
-    while (!job) {
+    std::optional<Entry> entry;
+    while (!entry) {
         const bool woken =
             m_wake.wait_for(lock, m_settings.idleTime, [this] { return m_stopping || !m_queue.empty(); });
         if (!m_queue.empty()) {
-            job = m_queue.front();
+            entry = std::move(m_queue.front());
             m_queue.pop_front();
         } else if (woken || static_cast<int>(m_threads.size()) > m_settings.minThreads) {
             break;
@@ -93,7 +142,7 @@ WorkerPool::Job* WorkerPool::nextJob(std::unique_lock<std::mutex>& lock, WorkerD
         }
     }
     --m_waiting;
-    return job;
+    return entry;
 }
 
 void WorkerPool::retire() {

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "http/joblanes.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 class QThread;
@@ -26,7 +29,9 @@ public:
     class Job {
     public:
         virtual void run(WorkerDatabase& database) = 0;
-        virtual void cancel() = 0; ///< the pool ends before its turn came
+        virtual void cancel() = 0; ///< the pool ends before its turn came, or its lanes are full
+        /// Asked for once, on a worker, before run(). A job without room in its lanes waits without a worker.
+        virtual JobLanes lanes() { return {}; }
 
     protected:
         ~Job() = default;
@@ -48,9 +53,17 @@ public:
     int threadCount() const;
 
 private:
+    struct Entry {
+        Job* job;
+        JobLanes lanes = {};
+        bool hasRoom = false; ///< in its lanes, and counted there
+    };
+
     void startThread();
     void work();
-    Job* nextJob(std::unique_lock<std::mutex>& lock, WorkerDatabase& database);
+    std::optional<Entry> next(std::unique_lock<std::mutex>& lock, WorkerDatabase& database);
+    bool enterLanes(Entry& entry, std::unique_lock<std::mutex>& lock);
+    void leaveLanes(const JobLanes& lanes);
     void retire();
     void reapRetired();
 
@@ -59,7 +72,9 @@ private:
     mutable std::mutex m_mutex; ///< guards all below
     std::condition_variable m_wake;
     std::condition_variable m_idle;
-    std::deque<Job*> m_queue;
+    std::deque<Entry> m_queue;
+    std::deque<Entry> m_held; ///< without room in their lanes
+    LaneCounts m_lanes;
     std::vector<std::unique_ptr<QThread>> m_threads;
     std::vector<std::unique_ptr<QThread>> m_retired; ///< ended or about to
     int m_waiting = 0;                               ///< threads with nothing to do

@@ -2,6 +2,7 @@
 #include "tests/support/table.h"
 #include "tests/support/testmain.h"
 
+#include <atomic>
 #include <QCryptographicHash>
 #include <QtTest>
 #include <thread>
@@ -35,7 +36,9 @@ private slots:
         m_kind = kind;
         ServiceOptions options;
         options.kind = kind;
-        options.settings = {{"listener/maxMultiPartSize", 4'000'000}, {"adminpictures", kind != 0}};
+        options.settings = {{"listener/maxMultiPartSize", 4'000'000},
+                            {"listener/maxThreads", 3},
+                            {"adminpictures", kind != 0}};
         m_service = std::make_unique<Service>(options);
         QVERIFY(m_service->start());
         m_admin = m_service->addAccount("admin");
@@ -212,6 +215,36 @@ private slots:
         QCOMPARE(info(HttpParams{{"id", "99"}, {"token", "x"}} + speech.mid(2) + HttpParams{{"snlist", "a"}}),
                  "_FALSE51");
         QCOMPARE(info(speech + HttpParams{{"snlist", ""}}), "snlist_error");
+    }
+
+    /// Two of an account's eight are encoded at a time; the others wait, and none of them holds a worker.
+    void takesTurns() {
+        const QByteArray sound = makeMp3(30);
+        std::atomic<int> stored{0};
+        std::vector<std::thread> clients;
+        for (int i = 0; i < 8; ++i) {
+            const HttpParams params = m_admin.params({{"filename", QString::number(i)}});
+            clients.emplace_back([&stored, &sound, params, port = m_service->httpPort()] {
+                stored +=
+                    HttpClient(port).postMultipart("/user/uploadfile", params, "file", "f", sound).res();
+            });
+        }
+        const bool began = m_service->waitForLog("encode start");
+        const QByteArray answer = m_service->http().postForm("/user/test", {{"x", "y"}}).body;
+        const int storedBefore = stored;
+        for (std::thread& client : clients)
+            client.join();
+        QVERIFY(began);
+        QCOMPARE(answer, "dbtest");
+        QVERIFY2(storedBefore < 4, "the answer came behind the uploads");
+        QCOMPARE(stored, 8);
+        QVERIFY(waitFor([this] { return m_service->log().count("encode done") == 8; }));
+        int running = 0;
+        for (const QByteArray& line : m_service->log().split('\n')) {
+            running += line.contains("encode start") ? 1 : 0;
+            running -= line.contains("encode done") ? 1 : 0;
+            QVERIFY(running <= 2);
+        }
     }
 
     void survivesAKillWhileUploading() {

@@ -4,7 +4,9 @@
 #include "support/table.h"
 #include "support/testmain.h"
 
+#include <array>
 #include <QRegularExpression>
+#include <thread>
 
 namespace {
 
@@ -304,6 +306,23 @@ private slots:
         QCOMPARE(http.postForm("/user/listdev", caller).info(), "_FALSE6");
     }
 
+    void refusesTheSameTexts_data() { addKinds({3, 1}); }
+
+    /// What the login could not take afterwards.
+    void refusesTheSameTexts() {
+        ApiWorld& world = this->world();
+        const QString before = world.snapshot();
+        const HttpParams caller{{"userid", QString::number(world.alice.id)}, {"token", world.alice.token}};
+        for (const char* text : {"O'Hara", "back\\slash"}) {
+            for (const auto& [command, name] :
+                 {std::pair("edit_changeusername", "user_name"), std::pair("newpasswdnick", "user_pass"),
+                  std::pair("newnickname", "nickname")})
+                QCOMPARE(query(command, caller + HttpParams{{name, text}}).info(), "ER_EXE");
+        }
+        QCOMPARE(query("gtoken", {{"username", "alice"}, {"passwd", "'"}}).info(), "ER_EXE");
+        QCOMPARE(world.snapshot(), before);
+    }
+
     void keepsLoginNamesApart_data() { addKinds({3, 1}); }
 
     void keepsLoginNamesApart() {
@@ -338,7 +357,7 @@ private slots:
         row("echo",
             "let s='';process.stdin.on('data',d=>s+=d).on('end',()=>console.log(JSON.stringify("
             "[process.env.__path,process.env.sqlmedbk,JSON.parse(s).word])));",
-            "[\"/user/fnokukei/x\",\"3\",\"a \\\"b\\\" 词\"]\n");
+            "[\"/user/fnokukei/getswapinfo\",\"1\",\"a \\\"b\\\" 词\"]\n");
         row("fails", "console.log('{}');process.exit(3);", {});
         row("not there", {}, {});
     }
@@ -347,16 +366,63 @@ private slots:
         QFETCH(QByteArray, script);
         QFETCH(QByteArray, answer);
         ServiceOptions options;
+        options.kind = 1;
         options.settings["programdir"] = ".";
         if (!script.isEmpty())
             options.files["find.js"] = script;
         Service service(options);
         QVERIFY(service.start());
-        const HttpReply reply = service.http().postForm("/user/fnokukei/x", {{"word", "a \"b\" 词"}});
+        const HttpReply reply =
+            service.http().postForm("/user/fnokukei/getswapinfo", {{"word", "a \"b\" 词"}});
         if (answer.isEmpty())
             QCOMPARE(reply.info(), "exc_error_ext");
         else
             QCOMPARE(reply.body, answer);
+    }
+
+    void runsTwoProgramsAtOnce() {
+        ServiceOptions options;
+        options.kind = 1;
+        options.settings["programdir"] = ".";
+        options.files["find.js"] =
+            "const "
+            "fs=require('fs');fs.mkdirSync('run'+process.pid);setTimeout(()=>{console.log(fs.readdirSync("
+            "'.').filter(n=>n.startsWith('run')).length);fs.rmdirSync('run'+process.pid)},200);";
+        Service service(options);
+        QVERIFY(service.start());
+        std::vector<std::thread> clients;
+        std::array<int, 6> running{};
+        for (int& seen : running) {
+            clients.emplace_back([&seen, port = service.httpPort()] {
+                seen = HttpClient(port).postForm("/user/fnokukei/getswapinfo", {}).body.trimmed().toInt();
+            });
+        }
+        for (std::thread& client : clients)
+            client.join();
+        for (const int seen : running)
+            QVERIFY2(seen == 1 || seen == 2, qPrintable(QString::number(seen)));
+    }
+
+    void startsNoProgramForWhatIsFixed_data() {
+        const Table<int, QString, HttpParams, QString> row{"kind", "command", "params", "word"};
+        row("SQLite without tasks", 0, "getswapinfo", {}, "config.ini_dbk_ER");
+        row("SQLite", 3, "getswapinfo", {}, "config.ini_dbk_ER");
+        row("unknown command", 1, "nothing", {}, "unknown_cmd");
+        row("service key", 1, "add_skdevsn", {}, "unknown_cmd");
+        row("missing parameter", 1, "myinfo", {}, "ParER");
+        row("wrong token", 1, "myinfo", {{"userid", "1"}, {"token", "wrong"}}, "ER_REJECT");
+    }
+
+    void startsNoProgramForWhatIsFixed() {
+        QFETCH(QString, command);
+        QFETCH(HttpParams, params);
+        QFETCH(int, kind);
+        ServiceOptions options;
+        options.kind = kind;
+        options.settings["programdir"] = "nowhere"; // what starts a program is answered otherwise
+        Service service(options);
+        QVERIFY(service.start());
+        QTEST(service.http().postForm("/user/fnokukei/" + command, params).info(), "word");
     }
 
 private:

@@ -70,6 +70,25 @@ private slots:
         QVERIFY2(qAbs(measure->bytes - 41600) < 6000, "not at 128 kbit/s");
     }
 
+    /// Small files that decode to far more than they are worth.
+    void bearsBombs_data() {
+        const Table<QString, QString> row{"file", "source"};
+        row("flac", "bomb.flac", "anullsrc=r=192000:cl=7.1:d=59.5");
+        row("wav", "bomb.wav", "anullsrc=r=2000:cl=mono:d=59.5");
+    }
+
+    void bearsBombs() {
+        QFETCH(QString, file);
+        QFETCH(QString, source);
+        QTemporaryDir work;
+        const QString bomb = work.filePath(file);
+        QVERIFY(make("ffmpeg", {"-v", "error", "-f", "lavfi", "-i", source, bomb}));
+        QCOMPARE(audio::encode(bomb, work.filePath("encoded.mp3"), work.path(), 128), Outcome::Done);
+        QCOMPARE(audio::measure(work.filePath("encoded.mp3"))->seconds, 60);
+        for (const QFileInfo& info : QDir(work.path()).entryInfoList(QDir::Files))
+            QVERIFY2(info.size() < 1100000, qPrintable(info.fileName()));
+    }
+
     void refusesWhatIsNoSound_data() {
         const Table<QByteArray> row{"bytes"};
         row("nothing", {});
@@ -136,6 +155,25 @@ private slots:
         const ProgramResult result = runProgram({"printf", {"%s", "$(id); `id`"}, QDir::tempPath()});
         QVERIFY(result.ok());
         QCOMPARE(result.output, "$(id); `id`");
+    }
+
+    void pipes_data() {
+        const Table<QString, QString, int> row{"source", "sink", "end"};
+        row("to the end", "head -c 3000000 /dev/zero", "wc -c", int(ProgramResult::End::Done));
+        row("source fails", "head -c 10 /dev/zero; exit 1", "cat", int(ProgramResult::End::Failed));
+        row("sink fails", "echo x", "cat; exit 1", int(ProgramResult::End::Failed));
+        row("source talks much", "head -c 3000000 /dev/zero >&2", "cat", int(ProgramResult::End::Done));
+        row("sink without end", "echo x", "sleep 30", int(ProgramResult::End::Stopped));
+        row("source without end", "sleep 30", "true", int(ProgramResult::End::Stopped));
+    }
+
+    void pipes() {
+        QFETCH(QString, source);
+        QFETCH(QString, sink);
+        ProgramRun last{"sh", {"-c", sink}, QDir::tempPath()};
+        last.limit = std::chrono::milliseconds(1000);
+        const auto end = runPiped({"sh", {"-c", source}, QDir::tempPath()}, last).end;
+        QTEST(int(end), "end");
     }
 };
 
