@@ -24,6 +24,9 @@ public:
     ~RequestMapper() override;
 
     bool wants(const QByteArray& method, const QByteArray& path) const override;
+    /// Uploads have one file, in the part "file"; whose it is, is known when "id" and "token" came first.
+    FileFate fateOfFile(const QByteArray& path, const QByteArray& field,
+                        const QMap<QByteArray, QByteArray>& parameters) const override;
     void service(HttpRequest& request, HttpResponse& response) override;
 
     /// The reply to a POST of `path` for a front that does not speak HTTP; no files can be uploaded.

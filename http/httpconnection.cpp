@@ -142,7 +142,18 @@ std::optional<Refusal> HttpConnection::readHead(const char* method, const char* 
         return refusal;
     m_isForHandler = m_engine.handler()->wants(m_request.m_method, m_request.m_path);
     return m_request.m_body.begin(m_request.getHeader("Content-Type"), *body, m_engine.settings().limits,
-                                  &m_engine.bodies);
+                                  &m_engine.bodies,
+                                  [this](const QByteArray& field) { return fateOfFile(field); });
+}
+
+FileFate HttpConnection::fateOfFile(const QByteArray& field) const {
+    if (!m_isForHandler)
+        return FileFate::Ignored;
+    auto parameters = m_request.m_parameters;
+    const auto& fields = m_request.m_body.fields;
+    for (auto known = fields.cbegin(); known != fields.cend(); ++known)
+        parameters.insert(known.key(), known.value());
+    return m_engine.handler()->fateOfFile(m_request.m_path, field, parameters);
 }
 
 bool HttpConnection::isLayoutVerbatim(const char* method, const char* version) const {

@@ -46,6 +46,7 @@ private:
     std::optional<Refusal> readHead(const char* method, const char* version, BodyLength* body);
     bool isLayoutVerbatim(const char* method, const char* version) const;
     std::optional<Refusal> readTarget();
+    FileFate fateOfFile(const QByteArray& field) const;
     bool takeBody(const char* data, std::size_t size);
     bool takeEnd();
     void serveFile();
