@@ -1,6 +1,7 @@
 #pragma once
 
 #include "http/joblanes.h"
+#include "http/requestbody.h"
 
 #include <QObject>
 
@@ -20,5 +21,10 @@ public:
     /// Lanes in which the request must wait for others before service(). Called on a worker, for requests
     /// that service() wants.
     virtual JobLanes lanes(const HttpRequest& request) const;
+    /// What becomes of a file that the request for `path` carries in a part named `field`; `parameters`
+    /// are those of the query and of the parts before it. As it comes by default: nobody asked for it.
+    /// Called on an engine thread: must be quick and const.
+    virtual FileFate fateOfFile(const QByteArray& path, const QByteArray& field,
+                                const QMap<QByteArray, QByteArray>& parameters) const;
     virtual void service(HttpRequest& request, HttpResponse& response) = 0;
 };
