@@ -12,6 +12,8 @@ namespace {
 
 // A writer waits this long for another connection's write; longer than any transaction of the service.
 constexpr auto SqliteOptions = "QSQLITE_BUSY_TIMEOUT=5000";
+// The main loop, which everybody waits for, tries more often instead.
+constexpr auto SqliteLoopOptions = "QSQLITE_BUSY_TIMEOUT=40";
 
 // Together below 10 s, so that no request hangs longer on a server that has gone silent: 3 s for the
 // connection, 6 s for an answer. FOUND_ROWS counts the rows matched, as SQLite does.
@@ -36,6 +38,10 @@ const QStringList LostCodes = {QStringLiteral("2002"), QStringLiteral("2003"), Q
                                QStringLiteral("1927")};
 // Of these the ones that tell that nothing was done, so that sending again is safe.
 const QStringList NothingDoneCodes = {QStringLiteral("2006"), QStringLiteral("1927")};
+
+bool isMainLoop() {
+    return QCoreApplication::instance() && QThread::currentThread() == QCoreApplication::instance()->thread();
+}
 
 } // namespace
 
@@ -70,6 +76,7 @@ SqlConnection::SqlConnection(const SqlServer& server, const QString& name)
         outageBegins(m_database.lastError());
     else
         qDebug() << m_database.lastError();
+    m_sinceAttempt.start();
 }
 
 SqlConnection::~SqlConnection() {
@@ -177,6 +184,8 @@ bool SqlConnection::usable() {
         return fail(QStringLiteral("no database driver"));
     if (m_transactionLost)
         return fail(QStringLiteral("the connection was lost in this transaction"));
+    if (m_server.kind != 1)
+        return m_database.isOpen() || reopenFile();
     if (m_down ? mayReopen() && reopen() : survivedIdling() || reopen())
         return true;
     if (!m_down) {
@@ -185,6 +194,20 @@ bool SqlConnection::usable() {
     }
     ++m_failedStatements;
     return fail(QStringLiteral("no connection to the database server"));
+}
+
+// A file that is locked before it is in WAL mode can't be opened until the lock is gone.
+bool SqlConnection::reopenFile() {
+    if (!m_sinceAttempt.hasExpired(std::chrono::milliseconds(FirstPause).count()))
+        return fail(QStringLiteral("the database file is not open"));
+    dropQueries();
+    if (isMainLoop())
+        m_database.setConnectOptions(QLatin1String(SqliteLoopOptions));
+    const bool isOpen = open();
+    m_sinceAttempt.start();
+    if (isOpen)
+        qInfo() << "SQLITE 3";
+    return isOpen || fail(m_database.lastError().text());
 }
 
 bool SqlConnection::fail(const QString& why) {
@@ -200,10 +223,8 @@ bool SqlConnection::survivedIdling() {
 }
 
 bool SqlConnection::mayReopen() {
-    const bool isMainLoop =
-        QCoreApplication::instance() && QThread::currentThread() == QCoreApplication::instance()->thread();
     // "localhost" means the server's local socket, which does not keep anybody waiting.
-    if (!isMainLoop || m_server.host == QLatin1String("localhost"))
+    if (!isMainLoop() || m_server.host == QLatin1String("localhost"))
         return m_sinceAttempt.hasExpired(m_pause.count());
     return isReachable();
 }

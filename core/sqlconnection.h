@@ -40,7 +40,8 @@ public:
     /// before a statement is trusted to it.
     static constexpr std::chrono::seconds TrustedIdle{2};
 
-    /// Adds and opens the connection; logs what it opened or the error.
+    /// Adds and opens the connection; logs what it opened or the error. What can't be opened is tried
+    /// again by later statements.
     SqlConnection(const SqlServer& server, const QString& name);
     ~SqlConnection();
     SqlConnection(const SqlConnection&) = delete;
@@ -81,6 +82,7 @@ private:
     bool isReachable();
     void backOff();
     bool usable();
+    bool reopenFile();
     bool fail(const QString& why);
     bool lostBy(const QSqlError& error) const;
     void outageBegins(const QSqlError& error);

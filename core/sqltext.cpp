@@ -144,6 +144,8 @@ std::optional<SqlShape> sqlShape(const QString& sql) {
                                                                                : QStringLiteral("?");
             if (c == quote)
                 quote = QChar();
+            if (isLiteral && quote.isNull() && at + 1 < sql.size() && sql.at(at + 1).isLetter())
+                shape.text += QLatin1Char(' '); // the mark is not to be read as a name
         } else if (c == QLatin1Char('\'')) {
             quote = c;
             shape.values << QStringLiteral(""); // not null: that would be bound as NULL

@@ -18,6 +18,7 @@
 #include "tasks/alarmcast.h"
 #include "tasks/task_workque.h"
 
+#include <chrono>
 #include <QCoreApplication>
 #include <QDebug>
 #include <QFile>
@@ -165,33 +166,49 @@ void Startup::openDatabase() {
     m_database->init();
     m_database->site = siteOf(m_settings);
     qDebug().noquote() << (m_database->get_is_aready() ? "true" : "false");
-    loadStoredSpeakers();
+    if (!loadStoredSpeakers())
+        awaitDatabase();
 }
 
 // Every speaker that an account owns has a session from the start; one whose service period ran out
 // starts disabled.
-void Startup::loadStoredSpeakers() {
-    if (!m_database->get_is_aready())
-        return;
-    upgradeSchema(*m_database);
+bool Startup::loadStoredSpeakers() {
     const auto stored = m_database->run(QStringLiteral("SELECT device_seed FROM sbox_device_info ;"));
     const auto expired = m_database->run(QStringLiteral("SELECT sn FROM snover where ( `statu` = 2 ) ;"));
+    if (!stored.ok)
+        return false;
+    if (integer("dbk") == 0) // otherwise the task queue does it
+        upgradeSchema(*m_database);
     m_devices->setStoredSerials(serialsOf(stored, "device_seed"), serialsOf(expired, "sn"));
     m_devices->init_vison();
+    for (const QString& sn : serialsOf(expired, "sn"))
+        m_devices->setRestricted(sn, true);
+    return true;
+}
+
+void Startup::awaitDatabase() {
+    constexpr std::chrono::seconds Pause{1};
+    QObject::connect(&m_databaseTimer, &QTimer::timeout, [this] {
+        if (!loadStoredSpeakers())
+            return;
+        m_databaseTimer.stop();
+        qInfo() << "database: ready";
+    });
+    m_databaseTimer.start(Pause);
 }
 
 void Startup::createTasks() {
     const int kind = integer("dbk");
-    if (!m_database->get_is_aready()) {
+    if (!m_database->get_is_aready())
         qDebug() << "db init error";
-    } else if (kind == 1 || kind == 3) {
-        m_tasks = std::make_unique<Task_workque>(
-            m_devices.get(), integer("DPort"), integer("DataPort"), integer("PS1"), text("src_ipstr"),
-            text("cdn_str"), nodeList(m_settings), m_application, text("Meida_ip"), integer("PS2"),
-            text("task_username"), text("task_passwd"), text("basename"), m_database.get(),
-            integer("sqltaskid"), kind, integer("taskstart"), integer("taskend"), nullptr,
-            Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause"))});
-    }
+    if (kind != 1 && kind != 3)
+        return;
+    m_tasks = std::make_unique<Task_workque>(
+        m_devices.get(), integer("DPort"), integer("DataPort"), integer("PS1"), text("src_ipstr"),
+        text("cdn_str"), nodeList(m_settings), m_application, text("Meida_ip"), integer("PS2"),
+        text("task_username"), text("task_passwd"), text("basename"), m_database.get(), integer("sqltaskid"),
+        kind, integer("taskstart"), integer("taskend"), nullptr,
+        Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause"))});
 }
 
 void Startup::serveHttp() {
@@ -220,7 +237,7 @@ void Startup::serveHttp() {
     m_http->listen();
 }
 
-// The one line that scripts wait for; ports as they were bound.
+// The one line that scripts wait for; ports as they were bound, and what is still to come.
 void Startup::logReady() const {
     QString line = QStringLiteral("speakerd ready: devices %1/%2, commands %3/%4")
                        .arg(integer("DPort"))
@@ -231,5 +248,12 @@ void Startup::logReady() const {
         line += QStringLiteral(", http %1").arg(m_http->serverPort());
     if (m_front && m_front->serverPort() > 0)
         line += QStringLiteral(", websocket %1").arg(m_front->serverPort());
+    QStringList missing;
+    if (m_databaseTimer.isActive())
+        missing += QStringLiteral("database");
+    if (m_tasks && !m_tasks->isReady())
+        missing += QStringLiteral("task queue");
+    if (!missing.isEmpty())
+        line += QStringLiteral(", without ") + missing.join(QStringLiteral(" and "));
     qInfo().noquote() << line;
 }

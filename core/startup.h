@@ -6,6 +6,7 @@
 #include <QJsonArray>
 #include <QSettings>
 #include <QString>
+#include <QTimer>
 
 class Alarmcast;
 class cmdthread6;
@@ -45,7 +46,8 @@ private:
     void listenForSpeakers();
     void listenForCommands();
     void openDatabase();
-    void loadStoredSpeakers();
+    bool loadStoredSpeakers();
+    void awaitDatabase();
     void createTasks();
     void serveHttp();
     void logReady() const;
@@ -65,7 +67,8 @@ private:
     std::unique_ptr<cmdthread6> m_commands6;
     std::unique_ptr<Alarmcast> m_alarms;
     std::unique_ptr<sqlite> m_database;    ///< this and what follows: null in media-only mode
-    std::unique_ptr<Task_workque> m_tasks; ///< null unless the database is ready and its kind has tasks
+    QTimer m_databaseTimer;                ///< while its speakers have not been read
+    std::unique_ptr<Task_workque> m_tasks; ///< null unless the database's kind has tasks
     std::unique_ptr<QSettings> m_sessionsGroup;
     std::unique_ptr<QSettings> m_docrootGroup;
     std::unique_ptr<QSettings> m_listenerGroup;

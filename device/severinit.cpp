@@ -109,7 +109,8 @@ void Severinit::setStoredSerials(const QStringList& serials, const QStringList& 
 void Severinit::init_vison() {
     StateMirror* const mirror = stateMirror();
     for (const QString& sn : std::as_const(m_state->storedSerials)) {
-        if (addSession(sn, this) && mirror)
+        const SAobj* const session = addSession(sn, this);
+        if (session && !session->isOnline() && mirror) // it may have registered before it was known
             mirror->Set_sn_key_value(sn, QStringLiteral("Line"), QStringLiteral("Offline"));
     }
     m_state->storedSerials.clear();

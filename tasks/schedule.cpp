@@ -44,9 +44,31 @@ ScheduleSecond LocalTime::at(qint64 epoch) const {
     second.secondOfDay = static_cast<int>(local - localDay * Day);
     second.weekday = weekdayOf(localDay);
     second.day = floorDiv(epoch, Day);
+    second.localDay = localDay;
     const int before = m_offset(epoch - Day);
-    second.repeated = before > offset && m_offset(epoch - (before - offset)) == before;
+    if (before > offset && m_offset(epoch - (before - offset)) == before)
+        second.firstPass = epoch - (before - offset);
     return second;
+}
+
+std::vector<LocalStretch> LocalTime::stretches(qint64 first, qint64 last) const {
+    std::vector<LocalStretch> found;
+    while (first <= last) {
+        const ScheduleSecond start = at(first);
+        const int offset = m_offset(first);
+        qint64 end = std::min(last, first + Day - 1 - start.secondOfDay);
+        if (m_offset(end) != offset) { // the change lies in between
+            qint64 before = first;
+            while (end - before > 1) {
+                const qint64 middle = before + (end - before) / 2;
+                (m_offset(middle) == offset ? before : end) = middle;
+            }
+            end = before;
+        }
+        found.push_back({first, end, start.secondOfDay});
+        first = end + 1;
+    }
+    return found;
 }
 
 std::vector<SkippedTimes> LocalTime::skippedBefore(qint64 epoch) const {
@@ -73,20 +95,43 @@ bool isDueIn(const TaskTimes& task, const SkippedTimes& skipped) {
 
 SecondSequence::Due SecondSequence::due(qint64 now) {
     const qint64 ahead = now - m_last;
-    if (ahead > 0 && ahead <= MaxCatchUp)
-        return {m_last + 1, now, 0};
-    if (ahead <= 0 && -ahead <= MaxCatchUp)
-        return {};
-    m_last = now - 1;
-    return {now, now, ahead};
+    Due due;
+    if (ahead > 0) {
+        due.first = m_last + 1;
+        due.last = now;
+    } else if (-ahead > MaxCatchUp) {
+        due.setBack = -ahead;
+        due.first = due.last = now;
+        m_last = now - 1;
+    }
+    if (ahead > MaxCatchUp) {
+        due.lostFirst = due.first;
+        due.lostLast = m_last = now - MaxCatchUp;
+        due.first = due.lostLast + 1;
+    }
+    return due;
 }
 
-bool StartGuard::admit(int taskid, int startTime, qint64 steadyMs) {
-    for (auto it = m_started.begin(); it != m_started.end();)
-        it = steadyMs - it.value() >= MinimumGap ? m_started.erase(it) : std::next(it);
-    const qint64 key = static_cast<qint64>(taskid) * Day + startTime;
-    if (m_started.contains(key))
+namespace {
+
+qint64 taskAndTime(int taskid, int startTime) {
+    return taskid * Day + startTime;
+}
+
+} // namespace
+
+bool StartGuard::admit(int taskid, int startTime, qint64 localDay, qint64 steadyMs) {
+    for (auto it = m_dates.begin(); it != m_dates.end();)
+        it = steadyMs - it->lastUsed >= Memory ? m_dates.erase(it) : std::next(it);
+    if (hasStarted(taskid, startTime, localDay))
         return false;
-    m_started.insert(key, steadyMs);
+    Date& date = m_dates[localDay];
+    date.started.insert(taskAndTime(taskid, startTime));
+    date.lastUsed = steadyMs;
     return true;
+}
+
+bool StartGuard::hasStarted(int taskid, int startTime, qint64 localDay) const {
+    const auto date = m_dates.constFind(localDay);
+    return date != m_dates.constEnd() && date->started.contains(taskAndTime(taskid, startTime));
 }

@@ -1,5 +1,7 @@
 #include "tasks/task_workque.h"
 
+#include "tasks/arrivals.h"
+#include "tasks/latecomers.h"
 #include "tasks/nodeque.h"
 #include "tasks/tasktime.h"
 #include "tasks/tasxkobj.h"
@@ -17,24 +19,11 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto WriteBackInterval = 707ms;
-constexpr int EmptyRequestsAt = 10; ///< second of the day
-// The main loop waits no longer than this for another connection's transaction; what does not get
-// through is tried again by a later tick.
-const QString ShortLockWait = QStringLiteral("PRAGMA busy_timeout = 40;");
+constexpr int EmptyRequestsAt = 10;                        ///< second of the day
+const QString HandledName = QStringLiteral(".Elvor.rung"); // beside the database file
 
-const QString TasksIdle = QStringLiteral(" UPDATE  `task` SET `statu` = '0' where id > 0 ;");
-const QString EmptyRequests = QStringLiteral("DELETE FROM taskpop  WHERE (`id` > 0)");
-const QString RearmCommands =
-    QStringLiteral("UPDATE  `taskpop` SET `status` = '0' WHERE (`id` > '0') and (`status` = '11');");
-const QString RewriteNode =
-    QStringLiteral("UPDATE `sbox_node` SET `nodeip` = '@nodeip', `nodeport1` = '@3333', `nodeport2` = "
-                   "'@6003', `nodeport3` = '@6006', `nodeport4` = '@6002', `nodeport5` = '@6003' WHERE "
-                   "(`id` = '1');");
 const QString SelectDue =
     QStringLiteral("SELECT  *  FROM   task   where  start_time = '@StartTime' and enable != 0 ;");
-const QString SelectSkipped = QStringLiteral(
-    "SELECT  *  FROM   task   where  start_time >= '@first' and start_time <= '@last' and enable != 0 ;");
-
 } // namespace
 
 TaskClock TaskClock::system() {
@@ -66,21 +55,24 @@ Task_workque::Task_workque(Severinit* devices, int DPort, int DataPort, int PS1,
     , m_DataPort(DataPort)
     , m_ownAddress(nodeList.first().toObject().value(QLatin1String("nodeip")).toString())
     , m_clock(TaskClock::system())
-    , m_seconds(m_clock.epochMs() / 1000)
+    , m_handledFile(HandledName)
+    , m_handled(m_handledFile.read())
+    , m_seconds(m_handled.last().value_or(m_clock.epochMs() / 1000))
     , m_reader(database)
     , m_writeBack(database) {
     connect(m_database, &sqlite::error, this, &Task_workque::sqlerror);
-    m_database->run(TasksIdle);
-    m_database->run(EmptyRequests);
-    systeminit();
-    if (m_database->dialect() == SqlDialect::Sqlite)
-        m_database->exec(ShortLockWait);
+    if (m_devices) {
+        m_arrivals = std::make_unique<Arrivals>(m_devices);
+        m_latecomers = std::make_unique<Latecomers>(
+            m_devices, [this](std::unique_ptr<Tasxkobj> play) { bindLate(std::move(play)); });
+    }
     for (const QJsonValue& entry : nodeList) {
         const QJsonObject object = entry.toObject();
         node({object.value(QLatin1String("nodeip")).toString(),
               object.value(QLatin1String("nodeport3")).toInt()},
              object.value(QLatin1String("nocdn")).toBool(true));
     }
+    prepare();
     m_tickTimer.setSingleShot(true);
     m_tickTimer.setTimerType(Qt::PreciseTimer);
     connect(&m_tickTimer, &QTimer::timeout, this, &Task_workque::forqueout);
@@ -96,15 +88,6 @@ Task_workque::~Task_workque() {
         delete node.poller; // waits; before the gate goes
 }
 
-void Task_workque::systeminit() {
-    m_database->run(RearmCommands);
-    m_database->run(RewriteNode, {{QStringLiteral("@nodeip"), m_ownAddress},
-                                  {QStringLiteral("@3333"), m_DPort},
-                                  {QStringLiteral("@6003"), m_PS1},
-                                  {QStringLiteral("@6006"), m_PS2},
-                                  {QStringLiteral("@6002"), m_DataPort}});
-}
-
 void Task_workque::sqlerror() {
     qWarning() << "db init error 1"
                << "Task_workque";
@@ -113,6 +96,8 @@ void Task_workque::sqlerror() {
 void Task_workque::setClock(TaskClock clock) {
     m_clock = std::move(clock);
     m_seconds = SecondSequence(m_clock.epochMs() / 1000);
+    m_handled = {};
+    m_lost.clear();
     m_tickTimer.stop();
     scheduleTick();
 }
@@ -132,17 +117,12 @@ void Task_workque::scheduleTick() {
 }
 
 void Task_workque::forqueout() {
+    scheduleTick();
+    if (!prepare())
+        return;
     m_tickStarted = m_clock.steadyMs();
     const qint64 now = m_clock.epochMs() / 1000;
-    const SecondSequence::Due due = m_seconds.due(now);
-    if (due.jump != 0)
-        qWarning() << "task clock: jumped by" << due.jump << "s, going on at"
-                   << timeOfSeconds(m_localTime.at(now).secondOfDay);
-    for (qint64 second = due.first; second <= due.last; ++second) {
-        if (!handleSecond(m_localTime.at(second)))
-            break; // the next tick goes on here
-        m_seconds.handled(second);
-    }
+    handleSeconds(now);
     m_reader.forgetNodes();
     pending.merge(m_retrying);
     if (m_span.strictlyContains(m_localTime.at(now).secondOfDay)) {
@@ -150,19 +130,37 @@ void Task_workque::forqueout() {
         takeStops();
     }
     forNodeCMD();
+    // Of a write nobody knows how long it has to wait: no bell waits for it.
+    if (m_emptyRequests && emptyRequests())
+        m_emptyRequests = false;
     endStopping();
     startPending();
-    scheduleTick();
+    m_handledFile.write(m_handled);
+}
+
+void Task_workque::handleSeconds(qint64 now) {
+    const SecondSequence::Due due = m_seconds.due(now);
+    if (due.setBack != 0)
+        qWarning() << "task clock: jumped by" << -due.setBack << "s, going on at"
+                   << timeOfSeconds(m_localTime.at(now).secondOfDay);
+    lose(due.lostFirst, due.lostLast);
+    for (qint64 second = due.first; second <= due.last; ++second) {
+        if (!handleSecond(m_localTime.at(second)))
+            return; // the next tick goes on here
+        m_seconds.handled(second);
+        m_handled.add(second);
+    }
+    nameLost();
 }
 
 bool Task_workque::handleSecond(const ScheduleSecond& second) {
-    if (second.secondOfDay == EmptyRequestsAt && !m_database->run(EmptyRequests).ok)
+    const SqlResult tasks = m_database->run(SelectDue, {{QStringLiteral("@StartTime"), second.secondOfDay}});
+    if (!tasks.ok)
         return false;
     logSkipped(second);
-    const SqlResult tasks = m_database->run(SelectDue, {{QStringLiteral("@StartTime"), second.secondOfDay}});
-    if (tasks.ok)
-        startDue(tasks, second);
-    return tasks.ok;
+    startDue(tasks, second);
+    m_emptyRequests = m_emptyRequests || second.secondOfDay == EmptyRequestsAt;
+    return true;
 }
 
 void Task_workque::startDue(const SqlResult& tasks, const ScheduleSecond& second) {
@@ -175,23 +173,12 @@ void Task_workque::startDue(const SqlResult& tasks, const ScheduleSecond& second
         auto player = m_reader.player(tasks, row);
         if (!working)
             qWarning() << "task not started outside the working span:" << player->name << player->id;
-        else if (second.repeated)
+        else if (second.firstPass && m_handled.contains(*second.firstPass))
             qInfo() << "task already had its start before the clock went back:" << player->name << player->id;
-        else if (!m_guard.admit(static_cast<int>(player->id), second.secondOfDay, m_clock.steadyMs()))
-            qWarning() << "task already started within a minute:" << player->name << player->id;
+        else if (!m_guard.admit(static_cast<int>(player->id), second.secondOfDay, second.localDay,
+                                m_clock.steadyMs()))
+            qWarning() << "task already had its start today:" << player->name << player->id;
         else
-            addPending(std::move(player));
-    }
-}
-
-void Task_workque::logSkipped(const ScheduleSecond& second) {
-    for (const SkippedTimes& skipped : m_localTime.skippedBefore(second.epoch)) {
-        const SqlResult tasks = m_database->run(SelectSkipped, {{QStringLiteral("@first"), skipped.first},
-                                                                {QStringLiteral("@last"), skipped.last}});
-        for (int row = 0; row < tasks.rows.size(); ++row) {
-            if (isDueIn(TaskReader::times(tasks, row), skipped))
-                qWarning() << "task skipped: today has no" << timeOfSeconds(tasks.integer(row, "start_time"))
-                           << tasks.text(row, "task_name") << tasks.integer(row, "id");
-        }
+            addPending({std::move(player), {}, 0, second.epoch, true});
     }
 }

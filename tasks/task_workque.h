@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tasks/handledseconds.h"
 #include "tasks/nodeque.h"
 #include "tasks/schedule.h"
 #include "tasks/taskreader.h"
@@ -9,13 +10,17 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <QJsonArray>
 #include <QMap>
+#include <QMultiHash>
 #include <QObject>
 #include <QString>
 #include <QTimer>
 #include <vector>
 
+class Arrivals;
+class Latecomers;
 class QCoreApplication;
 class Severinit;
 class sqlite;
@@ -30,7 +35,8 @@ struct TaskClock {
 };
 
 /// The scheduler of play tasks: reads due tasks and requests from the database once a second and
-/// hands each started task to the poller of its node. Owner: start-up. Main loop only.
+/// hands each started task to the poller of its node. Does nothing else until the database has let it
+/// tidy up what an earlier process left. Owner: start-up. Main loop only.
 class Task_workque : public QObject {
     Q_OBJECT
 public:
@@ -51,10 +57,13 @@ public:
         return (quint64{1} << 32) + static_cast<quint64>(requestRow);
     }
 
-    /// Goes by other clocks from now on; counting begins again at their present second.
+    /// Goes by other clocks from now on; counting begins again at their present second, and what was
+    /// handled by the clock before is forgotten.
     void setClock(TaskClock clock);
     /// The player that runs under this key on any node; null when there is none.
     Tasxkobj* runningPlayer(quint64 key) const;
+    /// The tables have been tidied up: from now on bells ring.
+    bool isReady() const { return m_isReady; }
     /// Starts of the last tick that go on in the loop's next turns.
     bool isStarting() const { return !pending.empty(); }
     /// The task is gone: ends its play, and one that is about to start.
@@ -64,7 +73,8 @@ public:
     void end(std::chrono::milliseconds limit);
 
 public slots:
-    void systeminit();
+    /// Re-arms requests and gives this node's row its address and ports. False when the database failed.
+    bool systeminit();
     void sqlerror();
     /// Queues a statement for the next write-back.
     void instsqk(const QString& sql) { m_writeBack.append(sql); }
@@ -85,6 +95,18 @@ private:
         std::unique_ptr<Tasxkobj> player;
         NodeAddress node;   ///< given by a temporary play; read for a task
         qint64 askedAt = 0; ///< steady ms
+        qint64 dueAt = 0;   ///< second of the epoch; earlier ones start first
+        bool isScheduled = false;
+    };
+    /// A play of another process, and who still plays it.
+    struct Interrupted {
+        NodeAddress node;
+        QStringList seeds;
+    };
+    /// Seconds whose bells are lost and not yet named.
+    struct Lost {
+        qint64 first;
+        qint64 last;
     };
     static constexpr int MaxNodes = 256; ///< each has a thread
     struct Node {
@@ -93,9 +115,22 @@ private:
     };
 
     void scheduleTick();
+    void handleSeconds(qint64 now);
     bool handleSecond(const ScheduleSecond& second);
-    void logSkipped(const ScheduleSecond& second);
     void startDue(const SqlResult& tasks, const ScheduleSecond& second);
+
+    // taskready.cpp
+    bool prepare();
+    bool emptyRequests();
+    std::optional<std::vector<Interrupted>> interruptedPlays();
+    void silence(const std::vector<Interrupted>& plays);
+    bool isThisNode(const NodeAddress& address) const;
+
+    // tasklost.cpp
+    void logSkipped(const ScheduleSecond& second);
+    void lose(qint64 first, qint64 last);
+    void nameLost();
+    bool nameLost(const LocalStretch& stretch);
 
     // taskrequests.cpp
     void takeStarts();
@@ -106,14 +141,17 @@ private:
     void endStopping();
 
     // taskstart.cpp
-    void addPending(std::unique_ptr<Tasxkobj> player, const NodeAddress& node = {});
+    void addPending(Start start);
     void startPending();
-    void startFirst();
+    void startOne(quint64 key);
     bool fill(Start& start);
     void refuse(const Tasxkobj& player, const char* why);
     void bind(Start start);
+    void bindLate(std::unique_ptr<Tasxkobj> play);
+    void endLate(quint64 task);
     void markPlaying();
     Node* node(const NodeAddress& address, bool nocdn = true);
+    static QString nodeKey(const NodeAddress& address);
 
     bool hasRelayedAll() const; // taskend.cpp
 
@@ -129,13 +167,18 @@ private:
     const int m_PS2;
     const int m_DataPort;
     QString m_ownAddress;
+    bool m_isReady = false;
 
     TaskClock m_clock;
     LocalTime m_localTime;
+    HandledFile m_handledFile;
+    HandledSeconds m_handled;
     SecondSequence m_seconds;
     StartGuard m_guard;
-    qint64 m_tickStarted = 0; ///< steady ms
-    QTimer m_tickTimer;       ///< aligned to the wall clock's seconds
+    std::vector<Lost> m_lost;
+    bool m_emptyRequests = false; ///< it is time to, and the database has not let it yet
+    qint64 m_tickStarted = 0;     ///< steady ms
+    QTimer m_tickTimer;           ///< aligned to the wall clock's seconds
     QTimer m_writeTimer;
 
     TaskReader m_reader;
@@ -145,4 +188,9 @@ private:
     std::vector<quint64> stopping;       ///< keys of the players to end in this tick
     std::vector<quint64> m_bound;        ///< tasks bound in this turn and not yet marked as playing
     QMap<QString, Node> m_nodes;         ///< by "nodeip_nodeport3"
+    // Without devices null.
+    std::unique_ptr<Arrivals> m_arrivals;
+    std::unique_ptr<Latecomers> m_latecomers;
+    QMultiHash<quint64, quint64> m_latePlays; ///< task to the keys of its further plays
+    quint64 m_lastLateKey = quint64{2} << 32; ///< above tasks and temporary plays
 };

@@ -26,6 +26,7 @@ void serveLoop(std::chrono::milliseconds time) {
 } // namespace
 
 void Task_workque::endTask(quint64 key) {
+    endLate(key);
     for (auto* starts : {&pending, &m_retrying}) {
         const auto waiting = starts->find(key);
         if (waiting == starts->end())

@@ -58,7 +58,7 @@ void Task_workque::takeStarts() {
     if (handled.isEmpty() || !m_database->transaction([&] { return mark(handled, Close); }))
         return;
     for (auto& player : players)
-        addPending(std::move(player));
+        addPending({std::move(player), {}, 0, m_clock.epochMs() / 1000, false});
 }
 
 void Task_workque::takeStops() {
@@ -69,11 +69,12 @@ void Task_workque::takeStops() {
         handled += idOf(requests, row);
         tasks += requests.value(row, "taskid").toLongLong();
     }
-    if (handled.isEmpty() ||
-        !m_database->transaction([&] { return mark(handled, Close) && mark(tasks, TaskIdle); }))
+    if (handled.isEmpty() || !m_database->transaction([&] { return mark(handled, Close); }))
         return;
-    for (const qint64 task : tasks)
+    for (const qint64 task : tasks) {
+        instsqk(fillSql(TaskIdle, {{QStringLiteral("@id"), task}}, m_database->dialect()).sql);
         stopping.push_back(static_cast<quint64>(task));
+    }
 }
 
 void Task_workque::forNodeCMD() {
@@ -89,8 +90,11 @@ void Task_workque::takeTemporaryStarts() {
     if (taken.isEmpty() || !m_database->transaction([&] { return mark(taken, Taken); }))
         return;
     for (int row = 0; row < taken.size(); ++row)
-        addPending(m_reader.temporaryPlayer(requests, row, temporaryKey(taken.at(row))),
-                   {requests.text(row, "ip"), requests.integer(row, "port")});
+        addPending({m_reader.temporaryPlayer(requests, row, temporaryKey(taken.at(row))),
+                    {requests.text(row, "ip"), requests.integer(row, "port")},
+                    0,
+                    m_clock.epochMs() / 1000,
+                    false});
 }
 
 void Task_workque::takeTemporaryStops() {
@@ -106,6 +110,7 @@ void Task_workque::takeTemporaryStops() {
 
 void Task_workque::endStopping() {
     for (const quint64 key : std::exchange(stopping, {})) {
+        endLate(key);
         const auto waiting = pending.find(key);
         if (waiting != pending.end() && waiting->second.askedAt < m_tickStarted) {
             refuse(*waiting->second.player, "stopped before it started");
@@ -115,4 +120,5 @@ void Task_workque::endStopping() {
         else
             qInfo() << "task stop: it does not play" << key;
     }
+    fndout();
 }

@@ -1,11 +1,14 @@
 // Binding players to the pollers of their nodes.
 #include "tasks/task_workque.h"
 
+#include "tasks/arrivals.h"
+#include "tasks/latecomers.h"
 #include "tasks/nodeque.h"
 #include "tasks/tasxkobj.h"
 
 #include "core/sqlite.h"
 
+#include <algorithm>
 #include <QDebug>
 #include <QElapsedTimer>
 #include <utility>
@@ -36,10 +39,11 @@ void moveFiles(Tasxkobj& player, const QString& from, const QString& to) {
 
 } // namespace
 
-void Task_workque::addPending(std::unique_ptr<Tasxkobj> player, const NodeAddress& node) {
-    qInfo() << "-->Tasxkobj" << player->name << player->id;
-    const quint64 key = player->id;
-    if (!pending.try_emplace(key, Start{std::move(player), node, m_clock.steadyMs()}).second)
+void Task_workque::addPending(Start start) {
+    const quint64 key = start.player->id;
+    qInfo() << "-->Tasxkobj" << start.player->name << key;
+    start.askedAt = m_clock.steadyMs();
+    if (!pending.try_emplace(key, std::move(start)).second)
         qWarning() << "task start error" << key << "it is about to start already";
 }
 
@@ -48,17 +52,24 @@ void Task_workque::startPending() {
         return;
     for (const Node& node : qAsConst(m_nodes))
         node.poller->endDue(SameMoment);
+    std::vector<std::pair<qint64, quint64>> order; // what was due first, then by key
+    order.reserve(pending.size());
+    for (const auto& [key, start] : pending)
+        order.emplace_back(start.dueAt, key);
+    std::sort(order.begin(), order.end());
     QElapsedTimer clock;
     clock.start();
-    while (!pending.empty() && clock.elapsed() < TurnMs)
-        startFirst();
+    for (auto next = order.begin(); next != order.end() && clock.elapsed() < TurnMs; ++next)
+        startOne(next->second);
     markPlaying();
     if (!pending.empty())
         QTimer::singleShot(0, this, &Task_workque::startPending);
 }
 
-void Task_workque::startFirst() {
-    auto node = pending.extract(pending.begin());
+void Task_workque::startOne(quint64 key) {
+    auto node = pending.extract(key);
+    if (node.empty())
+        return;
     Start& start = node.mapped();
     if (fill(start))
         bind(std::move(start));
@@ -93,6 +104,11 @@ void Task_workque::bind(Start start) {
     }
     if (!target->nocdn)
         moveFiles(player, m_sourceHost, m_cdnHost);
+    if (start.isScheduled && m_latecomers && isThisNode(start.node)) {
+        m_latecomers->keepAbsent(player);
+        if (player.seeds.isEmpty())
+            return;
+    }
     qInfo() << "task start" << player.name << key << "speakers" << player.seeds.size() << "files"
             << player.files.size();
     if (!player.isTemporary)
@@ -103,32 +119,52 @@ void Task_workque::bind(Start start) {
 
 void Task_workque::refuse(const Tasxkobj& player, const char* why) {
     qWarning() << "task start error" << player.name << player.id << why;
-    if (player.isTemporary)
+    if (player.isTemporary && player.requestRow != 0)
         instsqk(
             fillSql(CloseRequest, {{QStringLiteral("@id"), player.requestRow}}, m_database->dialect()).sql);
 }
 
+void Task_workque::bindLate(std::unique_ptr<Tasxkobj> play) {
+    const quint64 task = play->id;
+    if (runningPlayer(task)) {
+        play->id = ++m_lastLateKey;
+        play->isTemporary = true; // the task's row tells of the first play
+        m_latePlays.insert(task, play->id);
+    }
+    Start start;
+    start.player = std::move(play);
+    start.node = {m_ownAddress, m_PS2};
+    bind(std::move(start));
+    markPlaying();
+}
+
+void Task_workque::endLate(quint64 task) {
+    if (m_latecomers)
+        m_latecomers->forget(task);
+    for (const quint64 key : m_latePlays.values(task)) {
+        if (Tasxkobj* player = runningPlayer(key))
+            player->TimerOut();
+    }
+    m_latePlays.remove(task);
+}
+
+// Through the write-back, behind an end of the same task that still waits there.
 void Task_workque::markPlaying() {
-    QStringList marks;
     for (const quint64 key : std::exchange(m_bound, {})) {
         if (runningPlayer(key)) // one that is over already has its end in the write-back queue
-            marks += fillSql(MarkPlaying, {{QStringLiteral("@taskid"), static_cast<qint64>(key)}},
-                             m_database->dialect())
-                         .sql;
+            instsqk(fillSql(MarkPlaying, {{QStringLiteral("@taskid"), static_cast<qint64>(key)}},
+                            m_database->dialect())
+                        .sql);
     }
-    const auto markAll = [&] {
-        for (const QString& statement : qAsConst(marks))
-            m_database->exec(statement);
-        return true;
-    };
-    if (marks.isEmpty() || m_database->transaction(markAll))
-        return;
-    for (const QString& statement : qAsConst(marks))
-        instsqk(statement);
+    fndout();
+}
+
+QString Task_workque::nodeKey(const NodeAddress& address) {
+    return address.host + QLatin1Char('_') + QString::number(address.port);
 }
 
 Task_workque::Node* Task_workque::node(const NodeAddress& address, bool nocdn) {
-    const QString key = address.host + QLatin1Char('_') + QString::number(address.port);
+    const QString key = nodeKey(address);
     auto found = m_nodes.find(key);
     if (found == m_nodes.end()) {
         if (address.port < 1 || address.port > 65535 || m_nodes.size() >= MaxNodes)

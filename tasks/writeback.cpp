@@ -5,8 +5,6 @@
 #include <chrono>
 #include <QDebug>
 #include <QElapsedTimer>
-#include <QTimer>
-#include <utility>
 
 namespace {
 
@@ -14,53 +12,67 @@ namespace {
 /// whole fleet takes seconds to write, and a command to the fleet comes in many turns.
 constexpr qint64 SliceMs = 5;
 constexpr std::chrono::milliseconds SlicePause{5};
+const QString SpeakerTable = QStringLiteral("`sbox_device_info`");
 const QString Separator = QStringLiteral(">_#@#_<");
+
+/// Executes from the front until `clock` says that it is enough. Returns how many were executed.
+int write(sqlite& database, const QStringList& statements, const QElapsedTimer& clock) {
+    const bool isSqlite = database.dialect() == SqlDialect::Sqlite;
+    int done = 0;
+    while (done < statements.size() && clock.elapsed() < SliceMs) {
+        if (database.execAlike(statements.at(done++)) && isSqlite)
+            qDebug() << "update1";
+    }
+    return done;
+}
 
 } // namespace
 
 WriteBack::WriteBack(sqlite* database, QObject* parent)
     : QObject(parent)
-    , m_database(database) {}
+    , m_database(database) {
+    m_next.setSingleShot(true);
+    m_next.setTimerType(Qt::PreciseTimer);
+    connect(&m_next, &QTimer::timeout, this, &WriteBack::writeSlice);
+}
 
 void WriteBack::append(const QString& sql) {
-    if (sqlQueue.size() >= MaxWaiting) {
+    if (sqlQueue.size() + m_speakers.size() >= MaxWaiting) {
         qWarning() << "write-back queue full, statement lost:" << sql;
         return;
     }
-    sqlQueue.append(sql);
+    (sql.contains(SpeakerTable) ? m_speakers : sqlQueue).append(sql);
     qDebug() << "append :" << sql;
 }
 
 void WriteBack::flush() {
-    if (sqlQueue.isEmpty() || !m_writing.isEmpty())
+    if (isEmpty())
         return;
-    m_writing = std::exchange(sqlQueue, {});
-    if (m_database->dialect() == SqlDialect::Mysql) // there they travel as one text
-        m_writing = m_writing.join(Separator).split(Separator);
+    if (m_database->dialect() == SqlDialect::Mysql && !sqlQueue.isEmpty()) // there they travel as one text
+        sqlQueue = sqlQueue.join(Separator).split(Separator);
     writeSlice();
 }
 
 void WriteBack::writeSlice() {
-    int done = 0;
-    if (!m_database->transaction([this, &done] { return writeSome(done); })) {
-        qWarning() << "write-back failed, statements waiting:" << m_writing.size() + sqlQueue.size();
-        sqlQueue = std::exchange(m_writing, {}) + sqlQueue;
+    int tasks = 0;
+    int speakers = 0;
+    const auto writeSome = [&] {
+        QElapsedTimer clock; // the wait for the lock is not counted
+        clock.start();
+        tasks = write(*m_database, sqlQueue, clock);
+        if (tasks == sqlQueue.size())
+            speakers = write(*m_database, m_speakers, clock);
+        return true;
+    };
+    if (!m_database->transaction(writeSome)) {
+        qWarning() << "write-back failed, statements waiting:" << sqlQueue.size() + m_speakers.size();
+        m_next.stop();
         return;
     }
-    m_writing.erase(m_writing.begin(), m_writing.begin() + done);
-    if (m_writing.isEmpty())
+    sqlQueue.erase(sqlQueue.begin(), sqlQueue.begin() + tasks);
+    m_speakers.erase(m_speakers.begin(), m_speakers.begin() + speakers);
+    if (isEmpty())
         qDebug() << "update3";
     else
-        QTimer::singleShot(SlicePause, Qt::PreciseTimer, this, &WriteBack::writeSlice);
-}
-
-bool WriteBack::writeSome(int& done) {
-    const bool oneByOne = m_database->dialect() == SqlDialect::Sqlite;
-    QElapsedTimer clock;
-    clock.start();
-    while (done < m_writing.size() && clock.elapsed() < SliceMs) {
-        if (m_database->execAlike(m_writing.at(done++)) && oneByOne)
-            qDebug() << "update1";
-    }
-    return true;
+        m_next.start(SlicePause);
 }

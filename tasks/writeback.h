@@ -2,13 +2,15 @@
 
 #include <QObject>
 #include <QStringList>
+#include <QTimer>
 
 class sqlite;
 
-/// Statements waiting to be executed on the main connection, and their execution: in order, in one
-/// transaction, which is cut into several when it would keep the main loop longer than a moment. A
-/// transaction that fails as a whole (the database is busy or away) is tried again by the next
-/// flush(). Main loop only.
+/// Statements waiting to be executed on the main connection, and their execution: in transactions that
+/// are cut when one would keep the main loop longer than a moment. Those about tasks and requests come
+/// first, in their order; those about speakers, which may be a whole fleet, behind them, in theirs. A
+/// transaction that fails as a whole (the database is busy or away) is tried again by the next flush().
+/// Main loop only.
 class WriteBack : public QObject {
     Q_OBJECT
 public:
@@ -17,13 +19,14 @@ public:
 
     explicit WriteBack(sqlite* database, QObject* parent = nullptr);
     void append(const QString& sql);
+    /// Writes as much as a moment allows; the rest follows by itself.
     void flush();
-    bool isIdle() const { return sqlQueue.isEmpty() && m_writing.isEmpty(); }
 
 private:
+    bool isEmpty() const { return sqlQueue.isEmpty() && m_speakers.isEmpty(); }
     void writeSlice();
-    bool writeSome(int& done);
     sqlite* m_database;
-    QStringList sqlQueue;  ///< waits for the next flush
-    QStringList m_writing; ///< the flush under way
+    QStringList sqlQueue; ///< tasks and requests
+    QStringList m_speakers;
+    QTimer m_next; ///< active between two slices
 };

@@ -1,6 +1,7 @@
 // Which second starts which task: a week of bells against a calculation of its own, and the clock's tricks.
 #include "support/table.h"
 #include "support/testmain.h"
+#include "tasks/handledseconds.h"
 #include "tasks/schedule.h"
 #include "tasks/tasktime.h"
 
@@ -124,12 +125,12 @@ private slots:
         Starts starts;
         for (qint64 now = first;; now = qMin(now + random.bounded(41), last)) {
             const SecondSequence::Due due = sequence.due(now);
-            QCOMPARE(due.jump, 0);
+            QVERIFY(due.setBack == 0 && due.lostFirst > due.lostLast);
             for (qint64 s = due.first; s <= due.last; ++s) {
                 const ScheduleSecond second = localTime.at(s);
                 sequence.handled(s);
                 for (const Bell* bell : byTime.values(second.secondOfDay)) {
-                    if (isDue(bell->times, second) && !second.repeated && span.contains(second.secondOfDay))
+                    if (isDue(bell->times, second) && !second.firstPass && span.contains(second.secondOfDay))
                         starts.insert({s, bell->id});
                 }
             }
@@ -166,38 +167,96 @@ private slots:
     }
 
     void clockChanges_data() {
-        const Table<QList<int>, QList<int>, int> row{"ticks", "seconds", "jumps"};
+        const Table<QList<int>, QList<int>, QList<int>, int> row{"ticks", "seconds", "lost", "setBacks"};
         const auto upTo = [](int from, int to) {
             QList<int> all;
             for (int i = from; i <= to; ++i)
                 all += i;
             return all;
         };
-        row("every second", {101, 102, 103}, {101, 102, 103}, 0);
-        row("late", {101, 104}, {101, 102, 103, 104}, 0);
-        row("a minute late", {160}, upTo(101, 160), 0);
-        row("later than that", {161, 162}, {161, 162}, 1);
-        row("twice in one second", {101, 101}, {101}, 0);
-        row("set back a little", {101, 90, 95, 101, 102}, {101, 102}, 0);
-        row("set back a minute", {101, 41, 102}, {101, 102}, 0);
-        row("set back more", {101, 40, 41}, {101, 40, 41}, 1);
+        row("every second", {101, 102, 103}, {101, 102, 103}, {}, 0);
+        row("late", {101, 104}, {101, 102, 103, 104}, {}, 0);
+        row("a minute late", {160}, upTo(101, 160), {}, 0);
+        row("later than that", {165, 166}, upTo(106, 166), upTo(101, 105), 0);
+        row("twice in one second", {101, 101}, {101}, {}, 0);
+        row("set back a little", {101, 90, 95, 101, 102}, {101, 102}, {}, 0);
+        row("set back a minute", {101, 41, 102}, {101, 102}, {}, 0);
+        row("set back more", {101, 40, 41}, {101, 40, 41}, {}, 1);
     }
 
     void clockChanges() {
         QFETCH(QList<int>, ticks);
         SecondSequence sequence(100);
-        QList<int> handled;
-        int jumped = 0;
+        QList<int> handled, lost;
+        int setBacks = 0;
         for (int now : ticks) {
             const auto due = sequence.due(now);
-            jumped += due.jump != 0;
+            setBacks += due.setBack != 0;
+            for (qint64 s = due.lostFirst; s <= due.lostLast; ++s)
+                lost += static_cast<int>(s);
             for (qint64 s = due.first; s <= due.last; ++s) {
                 handled += static_cast<int>(s);
                 sequence.handled(s);
             }
         }
         QTEST(handled, "seconds");
-        QTEST(jumped, "jumps");
+        QTEST(lost, "lost");
+        QTEST(setBacks, "setBacks");
+    }
+
+    void oneStartForEachDate() {
+        StartGuard guard;
+        QVERIFY(guard.admit(1, 28800, 20000, 0));
+        QVERIFY(!guard.admit(1, 28800, 20000, 40 * 3600 * 1000)); // whatever happened to the clock
+        QVERIFY(guard.admit(2, 28800, 20000, 0));
+        QVERIFY(guard.admit(1, 28801, 20000, 0)); // another time has been set
+        QVERIFY(guard.admit(1, 28800, 20001, 0));
+        QVERIFY(guard.hasStarted(1, 28800, 20000) && !guard.hasStarted(1, 28800, 19999));
+    }
+
+    void handledSecondsSurvive_data() {
+        const Table<QByteArray, QList<int>, QList<int>, int> row{"text", "handled", "others", "last"};
+        row("nothing", "", {}, {0}, -1);
+        row("stretches", "5 7\n20 30\n", {5, 7, 20, 30}, {4, 8, 19, 31}, 30);
+        row("a clock set back", "20 30\n5 7\n", {5, 30}, {8}, 7);
+        row("cut off", "5 7\n20 3", {5}, {20, 3}, 7);
+        row("rubbish", "a b\n9 3\n\n1 2 3\n5 7\n", {5}, {9, 3, 1}, 7);
+    }
+
+    void handledSecondsSurvive() {
+        QFETCH(QByteArray, text);
+        QFETCH(QList<int>, handled);
+        QFETCH(QList<int>, others);
+        HandledSeconds seconds = HandledSeconds::parse(text);
+        for (int second : handled)
+            QVERIFY(seconds.contains(second));
+        for (int second : others)
+            QVERIFY(!seconds.contains(second));
+        QTEST(static_cast<int>(seconds.last().value_or(-1)), "last");
+        for (int second = 1000; second < 1000 + 3 * HandledSeconds::MaxStretches; second += 2) {
+            seconds.add(second);
+            seconds.add(second + 1);
+            seconds.add(second + 100000);
+        }
+        QVERIFY(seconds.text().count('\n') == HandledSeconds::MaxStretches);
+        QCOMPARE(HandledSeconds::parse(seconds.text()).text(), seconds.text());
+    }
+
+    // Every second of a day on which the clock jumps, by the local clock of its stretch.
+    void stretchesFollowTheLocalClock() {
+        for (const QDate& date : {QDate(2027, 3, 28), QDate(2027, 10, 31), QDate(2027, 6, 1)}) {
+            const LocalTime berlin(offsetOf(QTimeZone("Europe/Berlin")));
+            const qint64 from = QDateTime(date, {0, 0}, Qt::UTC).toSecsSinceEpoch() - 7000;
+            qint64 next = from;
+            for (const LocalStretch& stretch : berlin.stretches(from, from + Day)) {
+                QCOMPARE(stretch.first, next);
+                for (qint64 s : {stretch.first, (stretch.first + stretch.last) / 2, stretch.last})
+                    QCOMPARE(stretch.epochOf(berlin.at(s).secondOfDay), s);
+                QCOMPARE(stretch.lastSecondOfDay(), berlin.at(stretch.last).secondOfDay);
+                next = stretch.last + 1;
+            }
+            QCOMPARE(next, from + Day + 1);
+        }
     }
 
     void texts_data() {

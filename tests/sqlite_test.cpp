@@ -102,7 +102,7 @@ private slots:
         QVERIFY(
             m_db->exec("INSERT INTO sbox_device_info (`device_seed`, `vol`) VALUES ('a1', 1), ('b2', 2)"));
         const QString update =
-            "UPDATE `sbox_device_info` SET `vol` = `vol`+'%1' WHERE (`device_seed` = '%2' ) ;";
+            "UPDATE `sbox_device_info` SET `vol` = `vol`+'%1',`kind` = '1'WHERE (`device_seed` = '%2' ) ;";
         QVERIFY(m_db->transaction([&] {
             return m_db->execAlike(update.arg("10", "a1")) && m_db->execAlike(update.arg("20", "b2")) &&
                    m_db->execAlike("DELETE FROM sbox_node") && m_db->execAlike(update.arg("30", "b2"));

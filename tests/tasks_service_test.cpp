@@ -1,10 +1,12 @@
 // Bells from the management interface to the speakers' wire, and what becomes of them when the service
 // is killed or the clock changes.
+#include "support/mariadb.h"
 #include "support/speakers.h"
 #include "support/table.h"
 #include "support/testmain.h"
 
 #include <QDateTime>
+#include <QSqlDatabase>
 
 namespace {
 using namespace std::chrono_literals;
@@ -134,12 +136,73 @@ private slots:
         QVERIFY(school.service.start());
         QCOMPARE(school.statu(task), 0);
         QVERIFY(school.service.sql("SELECT id FROM taskpop").isEmpty());
-        QVERIFY(waitFor([&] { return school.fleet->online() == 2; }));
+        QVERIFY(waitFor([&] { return school.told(sim::Op::Stop, 1); })); // as each comes back
         const int next = school.addTask(inSeconds(3));
         school.fleet->at(0).forget();
         QVERIFY(waitFor([&] { return school.statu(next) == 1; }));
         QVERIFY(waitFor([&] { return school.fleet->at(0).count(sim::Op::PlayList) == 1; }));
         QCOMPARE(school.statu(task), 0);
+    }
+
+    void killedBeforeTheBell() {
+        School school;
+        school.service.sql("UPDATE userfile SET len = 60");
+        const int task = school.addTask(inSeconds(3));
+        const int bell = school.service.sql("SELECT start_time FROM task").value(0)["start_time"].toInt();
+        const auto now = [] {
+            return QTime(0, 0).secsTo(QTime::currentTime());
+        };
+        QVERIFY(waitFor([&] { return now() == bell - 1; }));
+        school.service.kill9();
+        school.fleet->at(1).stop();
+        QVERIFY(waitFor([&] { return now() > bell && school.fleet->online() == 0; }));
+        QVERIFY(school.service.start());
+        QVERIFY(waitFor([&] { return school.fleet->at(0).count(sim::Op::PlayList) == 1; }));
+        QVERIFY(waitFor([&] { return school.statu(task) == 1; }));
+        school.fleet->at(1).start(); // while the bell rings elsewhere
+        QVERIFY(waitFor([&] { return school.told(sim::Op::PlayList, 1); }));
+        QVERIFY(school.call("/user/stoptask", {{"taskid", QString::number(task)}}).res());
+        QVERIFY(waitFor([&] { return school.told(sim::Op::Stop, 2); }));
+        school.service.kill9(); // the second start has nothing to make up for
+        QVERIFY(school.service.start());
+        QVERIFY(waitFor([&] { return school.fleet->online() == 2; }));
+        const int next = school.addTask(inSeconds(2));
+        QVERIFY(waitFor([&] { return school.statu(next) == 1; }));
+        QVERIFY(waitFor([&] { return school.told(sim::Op::PlayList, 2); }));
+        QCOMPARE(school.service.log().count("-->Tasxkobj"), 1);
+    }
+
+    void databaseComesLater_data() { addKinds({3, 1}); }
+    void databaseComesLater() {
+        QFETCH(int, kind);
+        ServiceOptions options = ofKind(kind);
+        std::unique_ptr<MariaDb> server;
+        if (kind == 1) {
+            server = std::make_unique<MariaDb>();
+            QVERIFY(server->start());
+            options.database = server->createDatabase("late");
+        }
+        Service service(options);
+        service.sql("INSERT INTO taskpop (taskid, status, kind) VALUES (1, '1', '1')");
+        service.sql("INSERT INTO task (statu, start_time) VALUES (1, 1)");
+        if (kind == 1)
+            server->kill();
+        else
+            service.sql("BEGIN IMMEDIATE"); // of a file that is not in WAL mode yet
+        QVERIFY(service.start());
+        QVERIFY2(service.waitForLog(", without database and task queue\n"), service.log());
+        if (kind == 1) {
+            QSqlDatabase::database(service.directory(), false).close(); // it was lost with the server
+            QVERIFY(server->start());
+        } else {
+            service.sql("COMMIT");
+        }
+        QVERIFY(service.waitForLog("task queue: ready"));
+        QVERIFY(service.waitForLog("database: ready"));
+        QVERIFY(service.sql("SELECT id FROM taskpop").isEmpty());
+        QCOMPARE(service.sql("SELECT statu FROM task").value(0)["statu"].toInt(), 0);
+        QVERIFY(!service.log().contains("-->Tasxkobj"));
+        QVERIFY(service.addAccount("late").id > 0);
     }
 
     void speakersStateAndServicePeriod_data() { addKinds({3, 1}); }
