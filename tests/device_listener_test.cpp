@@ -153,7 +153,7 @@ private slots:
             &map,
             std::make_unique<DeviceSocket>(::dup(static_cast<int>(accepted->socketDescriptor())),
                                            QHostAddress::LocalHost),
-            "nobody", m_link->registry.wheel());
+            "nobody", m_link->registry.env());
         delete accepted;
         QPointer<fortcpclient> guard(client);
         m_link->registry.sasn_online("nobody", client, 1);
