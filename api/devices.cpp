@@ -75,6 +75,23 @@ QByteArray changed(const SqlResult& result, int userid, const char* nothing) {
                   {QStringLiteral("info"), QStringLiteral("SUC")}});
 }
 
+/// The serial of a stored device; empty when there is none of this id.
+QString serialOf(sqlite& database, int id) {
+    const SqlResult row =
+        database.run(QStringLiteral("SELECT `device_seed` FROM `sbox_device_info` WHERE `id` = '@id' ;"),
+                     {{QStringLiteral("@id"), id}});
+    return row.isEmpty() ? QString() : row.text(0, "device_seed");
+}
+
+/// The registry treats a serial that no account has any more as a stranger's.
+void tellIfForgotten(sqlite& database, Severinit& devices, const QString& sn) {
+    const SqlResult rows = database.run(
+        QStringLiteral("SELECT `id` FROM `sbox_device_info` WHERE `device_seed` = '@sn' limit 1 ;"),
+        {{QStringLiteral("@sn"), sn}});
+    if (rows.ok && rows.rows.isEmpty())
+        devices.forgetStored(sn);
+}
+
 /// What the registry knows of a speaker that is not only a stored record.
 struct LiveState {
     bool online = false;
@@ -172,12 +189,12 @@ QByteArray DumpController_add_user::user_deldevs(const Params& params) {
     Call call(params, *m_mapper);
     if (!call.require({"snid"}, "ParERuser_add_dev") || !call.authenticate())
         return call.refused();
-    return changed(
-        db().run(
-            QStringLiteral(
-                "DELETE FROM  `sbox_device_info`  WHERE (`id` = '@snid'  and user_id = '@userid') ;"),
-            {{QStringLiteral("@snid"), call.number("snid")}, {QStringLiteral("@userid"), call.userid()}}),
-        call.userid(), "No Need to del device");
+    const QString sn = serialOf(db(), call.number("snid"));
+    const SqlResult result = db().run(
+        QStringLiteral("DELETE FROM  `sbox_device_info`  WHERE (`id` = '@snid'  and user_id = '@userid') ;"),
+        {{QStringLiteral("@snid"), call.number("snid")}, {QStringLiteral("@userid"), call.userid()}});
+    tellIfForgotten(db(), *m_devices, sn);
+    return changed(result, call.userid(), "No Need to del device");
 }
 
 QByteArray DumpController_add_user::user_renamedevs(const Params& params) {
@@ -201,14 +218,17 @@ QByteArray DumpController_add_user::user_resndevs(const Params& params) {
     QByteArray refused = refusedSerial({call.text("newsn")}, *m_devices);
     if (!refused.isEmpty())
         return refused;
-    return changed(
-        db().run(
-            QStringLiteral("UPDATE  `sbox_device_info`  SET  `device_seed` = '@newsn' WHERE (`id` = '@devid' "
-                           "and user_id = '@user_id');"),
-            {{QStringLiteral("@newsn"), call.text("newsn")},
-             {QStringLiteral("@devid"), call.number("devid")},
-             {QStringLiteral("@user_id"), call.userid()}}),
-        call.userid(), "ER_REJECT");
+    const QString oldSn = serialOf(db(), call.number("devid"));
+    const SqlResult result = db().run(
+        QStringLiteral("UPDATE  `sbox_device_info`  SET  `device_seed` = '@newsn' WHERE (`id` = '@devid' "
+                       "and user_id = '@user_id');"),
+        {{QStringLiteral("@newsn"), call.text("newsn")},
+         {QStringLiteral("@devid"), call.number("devid")},
+         {QStringLiteral("@user_id"), call.userid()}});
+    if (result.ok && result.affected > 0)
+        m_devices->tellAgain({call.text("newsn")});
+    tellIfForgotten(db(), *m_devices, oldSn);
+    return changed(result, call.userid(), "ER_REJECT");
 }
 
 QByteArray DumpController_add_user::user_enable_device(const Params& params) {

@@ -19,6 +19,7 @@
 #include "tasks/task_workque.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <QCoreApplication>
 #include <QDebug>
 #include <QFile>
@@ -50,6 +51,12 @@ std::unique_ptr<QSettings> openGroup(const Settings& settings, const QString& gr
     file->setIniCodec("UTF-8");
     file->beginGroup(group);
     return file;
+}
+
+// Without its command servers nothing could ask the service for anything: who starts it shall hear so.
+[[noreturn]] void exitForPort(const char* key, int port, const CommandServer& server) {
+    qCritical().noquote() << "no command server," << key << "port" << port << server.errorString();
+    std::exit(EXIT_FAILURE);
 }
 
 QStringList serialsOf(const SqlResult& result, const char* column) {
@@ -129,6 +136,7 @@ void Startup::createDevices() {
         integer("ManagePort"), integer("Netcross_Port0"), integer("Netcross_Port1"), integer("DataPortBack2"),
         integer("Pastcmd"));
     m_devices->bitrate = integer("bitrate");
+    m_devices->setCommandGap(std::chrono::milliseconds(integer("cmdgap")));
     if (m_redis) {
         m_devices->setStateMirror(m_redis.get());
         QObject::connect(m_redis.get(), &fuck_redis::restored, m_devices.get(), &Severinit::remirror);
@@ -142,6 +150,7 @@ void Startup::createDevices() {
 void Startup::listenForSpeakers() {
     m_speakerListener =
         std::make_unique<sever_listen>(integer("TSWait"), integer("DPort"), integer("DataPortBack3"));
+    m_speakerListener->setKeepBound(m_settings.flag("keepbound"));
     m_speakerListener->set_svi(m_devices.get());
     m_devices->init_redis();
     m_devices->ps2 = integer("PS2");
@@ -152,10 +161,12 @@ void Startup::listenForCommands() {
     filter.allow(QNetworkInterface::allAddresses()); // whoever commands from this machine, by any of them
     m_commands = std::make_unique<cmdthread>(integer("PS1"));
     m_commands->setFilter(filter);
-    m_commands->init(m_devices.get());
     m_commands6 = std::make_unique<cmdthread6>(integer("PS2"));
     m_commands6->setFilter(filter);
-    m_commands6->init(m_devices.get());
+    if (!m_commands->init(m_devices.get()))
+        exitForPort("PS1", integer("PS1"), *m_commands);
+    if (!m_commands6->init(m_devices.get()))
+        exitForPort("PS2", integer("PS2"), *m_commands6);
     m_alarms = std::make_unique<Alarmcast>(m_devices.get(), text("runingdir"));
 }
 

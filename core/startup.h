@@ -32,8 +32,8 @@ public:
     Startup(QCoreApplication* application, Settings settings);
     ~Startup();
 
-    /// Everything that the configuration asks for. Nothing here but a speaker port that is taken ends
-    /// the process: what can't be had is logged and the service runs with the rest.
+    /// Everything that the configuration asks for. A port of speakers or commands that is taken ends
+    /// the process; what else can't be had is logged and the service runs with the rest.
     void run();
     /// Stops what plays, at most within two seconds. Once, after the event loop has been left.
     void end();

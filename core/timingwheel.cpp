@@ -302,6 +302,10 @@ int TimingWheel::activeCount() const {
     return m_state->active;
 }
 
+std::chrono::milliseconds TimingWheel::now() const {
+    return std::chrono::milliseconds(m_state->clock.elapsed());
+}
+
 // The timer runs to the next bucket with anybody in it, not to every one. A deadline that was reset
 // leaves it running: one needless wake-up.
 void TimingWheel::wakeBy(qint64 time) {

@@ -57,6 +57,8 @@ public:
     Handle once(std::chrono::milliseconds delay, Client* client, int tag);
 
     int activeCount() const;
+    /// Since the wheel was made; the clock that its deadlines go by.
+    std::chrono::milliseconds now() const;
 
 protected:
     void timerEvent(QTimerEvent* event) override;

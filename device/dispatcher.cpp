@@ -84,7 +84,7 @@ Dispatcher::Command Dispatcher::commandOf(const Request& read) {
         return {read.refusal, nullptr, nullptr, {}};
     const QJsonObject& request = read.json;
     const QString word = request.value(QLatin1String("cmd")).toString();
-    const int mode = request.value(QLatin1String("mode")).toInt();
+    const int mode = Arguments(request).integer("mode").value_or(0);
     const auto& table = commandTable();
     const auto row = std::find_if(table.begin(), table.end(), [&](const CommandRow& candidate) {
         return (candidate.mode != 0 && candidate.mode == mode) || word == QLatin1String(candidate.word);

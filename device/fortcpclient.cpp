@@ -16,25 +16,33 @@ constexpr auto KeepAliveInterval = 5000ms;
 constexpr auto SupersededGrace = 30s;
 constexpr int BeatLength = 4;
 
-enum Deadline { KeepAlive, Superseded };
+enum Deadline { KeepAlive, Superseded, NextCommand };
 } // namespace
 
 fortcpclient::fortcpclient(QMap<QString, fortcpclient*>* map, std::unique_ptr<DeviceSocket> socket,
-                           QString sn, TimingWheel& wheel, QObject* parent)
+                           QString sn, const SessionEnv& env, QObject* parent)
     : QObject(parent)
     , m_socket(std::move(socket))
     , m_map(map)
-    , m_wheel(wheel)
+    , m_env(env)
     , m_sn(std::move(sn)) {
+    m_heardAt = clock();
+    m_commandAt = m_heardAt - static_cast<quint32>(m_env.commandGap.count());
     m_socket->setOwner(this);
-    m_timer = m_wheel.every(KeepAliveInterval, this, KeepAlive);
+    m_timer = m_env.wheel.every(KeepAliveInterval, this, KeepAlive);
 }
 
+fortcpclient::~fortcpclient() = default;
+
 void fortcpclient::wheelTimeout(int tag) {
-    if (tag == KeepAlive)
-        sn_heartbeat();
-    else
-        release();
+    switch (tag) {
+    case KeepAlive:
+        return sn_heartbeat();
+    case NextCommand:
+        return writeNext();
+    default:
+        return release();
+    }
 }
 
 void fortcpclient::wheelSoon() const {
@@ -43,6 +51,7 @@ void fortcpclient::wheelSoon() const {
 
 void fortcpclient::sn_datain(const char* bytes, int size) {
     m_alive = true;
+    m_heardAt = clock();
     if (size == BeatLength)
         m_lastStatus = static_cast<unsigned char>(bytes[BeatLength - 1]);
     else
@@ -50,8 +59,7 @@ void fortcpclient::sn_datain(const char* bytes, int size) {
 }
 
 void fortcpclient::sn_heartbeat() {
-    static const QByteArray beat = QByteArrayLiteral("OKOK");
-    if (m_socket->isConnected() && m_socket->write(beat) > 0)
+    if (m_socket->isConnected() && writeBeat())
         return;
     m_timer.reset();
     if (mayLog("Dev is out line", m_sn))
@@ -59,6 +67,15 @@ void fortcpclient::sn_heartbeat() {
     leaveMap();
     emit sn_imoutline(m_sn);
     release();
+}
+
+/// Close behind a command it would be read with it, so it waits as one does; commands that wait already
+/// show the speaker as well that somebody is there.
+bool fortcpclient::writeBeat() {
+    static const QByteArray beat = QByteArrayLiteral("OKOK");
+    if (m_waiting)
+        return true;
+    return (isPausing() ? putOff(beat) : m_socket->write(beat)) > 0;
 }
 
 void fortcpclient::sn_disconnect() {
@@ -78,24 +95,70 @@ void fortcpclient::leaveMap() {
 
 int fortcpclient::Writedata(const QByteArray& bytes) {
     if (m_alive && m_socket->isConnected())
-        return sn_Writedata(bytes);
+        return isPausing() ? putOff(bytes) : sn_Writedata(bytes);
     if (mayLog("return: write", m_sn))
         qWarning().noquote() << "return: write:" << (m_alive ? "true" : "false") << m_sn;
     return 0;
 }
 
 int fortcpclient::sn_Writedata(const QByteArray& bytes) {
+    m_commandAt = clock();
     return m_socket->write(bytes);
+}
+
+// --- the pause between commands ---
+
+quint32 fortcpclient::clock() const {
+    return static_cast<quint32>(m_env.wheel.now().count());
+}
+
+std::chrono::milliseconds fortcpclient::sinceCommand() const {
+    return std::chrono::milliseconds(clock() - m_commandAt);
+}
+
+bool fortcpclient::isHeardWithin(std::chrono::milliseconds time) const {
+    return std::chrono::milliseconds(clock() - m_heardAt) <= time;
+}
+
+bool fortcpclient::isPausing() const {
+    return m_waiting || sinceCommand() < m_env.commandGap;
+}
+
+int fortcpclient::putOff(const QByteArray& bytes) {
+    if (m_waiting &&
+        (m_waiting->commands.size() >= MaxWaiting || m_waiting->bytes + bytes.size() > MaxWaitingBytes)) {
+        qWarning().noquote() << "Too many commands wait, not sent:" << m_sn << bytes.left(2);
+        return -1;
+    }
+    if (!m_waiting) {
+        m_waiting = std::make_unique<Waiting>();
+        m_waiting->turn = m_env.wheel.once(m_env.commandGap - sinceCommand(), this, NextCommand);
+    }
+    m_waiting->commands.append(bytes);
+    m_waiting->bytes += bytes.size();
+    return bytes.size();
+}
+
+void fortcpclient::writeNext() {
+    const QByteArray next = m_waiting->commands.takeFirst();
+    m_waiting->bytes -= next.size();
+    if (m_waiting->commands.isEmpty())
+        m_waiting.reset();
+    else
+        m_waiting->turn = m_env.wheel.once(m_env.commandGap, this, NextCommand);
+    sn_Writedata(next);
 }
 
 void fortcpclient::supersede() {
     QObject::disconnect(this, nullptr, nullptr, nullptr);
-    m_timer = m_wheel.once(SupersededGrace, this, Superseded);
+    m_waiting.reset();
+    m_timer = m_env.wheel.once(SupersededGrace, this, Superseded);
 }
 
 void fortcpclient::release() {
     QObject::disconnect(this, nullptr, nullptr, nullptr);
     m_timer.reset();
+    m_waiting.reset();
     m_socket->close();
     deleteLater();
 }

@@ -17,8 +17,7 @@ SAobj::SAobj(QString sn, SessionEnv& env, QObject* parent)
     , m_env(env)
     , m_sn(std::move(sn))
     , m_sourceName(QStringLiteral("oxiaom"))
-    , m_taskName(QStringLiteral("oxiaomtaskname"))
-    , m_taskId(QStringLiteral("fucktaskid")) {}
+    , m_taskName(QStringLiteral("oxiaomtaskname")) {}
 
 SAobj::~SAobj() = default;
 
@@ -40,16 +39,20 @@ void SAobj::wheelTimeout(int tag) {
 void SAobj::gonline(fortcpclient* connection, int kind) {
     letGo();
     m_kind = kind;
-    m_leixing = kind;
+    setleixing(kind);
     m_onlineState = Online;
     m_busy = false;
-    m_client = connection;
+    m_client.reset(connection);
     m_remoteIp = connection->socket()->peerAddress().toString();
-    m_registeredAt = QDateTime::currentSecsSinceEpoch();
-    connect(connection, &fortcpclient::backdata, this, &SAobj::sn_onlinebackdata);
+    if (m_remoteIp == m_localIp) // as long as the speaker has not told its own: one text for both
+        m_remoteIp = m_localIp;
+    m_registeredAt = static_cast<quint32>(QDateTime::currentSecsSinceEpoch());
+    // A session that was never a receiver of signals is the smaller by what Qt keeps for one.
+    connect(connection, &fortcpclient::backdata, connection,
+            [this](const QByteArray& bytes) { sn_onlinebackdata(bytes); });
     m_statusTimer.reset();
     tickUnlessIdle();
-    m_statusText = QStringLiteral("在线");
+    m_statusText = CameOnline;
     resetMp3Path();
     mirror("Line", QStringLiteral("Online"));
     mirrorRegistration();
@@ -59,22 +62,28 @@ void SAobj::gonline(fortcpclient* connection, int kind) {
 
 void SAobj::goffline() {
     if (m_client)
-        disconnect(m_client, nullptr, this, nullptr);
-    m_client = nullptr;
+        QObject::disconnect(m_client.release(), nullptr, nullptr, nullptr);
     m_statusTimer.reset();
     m_startCheckTimer.reset();
-    m_statusText = QStringLiteral("掉线");
+    m_statusText = WentOffline;
     m_onlineState = Offline;
     m_busy = false;
     resetMp3Path();
     mirror("Line", QStringLiteral("Offline"));
 }
 
-/// A newer connection of the same speaker is about to be bound.
+/// A newer connection of the same speaker is about to be bound. One that was let go of before is closed now:
+/// whoever registers again and again has two connections, not one for each time.
 void SAobj::letGo() {
-    if (m_client)
-        m_client->supersede();
-    m_client = nullptr;
+    if (!m_client)
+        return;
+    for (QObject* const child : children()) {
+        auto* const older = qobject_cast<fortcpclient*>(child);
+        if (older && older->socket()->isConnected())
+            older->release();
+    }
+    m_client->supersede();
+    m_client.release()->setParent(this);
 }
 
 void SAobj::mirror(const char* field, const QVariant& value) {
@@ -121,6 +130,20 @@ quint64 SAobj::changeOfNumbers(quint64& changes) {
         m_numbersChange = ++changes;
     }
     return m_numbersChange;
+}
+
+QString SAobj::statusText() const {
+    switch (m_statusText) {
+    case CameOnline:
+        return QStringLiteral("在线");
+    case WentOffline:
+        return QStringLiteral("掉线");
+    case StreamOver:
+        return QStringLiteral("空闲");
+    case NeverOnline:
+        break;
+    }
+    return {};
 }
 
 QString SAobj::statusWord() const {

@@ -5,6 +5,7 @@
 #include "core/timingwheel.h"
 #include "device/devicesocket.h"
 #include "device/sessionenv.h"
+#include "device/strangers.h"
 
 #include <array>
 #include <memory>
@@ -20,11 +21,17 @@ class QUdpSocket;
 
 /// One speaker's session, known by its serial number; it outlives the speaker's connections. Commands
 /// are built here, reports arrive here, and it owns the MP3 data path. Main loop only. Owner: the
-/// registry or the listener, whichever created it; never deleted while the service runs.
+/// registry or the listener, whichever created it; while the service runs only a session that makes room for
+/// another (see Strangers) is deleted, from a registration.
 ///
-/// Commands return the bytes written, or -99 when no connection is bound or the session is disabled:
-/// then nothing was sent. 0 and -1 tell that the connection has just broken. Texts go out as UTF-8.
-class SAobj : public QObject, private TimingWheel::Client, private DeviceSocket::Owner, public Pooled<SAobj> {
+/// Commands return the bytes written or waiting for their turn (see fortcpclient), or -99 when no connection
+/// is bound or the session is disabled: then nothing was sent. 0 and -1 tell that the connection has just
+/// broken, -1 also that too many commands wait. Texts go out as UTF-8.
+class SAobj : public QObject,
+              public StrangerLink,
+              private TimingWheel::Client,
+              private DeviceSocket::Owner,
+              public Pooled<SAobj> {
     Q_OBJECT
 public:
     enum OnlineState { Offline = 0, Online = 1, Streaming = 2 };
@@ -54,7 +61,7 @@ public:
     int kind() const { return m_kind; } ///< kind code as the speaker reports it
     int leixing() const { return m_leixing; }
     /// How the speaker takes MP3; decides for the next data connection.
-    void setleixing(int kind) { m_leixing = kind; }
+    void setleixing(int kind) { m_leixing = static_cast<quint8>(kind); }
     int vol() const { return m_vol; } ///< as the speaker or the last command gave it
     void setVol(int vol) { m_vol = vol; }
     int micD() const { return m_micD; }
@@ -66,7 +73,7 @@ public:
     const QString& localIp() const { return m_localIp; } ///< the speaker's own address as it reports it
     void setLocalIp(const QString& address) { m_localIp = address; }
     const QString& remoteIp() const { return m_remoteIp; }       ///< peer of the control connection
-    const QString& statusText() const { return m_statusText; }   ///< "在线", "掉线", "空闲"
+    QString statusText() const;                                  ///< "在线", "掉线", "空闲"
     const QString& playingPath() const { return m_playingPath; } ///< last "UA1"/"UA2"; "Nothing" at rest
     bool isClockUnset() const { return m_clockUnset; }
     const SessionSettings& settings() const { return m_settings; }
@@ -85,15 +92,16 @@ public:
 
     // --- life of the control connection ---
     void setMp3Port(quint16 port) { m_mp3Port = port; }
-    /// Binds `connection`; one bound before is let go of.
+    /// Binds `connection`, which is the session's from now on; one bound before is let go of.
     void gonline(fortcpclient* connection, int kind);
+    /// The bound connection has ended; it deletes itself.
     void goffline();
     /// Writes a command to the control connection.
     int wirteonlinecmd(const QByteArray& command);
     /// Ask for what a command will touch to be brought into the cache; each needs the one before to
     /// have arrived. They change nothing.
     void fetch() const { fetchObject(this); }
-    void fetchConnection() const { fetchObject(m_client); }
+    void fetchConnection() const { fetchObject(m_client.get()); }
     void fetchSocket() const;
     void fetchMp3Socket() const { fetchObject(m_mp3Socket.get()); }
 
@@ -166,7 +174,7 @@ public:
     int streamId() const { return m_streamId; }
     const QString& streamSource() const { return m_sourceName; }
     const QString& taskName() const { return m_taskName; }
-    const QString& taskId() const { return m_taskId; }
+    QString taskId() const;
     /// The status tick, every 2000 ms while bound and not idle; an idle session's would do nothing.
     void timeout();
 
@@ -191,6 +199,7 @@ signals:
     void sn_get_kg_back(const QString& sn, char first, char second);
 
 private:
+    enum StatusText : quint8 { NeverOnline, CameOnline, WentOffline, StreamOver };
     enum Deadline { StatusTick, Heartbeat, ConnectRetry, StartCheck };
     struct Report;
     static const Report Reports[];
@@ -208,7 +217,6 @@ private:
 
     void takeInfo(const QJsonObject& info);
     void reportDeviceForm(const QByteArray& form);
-    void reportDeviceInfo(const QByteArray& rest);
     void reportConnectReply(const QByteArray& rest);
     void reportMp3Path(const QByteArray& rest);
     void reportPathDone(const QByteArray& rest);
@@ -247,10 +255,10 @@ private:
 
     SessionEnv& m_env;
     // What every tick and every command of a fleet touches stands together, next to the object's head.
-    fortcpclient* m_client = nullptr; ///< bound while not null; not owned
+    std::unique_ptr<fortcpclient> m_client; ///< bound while not null
     std::unique_ptr<DeviceSocket> m_mp3Socket;
     int m_chunkCounter = 0;
-    int m_leixing = PullKind;
+    quint8 m_leixing = PullKind;
     quint8 m_onlineState = Offline;
     bool m_enabled = true;
     bool m_streamActive = false;
@@ -259,6 +267,9 @@ private:
     bool m_writeInProgress = false;
     bool m_needConnect = true;
     quint8 m_requestBytes = 0; ///< of a request for a chunk that has arrived in part
+    StatusText m_statusText = NeverOnline;
+    bool m_clockUnset = false;
+    bool m_isStreamNamed = false; ///< a stream has been forwarded since the start
     int m_vol = 0;
     int m_kind = PullKind;
     QList<QByteArray> m_queue;
@@ -272,22 +283,19 @@ private:
     int m_xuhao = 0;
     QString m_sn;
     QString m_name;
-    QString m_statusText;
     QString m_localIp;
     QString m_remoteIp;
     QString m_playingPath;
     QString m_sourceName;
     QString m_taskName;
-    QString m_taskId;
     TimingWheel::Handle m_statusTimer;
     TimingWheel::Handle m_heartbeatTimer;
     TimingWheel::Handle m_retryTimer;
     TimingWheel::Handle m_startCheckTimer;
     QUdpSocket* m_datagramSocket = nullptr;
-    qint64 m_registeredAt = 0; ///< seconds since 1970
-    SessionSettings m_settings;
     quint64 m_numbersChange = 0;
     Numbers m_numbersSeen{};
+    quint32 m_registeredAt = 0; ///< seconds since 1970
+    SessionSettings m_settings;
     quint16 m_mp3Port = 0;
-    bool m_clockUnset = false;
 };

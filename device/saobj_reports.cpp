@@ -34,17 +34,17 @@ struct SAobj::Report {
     void (SAobj::*handler)(const QByteArray& rest);
 };
 
-// The first row that fits takes the report.
+// The first row that fits takes the report; what fits none may be device information.
 const SAobj::Report SAobj::Reports[] = {
     {"DEIFS", 0, &SAobj::reportDeviceForm}, {"DEIF:", 0, &SAobj::reportDeviceForm},
-    {"DEIF", 0, &SAobj::reportDeviceForm},  {"J", 0, &SAobj::reportDeviceInfo},
-    {"K", 3, &SAobj::reportConnectReply},   {"UA1", 0, &SAobj::reportPathDone},
-    {"UA2", 0, &SAobj::reportPath},         {"UA3", 0, &SAobj::reportPlaying},
-    {"UA4", 0, &SAobj::reportWaiting},      {"UA5", 0, &SAobj::reportPaused},
-    {"UB1", 0, &SAobj::reportPreloaded},    {"UC1", 0, &SAobj::reportPurged},
-    {"UD1", 0, &SAobj::reportTimeWanted},   {"UT1", 0, &SAobj::reportTaskList},
-    {"UT2", 0, &SAobj::reportUpdate},       {"UV", 0, &SAobj::reportVersion},
-    {"Y", 0, &SAobj::reportAlarm},          {"U", 0, &SAobj::reportUpdate},
+    {"DEIF", 0, &SAobj::reportDeviceForm},  {"K", 3, &SAobj::reportConnectReply},
+    {"UA1", 0, &SAobj::reportPathDone},     {"UA2", 0, &SAobj::reportPath},
+    {"UA3", 0, &SAobj::reportPlaying},      {"UA4", 0, &SAobj::reportWaiting},
+    {"UA5", 0, &SAobj::reportPaused},       {"UB1", 0, &SAobj::reportPreloaded},
+    {"UC1", 0, &SAobj::reportPurged},       {"UD1", 0, &SAobj::reportTimeWanted},
+    {"UT1", 0, &SAobj::reportTaskList},     {"UT2", 0, &SAobj::reportUpdate},
+    {"UV", 0, &SAobj::reportVersion},       {"Y", 0, &SAobj::reportAlarm},
+    {"U", 0, &SAobj::reportUpdate},
 };
 
 void SAobj::sn_onlinebackdata(const QByteArray& bytes) {
@@ -58,6 +58,7 @@ void SAobj::sn_onlinebackdata(const QByteArray& bytes) {
         if (bytes.startsWith(report.prefix) && (report.length == 0 || report.length == bytes.size()))
             return (this->*report.handler)(bytes.mid(static_cast<int>(qstrlen(report.prefix))));
     }
+    dido(bytes); // any first byte may stand before device information
 }
 
 void SAobj::reportMp3Path(const QByteArray& /*rest*/) {
@@ -73,12 +74,6 @@ void SAobj::reportDeviceForm(const QByteArray& form) {
     for (const char* const field : {"status", "vol", "severip", "leixing", "xuhao", "severport"})
         mirror(field, fields.value(QLatin1String(field)).toString());
     mirror("sn", m_sn);
-}
-
-void SAobj::reportDeviceInfo(const QByteArray& rest) {
-    const QJsonDocument document = QJsonDocument::fromJson(rest);
-    if (document.isObject())
-        takeInfo(document.object());
 }
 
 QJsonObject SAobj::dido(const QByteArray& reply) {

@@ -15,14 +15,10 @@ namespace {
 constexpr auto StatusInterval = 2000ms;
 constexpr auto RetryDelay = 10000ms;
 constexpr auto HeartbeatInterval = 10000ms;
-/// Most chunks that wait for a speaker; one more and the backlog is dropped whole.
-constexpr int QueueLimit = 20;
 /// Chunks after which a speaker counts as playing a stream.
 constexpr int StreamIdleLimit = 2000;
 /// What the chunk counter starts from when a stream takes the speaker.
 constexpr int FirstChunkCount = 100;
-/// What may wait in a Wi-Fi speaker's socket, about four seconds of 128 kbit/s; chunks beyond are lost.
-constexpr int WifiBacklog = 64 * 1024;
 
 QByteArray heartbeat() {
     return QByteArrayLiteral("HELL");
@@ -75,10 +71,14 @@ void SAobj::nameStream(const QString& sourceName, int streamId, const QString& t
     m_sourceName = sourceName;
     m_taskName = taskName;
     m_streamId = streamId;
-    m_taskId = QString::number(streamId);
+    m_isStreamNamed = true;
     m_chunkCounter = FirstChunkCount;
     m_streamActive = true;
     tickUnlessIdle();
+}
+
+QString SAobj::taskId() const {
+    return m_isStreamNamed ? QString::number(m_streamId) : QStringLiteral("fucktaskid");
 }
 
 bool SAobj::isIdle() const {
@@ -104,7 +104,7 @@ void SAobj::timeout() {
         m_chunkCounter = 0;
         m_busy = false;
     } else if (m_streamActive) {
-        m_statusText = QStringLiteral("空闲");
+        m_statusText = StreamOver;
         m_onlineState = Online;
         m_streamActive = false;
         m_queue.clear();
@@ -146,7 +146,7 @@ void SAobj::wifi_push_mp3(const QByteArray& chunk) {
     if (m_hold)
         return;
     if (m_mp3Socket) {
-        if (m_mp3Socket->backlog() <= WifiBacklog)
+        if (m_mp3Socket->backlog() <= m_env.wifiBacklog)
             wirteMp3(chunk);
         return;
     }
@@ -156,7 +156,7 @@ void SAobj::wifi_push_mp3(const QByteArray& chunk) {
 
 void SAobj::enqueue(const QByteArray& chunk) {
     m_queue.append(chunk);
-    if (m_queue.size() > QueueLimit)
+    if (m_queue.size() > m_settings.AryLen) // the backlog is dropped whole
         m_queue.clear();
 }
 

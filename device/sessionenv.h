@@ -3,6 +3,7 @@
 #include "core/timingwheel.h"
 #include "device/statemirror.h"
 
+#include <chrono>
 #include <QString>
 
 /// What every session shares. Owned by the registry, outlives the sessions.
@@ -10,6 +11,10 @@ struct SessionEnv {
     TimingWheel& wheel;
     QString serverAddress;         ///< dotted IPv4 that speakers connect back to; may be empty
     StateMirror* mirror = nullptr; ///< not owned; null without Redis
+    /// Between two commands to one speaker, which tells them apart by its reads; 0: none.
+    std::chrono::milliseconds commandGap{0};
+    /// What may wait unsent in a Wi-Fi speaker's socket, bytes; chunks beyond are lost.
+    int wifiBacklog = 0;
 
     /// The mirror while writes reach it, otherwise null.
     StateMirror* connectedMirror() const { return mirror && mirror->isConnected() ? mirror : nullptr; }
@@ -17,7 +22,7 @@ struct SessionEnv {
 
 /// Tuning values of the installation that the registry hands to each session.
 struct SessionSettings {
-    int AryLen = 20;
+    int AryLen = 20; ///< most chunks that wait for a speaker
     int Check_ = 3000;
     int Check_len = 10;
 };

@@ -11,9 +11,17 @@
 #include "device/tcpacceptor.h"
 #include "device/volume.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <QDebug>
 #include <QUdpSocket>
+
+using namespace std::chrono_literals;
+
+namespace {
+/// A speaker beats every 5 s: one that was heard of within this time is there.
+constexpr auto KeepBoundTime = 10s;
+} // namespace
 
 sever_listen::sever_listen(int TSWait, int DPort, int DataPortBack3, QObject* parent)
     : QObject(parent)
@@ -94,20 +102,36 @@ void sever_listen::rdremotion_newcom(DeviceSocket* accepted, const QByteArray& f
     } else if (!m_registry->serialAllowed(sn)) {
         if (mayLog("Reject_list", socket->peerAddress()))
             qInfo().noquote() << "Reject_list:->" << sn << peer;
-    } else {
+    } else if (mayTake(sn, *socket)) {
         bind(std::move(socket), description);
     }
 }
 
+/// Anybody can register with a serial that he has read somewhere; a speaker that has moved does it, too.
+bool sever_listen::mayTake(const QString& sn, const DeviceSocket& socket) {
+    const fortcpclient* const bound = m_connections.value(sn);
+    if (!bound || bound->socket()->peerAddress() == socket.peerAddress())
+        return true;
+    const QString holder = bound->socket()->peerAddress().toString();
+    const QString taker = socket.peerAddress().toString();
+    if (m_keepBound && bound->isHeardWithin(KeepBoundTime)) {
+        qWarning().noquote() << "Takeover refused:" << sn << "of" << holder << "by" << taker;
+        return false;
+    }
+    qWarning().noquote() << "Takeover:" << sn << "of" << holder << "by" << taker << "- takeovers so far"
+                         << ++m_takeovers;
+    return true;
+}
+
 void sever_listen::bind(std::unique_ptr<DeviceSocket> socket, const QJsonObject& description) {
     const QString sn = description.value(QLatin1String("sn")).toString();
-    auto* const client = new fortcpclient(&m_connections, std::move(socket), sn, m_registry->wheel());
+    SAobj* const session = m_registry->admit(sn, socket->peerAddress(), this);
+    if (!session)
+        return;
+    session->setDatagramSocket(m_datagramSocket.get());
+    auto* const client = new fortcpclient(&m_connections, std::move(socket), sn, m_registry->env());
     client->setDescription(description);
-    if (SAobj* const session = m_registry->addSession(sn, this)) {
-        client->setParent(session);
-        session->setDatagramSocket(m_datagramSocket.get());
-        m_connections.insert(sn, client);
-    }
+    m_connections.insert(sn, client);
     const auto mp3Port = static_cast<unsigned>(m_port + 2);
     if (m_registry->isRestricted(sn))
         m_registry->sasn_online_CL(sn, client, mp3Port, false);

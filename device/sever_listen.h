@@ -30,6 +30,8 @@ public:
 
     /// The registry; not owned.
     void set_svi(Severinit* registry);
+    /// Whether a speaker that was heard of a moment ago is kept from a registration from another address.
+    void setKeepBound(bool keep) { m_keepBound = keep; }
 
     /// Descriptions as packets::registration() and packets::statusForm() give them.
     static QJsonObject didiv3(const QByteArray& packet);
@@ -53,10 +55,13 @@ public slots:
 private:
     static void listenOrExit(TcpAcceptor& acceptor, int port, const char* exitTag);
     void enter(TcpAcceptor& acceptor);
+    bool mayTake(const QString& sn, const DeviceSocket& socket);
     void bind(std::unique_ptr<DeviceSocket> socket, const QJsonObject& description);
 
     int m_keepAliveWait;
     int m_port;
+    int m_takeovers = 0; ///< of live speakers by another address
+    bool m_keepBound = false;
     Severinit* m_registry = nullptr;
     std::unique_ptr<QUdpSocket> m_datagramSocket;
     std::unique_ptr<TcpAcceptor> m_control;

@@ -2,6 +2,7 @@
 
 #include "core/logthrottle.h"
 #include "device/blocklist.h"
+#include "device/devicesocket.h"
 #include "device/fortcpclient.h"
 #include "device/saobj.h"
 #include "device/severinit_state.h"
@@ -22,10 +23,16 @@ const QString BlockListFile = QStringLiteral("unuse.conf");
 /// Sessions written to the mirror in one turn of the loop: a few milliseconds.
 constexpr int SweepBatch = 1000;
 
+/// Chunks that may wait for a speaker at most, whatever is configured: a minute and more.
+constexpr int MaxAryLen = 1000;
+
 /// "vol", "leixing" and "xuhao" are decimal texts in a registration.
 int number(const QJsonObject& description, QLatin1String key) {
     return description.value(key).toVariant().toInt();
 }
+
+/// Sessions that make room for each line of the log that tells of it.
+constexpr int EvictionsALine = 1000;
 
 /// Before a sweep looks again whether a mirror that has fallen behind has caught up.
 constexpr auto SweepPause = 5ms;
@@ -48,7 +55,7 @@ void sweep(QObject* context, const QMap<QString, SAobj*>& sessions, const QStrin
 
 Severinit::Severinit(QString updateListPath, QString upstreamcdn, QString localcdn,
                      const QString& /*privateKeyText*/, const QString& /*publicKeyText*/,
-                     const QString& /*key*/, QString askey, int /*TSWait*/, int /*PackSize*/, int AryLen,
+                     const QString& /*key*/, QString askey, int /*TSWait*/, int PackSize, int AryLen,
                      int Check_, int Check_len, QString LocalIP, int /*OPort0*/, int /*OPort1*/,
                      int /*BjPort*/, int /*DataPort*/, int /*ManagePort*/, int /*Netcross_Port0*/,
                      int /*Netcross_Port1*/, int /*DataPortBack2*/, int /*Pastcmd*/, QObject* parent)
@@ -58,7 +65,9 @@ Severinit::Severinit(QString updateListPath, QString upstreamcdn, QString localc
     m_state->upstreamcdn = std::move(upstreamcdn);
     m_state->localcdn = std::move(localcdn);
     m_state->askey = std::move(askey);
-    m_state->sessionSettings = {AryLen, Check_, Check_len};
+    m_state->sessionSettings = {std::clamp(AryLen, 1, MaxAryLen), Check_, Check_len};
+    m_state->env.wifiBacklog = static_cast<int>(
+        std::clamp<qint64>(qint64{m_state->sessionSettings.AryLen} * PackSize, 0, DeviceSocket::MaxBacklog));
     m_state->env.serverAddress = std::move(LocalIP);
     for (const QString& sn : readBlockList(BlockListFile))
         m_state->blocked.insert(sn);
@@ -100,8 +109,14 @@ unsigned char Severinit::to_vol(unsigned char level) {
     return volumeCode(level);
 }
 
+void Severinit::setCommandGap(std::chrono::milliseconds gap) {
+    m_state->env.commandGap = std::max(gap, 0ms);
+}
+
 void Severinit::setStoredSerials(const QStringList& serials, const QStringList& restricted) {
     m_state->storedSerials = serials;
+    for (const QString& sn : serials)
+        m_state->strangers.setStored(sn, true);
     for (const QString& sn : restricted)
         m_state->restricted.insert(sn);
 }
@@ -119,9 +134,14 @@ void Severinit::init_vison() {
 SAobj* Severinit::addSession(const QString& sn, QObject* parent) {
     if (SAobj* const known = session(sn))
         return known;
+<<<<<<< HEAD
     if (!serialAllowed(sn) || m_state->sessions.size() >= MaxSessions) {
         if (mayLog("No session", QString()))
             qWarning().noquote() << "No session for" << sn << "- blocked, or" << MaxSessions << "are reached";
+=======
+    if (!serialAllowed(sn) || (m_state->sessions.size() >= MaxSessions && !makeRoom())) {
+        qWarning().noquote() << "No session for" << sn << "- blocked, or" << MaxSessions << "are reached";
+>>>>>>> device
         return nullptr;
     }
     auto* const added = new SAobj(sn, m_state->env, parent);
@@ -133,17 +153,48 @@ SAobj* Severinit::addSession(const QString& sn, QObject* parent) {
     return added;
 }
 
+SAobj* Severinit::admit(const QString& sn, const QHostAddress& peer, QObject* parent) {
+    const bool isCrowded = m_state->sessions.size() >= CrowdedSessions;
+    if (isCrowded && !session(sn) && !m_state->strangers.isStored(sn) &&
+        !m_state->strangers.mayEnter(peer, wheel().now()))
+        return nullptr;
+    return addSession(sn, parent);
+}
+
+bool Severinit::makeRoom() {
+    SAobj* const longest = m_state->strangers.longestOffline();
+    if (!longest)
+        return false;
+    if (m_state->evicted++ % EvictionsALine == 0)
+        qWarning() << "Registry full, sessions that made room so far:" << m_state->evicted;
+    endSession(longest);
+    return true;
+}
+
+void Severinit::endSession(SAobj* session) {
+    const QString sn = session->sn();
+    m_state->strangers.cameOnline(*session);
+    m_state->sessions.remove(sn);
+    m_state->bySerial.remove(sn);
+    delete session;
+}
+
+// A whole fleet's: those that stay are listed anew, instead of each that goes being looked up in the map. The
+// others go in the order of the children: the parent looks for each among those that it still has, from the
+// first on.
 void Severinit::removeSessionsOf(const QObject* parent) {
-    for (auto entry = m_state->sessions.begin(); entry != m_state->sessions.end();) {
-        SAobj* const session = *entry;
-        if (session->parent() != parent) {
-            ++entry;
+    QMap<QString, SAobj*> rest;
+    m_state->bySerial.clear();
+    for (SAobj* const session : std::as_const(m_state->sessions)) {
+        if (session->parent() == parent)
             continue;
-        }
-        m_state->bySerial.remove(entry.key());
-        entry = m_state->sessions.erase(entry);
-        delete session;
+        rest.insert(rest.cend(), session->sn(), session);
+        m_state->bySerial.insert(session->sn(), session);
     }
+    m_state->sessions = rest;
+    const QObjectList children = parent->children();
+    for (QObject* const child : children)
+        delete qobject_cast<SAobj*>(child);
 }
 
 void Severinit::setStateMirror(StateMirror* mirror) {
@@ -184,8 +235,17 @@ TimingWheel& Severinit::wheel() {
     return m_state->wheel;
 }
 
+<<<<<<< HEAD
 QVector<OnlineDevice> Severinit::onlineDevices() const {
     QVector<OnlineDevice> devices;
+=======
+const SessionEnv& Severinit::env() const {
+    return m_state->env;
+}
+
+QJsonArray Severinit::onlineDevices() const {
+    QJsonArray devices;
+>>>>>>> device
     for (const SAobj* const session : std::as_const(m_state->sessions)) {
         if (session->isOnline())
             devices.append({session->sn(), session->onlineState(), session->vol(), session->voltage(),
@@ -237,9 +297,23 @@ void Severinit::tellAgain(const QStringList& serials) {
         this,
         [this, serials] {
             for (const QString& sn : serials) {
-                if (SAobj* const found = session(sn))
+                m_state->strangers.setStored(sn, true);
+                if (SAobj* const found = session(sn)) {
+                    m_state->strangers.cameOnline(*found); // it may not make room from now on
                     found->forgetNumbers();
+                }
             }
+        },
+        Qt::QueuedConnection);
+}
+
+void Severinit::forgetStored(const QString& sn) {
+    QMetaObject::invokeMethod(
+        this,
+        [this, sn] {
+            m_state->strangers.setStored(sn, false);
+            if (SAobj* const found = session(sn); found && !found->isOnline())
+                m_state->strangers.wentOffline(*found);
         },
         Qt::QueuedConnection);
 }
@@ -279,9 +353,13 @@ void Severinit::bind(SAobj* session, fortcpclient* client, unsigned port) {
     const QJsonObject& description = client->description();
     session->setSettings(m_state->sessionSettings);
     session->setMp3Port(static_cast<quint16>(port));
-    session->setLocalIp(description.value(QLatin1String("localip")).toString());
+    const QString address = description.value(QLatin1String("localip")).toString();
+    if (address != m_state->lastAddress)
+        m_state->lastAddress = address;
+    session->setLocalIp(m_state->lastAddress);
     session->setVol(number(description, QLatin1String("vol")));
     session->setXuhao(number(description, QLatin1String("xuhao")));
+    m_state->strangers.cameOnline(*session);
     session->gonline(client, number(description, QLatin1String("leixing")));
     emit registered(session->sn());
 }
@@ -294,8 +372,13 @@ void Severinit::sasn_offline(const QString& sn) {
         return;
     }
     found->goffline();
+<<<<<<< HEAD
     if (mayLog("off line", sn))
         qInfo().noquote() << "off line" << sn;
+=======
+    m_state->strangers.wentOffline(*found);
+    qInfo().noquote() << "off line" << sn;
+>>>>>>> device
 }
 
 // --- mirroring ---

@@ -2,6 +2,7 @@
 
 #include "core/timingwheel.h"
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <QByteArray>
@@ -15,8 +16,10 @@
 
 class fortcpclient;
 class LicenceCheck;
+class QHostAddress;
 class SAobj;
 class StateMirror;
+struct SessionEnv;
 
 /// What is told of a speaker that is online.
 struct OnlineDevice {
@@ -44,6 +47,8 @@ public:
     int bitrate = 128;  ///< MP3 bit rate, kbit/s
     int ps2 = 6006;     ///< port of the second command server, this node's `nodeport3`
     bool quiet = false; ///< keeps printinfo() silent
+    /// Pause between two commands to one speaker; none before it is set.
+    void setCommandGap(std::chrono::milliseconds gap);
 
     /// Exact comparison with the service key; an empty service key matches nothing. Any thread.
     bool matchesServiceKey(const QString& sskey) const;
@@ -63,6 +68,9 @@ public:
     // --- registry ---
     /// Most sessions: a bound on what made-up serials can cost, five times the largest fleet.
     static constexpr int MaxSessions = 100'000;
+    /// From here on serials that the database does not know come in one by one: made-up ones shall not take
+    /// the places of speakers that are still to come.
+    static constexpr int CrowdedSessions = MaxSessions / 4 * 3;
     /// Serials known before any speaker registered: each gets an offline session at init_vison();
     /// those in `restricted` start disabled.
     void setStoredSerials(const QStringList& serials, const QStringList& restricted);
@@ -71,8 +79,12 @@ public:
     void setStateMirror(StateMirror* mirror); ///< not owned; null without Redis
     StateMirror* stateMirror() const;         ///< null, or the mirror while it is connected
     /// The serial's session, created as a child of `parent` when there is none; null when the serial
-    /// is not allowed or there are too many.
+    /// is not allowed or there are too many. At the limit the session that has been offline for the longest
+    /// time makes room, unless the database knows its serial.
     SAobj* addSession(const QString& sn, QObject* parent);
+    /// The same for a speaker that registers from `peer`; null also when it is a stranger and too many come
+    /// from there (see Strangers).
+    SAobj* admit(const QString& sn, const QHostAddress& peer, QObject* parent);
     /// Ends what `parent` created; for its destructor.
     void removeSessionsOf(const QObject* parent);
     const QMap<QString, SAobj*>& sessions() const;
@@ -82,7 +94,13 @@ public:
     /// Puts the serial on the restricted list and disables its session, or undoes both.
     void setRestricted(const QString& sn, bool restricted);
     TimingWheel& wheel();
+<<<<<<< HEAD
     QVector<OnlineDevice> onlineDevices() const;
+=======
+    const SessionEnv& env() const;
+    /// Devices online, one object each: "seed", "status", "vol", "voltage", "debug" (integers).
+    QJsonArray onlineDevices() const;
+>>>>>>> device
     QSet<QString> onlineSerials() const;
     void printinfo();
 
@@ -97,8 +115,11 @@ public:
     /// The sessions whose numbers have changed since `mark` was given out, the oldest changes first; all
     /// of them for a mark that this run of the service did not give out.
     Changes changesSince(const QByteArray& mark);
-    /// The sessions count as changed: somebody has begun to keep their numbers. Any thread; a moment later.
+    /// The database has got these serials. Their sessions count as changed: somebody has begun to keep their
+    /// numbers. Any thread; a moment later.
     void tellAgain(const QStringList& serials);
+    /// The database does not know this serial any more. Any thread; a moment later.
+    void forgetStored(const QString& sn);
 
     // --- dispatcher ---
     /// A command that another room adds: gets the request and its resolved targets (each serial
@@ -132,6 +153,8 @@ signals:
 private:
     SAobj* bindable(const QString& sn, fortcpclient* client) const;
     void bind(SAobj* session, fortcpclient* client, unsigned port);
+    bool makeRoom();
+    void endSession(SAobj* session);
 
     struct State;
     std::unique_ptr<State> m_state;

@@ -5,6 +5,7 @@
 #include "device/licence.h"
 #include "device/sessionenv.h"
 #include "device/severinit.h"
+#include "device/strangers.h"
 
 #include <QDateTime>
 #include <QHash>
@@ -27,10 +28,13 @@ struct Severinit::State {
 
     // --- registry ---
     TimingWheel wheel;
-    SessionEnv env{wheel, {}, nullptr};
+    SessionEnv env{wheel, {}, nullptr, {}, 0};
     QMap<QString, SAobj*> sessions;  ///< in the order of the serials
     QHash<QString, SAobj*> bySerial; ///< the same; a command to a fleet looks every serial up
     QSet<QString> restricted;
+    Strangers strangers;
+    QString lastAddress; ///< of a registration; many from one address share its text
+    int evicted = 0;     ///< sessions that made room so far
     mutable QReadWriteLock blockedLock;
     QSet<QString> blocked; ///< guarded by blockedLock
     QStringList storedSerials;

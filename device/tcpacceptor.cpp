@@ -1,12 +1,15 @@
 #include "device/tcpacceptor.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <QSocketNotifier>
 #include <QTimer>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -50,6 +53,15 @@ int bindAnyAddress(int descriptor, int family, quint16 port) {
     return ::bind(descriptor, reinterpret_cast<const sockaddr*>(&any), sizeof any);
 }
 
+/// Descriptors below this one are for speakers. The system gives out the lowest that is free.
+int usableDescriptors() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return INT_MAX;
+    const rlim_t all = std::min<rlim_t>(limit.rlim_cur, INT_MAX);
+    return static_cast<int>(all - std::min<rlim_t>(all / 8, TcpAcceptor::Reserve));
+}
+
 bool isExhausted(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
@@ -91,8 +103,9 @@ bool TcpAcceptor::openSocket(int family, quint16 port) {
 }
 
 void TcpAcceptor::acceptBatch() {
+    const int usable = usableDescriptors();
     int taken = 0;
-    while (taken < BatchSize && acceptOne())
+    while (taken < BatchSize && acceptOne(usable))
         ++taken;
     // In a storm the event loop has thousands of ready sockets to go round before it tells of this one
     // again; by then the kernel's queue would have overflowed.
@@ -101,11 +114,16 @@ void TcpAcceptor::acceptBatch() {
 }
 
 /// False when none waits, or none can be taken for now.
-bool TcpAcceptor::acceptOne() {
+bool TcpAcceptor::acceptOne(int usable) {
     sockaddr_storage peer{};
     socklen_t length = sizeof peer;
     const int descriptor =
         ::accept4(m_descriptor, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (descriptor >= usable) {
+        ::close(descriptor);
+        pause(EMFILE);
+        return false;
+    }
     if (descriptor >= 0) {
         m_pending.push_back(std::make_unique<DeviceSocket>(descriptor, DeviceSocket::plainAddress(peer)));
         emit newConnection();

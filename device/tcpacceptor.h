@@ -19,6 +19,9 @@ public:
     static constexpr int Backlog = 4096;
     /// Connections taken in one turn: some 10 ms.
     static constexpr int BatchSize = 1024;
+    /// Descriptors that speakers leave to files, the database and the log, or an eighth of all when these are
+    /// few.
+    static constexpr int Reserve = 256;
 
     explicit TcpAcceptor(QObject* parent = nullptr);
     ~TcpAcceptor() override;
@@ -37,7 +40,7 @@ signals:
 private:
     bool openSocket(int family, quint16 port);
     void acceptBatch();
-    bool acceptOne();
+    bool acceptOne(int usable);
     void pause(int error);
 
     std::unique_ptr<QSocketNotifier> m_notifier;

@@ -142,6 +142,68 @@ private slots:
         QVERIFY(m_link->listener.connections().isEmpty());
     }
 
+    // Somebody elsewhere with the serial of a speaker that is there; the same speaker may always come again.
+    void takeovers() {
+        const QByteArray packet = sim::registrationPacket(testSerial(), 20);
+        const auto speaker = m_link->speaker(testSerial());
+        m_link->listener.setKeepBound(true);
+        QTest::ignoreMessage(QtWarningMsg,
+                             QRegularExpression("^Takeover refused: a0+1 of 127.0.0.1 by 127.0.0.2"));
+        RawConnection other(m_link->port, packet, QHostAddress("127.0.0.2"));
+        QVERIFY(other.waitClosed() && speaker->isOpen());
+        m_link->listener.setKeepBound(false);
+        QTest::ignoreMessage(QtWarningMsg,
+                             QRegularExpression("^Takeover: a0+1 of 127.0.0.1 by 127.0.0.2 .*far 1$"));
+        RawConnection taker(m_link->port, packet, QHostAddress("127.0.0.2"));
+        QVERIFY(taker.waitReceived("JXXXXX"));
+        QVERIFY(speaker->isOpen()); // for its grace, unless the serial comes once more
+        const auto third = m_link->speaker(testSerial());
+        QVERIFY(speaker->waitClosed() && taker.isOpen());
+        m_link->session(testSerial())->stopcurl();
+        QVERIFY(third->waitReceived("A5"));
+    }
+
+    void strangersFillTheRegistry() {
+        Severinit& registry = m_link->registry;
+        int next = 1000;
+        const auto enter = [&](const char* address) {
+            return registry.admit(testSerial(next++).toHex(), QHostAddress(address), &registry) != nullptr;
+        };
+        const QString stored = testSerial(-1).toHex();
+        registry.setStoredSerials({stored}, {});
+        registry.init_vison();
+        while (registry.sessions().size() < Severinit::CrowdedSessions)
+            QVERIFY(enter("10.0.0.1"));
+        // Crowded: a flood brings a few a second, which disturbs nobody else.
+        int entered = 0;
+        for (int i = 0; i < 1000; ++i)
+            entered += enter("10.0.0.1") ? 1 : 0;
+        QVERIFY(entered >= Strangers::PerSecond && entered < 1000);
+        QVERIFY(enter("10.0.0.2") && enter("2001:db8::1"));
+        QVERIFY(registry.admit(testSerial(1000).toHex(), QHostAddress("10.0.0.1"), &registry));
+        const QString added = testSerial(-2).toHex();
+        registry.tellAgain({added});
+        QVERIFY(
+            waitFor([&] { return registry.admit(added, QHostAddress("10.0.0.1"), &registry) != nullptr; }));
+
+        // Full: who is offline for the longest goes, but not who is known.
+        while (registry.sessions().size() < Severinit::MaxSessions)
+            registry.addSession(testSerial(next++).toHex(), &registry);
+        QVERIFY(!registry.addSession(testSerial(next).toHex(), &registry)); // nobody has gone offline
+        for (const QString& sn :
+             {stored, added, QString(testSerial(1007).toHex()), QString(testSerial(1003).toHex())})
+            registry.sasn_offline(sn);
+        QVERIFY(registry.addSession(testSerial(next++).toHex(), &registry));
+        QVERIFY(!m_link->session(testSerial(1007)) && m_link->session(testSerial(1003)));
+        registry.forgetStored(added);
+        QVERIFY(waitFor([&] {
+            registry.addSession(testSerial(next++).toHex(), &registry);
+            return !registry.session(added);
+        }));
+        QVERIFY(registry.session(stored));
+        QCOMPARE(registry.sessions().size(), Severinit::MaxSessions);
+    }
+
     void unknownSerialIsDropped() {
         QMap<QString, fortcpclient*> map;
         QTcpServer server;
@@ -153,7 +215,7 @@ private slots:
             &map,
             std::make_unique<DeviceSocket>(::dup(static_cast<int>(accepted->socketDescriptor())),
                                            QHostAddress::LocalHost),
-            "nobody", m_link->registry.wheel());
+            "nobody", m_link->registry.env());
         delete accepted;
         QPointer<fortcpclient> guard(client);
         m_link->registry.sasn_online("nobody", client, 1);

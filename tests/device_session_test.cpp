@@ -1,3 +1,4 @@
+#include "device/fortcpclient.h"
 #include "tests/support/devicelink.h"
 #include "tests/support/table.h"
 #include "tests/support/testmain.h"
@@ -101,6 +102,26 @@ private slots:
         m_speaker->close();
         QVERIFY(waitFor([&] { return !session()->isOnline(); }));
         QCOMPARE(session()->stopcurl(), -99);
+    }
+
+    void commandsComeReadByRead() {
+        m_link->registry.setCommandGap(60ms);
+        session()->addMp3list("a");
+        session()->stopcurl();
+        session()->set_vol_V(3);
+        QVERIFY(waitFor([&] { return m_speaker->reads().size() >= 3; }));
+        QCOMPARE(m_speaker->reads(), (QByteArrayList{"A1a", "A5", "V\x03"}));
+
+        // As many as may wait, and not one for the connection that comes after.
+        m_link->registry.setCommandGap(1h);
+        for (int i = 0; i < fortcpclient::MaxWaiting; ++i)
+            QCOMPARE(session()->stopcurl(), 2);
+        QCOMPARE(session()->stopcurl(), -1);
+        const auto first = std::exchange(m_speaker, m_link->speaker(testSerial()));
+        m_link->registry.setCommandGap(0ms);
+        session()->stopcurl2();
+        QVERIFY(m_speaker->waitReceived("A7"));
+        QCOMPARE(first->reads().size(), 3);
     }
 
     void timeCommand() {
@@ -214,6 +235,9 @@ private slots:
                  QStringList({"3", "11", "4", "5", "10.9.8.7", "127.0.0.1"}));
         QVERIFY(!session()->isClockUnset());
         QVERIFY(m_speaker->received().isEmpty());
+
+        m_speaker->send("?{\"vol\":12}"); // whatever stands in front
+        QVERIFY(waitFor([&] { return session()->vol() == 12; }));
 
         QCOMPARE(session()->dido("Jnothing").value("res").toBool(true), false);
         QCOMPARE(session()->dido("").value("res").toBool(true), false);

@@ -115,12 +115,15 @@ private slots:
         QCOMPARE(session()->queuedChunks(), 2);
     }
 
-    void twentyFirstChunkEmptiesTheQueue() {
-        for (int i = 0; i < 20; ++i)
+    void chunkTooManyEmptiesTheQueue() {
+        for (const int limit : {20, 3}) { // AryLen: as it stands by default, and another
+            session()->setSettings({limit, 0, 0});
+            for (int i = 0; i < limit; ++i)
+                session()->push_mp3("x");
+            QCOMPARE(session()->queuedChunks(), limit);
             session()->push_mp3("x");
-        QCOMPARE(session()->queuedChunks(), 20);
-        session()->push_mp3("x");
-        QCOMPARE(session()->queuedChunks(), 0);
+            QCOMPARE(session()->queuedChunks(), 0);
+        }
     }
 
     void holdDiscards() {

@@ -66,7 +66,7 @@ private slots:
         row("{'cmd':'VOL','vol':1}", "out_of_range");
         row("{'mode':1002,'sn':$B,'vol':1}", "success", {}, "SETVOLp");
         row("{'cmd':'VOL_V','sn':$A,'vol':7}", "success", "V" + byte7);
-        row("{'mode':1003,'sn':$A,'vol':7}", "success", "V" + byte7);
+        row("{'mode':'1003','sn':$A,'vol':7}", "success", "V" + byte7);
         row("{'cmd':'VOL_V','sn':$A}", "sn or vol error1");
         row("{'cmd':'VOL_V','sn':$A,'vol':256}", "sn or vol error1");
         row("{'cmd':'VOL_V','sn':$A,'vol':1.5}", "sn or vol error1");

@@ -11,13 +11,6 @@
 
 namespace {
 
-QByteArray words(const std::vector<sim::Command>& commands) {
-    QByteArray text;
-    for (const sim::Command& command : commands)
-        text += command.bytes + '|';
-    return text;
-}
-
 /// Serves one file at every path.
 class FileServer : public QTcpServer {
 public:
@@ -75,27 +68,30 @@ sim::SpeakerOptions optionsFor(const Peer& peer) {
 class SpeakersimTest : public QObject {
     Q_OBJECT
 private slots:
-    void splitsReads_data() {
-        const Table<QByteArray, QByteArray, QByteArray> row{"read", "expected", "rest"};
-        row("one", "A5", "A5|", {});
-        row("keep-alives around", "OKOKV\x14OKOKJXXXXX", "OKOK|V\x14|OKOK|JXXXXX|", {});
-        row("volume byte that is a command letter", "VAIK", "VA|IK|", {});
-        row("list to the end", "A1http://h/a.mp3\nhttp://h/b.mp3", "A1http://h/a.mp3\nhttp://h/b.mp3|", {});
-        row("stop behind a list", "A1http://h/a.mp3A5", "A1http://h/a.mp3|A5|", {});
-        row("suffix, then stop", "ASh/a.mp3AA5", "ASh/a.mp3A|A5|", {});
-        row("suffix, then play", "ASh/a.mp3BA1h/b.mp3V\x01", "ASh/a.mp3B|A1h/b.mp3|V\x01|", {});
-        row("text, then keep-alive", "Xhello OKOK", "Xhello |OKOK|", {});
-        row("task number", "AD12AE7", "AD12|AE7|", {});
-        row("cut in two", QByteArray("IKK\x7f\0", 5), "IK|", QByteArray("K\x7f\0", 3));
-        row("alarm state", "GET_BAOJINGEEG01", "GET_BAOJINGEE|G01|", {});
-        row("unknown", "zzz", "zzz|", {});
+    void readsAreCommands_data() {
+        using sim::Op;
+        const Table<QByteArray, int, int, QByteArray> row{"read", "keepAlives", "op", "argument"};
+        row("stop", "A5", 0, int(Op::Stop), {});
+        row("keep-alives around", "OKOKOKOKV\x14OKOK", 3, int(Op::Volume), "\x14");
+        row("list", "A1http://h/a.mp3\nhttp://h/b.mp3", 0, int(Op::PlayList),
+            "http://h/a.mp3\nhttp://h/b.mp3");
+        row("stop behind a list", "A1http://h/a.mp3A5", 0, int(Op::PlayList), "http://h/a.mp3A5");
+        row("two of fixed length", "VAIK", 0, int(Op::Unknown), "VAIK");
+        row("two stops", "A5A5", 0, int(Op::Unknown), "A5A5");
+        row("task number", "AD12", 0, int(Op::TaskRemove), "12");
+        row("two task numbers", "AD12AE7", 0, int(Op::Unknown), "AD12AE7");
+        row("cut off", QByteArray("K\x7f\0", 3), 0, int(Op::Unknown), QByteArray("K\x7f\0", 3));
+        row("alarm state", "GET_BAOJINGEE", 0, int(Op::AlarmState), {});
+        row("unknown", "zzz", 0, int(Op::Unknown), "zzz");
     }
 
-    void splitsReads() {
+    void readsAreCommands() {
         QFETCH(QByteArray, read);
-        QByteArray rest;
-        QTEST(words(sim::splitCommands(read, &rest)), "expected");
-        QTEST(rest, "rest");
+        QTEST(sim::takeKeepAlives(read), "keepAlives");
+        const sim::Command command = sim::commandOf(read);
+        QTEST(int(command.op), "op");
+        QTEST(command.argument, "argument");
+        QCOMPARE(command.bytes, read);
     }
 
     void bindings_data() {
@@ -136,16 +132,22 @@ private slots:
         QVERIFY(
             peer.got(sim::registrationPacket(QByteArray::fromHex("00112233445566778899aabbccddeeff"), 20)));
         QCOMPARE(peer.info().value("vol").toInt(), 20);
-        peer.socket->write("V\x07M\x05\x06IKG01");
-        const QJsonObject info = peer.info();
+        QJsonObject info;
+        for (const char* const command : {"V\x07", "M\x05\x06", "IK", "G01"}) {
+            const size_t before = speaker.commands().size();
+            peer.socket->write(command);
+            QVERIFY(waitFor([&] { return speaker.commands().size() > before; }));
+            info = peer.info();
+        }
         QCOMPARE(info.value("vol").toInt(), 7);
         QCOMPARE(info.value("Mic_e").toInt(), 5);
         QCOMPARE(info.value("Mic_d").toInt(), 6);
         QCOMPARE(info.value("debug").toInt(), 1);
         QCOMPARE(info.value("gpio").toInt(), 1);
         peer.socket->write("SETVOL\x10");
+        QVERIFY(waitFor([&] { return speaker.count(sim::Op::VolumeCode) == 1; }));
         QCOMPARE(peer.info().value("vol").toInt(), 25);
-        QCOMPARE(speaker.count(sim::Op::DeviceInfo), 3);
+        QCOMPARE(speaker.count(sim::Op::DeviceInfo), 6);
     }
 
     void fetchesAndPlays() {
@@ -182,7 +184,7 @@ private slots:
         Peer peer;
         QProcess program;
         program.start(BUILD_DIR "/speaker-sim",
-                      {"--server", "127.0.0.1:" + QString::number(peer.serverPort())});
+                      {"--commands", "--server", "127.0.0.1:" + QString::number(peer.serverPort())});
         QByteArray told;
         const auto fired = [&](int times) {
             told += program.readAll();
@@ -190,7 +192,8 @@ private slots:
         };
         QVERIFY(waitFor([&] { return peer.socket != nullptr && !peer.reads.isEmpty(); }));
         peer.socket->write("AS" + files.address("/b.mp3B"));
-        peer.info(); // answered after the binding was read
+        QVERIFY(waitFor([&] { return (told += program.readAll()).contains("b.mp3B"); }));
+        peer.info(); // the speaker counts as online
         program.write("fire B\n");
         QVERIFY(waitFor([&] { return fired(1); }));
         ::kill(pid_t(program.processId()), SIGUSR1);

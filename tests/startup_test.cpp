@@ -114,6 +114,21 @@ private slots:
         QVERIFY(port != 0 && answers(port));
     }
 
+    void takenCommandPortsEndTheStart() {
+        QTcpServer taken;
+        QVERIFY(taken.listen(QHostAddress::Any));
+        for (const QString key : {"PS1", "PS2"}) {
+            ServiceOptions options;
+            options.settings = {{key, taken.serverPort()}};
+            Service service(options);
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^the service did not start"));
+            QVERIFY(!service.start());
+            QCOMPARE(service.waitForEnd(), 1);
+            const QString port = QString("no command server, %1 port %2 ").arg(key).arg(taken.serverPort());
+            QVERIFY2(service.log().contains(port.toUtf8()), service.log());
+        }
+    }
+
     void raisesItsOpenFileLimit() {
         Service service;
         QVERIFY(service.start());

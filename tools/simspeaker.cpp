@@ -89,7 +89,6 @@ void Speaker::drop() {
 
 void Speaker::onConnected() {
     m_socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    m_rest.clear();
     m_reports.clear();
     report(registrationPacket(m_options.serial, static_cast<quint8>(m_volume)));
     if (m_clockOffset != 0)
@@ -121,17 +120,14 @@ void Speaker::writeNext() {
 }
 
 void Speaker::readCommands() {
-    const QByteArray read = m_rest + m_socket.readAll();
-    m_rest.clear();
-    for (const Command& command : splitCommands(read, &m_rest)) {
-        if (command.op == Op::KeepAlive) {
-            ++m_keepAlives;
-            continue;
-        }
-        m_commands.push_back(command);
-        obey(command);
-        emit commandReceived(command);
-    }
+    QByteArray read = m_socket.readAll();
+    m_keepAlives += takeKeepAlives(read);
+    if (read.isEmpty())
+        return;
+    const Command command = commandOf(read);
+    m_commands.push_back(command);
+    obey(command);
+    emit commandReceived(command);
 }
 
 void Speaker::obey(const Command& command) {

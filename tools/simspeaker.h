@@ -103,7 +103,6 @@ private:
     QTimer m_gap;
     QTimer m_reconnect;
     QQueue<QByteArray> m_reports;
-    QByteArray m_rest;
     Player* m_player = nullptr;
     DataPath* m_data = nullptr;
     std::vector<Command> m_commands;

@@ -1,5 +1,6 @@
 #include "tools/speakerprotocol.h"
 
+#include <algorithm>
 #include <array>
 #include <QRegularExpression>
 
@@ -7,8 +8,7 @@ namespace sim {
 namespace {
 
 constexpr int kDigits = -1; ///< argument: a run of decimal digits
-constexpr int kText = -2;   ///< argument: to the end of the read, less trailing commands
-constexpr int kList = -3;   ///< argument: a list of addresses
+constexpr int kText = -2;   ///< argument: whatever there is
 
 struct Word {
     const char* text;
@@ -16,25 +16,24 @@ struct Word {
     int argument; ///< bytes, or one of the kinds above
 };
 
-// Longest word first where one begins another.
+// The first that fits, its argument included.
 constexpr std::array kWords{
     Word{"GET_BAOJINGEE", Op::AlarmState, 0},
     Word{"GET_BAOJINGGE", Op::AlarmState, 0},
     Word{"GET_BAOJING", Op::AlarmState, 0},
     Word{"JXXXXX", Op::DeviceInfo, 0},
     Word{"SETVOL", Op::VolumeCode, 1},
-    Word{"OKOK", Op::KeepAlive, 0},
     Word{"AM", Op::Time, 6},
     Word{"A0", Op::ContentServer, kText},
     Word{"A&", Op::ContentServer, kText},
-    Word{"A1", Op::PlayList, kList},
-    Word{"A2", Op::Preload, kList},
-    Word{"A3", Op::Purge, kList},
-    Word{"A4", Op::PlayUrl, kList},
+    Word{"A1", Op::PlayList, kText},
+    Word{"A2", Op::Preload, kText},
+    Word{"A3", Op::Purge, kText},
+    Word{"A4", Op::PlayUrl, kText},
     Word{"A5", Op::Stop, 0},
-    Word{"A6", Op::PlayList, kList},
+    Word{"A6", Op::PlayList, kText},
     Word{"A7", Op::Stop, 0},
-    Word{"AS", Op::Stream, kList},
+    Word{"AS", Op::Stream, kText},
     Word{"AT", Op::TaskAdd, kText},
     Word{"AD", Op::TaskRemove, kDigits},
     Word{"AE", Op::TaskStop, kDigits},
@@ -52,88 +51,36 @@ constexpr std::array kWords{
     Word{"X", Op::Speak, kText},
 };
 
-const Word* wordAt(const QByteArray& bytes, int at) {
-    for (const Word& word : kWords)
-        if (bytes.mid(at, int(qstrlen(word.text))) == word.text)
-            return &word;
-    return nullptr;
-}
-
-/// True where a second command word begins: used behind an address only.
-bool commandBeginsAt(const QByteArray& bytes, int at) {
-    const char c = bytes.at(at);
-    if (c == 'A' && at + 1 < bytes.size())
-        return strchr("0123456789&SMTDELR@F#", bytes.at(at + 1)) != nullptr;
-    return strchr("OJSVMIGYKX", c) != nullptr && wordAt(bytes, at) != nullptr;
-}
-
-/// End of the list that begins at `from`.
-int listEnd(const QByteArray& bytes, int from) {
-    static const QByteArray suffix = QByteArrayLiteral(".mp3");
-    for (int at = bytes.indexOf(suffix, from); at >= 0; at = bytes.indexOf(suffix, at)) {
-        at += suffix.size();
-        if (at < bytes.size() && !commandBeginsAt(bytes, at) && strchr("ABF5", bytes.at(at)) != nullptr)
-            ++at;
-        if (at >= bytes.size())
-            break;
-        if (commandBeginsAt(bytes, at))
-            return at;
-    }
-    return int(bytes.size());
-}
-
-int textEnd(const QByteArray& bytes, int from) {
-    int end = int(bytes.size());
-    for (bool again = true; again;) {
-        again = false;
-        for (const QByteArray& word : {QByteArrayLiteral("OKOK"), QByteArrayLiteral("JXXXXX")}) {
-            if (end - from > word.size() && bytes.mid(end - int(word.size()), int(word.size())) == word) {
-                end -= int(word.size());
-                again = true;
-            }
-        }
-    }
-    return end;
-}
-
-int argumentEnd(const QByteArray& bytes, int from, int kind) {
-    switch (kind) {
-    case kDigits: {
-        int end = from;
-        while (end < bytes.size() && isdigit(static_cast<unsigned char>(bytes.at(end))) != 0)
-            ++end;
-        return end;
-    }
-    case kText:
-        return textEnd(bytes, from);
-    case kList:
-        return std::min(listEnd(bytes, from), textEnd(bytes, from));
-    default:
-        return from + kind;
-    }
+bool fits(const QByteArray& argument, int kind) {
+    if (kind == kText)
+        return true;
+    if (kind >= 0)
+        return argument.size() == kind;
+    const auto isDigit = [](char c) {
+        return isdigit(static_cast<unsigned char>(c)) != 0;
+    };
+    return std::all_of(argument.begin(), argument.end(), isDigit);
 }
 
 } // namespace
 
-std::vector<Command> splitCommands(const QByteArray& read, QByteArray* rest) {
-    std::vector<Command> commands;
-    for (int at = 0; at < read.size();) {
-        const Word* word = wordAt(read, at);
-        if (word == nullptr) {
-            commands.push_back({Op::Unknown, read.mid(at), read.mid(at)});
-            break;
-        }
-        const int begin = at + int(qstrlen(word->text));
-        const int end = argumentEnd(read, begin, word->argument);
-        if (end > read.size()) {
-            if (rest != nullptr)
-                *rest = read.mid(at);
-            break;
-        }
-        commands.push_back({word->op, read.mid(at, end - at), read.mid(begin, end - begin)});
-        at = end;
+int takeKeepAlives(QByteArray& read) {
+    static const QByteArray keepAlive = QByteArrayLiteral("OKOK");
+    int count = 0;
+    for (; read.startsWith(keepAlive); ++count)
+        read.remove(0, keepAlive.size());
+    for (; read.endsWith(keepAlive); ++count)
+        read.chop(keepAlive.size());
+    return count;
+}
+
+Command commandOf(const QByteArray& read) {
+    for (const Word& word : kWords) {
+        const QByteArray argument = read.mid(int(qstrlen(word.text)));
+        if (read.startsWith(word.text) && fits(argument, word.argument))
+            return {word.op, read, argument};
     }
-    return commands;
+    return {Op::Unknown, read, read};
 }
 
 std::vector<ListEntry> parseList(const QByteArray& list) {

@@ -13,7 +13,6 @@ namespace sim {
 
 /// What a command asks of the speaker; the comment is its form on the wire.
 enum class Op {
-    KeepAlive,     ///< "OKOK"
     DeviceInfo,    ///< "JXXXXX"
     VolumeCode,    ///< "SETVOL", one code byte
     Volume,        ///< "V", one byte
@@ -40,7 +39,7 @@ enum class Op {
     FileTransfer,  ///< "A#", three texts joined by "`"
     Speak,         ///< "X", text
     AlarmState,    ///< "GET_BAOJING", "GET_BAOJINGEE" or "GET_BAOJINGGE"
-    Unknown
+    Unknown        ///< no command, or more than one that were read together
 };
 
 struct Command {
@@ -49,13 +48,12 @@ struct Command {
     QByteArray argument; ///< what follows the command word
 };
 
-/// Takes one read of the control connection apart. Commands have no framing: each is told by its
-/// word and, where its length is not fixed, ends with the read. So that a quick server is
-/// understood all the same, a list ends earlier where ".mp3" (and its one-letter suffix) is followed
-/// by something that is neither a separator nor part of an address, and "OKOK" or "JXXXXX" at the end
-/// of a text is taken for a command of its own. An incomplete command of fixed length is left in
-/// `rest`, to be put before the next read.
-std::vector<Command> splitCommands(const QByteArray& read, QByteArray* rest = nullptr);
+/// Takes the keep-alives ("OKOK") off both ends of a read of the control connection; returns how many.
+int takeKeepAlives(QByteArray& read);
+/// What is left of the read, as one command. Commands have no framing: each is told by its word and ends with
+/// the read. Two that were read together are one that is wrong: a text or a list with the second at its end,
+/// or Unknown where the length of the first is fixed.
+Command commandOf(const QByteArray& read);
 
 /// One entry of a play list: "<address>[suffix][ options]".
 struct ListEntry {

@@ -49,7 +49,10 @@ public:
     explicit RawConnection(quint16 port, const QByteArray& first = {},
                            const QHostAddress& from = QHostAddress::LocalHost) {
         m_socket.bind(from);
-        QObject::connect(&m_socket, &QTcpSocket::readyRead, [this] { m_received += m_socket.readAll(); });
+        QObject::connect(&m_socket, &QTcpSocket::readyRead, [this] {
+            m_reads += m_socket.readAll();
+            m_received += m_reads.last();
+        });
         m_socket.connectToHost(QHostAddress::LocalHost, port);
         waitFor([&] { return m_socket.state() == QAbstractSocket::ConnectedState; });
         send(first);
@@ -61,8 +64,12 @@ public:
     }
     /// Everything that came, keep-alives left out.
     QByteArray received() const { return QByteArray(m_received).replace("OKOK", ""); }
+    const QByteArrayList& reads() const { return m_reads; } ///< what came, read by read
     int keepAlives() const { return m_received.count("OKOK"); }
-    void forget() { m_received.clear(); }
+    void forget() {
+        m_received.clear();
+        m_reads.clear();
+    }
     bool waitReceived(const QByteArray& bytes) {
         return waitFor([&] { return received() == bytes; }, std::chrono::seconds(5));
     }
@@ -80,6 +87,7 @@ public:
 private:
     QTcpSocket m_socket;
     QByteArray m_received;
+    QByteArrayList m_reads;
 };
 
 /// The device link alone, in the test's own process, on free ports.
