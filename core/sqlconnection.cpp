@@ -9,7 +9,6 @@
 
 namespace {
 
-
 // A writer waits this long for another connection's write; longer than any transaction of the service.
 constexpr auto SqliteOptions = "QSQLITE_BUSY_TIMEOUT=5000";
 // The main loop, which everybody waits for, tries more often instead.

@@ -19,10 +19,10 @@ class SqlConnection;
 struct SqlResult {
     bool ok = false;
     bool refused = false; ///< not sent: a value would have left its quotes
-    int affected = 0;  ///< rows changed by a write, -1 when the driver can't tell
-    qint64 lastId = 0; ///< id of the inserted row, 0 when there is none
-    QString sql;       ///< the statement as sent, or as refused
-    QString error;     ///< driver's or filler's text when !ok
+    int affected = 0;     ///< rows changed by a write, -1 when the driver can't tell
+    qint64 lastId = 0;    ///< id of the inserted row, 0 when there is none
+    QString sql;          ///< the statement as sent, or as refused
+    QString error;        ///< driver's or filler's text when !ok
     QStringList columns;
     QVector<QVector<QVariant>> rows;
 
