@@ -12,35 +12,6 @@ const QString allDevices =
 const QString alarmDevices = QStringLiteral(
     "SELECT * FROM  sbox_device_info  WHERE ( `user_id` = '@user_id'  and iswarning = '99' );");
 
-/// The account with its node and the devices that `devices` selects. An object with "res": false
-/// when the parameters or the login are refused.
-QJsonObject accountInfo(sqlite& database, const Call& call, const QString& devices) {
-    const auto refused = [](const char* word) {
-        return QJsonObject{{QStringLiteral("res"), false}, {QStringLiteral("info"), QLatin1String(word)}};
-    };
-    if (!call.has("username") || !call.has("passwd"))
-        return refused("ParER");
-    const SqlResult login = database.run(
-        QStringLiteral(
-            "SELECT * FROM  sbox_users where (`user_name` =  '@username' and  `user_pass`= '@passwd' );"),
-        {{QStringLiteral("@username"), call.text("username")},
-         {QStringLiteral("@passwd"), call.text("passwd")}});
-    if (!login.ok)
-        return refused("ER_EXE");
-    if (login.isEmpty())
-        return refused("ER_REJECT");
-    const SqlResult node = database.run(QStringLiteral("SELECT * FROM  sbox_node where  id = '1';"));
-    const SqlResult owned = database.run(devices, {{QStringLiteral("@user_id"), login.integer(0, "id")}});
-    if (!node.ok || !owned.ok)
-        return refused("ER_EXE");
-    QJsonObject user = login.object(0);
-    user.remove(QStringLiteral("user_pass"));
-    return {{QStringLiteral("res"), true},
-            {QStringLiteral("user"), user},
-            {QStringLiteral("node"), node.isEmpty() ? QJsonObject() : node.object(0)},
-            {QStringLiteral("devlist"), owned.objects()}};
-}
-
 /// The account's groups with their node and members; nothing when a statement failed.
 std::optional<QJsonArray> groups(sqlite& database, int userid) {
     const SqlResult found = database.run(
@@ -67,16 +38,46 @@ std::optional<QJsonArray> groups(sqlite& database, int userid) {
 }
 } // namespace
 
+QJsonObject DumpController_add_user::accountInfo(const Params& params, const QString& devices) {
+    const Call call(params, *m_mapper);
+    const auto refused = [](const char* word) {
+        return QJsonObject{{QStringLiteral("res"), false}, {QStringLiteral("info"), QLatin1String(word)}};
+    };
+    if (!call.has("username") || !call.has("passwd"))
+        return refused("ParER");
+    const SqlResult login = db().run(
+        QStringLiteral(
+            "SELECT * FROM  sbox_users where (`user_name` =  '@username' and  `user_pass`= '@passwd' );"),
+        {{QStringLiteral("@username"), call.text("username")},
+         {QStringLiteral("@passwd"), call.text("passwd")}});
+    if (!login.ok)
+        return refused("ER_EXE");
+    if (login.isEmpty()) {
+        m_wrongLogin = call.text("username");
+        return refused("ER_REJECT");
+    }
+    const SqlResult node = db().run(QStringLiteral("SELECT * FROM  sbox_node where  id = '1';"));
+    const SqlResult owned = db().run(devices, {{QStringLiteral("@user_id"), login.integer(0, "id")}});
+    if (!node.ok || !owned.ok)
+        return refused("ER_EXE");
+    QJsonObject user = login.object(0);
+    user.remove(QStringLiteral("user_pass"));
+    return {{QStringLiteral("res"), true},
+            {QStringLiteral("user"), user},
+            {QStringLiteral("node"), node.isEmpty() ? QJsonObject() : node.object(0)},
+            {QStringLiteral("devlist"), owned.objects()}};
+}
+
 QByteArray DumpController_add_user::get_user_info(const Params& params, const QString& /*path*/) {
-    return reply(accountInfo(db(), Call(params, *m_mapper), allDevices));
+    return reply(accountInfo(params, allDevices));
 }
 
 QByteArray DumpController_add_user::get_user_infokvt(const Params& params, const QString& /*path*/) {
-    return reply(accountInfo(db(), Call(params, *m_mapper), alarmDevices));
+    return reply(accountInfo(params, alarmDevices));
 }
 
 QByteArray DumpController_add_user::get_user_infoh(const Params& params, const QString& /*path*/) {
-    QJsonObject info = accountInfo(db(), Call(params, *m_mapper), allDevices);
+    QJsonObject info = accountInfo(params, allDevices);
     if (!info.value(QStringLiteral("res")).toBool())
         return reply(info);
     const int userid = info.value(QStringLiteral("user")).toObject().value(QStringLiteral("id")).toInt();

@@ -14,12 +14,16 @@ namespace {
 /// Where the static files stand, below the service's working directory.
 const QString documentRoot = QStringLiteral("etc/docroot/");
 
-/// 40 hexadecimal digits; a login in the same second gives the same token again.
-QString newToken(const QString& username, const QString& passwd) {
+constexpr int RandomPart = 16; ///< bytes
+
+/// 40 hexadecimal digits; without a random part a login in the same second gives the same token again.
+QString newToken(const QString& username, const QString& passwd, bool withRandom) {
     QCryptographicHash hash(QCryptographicHash::Sha1);
     hash.addData(QDateTime::currentDateTime().toString(Qt::TextDate).toUtf8());
     hash.addData(username.toUtf8());
     hash.addData(passwd.toUtf8());
+    if (withRandom)
+        hash.addData(QByteArray::fromHex(RequestMapper::randomToken().toLatin1()).left(RandomPart));
     return QString::fromLatin1(hash.result().toHex());
 }
 
@@ -46,12 +50,12 @@ QByteArray DumpController_add_user::user_gtoken(const Params& params) {
     const Call call(params, *m_mapper);
     if (!call.has("username") || !call.has("passwd"))
         return refusal(QStringLiteral("ParERuser_gtoken"));
-    const QString token = newToken(call.text("username"), call.text("passwd"));
+    const QString token = newToken(call.text("username"), call.text("passwd"), db().site.randomtokens);
     const SqlResult login = findLogin(db(), call);
     if (!login.ok && !login.refused)
         return refusal(QStringLiteral("ER_EXE"));
     if (login.isEmpty())
-        return refusal(QStringLiteral("ER_REJECT"));
+        return refuseLogin(call);
     const int userid = login.integer(0, "id");
     const SqlResult update =
         db().run(QStringLiteral("UPDATE  `sbox_users` SET `token`='@token' WHERE (`id`= '@userid')"),
@@ -78,7 +82,7 @@ QByteArray DumpController_add_user::user_onlygtoken(const Params& params) {
     if (!login.ok)
         return refusal(QStringLiteral("ER_EXE"));
     if (login.isEmpty())
-        return refusal(QStringLiteral("ER_REJECT"));
+        return refuseLogin(call);
     const QJsonObject row = login.object(0);
     QJsonObject answer{{QStringLiteral("res"), true},
                        {QStringLiteral("userid"), login.integer(0, "id")},
@@ -101,7 +105,7 @@ QByteArray DumpController_add_user::user_add_lite(const Params& params) {
         return refusal(QStringLiteral("sskey_ER"));
     if (!isUsableMaster(db(), call))
         return refusal(QStringLiteral("REID_ER"));
-    const QString token = newToken(call.text("username"), call.text("passwd"));
+    const QString token = newToken(call.text("username"), call.text("passwd"), db().site.randomtokens);
     const SqlResult insert = db().run(
         QStringLiteral("INSERT INTO  `sbox_users` (`user_name`, `user_pass`, `master_id`,`token`) VALUES "
                        "('@username', '@passwd', '@master_id', '@token')"),

@@ -234,7 +234,7 @@ QByteArray DumpController_add_user::get_devicelistweb(const Params& params, cons
         return refusal(QStringLiteral("ParER"));
     const SqlResult login = webLogin(db(), call);
     if (login.isEmpty())
-        return refusal(login.ok ? QStringLiteral("ER_REJECT") : QStringLiteral("ER_EXE"));
+        return login.ok ? refuseLogin(call) : refusal(QStringLiteral("ER_EXE"));
     const SqlResult rows =
         db().run(QStringLiteral(
                      "SELECT sbox_device_info.*, sbox_node.nodeip, sbox_node.node_name, sbox_node.nodeport3, "
@@ -253,7 +253,7 @@ QByteArray DumpController_add_user::add_user_devices_cross(const Params& params,
         return refusal(QStringLiteral("ParER"));
     const SqlResult login = webLogin(db(), call);
     if (login.isEmpty())
-        return refusal(login.ok ? QStringLiteral("ER_REJECT") : QStringLiteral("ER_EXE"));
+        return login.ok ? refuseLogin(call) : refusal(QStringLiteral("ER_EXE"));
     const QString sn = call.text("sed");
     QByteArray refused = refusedSerial({sn}, *m_devices);
     if (!refused.isEmpty())

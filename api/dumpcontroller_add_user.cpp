@@ -63,6 +63,16 @@ void DumpController_add_user::service(HttpRequest& request, HttpResponse& respon
         params = request.getParameterMap();
     }
     response.write(answer(request.getMethod(), request.getPath(), params, request), true);
+    response.setDelay(delay(request.getPeerAddress().toString()));
+}
+
+std::chrono::milliseconds DumpController_add_user::delay(const QString& address) const {
+    return m_wrongLogin ? m_mapper->wrongLogins().add(*m_wrongLogin, address) : std::chrono::milliseconds(0);
+}
+
+QByteArray DumpController_add_user::refuseLogin(const Call& call, const QString& word) {
+    m_wrongLogin = call.text("username");
+    return refusal(word);
 }
 
 QByteArray DumpController_add_user::answer(const QByteArray& method, const QByteArray& path,

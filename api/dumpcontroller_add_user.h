@@ -4,7 +4,9 @@
 #include "api/querytable.h"
 #include "http/httprequesthandler.h"
 
+#include <chrono>
 #include <memory>
+#include <optional>
 
 class Core_corss;
 class RequestMapper;
@@ -22,8 +24,11 @@ class DumpController_add_user : public HttpRequestHandler {
 public:
     DumpController_add_user(sqlite* database, Task_workque* tasks, Severinit* devices, RequestMapper* mapper);
     void service(HttpRequest& request, HttpResponse& response) override;
-    /// The reply to a request whose parameters are known; `uploads` holds its files, if any.
+    /// The reply to a request whose parameters are known; `uploads` holds its files, if any. Afterwards
+    /// delay() tells how long it is to be held back.
     QByteArray answer(const QByteArray& method, const QByteArray& path, const Params&, HttpRequest& uploads);
+
+    std::chrono::milliseconds delay(const QString& address) const;
 
     // What a route may point at.
     using Endpoint = QByteArray (DumpController_add_user::*)(const Params&);
@@ -149,8 +154,17 @@ public:
 private:
     QByteArray call(const Route& route, const QByteArray& path, const Params&, HttpRequest& uploads);
     QByteArray runQuery(const QString& set, const Params&, const QString& path, bool inProcess);
-    /// After a command, whatever its outcome: takes over what is left of the token that it ends.
-    void endTokens(const QueryTable::Command& command, const Params&);
+    template<typename Send>
+    QByteArray commandSpeakers(const Params&, std::initializer_list<const char*> names, Send send);
+    /// Those of the speakers that the account may command; whom it names in vain the log tells.
+    QStringList commandable(int userid, const QStringList& sns) const;
+    /// The account with its node and the devices that `devices` selects. An object with "res": false
+    /// when the parameters or the login are refused.
+    QJsonObject accountInfo(const Params&, const QString& devices);
+    /// The refusal of a name and password that are no account's.
+    QByteArray refuseLogin(const Call& call, const QString& word = QStringLiteral("ER_REJECT"));
+    /// Takes over what a command left of the token that it ends, and counts a wrong login.
+    void afterCommand(const QueryTable::Command& command, const Params&, const QByteArray& answer);
     sqlite& db() const { return *m_database; } ///< this worker's own
     /// Sends commands to this node's command server, which the main loop is free to serve meanwhile.
     std::unique_ptr<Core_corss> commands() const;
@@ -163,4 +177,5 @@ private:
     Task_workque* m_tasks;
     Severinit* m_devices;
     RequestMapper* m_mapper;
+    std::optional<QString> m_wrongLogin; ///< the name
 };

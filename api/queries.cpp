@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <optional>
 #include <QDate>
+#include <QJsonDocument>
 #include <QRegularExpression>
 
 namespace {
@@ -174,14 +175,18 @@ QByteArray DumpController_add_user::runQuery(const QString& set, const Params& p
     if (!refused.isEmpty())
         return refused;
     const QByteArray answer = inProcess ? runCommand(db(), *command, values) : outputOf(db(), path, params);
-    endTokens(*command, params);
+    afterCommand(*command, params, answer);
     return answer;
 }
 
-void DumpController_add_user::endTokens(const QueryTable::Command& command, const Params& params) {
+void DumpController_add_user::afterCommand(const QueryTable::Command& command, const Params& params,
+                                           const QByteArray& answer) {
+    const Call call(params, *m_mapper);
+    const QString info = QJsonDocument::fromJson(answer)[QLatin1String("info")].toString();
+    if (command.name == QLatin1String("gtoken") && info == QLatin1String("ER_REJECT"))
+        m_wrongLogin = call.text("username");
     if (command.voids.isEmpty())
         return;
-    const Call call(params, *m_mapper);
     const QByteArray name = command.voids.toUtf8();
     m_mapper->refreshToken(db(), call.number(call.has(name) ? name.constData() : "id"));
 }
@@ -197,10 +202,11 @@ QByteArray DumpController_add_user::user_nodejsc(const Params& params, const QSt
 QByteArray DumpController_add_user::user_nodejso(const Params& params, const QString& path) {
     const QByteArray answer = outputOf(db(), path, params);
     const QString name = path.mid(QStringLiteral("/user/fnokukei/").size());
-    for (const QString& set : {plainSet, subscriptionSet}) {
-        if (const QueryTable::Command* command = QueryTable::embedded().find(set, name))
-            endTokens(*command, params);
-    }
+    const QueryTable::Command* command = QueryTable::embedded().find(plainSet, name);
+    if (!command)
+        command = QueryTable::embedded().find(subscriptionSet, name);
+    if (command)
+        afterCommand(*command, params, answer);
     return answer;
 }
 

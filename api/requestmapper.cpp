@@ -95,13 +95,16 @@ void RequestMapper::service(HttpRequest& request, HttpResponse& response) {
     }
 }
 
-QByteArray RequestMapper::post(const QByteArray& path, const QMap<QByteArray, QByteArray>& parameters,
-                               sqlite* database) {
+RequestMapper::Answer RequestMapper::post(const QByteArray& path,
+                                          const QMap<QByteArray, QByteArray>& parameters,
+                                          const QString& address, sqlite* database) {
     if (controllerFor(path) != Controller::Management)
-        return refusal(QStringLiteral("path_error"));
+        return {refusal(QStringLiteral("path_error"))};
     HttpRequest noUploads;
-    return DumpController_add_user(database, m_tasks, m_devices, this)
-        .answer(QByteArrayLiteral("POST"), path, parameters, noUploads);
+    DumpController_add_user controller(database, m_tasks, m_devices, this);
+    Answer answer{controller.answer(QByteArrayLiteral("POST"), path, parameters, noUploads)};
+    answer.delay = controller.delay(address);
+    return answer;
 }
 
 QString RequestMapper::randomToken() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "api/onlinelist.h"
+#include "api/wronglogins.h"
 #include "http/httprequesthandler.h"
 
 #include <memory>
@@ -30,10 +31,15 @@ public:
     bool wants(const QByteArray& method, const QByteArray& path) const override;
     void service(HttpRequest& request, HttpResponse& response) override;
 
-    /// The reply to a POST of `path` for a front that does not speak HTTP; no files can be uploaded.
-    /// A path that is no endpoint's is refused with "path_error". May block; `database` is the calling
-    /// thread's own.
-    QByteArray post(const QByteArray& path, const QMap<QByteArray, QByteArray>& parameters, sqlite* database);
+    struct Answer {
+        QByteArray body;
+        std::chrono::milliseconds delay{0}; ///< for so long it is to be held back
+    };
+    /// The reply to a POST of `path` from `address` for a front that does not speak HTTP; no files can be
+    /// uploaded. A path that is no endpoint's is refused with "path_error". May block; `database` is the
+    /// calling thread's own.
+    Answer post(const QByteArray& path, const QMap<QByteArray, QByteArray>& parameters,
+                const QString& address, sqlite* database);
     /// The main object, for clones.
     const sqlite* database() const { return m_database; }
 
@@ -49,6 +55,7 @@ public:
     void loadTokens(sqlite& database);
     static QString randomToken(); ///< 40 random lower-case hexadecimal digits
 
+    WrongLogins& wrongLogins() { return m_wrongLogins; }
     /// Random parts of the plans' call-back addresses; null when none are asked for. Any thread.
     const PlanKeys* planKeys() const { return m_planKeys.get(); }
 
@@ -66,5 +73,6 @@ private:
     OnlineList m_onlineList;
     mutable QReadWriteLock m_lock;
     QHash<int, QString> m_tokens; ///< guarded by m_lock
-    std::mutex m_refreshing;      ///< from reading the database to writing m_tokens
+    WrongLogins m_wrongLogins;
+    std::mutex m_refreshing; ///< from reading the database to writing m_tokens
 };

@@ -58,22 +58,23 @@ public:
         : m_front(front)
         , m_router(front->m_router)
         , m_connection(connection)
+        , m_address(connection->address())
         , m_path(parameters.take(QByteArrayLiteral("path")))
         , m_parameters(std::move(parameters)) {}
 
     void run(WorkerDatabase& database) override {
-        finish(m_router->post(m_path, m_parameters, database.get()));
+        finish(m_router->post(m_path, m_parameters, m_address, database.get()));
     }
-    void cancel() override { finish(refusal(QStringLiteral("busy"))); }
+    void cancel() override { finish({refusal(QStringLiteral("busy"))}); }
 
 private:
-    void finish(const QByteArray& answer) {
+    void finish(const RequestMapper::Answer& answer) {
         // The connection may be gone by then: only the main loop looks.
         QMetaObject::invokeMethod(
             m_front,
             [connection = m_connection, answer] {
                 if (connection)
-                    connection->reply(answer);
+                    connection->reply(answer.body, answer.delay);
             },
             Qt::QueuedConnection);
         delete this;
@@ -82,6 +83,7 @@ private:
     MainCellInit* m_front;
     RequestMapper* m_router;
     QPointer<qwebsocktthread> m_connection;
+    QString m_address;
     QByteArray m_path;
     Params m_parameters;
 };

@@ -48,7 +48,18 @@ void qwebsocktthread::next() {
     emit request(message);
 }
 
-void qwebsocktthread::reply(const QByteArray& text) {
+QString qwebsocktthread::address() const {
+    return m_socket->peerAddress().toString();
+}
+
+void qwebsocktthread::reply(const QByteArray& text, std::chrono::milliseconds delay) {
+    if (delay.count() > 0)
+        QTimer::singleShot(delay, this, [this, text] { send(text); });
+    else
+        send(text);
+}
+
+void qwebsocktthread::send(const QByteArray& text) {
     m_isBusy = false;
     if (!m_socket->isValid())
         return;

@@ -33,14 +33,16 @@ public:
     qwebsocktthread(QWebSocket* socket, QObject* parent);
     ~qwebsocktthread() override;
 
-    /// The reply to the request under way.
-    void reply(const QByteArray& text);
+    QString address() const; ///< of the peer
+    /// The reply to the request under way, sent after `delay`.
+    void reply(const QByteArray& text, std::chrono::milliseconds delay = {});
 
 signals:
     /// A text message whose turn has come; the next follows after reply().
     void request(const QByteArray& message);
 
 private:
+    void send(const QByteArray& text);
     void take(const QString& message);
     void next();
     void ping();

@@ -186,7 +186,10 @@ void HttpConnection::run(WorkerDatabase& database) {
     m_request.m_database = &database;
     m_engine.handler()->service(m_request, m_response);
     m_request.m_database = nullptr;
-    resume();
+    if (m_response.m_delay.count() > 0)
+        m_engine.lateAnswers().add(m_response.m_delay, [this] { resume(); });
+    else
+        resume();
 }
 
 void HttpConnection::cancel() {

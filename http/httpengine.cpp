@@ -175,6 +175,7 @@ HttpEngine::~HttpEngine() {
     constexpr milliseconds turn{10};
     while (!m_workers.waitIdle(turn))
         QCoreApplication::processEvents(QEventLoop::AllEvents, static_cast<int>(turn.count()));
+    m_lateAnswers.end();
     const auto end = std::chrono::steady_clock::now() + FlushTime;
     while (inFlight > 0 && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(turn);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "http/connectionguard.h"
+#include "http/lateanswers.h"
 #include "http/refusallog.h"
 #include "http/requestbody.h"
 #include "http/workerpool.h"
@@ -59,6 +60,7 @@ public:
     HttpRequestHandler* files() const { return m_files; }
     WorkerPool& workers() { return m_workers; }
     ConnectionGuard& guard() { return m_guard; }
+    LateAnswers& lateAnswers() { return m_lateAnswers; }
     RefusalLog& refusals() { return m_refusals; }
     BodyBudget bodies;
     /// Counts connections; a full house is logged.
@@ -75,5 +77,6 @@ private:
     RefusalLog m_refusals;
     WorkerPool m_workers;
     ConnectionGuard m_guard;
+    LateAnswers m_lateAnswers;
     MHD_Daemon* m_daemon = nullptr;
 };

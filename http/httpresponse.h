@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <QByteArray>
 #include <QList>
 #include <QMap>
@@ -29,6 +30,9 @@ public:
     const QByteArray& body() const { return m_body; }
     bool hasSentLastPart() const { return m_lastPart; }
 
+    /// Sends the answer so much later than service() returns; no worker waits meanwhile.
+    void setDelay(std::chrono::milliseconds delay) { m_delay = delay; }
+
     /// Sends `length` bytes of an open file from `offset` on, instead of the body; takes the descriptor.
     void setFile(int descriptor, qint64 offset, qint64 length);
 
@@ -45,4 +49,5 @@ private:
     QByteArray m_body;
     File m_file;
     bool m_lastPart = false;
+    std::chrono::milliseconds m_delay{0};
 };

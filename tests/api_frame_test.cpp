@@ -1,5 +1,6 @@
 // The frame around the endpoints, accounts and tokens, and the commands that reach the speakers.
 #include "support/apiworld.h"
+#include "support/rawhttp.h"
 #include "support/speakers.h"
 #include "support/table.h"
 #include "support/testmain.h"
@@ -129,6 +130,32 @@ private slots:
         QCOMPARE(world.cell(QString("SELECT `token` FROM `sbox_users` WHERE `id` = %1").arg(user.id)), token);
         QCOMPARE(http.postForm("/user/listdev", user.params()).info(), "_FALSE6");
         QVERIFY(http.postForm("/user/listdev", {{"id", QString::number(user.id)}, {"token", token}}).res());
+    }
+
+    /// The sixth wrong answer within a minute is late. The only worker answers others meanwhile.
+    void slowsWrongLogins() {
+        ServiceOptions options;
+        options.settings["listener/minThreads"] = 1;
+        options.settings["listener/maxThreads"] = 1;
+        Service service(options);
+        QVERIFY(service.start());
+        const Account erin = service.addAccount("erin");
+        HttpClient& http = service.http();
+        for (int i = 0; i < 5; ++i)
+            QCOMPARE(http.postForm("/checkuser.php", form("username=erin&passwd=no")).info(), "ER_REJECT");
+        const QByteArray body = "username=erin&passwd=no";
+        RawHttp guesser(service.httpPort());
+        guesser.send("POST /get_user_info.php HTTP/1.1\r\nHost: x\r\nContent-Type: "
+                     "application/x-www-form-urlencoded\r\nContent-Length: " +
+                     QByteArray::number(body.size()) + "\r\n\r\n" + body);
+        QVERIFY(service.waitForLog("wrong login \"erin\" from \"127.0.0.1\" count 5"));
+        QCOMPARE(http.postForm("/checkuser.php", form("username=erin2&passwd=no")).info(), "ER_REJECT");
+        QVERIFY(http.postForm("/user/gtoken", form("username=erin&passwd=secret")).res());
+        QVERIFY(!guesser.hasData());
+        QVERIFY(guesser.receive().body.contains("ER_REJECT"));
+        guesser.send("POST /checkuser.php?" + body + " HTTP/1.1\r\nHost: x\r\nContent-Length: 0\r\n\r\n");
+        QCOMPARE(http.postForm("/user/listdev", erin.params()).status, 200);
+        QCOMPARE(service.stop(), 0); // what waits is sent
     }
 
     /// Accounts that were stored without a token get one when the service starts; those that are stored
@@ -287,6 +314,50 @@ private slots:
         for (const sim::Op op :
              {sim::Op::PlayList, sim::Op::Stream, sim::Op::Stop, sim::Op::Volume, sim::Op::Debug})
             QCOMPARE(speakers.at(0).count(op), 0);
+    }
+
+    /// With the safe ways a foreign speaker is left out, of a list and of a task that names it all the same.
+    void leavesForeignSpeakersOut() {
+        ApiWorld& world = ApiWorld::of(3, true);
+        world.reset();
+        const auto speakers =
+            onlineFleet(speakersAt(world.service), 3); // Alice's, Bob's, by mask Alice's too
+        const QStringList serials = speakers->serials();
+        const auto sql = [&](const QString& statement) {
+            world.service.sql(QString(statement)
+                                  .replace("{alice}", QString::number(world.alice.id))
+                                  .replace("{bob}", QString::number(world.bob.id)));
+        };
+        for (int i = 0; i < 3; ++i)
+            sql(QString(
+                    "INSERT INTO `sbox_device_info` (`id`, `user_id`, `device_seed`) VALUES (%1, %2, '%3')")
+                    .arg(81 + i)
+                    .arg(i == 0 ? "{alice}" : "{bob}", serials[i]));
+        sql("UPDATE `sbox_users` SET `master_id` = {bob}, `mask` = '83,11' WHERE `id` = {alice}");
+        const auto told = [&](sim::Op op) {
+            QString who;
+            for (int i = 0; i < 3; ++i)
+                who += speakers->at(i).count(op) > 0 ? 'x' : '-';
+            return who;
+        };
+        const auto call = [&](const char* path, const QString& params) {
+            return world.service.http().postForm(path, world.alice.params(form(params))).body;
+        };
+        QCOMPARE(call("/user/sndebug", "dsv=1&sn=" + serials[1]), "{\n    \"res\": true\n}\n");
+        QCOMPARE(call("/user/editvols", "vol=7&snlist=" + serials.join('|') + "|x'y"),
+                 "{\n    \"res\": true\n}\n");
+        QVERIFY(waitFor([&] { return told(sim::Op::Volume) == "x-x"; }));
+        QVERIFY(world.service.waitForLog("commands speakers of others, left out: 2"));
+
+        for (const char* device : {"81", "82"})
+            sql(QString("INSERT INTO `taskseed` (`taskid`, `devseedid`) VALUES (71, %1)").arg(device));
+        const QByteArray task = call("/user/getone_task", "taskid=71");
+        QVERIFY(task.contains(serials[0].toLatin1()) && !task.contains(serials[1].toLatin1()));
+        QVERIFY(call("/user/starttask", "taskid=71").contains("SUC"));
+        QVERIFY(waitFor([&] { return told(sim::Op::PlayList) == "x--"; }));
+        QVERIFY(world.service.waitForLog("left out, speakers of others: 1"));
+        QCOMPARE(told(sim::Op::Volume) + told(sim::Op::Debug) + told(sim::Op::PlayList), "x-x---x--");
+        sql("UPDATE `sbox_users` SET `master_id` = 0, `mask` = '' WHERE `id` = {alice}");
     }
 
     void startsAPlanWithoutAToken() {
