@@ -4,6 +4,7 @@
 #include "api/examplecontrollers.h"
 #include "api/filestore.h"
 #include "api/plankeys.h"
+#include "api/routes.h"
 #include "core/sqlite.h"
 #include "http/httprequest.h"
 #include "http/httpresponse.h"
@@ -74,6 +75,19 @@ RequestMapper::~RequestMapper() {
 
 bool RequestMapper::wants(const QByteArray& /*method*/, const QByteArray& path) const {
     return controllerFor(path) != Controller::None;
+}
+
+FileFate RequestMapper::fateOfFile(const QByteArray& path, const QByteArray& field,
+                                   const QMap<QByteArray, QByteArray>& parameters) const {
+    const Route* route =
+        controllerFor(path) == Controller::Management ? findRoute(postRoutes(), path) : nullptr;
+    if (field != "file" || !route ||
+        !std::holds_alternative<DumpController_add_user::UploadEndpoint>(route->handler))
+        return FileFate::Ignored;
+    Call call(parameters, *this);
+    if (!call.has("id") || !call.has("token"))
+        return FileFate::FromStranger;
+    return call.authenticate() ? FileFate::FromUser : FileFate::Refused;
 }
 
 void RequestMapper::service(HttpRequest& request, HttpResponse& response) {

@@ -29,6 +29,9 @@ public:
     ~RequestMapper() override;
 
     bool wants(const QByteArray& method, const QByteArray& path) const override;
+    /// Uploads have one file, in the part "file"; whose it is, is known when "id" and "token" came first.
+    FileFate fateOfFile(const QByteArray& path, const QByteArray& field,
+                        const QMap<QByteArray, QByteArray>& parameters) const override;
     void service(HttpRequest& request, HttpResponse& response) override;
 
     struct Answer {

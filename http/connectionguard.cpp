@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 using Clock = std::chrono::steady_clock;
 
-ConnectionGuard::ConnectionGuard(std::chrono::milliseconds readTimeout)
+ConnectionGuard::ConnectionGuard(std::chrono::milliseconds readTimeout, std::size_t room)
     : m_readTimeout(readTimeout)
+    , m_room(room)
     , m_thread([this] { run(); }) {}
 
 ConnectionGuard::~ConnectionGuard() {
@@ -38,6 +40,7 @@ void ConnectionGuard::add(HttpSocket* socket) {
         const std::lock_guard lock(m_mutex);
         socket->place = m_answers.insert(m_answers.end(), socket);
         socket->phase = HttpSocket::Phase::Answer;
+        endOldHeads(Clock::now());
     }
     enter(socket, HttpSocket::Phase::Head);
 }
@@ -59,8 +62,51 @@ void ConnectionGuard::enter(HttpSocket* socket, HttpSocket::Phase phase) {
 void ConnectionGuard::remove(HttpSocket* socket) {
     const std::lock_guard lock(m_mutex);
     listOf(socket->phase).erase(socket->place);
+    if (socket->isEnded)
+        --m_ended;
     if (socket->lingers)
         linger(socket->descriptor);
+}
+
+bool ConnectionGuard::isFull() const {
+    return m_heads.size() + m_bodies.size() + m_answers.size() - m_ended > m_room;
+}
+
+void ConnectionGuard::end(HttpSocket& socket) {
+    if (!std::exchange(socket.isEnded, true))
+        ++m_ended;
+    ::shutdown(socket.descriptor, SHUT_RDWR);
+}
+
+void ConnectionGuard::endOldHeads(TimePoint now) {
+    for (HttpSocket* socket : m_heads) {
+        if (!isFull() || now - socket->phaseBegin <= HeadPatience)
+            return;
+        if (!socket->isEnded)
+            end(*socket);
+    }
+}
+
+void ConnectionGuard::endSilentBodies(TimePoint now) {
+    for (HttpSocket* socket : m_bodies) {
+        if (!isFull())
+            return;
+        if (!socket->isEnded && now - socket->lastData.load() > BodyPatience)
+            end(*socket);
+    }
+}
+
+void ConnectionGuard::endUnreadAnswers(qint64 bytes) {
+    const auto now = Clock::now();
+    const std::lock_guard lock(m_mutex);
+    for (HttpSocket* socket : m_answers) {
+        if (bytes <= 0 || now - socket->phaseBegin <= AnswerPatience)
+            return;
+        if (socket->isEnded || socket->heldBytes == 0)
+            continue;
+        bytes -= socket->heldBytes;
+        end(*socket);
+    }
 }
 
 void ConnectionGuard::linger(int descriptor) {
@@ -85,24 +131,26 @@ void ConnectionGuard::run() {
     }
 }
 
-void ConnectionGuard::endOverdue(Clock::time_point now) {
-    for (const HttpSocket* socket : m_heads) {
+void ConnectionGuard::endOverdue(TimePoint now) {
+    for (HttpSocket* socket : m_heads) {
         if (now - socket->phaseBegin <= m_readTimeout)
             break; // so are all after it
-        ::shutdown(socket->descriptor, SHUT_RDWR);
+        end(*socket);
     }
-    for (const HttpSocket* socket : m_bodies) {
+    for (HttpSocket* socket : m_bodies) {
         if (isBodyOverdue(*socket, now))
-            ::shutdown(socket->descriptor, SHUT_RDWR);
+            end(*socket);
     }
+    endOldHeads(now);
+    endSilentBodies(now);
 }
 
-bool ConnectionGuard::isBodyOverdue(const HttpSocket& socket, Clock::time_point now) const {
+bool ConnectionGuard::isBodyOverdue(const HttpSocket& socket, TimePoint now) const {
     const std::chrono::seconds paid(socket.bodyBytes / MinBodyRate);
     return now - socket.lastData.load() > m_readTimeout || now - socket.phaseBegin > SlowBodyGrace + paid;
 }
 
-void ConnectionGuard::drainLingering(Clock::time_point now) {
+void ConnectionGuard::drainLingering(TimePoint now) {
     // A bounded bite at each tick: a client that goes on sending is slowed by its own full window.
     constexpr int BitesPerTick = 16;
     char scratch[16384];

@@ -12,10 +12,7 @@
 
 namespace {
 
-struct ResponseDeleter {
-    void operator()(MHD_Response* response) const { MHD_destroy_response(response); }
-};
-using ResponsePointer = std::unique_ptr<MHD_Response, ResponseDeleter>;
+constexpr int RetryAfter = 1; ///< s: what is busy now is rarely busy for longer
 
 MHD_Result collectField(void* fields, MHD_ValueKind, const char* name, std::size_t nameSize,
                         const char* value, std::size_t valueSize) {
@@ -28,8 +25,21 @@ QByteArray bytesOf(std::string_view text) {
     return {text.data(), static_cast<int>(text.size())};
 }
 
+/// A body on its way to its client.
+struct HeldBody {
+    QByteArray bytes;
+    AnswerBudget& budget;
+
+    HeldBody(QByteArray body, AnswerBudget& taken)
+        : bytes(std::move(body))
+        , budget(taken) {}
+    HeldBody(const HeldBody&) = delete;
+    HeldBody& operator=(const HeldBody&) = delete;
+    ~HeldBody() { budget.giveBack(bytes.capacity()); }
+};
+
 void freeBody(void* body) {
-    delete static_cast<QByteArray*>(body);
+    delete static_cast<HeldBody*>(body);
 }
 
 /// The text of a refusal's page: enough for who reads it in a terminal.
@@ -45,18 +55,27 @@ Heads& headsUnderWay() {
     return heads;
 }
 
-ResponsePointer bodyResponse(const QByteArray& body) {
-    auto owned = std::make_unique<QByteArray>(body);
-    const auto size = static_cast<std::size_t>(owned->size());
-    const char* data = owned->constData();
+using ResponsePointer = HttpConnection::ResponsePointer;
+
+/// Null when the budget, of which the response takes the body's memory, is spent.
+ResponsePointer bodyResponse(QByteArray body, AnswerBudget& budget) {
+    if (!budget.take(body.capacity()))
+        return nullptr;
+    auto held = std::make_unique<HeldBody>(std::move(body), budget);
+    const auto size = static_cast<std::size_t>(held->bytes.size());
+    const char* data = held->bytes.constData();
     ResponsePointer response(MHD_create_response_from_buffer_with_free_callback_cls(
-        size, const_cast<char*>(data), &freeBody, owned.get()));
+        size, const_cast<char*>(data), &freeBody, held.get()));
     if (response)
-        owned.release(); // NOLINT(bugprone-unused-return-value): the response frees it
+        held.release(); // NOLINT(bugprone-unused-return-value): the response frees it
     return response;
 }
 
 } // namespace
+
+void HttpConnection::ResponseDeleter::operator()(MHD_Response* response) const {
+    MHD_destroy_response(response);
+}
 
 HttpConnection::HttpConnection(HttpEngine& engine, MHD_Connection* connection, HttpSocket* socket,
                                QByteArray target)
@@ -123,7 +142,18 @@ std::optional<Refusal> HttpConnection::readHead(const char* method, const char* 
         return refusal;
     m_isForHandler = m_engine.handler()->wants(m_request.m_method, m_request.m_path);
     return m_request.m_body.begin(m_request.getHeader("Content-Type"), *body, m_engine.settings().limits,
-                                  &m_engine.bodies);
+                                  &m_engine.bodies,
+                                  [this](const QByteArray& field) { return fateOfFile(field); });
+}
+
+FileFate HttpConnection::fateOfFile(const QByteArray& field) const {
+    if (!m_isForHandler)
+        return FileFate::Ignored;
+    auto parameters = m_request.m_parameters;
+    const auto& fields = m_request.m_body.fields;
+    for (auto known = fields.cbegin(); known != fields.cend(); ++known)
+        parameters.insert(known.key(), known.value());
+    return m_engine.handler()->fateOfFile(m_request.m_path, field, parameters);
 }
 
 bool HttpConnection::isLayoutVerbatim(const char* method, const char* version) const {
@@ -193,17 +223,36 @@ void HttpConnection::run(WorkerDatabase& database) {
 }
 
 void HttpConnection::cancel() {
-    constexpr Refusal busy{503, "too many requests wait, or the service ends"};
+    tellBusy("too many requests wait, or the service ends");
+    resume();
+}
+
+void HttpConnection::tellBusy(const char* reason) {
+    const Refusal busy{503, reason};
     m_engine.refusals().add(m_socket->peer, busy.status, busy.reason);
     m_response.setStatus(busy.status);
-    m_response.setHeader("Retry-After", 1);
-    m_response.write(refusalPage(busy));
-    resume();
+    m_response.setHeader("Content-Type", "text/plain");
+    m_response.setHeader("Retry-After", RetryAfter);
+    m_response.m_body = refusalPage(busy);
 }
 
 void HttpConnection::resume() {
     m_stage = Stage::Answer;
     MHD_resume_connection(m_connection);
+}
+
+ResponsePointer HttpConnection::heldAnswer() {
+    const int size = m_response.m_body.capacity();
+    ResponsePointer response = bodyResponse(m_response.m_body, m_engine.answers);
+    if (!response) {
+        m_engine.guard().endUnreadAnswers(size);
+        tellBusy("too many answers are not read");
+        return bodyResponse(m_response.m_body, m_engine.answers);
+    }
+    m_response.m_body.clear();
+    m_socket->heldBytes = size;
+    m_engine.guard().enter(m_socket, HttpSocket::Phase::Answer); // its client's time begins now
+    return response;
 }
 
 bool HttpConnection::answer() {
@@ -216,7 +265,7 @@ bool HttpConnection::answer() {
         if (response)
             file.descriptor = -1; // closed with the response
     } else {
-        response = bodyResponse(m_response.m_body);
+        response = heldAnswer();
     }
     if (!response)
         return false;
@@ -235,6 +284,8 @@ bool HttpConnection::refuse(const Refusal& refusal) {
     m_response.setStatus(refusal.status);
     m_response.setHeader("Content-Type", "text/plain");
     m_response.setHeader("Connection", "close");
+    if (refusal.status == 503)
+        m_response.setHeader("Retry-After", RetryAfter);
     m_response.write(refusalPage(refusal));
     return answer();
 }
@@ -247,7 +298,9 @@ void HttpConnection::refuseAtOnce(const Refusal& refusal) {
     m_socket->lingers = true;
     const QByteArray page = refusalPage(refusal);
     const QByteArray phrase = MHD_get_reason_phrase_for(static_cast<unsigned>(refusal.status));
-    const QByteArray message = "HTTP/1.1 " + QByteArray::number(refusal.status) + ' ' + phrase +
+    const QByteArray retry =
+        refusal.status == 503 ? "\r\nRetry-After: " + QByteArray::number(RetryAfter) : QByteArray();
+    const QByteArray message = "HTTP/1.1 " + QByteArray::number(refusal.status) + ' ' + phrase + retry +
                                "\r\nContent-Type: text/plain\r\nConnection: close\r\nContent-Length: " +
                                QByteArray::number(page.size()) + "\r\n\r\n" + page;
     ::send(m_socket->descriptor, message.constData(), static_cast<std::size_t>(message.size()),
@@ -274,5 +327,6 @@ void HttpConnection::refuseMalformedLengths() {
 }
 
 void HttpConnection::ended() {
+    m_socket->heldBytes = 0;
     m_engine.guard().enter(m_socket, HttpSocket::Phase::Head);
 }

@@ -5,11 +5,13 @@
 #include "http/workerpool.h"
 
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 class HttpEngine;
 struct HttpSocket;
 struct MHD_Connection;
+struct MHD_Response;
 
 /// One exchange on a connection, from the request line to the end of its answer. Made and destroyed on
 /// the connection's engine thread; a worker has it between submit() and the connection's resumption,
@@ -20,6 +22,11 @@ public:
     ~HttpConnection();
     HttpConnection(const HttpConnection&) = delete;
     HttpConnection& operator=(const HttpConnection&) = delete;
+
+    struct ResponseDeleter {
+        void operator()(MHD_Response* response) const;
+    };
+    using ResponsePointer = std::unique_ptr<MHD_Response, ResponseDeleter>;
 
     /// The engine's call: once with the head, then with each piece of body, then once at its end, and
     /// once more after the worker. `*size` is set to what was not consumed. False closes the connection.
@@ -39,12 +46,15 @@ private:
     std::optional<Refusal> readHead(const char* method, const char* version, BodyLength* body);
     bool isLayoutVerbatim(const char* method, const char* version) const;
     std::optional<Refusal> readTarget();
+    FileFate fateOfFile(const QByteArray& field) const;
     bool takeBody(const char* data, std::size_t size);
     bool takeEnd();
     void serveFile();
     void run(WorkerDatabase& database) override;
     void cancel() override;
     void resume();
+    ResponsePointer heldAnswer();
+    void tellBusy(const char* reason);
     bool answer();
     bool refuse(const Refusal& refusal);
     void refuseAtOnce(const Refusal& refusal);

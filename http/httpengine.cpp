@@ -133,6 +133,14 @@ unsigned int httpConnectionLimit() {
     return static_cast<unsigned int>(std::clamp(descriptors.rlim_cur / 4, least, most));
 }
 
+bool AnswerBudget::take(qint64 bytes) {
+    const qint64 before = memory.fetch_add(bytes);
+    if (before == 0 || bytes <= Outcome || before + bytes <= MaxMemory)
+        return true;
+    memory -= bytes;
+    return false;
+}
+
 bool HttpEngine::libraryIsStrict() {
     static const bool isStrict =
         QVersionNumber::fromString(QLatin1String(MHD_get_version())) >= QVersionNumber(0, 9, 77);
@@ -145,7 +153,7 @@ HttpEngine::HttpEngine(int listenSocket, const Settings& settings, HttpRequestHa
     , m_handler(handler)
     , m_files(files)
     , m_workers(settings.workers, database)
-    , m_guard(settings.readTimeout) {
+    , m_guard(settings.readTimeout, m_connectionLimit - m_connectionLimit / 8) {
     constexpr unsigned int flags =
         MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_ERROR_LOG;
     const int strict = libraryIsStrict() ? 1 : 0;

@@ -11,6 +11,18 @@
 #include <memory>
 #include <QString>
 
+/// Memory of the answers that clients have not taken yet. Thread-safe.
+struct AnswerBudget {
+    static constexpr qint64 MaxMemory = 16 * 1024 * 1024; ///< six lists of a fleet of 20,000 at once
+    /// An answer that tells an outcome always goes: what was done must not be asked for again.
+    static constexpr qint64 Outcome = 4096;
+    std::atomic<qint64> memory{0};
+
+    /// False past the limit. What is taken must be given back.
+    bool take(qint64 bytes);
+    void giveBack(qint64 bytes) { memory -= bytes; }
+};
+
 class HttpRequestHandler;
 class sqlite;
 struct MHD_Daemon;
@@ -63,6 +75,7 @@ public:
     LateAnswers& lateAnswers() { return m_lateAnswers; }
     RefusalLog& refusals() { return m_refusals; }
     BodyBudget bodies;
+    AnswerBudget answers;
     /// Counts connections; a full house is logged.
     void connectionBegins();
     void connectionEnds() { --m_connections; }

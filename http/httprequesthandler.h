@@ -1,5 +1,7 @@
 #pragma once
 
+#include "http/requestbody.h"
+
 #include <QObject>
 
 class HttpRequest;
@@ -15,5 +17,10 @@ public:
     /// True when service() wants this path. What it does not want is served as a static file,
     /// straight from the engine's threads. Called on an engine thread: must be quick and const.
     virtual bool wants(const QByteArray& method, const QByteArray& path) const;
+    /// What becomes of a file that the request for `path` carries in a part named `field`; `parameters`
+    /// are those of the query and of the parts before it. As it comes by default: nobody asked for it.
+    /// Called on an engine thread: must be quick and const.
+    virtual FileFate fateOfFile(const QByteArray& path, const QByteArray& field,
+                                const QMap<QByteArray, QByteArray>& parameters) const;
     virtual void service(HttpRequest& request, HttpResponse& response) = 0;
 };

@@ -35,17 +35,30 @@ QByteArray shortened(const QByteArray& fileName) {
 
 } // namespace
 
+FilePlace::FilePlace(BodyBudget::Files& files)
+    : m_files(files)
+    , m_isGranted(++files.count <= BodyBudget::Files::MaxCount) {}
+
+FilePlace::~FilePlace() {
+    --m_files.count;
+    m_files.bytes -= m_bytes;
+}
+
+bool FilePlace::grow(qint64 bytes) {
+    m_bytes += bytes;
+    return (m_files.bytes += bytes) <= BodyBudget::Files::MaxBytes;
+}
+
 RequestBody::~RequestBody() {
     if (m_budget)
         m_budget->memory -= m_inMemory;
-    if (m_multipart)
-        --m_budget->uploads;
 }
 
 std::optional<Refusal> RequestBody::begin(const QByteArray& contentType, const BodyLength& length,
-                                          const BodyLimits& limits, BodyBudget* budget) {
+                                          const BodyLimits& limits, BodyBudget* budget, FileJudge judge) {
     m_limits = limits;
     m_budget = budget;
+    m_judge = std::move(judge);
     const QByteArray type = contentType.split(';').first().trimmed().toLower();
     const bool isMultipart = type == "multipart/form-data";
     m_isForm = type == "application/x-www-form-urlencoded";
@@ -57,7 +70,7 @@ std::optional<Refusal> RequestBody::begin(const QByteArray& contentType, const B
     if (boundary.isEmpty())
         return Refusal{400, "multipart body without a boundary"};
     m_multipart = std::make_unique<MultipartParser>(boundary, static_cast<MultipartParser::Sink*>(this));
-    return ++m_budget->uploads > BodyBudget::MaxUploads ? std::optional(TooMuchAtOnce) : std::nullopt;
+    return std::nullopt;
 }
 
 std::optional<Refusal> RequestBody::feed(const char* data, int size) {
@@ -84,8 +97,10 @@ std::optional<Refusal> RequestBody::finish() {
         return Refusal{400, "multipart body without its end"};
     if (m_isForm && !decodeForm(bytes, fields))
         return Refusal{400, "malformed form"};
-    for (auto& upload : uploads)
-        upload.second.file->seek(0);
+    for (auto& upload : uploads) {
+        if (upload.second.file->isOpen())
+            upload.second.file->seek(0);
+    }
     return std::nullopt;
 }
 
@@ -93,18 +108,37 @@ int RequestBody::partBegins(const QByteArray& name, bool isFile, const QByteArra
     m_partName = name;
     m_partValue.clear();
     m_partFile = nullptr;
+    m_isPartKept = true;
     if (!isFile || fileName.isEmpty())
         return 0;
-    Upload& upload = uploads[name];
-    upload.fileName = shortened(fileName);
-    upload.file = std::make_unique<QTemporaryFile>();
-    m_partFile = upload.file.get();
-    return m_partFile->open() ? 0 : 507;
+    return fileBegins(fileName);
+}
+
+int RequestBody::fileBegins(const QByteArray& fileName) {
+    m_isPartKept = false;
+    const FileFate fate = m_judge(m_partName);
+    if (fate == FileFate::Ignored)
+        return 0;
+    Upload& upload = uploads[m_partName];
+    upload = {shortened(fileName), nullptr, std::make_unique<QTemporaryFile>()};
+    if (fate == FileFate::Refused)
+        return 0;
+    auto& files = fate == FileFate::FromUser ? m_budget->ofUsers : m_budget->ofStrangers;
+    upload.place = std::make_unique<FilePlace>(files);
+    if (!upload.place->isGranted())
+        return 503;
+    m_partFile = &upload;
+    return upload.file->open() ? 0 : 507;
 }
 
 int RequestBody::partData(const char* data, int size) {
-    if (m_partFile)
-        return m_partFile->write(data, size) == size ? 0 : 507;
+    if (m_partFile) {
+        if (!m_partFile->place->grow(size))
+            return 503;
+        return m_partFile->file->write(data, size) == size ? 0 : 507;
+    }
+    if (!m_isPartKept)
+        return 0;
     const int status = take(size);
     if (status == 0)
         m_partValue.append(data, size);
@@ -113,7 +147,8 @@ int RequestBody::partData(const char* data, int size) {
 
 int RequestBody::partEnds() {
     if (m_partFile)
-        return m_partFile->flush() ? 0 : 507;
-    fields.insert(m_partName, m_partValue);
+        return m_partFile->file->flush() ? 0 : 507;
+    if (m_isPartKept)
+        fields.insert(m_partName, m_partValue);
     return 0;
 }

@@ -4,6 +4,11 @@
 
 #include <algorithm>
 #include <QThread>
+#include <sys/resource.h>
+
+namespace {
+constexpr int WorkerNiceness = 5; ///< a third of the main loop's share
+} // namespace
 
 WorkerPool::WorkerPool(const Settings& settings, const sqlite* database)
     : m_settings(settings)
@@ -66,6 +71,9 @@ void WorkerPool::startThread() {
 }
 
 void WorkerPool::work() {
+    // A hundred lists that are made at once must not keep the main loop, and with it a bell, from the
+    // processor. On Linux this is the calling thread's own value.
+    ::setpriority(PRIO_PROCESS, 0, WorkerNiceness);
     WorkerDatabase database(m_database);
     std::unique_lock lock(m_mutex);
     while (Job* job = nextJob(lock, database)) {

@@ -106,44 +106,54 @@ private slots:
             diskName = upload->fileName();
             file = upload->readAll();
             seen << request.getUploadedFileName("f") << request.getParameter("a")
-                 << request.getParameter("empty") << QString::number(request.getBody().size());
+                 << request.getParameter("empty") << QString::number(request.getBody().size())
+                 << (request.getUploadedFile("other") ? "other" : "none");
         });
         const QByteArray content = QByteArray("\r\n--b\r\r\n--").repeated(500'000);
         const QByteArray part = "--bound\r\nContent-Disposition: form-data; name=";
         const QByteArray body = part + "\"a\"\r\n\r\n1\r\n" + part + "\"f\"; filename=\"x.mp3\"\r\n\r\n" +
-                                content + "\r\n" + part + "\"empty\"; filename=\"\"\r\n\r\n\r\n--bound--\r\n";
+                                content + "\r\n" + part + "\"empty\"; filename=\"\"\r\n\r\n\r\n" + part +
+                                "\"other\"; filename=\"y\"\r\n\r\ny\r\n--bound--\r\n";
         const RawAnswer answer = RawHttp::exchange(
             server.port(),
             "POST /api HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Type: multipart/form-data; "
             "boundary=bound\r\nContent-Length: " +
                 QByteArray::number(body.size()) + "\r\n\r\n" + body);
         QCOMPARE(answer.status, 200);
-        QCOMPARE(seen, QStringList({"x.mp3", "1", "", "0"}));
+        QCOMPARE(seen, QStringList({"x.mp3", "1", "", "0", "none"}));
         QVERIFY(file == content);
         QVERIFY(waitFor([&] { return !QFile::exists(diskName); }));
     }
 
+    /// Strangers have a share of their own; files that nobody wants take none.
     void uploadsAtOnceAreBounded() {
         HttpServer server([](HttpRequest&, HttpResponse&) {});
-        const QByteArray begun =
-            "POST /api HTTP/1.1\r\nHost: x\r\nContent-Type: multipart/form-data; boundary=b\r\n"
-            "Content-Length: 1000\r\n\r\n--b\r\n";
-        std::vector<std::unique_ptr<RawHttp>> clients;
-        for (int i = 0; i <= BodyBudget::MaxUploads; ++i) {
-            clients.push_back(std::make_unique<RawHttp>(server.port()));
-            clients.back()->send(begun);
-        }
-        const auto answered = [](const auto& client) {
-            return client->hasData();
+        const QByteArray part = "--b\r\nContent-Disposition: form-data; name=\"f\"; filename=\"x\"\r\n\r\nx";
+        const auto upload = [&](FileFate fate, const QByteArray& rest) {
+            return "POST /api?fate=" + QByteArray::number(int(fate)) +
+                   " HTTP/1.1\r\nHost: x\r\nContent-Type: multipart/form-data; boundary=b\r\n"
+                   "Content-Length: " +
+                   QByteArray::number(part.size() + 9) + "\r\n\r\n" + part + rest;
         };
-        QVERIFY(waitFor([&] { return std::any_of(clients.begin(), clients.end(), answered); }));
-        QCOMPARE(std::count_if(clients.begin(), clients.end(), answered), 1);
-        QCOMPARE((*std::find_if(clients.begin(), clients.end(), answered))->receive().status, 503);
+        std::vector<std::unique_ptr<RawHttp>> clients;
+        for (const FileFate fate : {FileFate::FromStranger, FileFate::Refused, FileFate::FromUser}) {
+            for (int i = 0; i <= BodyBudget::Files::MaxCount; ++i) {
+                clients.push_back(std::make_unique<RawHttp>(server.port()));
+                clients.back()->send(upload(fate, {}));
+            }
+        }
+        const auto refused = [&] {
+            return std::count_if(clients.begin(), clients.end(),
+                                 [](const auto& client) { return client->hasData(); });
+        };
+        QVERIFY(waitFor([&] { return refused() == 2; }));
+        for (const auto& client : clients) {
+            if (client->hasData())
+                QCOMPARE(client->receive().headers.value("retry-after"), "1");
+        }
         QCOMPARE(RawHttp::exchange(server.port(), get("/api")).status, 200);
         clients.clear();
-        const QByteArray whole =
-            "POST /api HTTP/1.1\r\nHost: x\r\nContent-Type: multipart/form-data; boundary=b\r\n"
-            "Content-Length: 7\r\n\r\n--b--\r\n";
+        const QByteArray whole = upload(FileFate::FromUser, "\r\n--b--\r\n");
         QVERIFY(waitFor([&] { return RawHttp::exchange(server.port(), whole).status == 200; }));
     }
 

@@ -19,6 +19,10 @@ public:
     explicit FunctionHandler(Service service)
         : m_service(std::move(service)) {}
     bool wants(const QByteArray&, const QByteArray& path) const override { return path.startsWith("/api"); }
+    FileFate fateOfFile(const QByteArray&, const QByteArray& field,
+                        const QMap<QByteArray, QByteArray>& parameters) const override {
+        return field != "f" ? FileFate::Ignored : FileFate(parameters.value("fate", "3").toInt());
+    }
     void service(HttpRequest& request, HttpResponse& response) override { m_service(request, response); }
 
 private:
