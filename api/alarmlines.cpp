@@ -143,13 +143,13 @@ QByteArray DumpController_add_user::user_add_DOPlane(const Params& params) {
         return call.refused();
     if (call.list("snlist").isEmpty())
         return refusal(QStringLiteral("snlist_error"));
-    const SqlResult added =
-        db().run(QStringLiteral("INSERT INTO  `warningplant` (`snids`,`url`, `name`, `userid`) "
-                                "VALUES ('@snids','@url','@name','@userid')"),
-                 {{QStringLiteral("@snids"), call.text("snlist")},
-                  {QStringLiteral("@url"), call.text("url")},
-                  {QStringLiteral("@name"), call.text("plantname")},
-                  {QStringLiteral("@userid"), call.userid()}});
+    const SqlResult added = db().run(
+        QStringLiteral("INSERT INTO  `warningplant` (`snids`,`url`, `name`, `userid`) "
+                       "VALUES ('@snids','@url','@name','@userid')"),
+        {{QStringLiteral("@snids"), commandable(call.userid(), call.list("snlist")).join(QLatin1Char('|'))},
+         {QStringLiteral("@url"), call.text("url")},
+         {QStringLiteral("@name"), call.text("plantname")},
+         {QStringLiteral("@userid"), call.userid()}});
     if (!added.ok)
         return refusal(QStringLiteral("exec_error"));
     return reply({{QStringLiteral("res"), true},

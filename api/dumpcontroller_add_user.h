@@ -156,6 +156,10 @@ public:
 private:
     QByteArray call(const Route& route, const QByteArray& path, const Params&, HttpRequest& uploads);
     QByteArray runQuery(const QString& set, const Params&, const QString& path, bool inProcess);
+    template<typename Send>
+    QByteArray commandSpeakers(const Params&, std::initializer_list<const char*> names, Send send);
+    /// Those of the speakers that the account may command; whom it names in vain the log tells.
+    QStringList commandable(int userid, const QStringList& sns) const;
     /// The account with its node and the devices that `devices` selects. An object with "res": false
     /// when the parameters or the login are refused.
     QJsonObject accountInfo(const Params&, const QString& devices);

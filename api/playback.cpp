@@ -5,6 +5,9 @@
 #include "api/requestmapper.h"
 #include "core/sqlite.h"
 #include "redis/core_corss.h"
+#include "tasks/ownership.h"
+
+#include <QDebug>
 
 namespace {
 constexpr int SerialLength = 32;
@@ -18,9 +21,17 @@ QByteArray noTargets() {
     return refusal(QStringLiteral("snlist_error"), -1);
 }
 
+/// False for a value outside 0..3, negative ones included.
+bool isDebugMode(int value) {
+    return static_cast<unsigned>(value) <= HighestDebugMode;
+}
+} // namespace
+
 /// The steps that the endpoints for a list of speakers share; `send` gets the list.
 template<typename Send>
-QByteArray commandSpeakers(Call call, std::initializer_list<const char*> names, Send send) {
+QByteArray DumpController_add_user::commandSpeakers(const Params& params,
+                                                    std::initializer_list<const char*> names, Send send) {
+    Call call(params, *m_mapper);
     if (!call.require(names, "Paruser"))
         return call.refused();
     const QStringList sns = call.list("snlist");
@@ -28,42 +39,48 @@ QByteArray commandSpeakers(Call call, std::initializer_list<const char*> names, 
         return noTargets();
     if (!call.authenticate())
         return call.refused();
-    send(sns, call);
+    const QStringList own = commandable(call.userid(), sns);
+    if (!own.isEmpty())
+        send(own, call);
     return done();
 }
 
-/// False for a value outside 0..3, negative ones included.
-bool isDebugMode(int value) {
-    return static_cast<unsigned>(value) <= HighestDebugMode;
+QStringList DumpController_add_user::commandable(int userid, const QStringList& sns) const {
+    if (!isOwnOnly(db()))
+        return sns;
+    const QStringList own = ownSerials(db(), userid, sns).value_or(QStringList());
+    if (own.size() < sns.size())
+        qWarning() << "account" << userid
+                   << "commands speakers of others, left out:" << sns.size() - own.size();
+    return own;
 }
-} // namespace
 
 QByteArray DumpController_add_user::user_play_file(const Params& params) {
-    return commandSpeakers(
-        {params, *m_mapper}, {"url", "snlist"},
-        [this](const QStringList& sns, const Call& call) { commands()->play_url(sns, call.text("url")); });
+    return commandSpeakers(params, {"url", "snlist"}, [this](const QStringList& sns, const Call& call) {
+        commands()->play_url(sns, call.text("url"));
+    });
 }
 
 QByteArray DumpController_add_user::user_play_fileq39(const Params& params) {
-    return commandSpeakers(
-        {params, *m_mapper}, {"url", "snlist"},
-        [this](const QStringList& sns, const Call& call) { commands()->play_urlq39(sns, call.text("url")); });
+    return commandSpeakers(params, {"url", "snlist"}, [this](const QStringList& sns, const Call& call) {
+        commands()->play_urlq39(sns, call.text("url"));
+    });
 }
 
 QByteArray DumpController_add_user::user_stop_file(const Params& params) {
-    return commandSpeakers({params, *m_mapper}, {"snlist"},
+    return commandSpeakers(params, {"snlist"},
                            [this](const QStringList& sns, const Call&) { commands()->Stop_url(sns); });
 }
 
 QByteArray DumpController_add_user::user_stop_fileq39(const Params& params) {
-    return commandSpeakers({params, *m_mapper}, {"snlist"},
+    return commandSpeakers(params, {"snlist"},
                            [this](const QStringList& sns, const Call&) { commands()->Stop_urlq39(sns); });
 }
 
 QByteArray DumpController_add_user::user_edit_vols(const Params& params) {
-    return commandSpeakers(
-        {params, *m_mapper}, {"vol", "snlist"},
-        [this](const QStringList& sns, const Call& call) { commands()->edit_vols(sns, call.number("vol")); });
+    return commandSpeakers(params, {"vol", "snlist"}, [this](const QStringList& sns, const Call& call) {
+        commands()->edit_vols(sns, call.number("vol"));
+    });
 }
 
 QByteArray DumpController_add_user::user_edit_debug(const Params& params) {
@@ -76,7 +93,8 @@ QByteArray DumpController_add_user::user_edit_debug(const Params& params) {
         return noTargets();
     if (!call.authenticate())
         return call.refused();
-    commands()->Debug_(call.text("sn"), call.number("dsv"));
+    for (const QString& sn : commandable(call.userid(), {call.text("sn")}))
+        commands()->Debug_(sn, call.number("dsv"));
     return done();
 }
 
@@ -108,6 +126,8 @@ QByteArray DumpController_add_user::user_play_wplant(const Params& params) {
         return noTargets();
     if (!isPlayable(plan.text(0, "url"), *m_mapper))
         return refusal(QStringLiteral("Paruser"));
-    commands()->play_urlq39(sns.split(QLatin1Char('|')), plan.text(0, "url"));
+    const QStringList own = commandable(plan.integer(0, "userid"), sns.split(QLatin1Char('|')));
+    if (!own.isEmpty())
+        commands()->play_urlq39(own, plan.text(0, "url"));
     return done();
 }

@@ -131,7 +131,9 @@ QByteArray DumpController_add_user::user_play_tts(const Params& params) {
         speakAndStore(db(), store, order, {call.userid(), call.text("filename"), SpeechBitrate, !lite});
     if (!result.stored)
         return result.refusalReply();
-    commands()->play_url(speakers, store.playUrl(result.stored->url));
+    const QStringList own = commandable(call.userid(), speakers);
+    if (!own.isEmpty())
+        commands()->play_url(own, store.playUrl(result.stored->url));
     QJsonObject object = spokenReply(*result.stored, store, call.userid());
     if (lite)
         object.insert(QStringLiteral("info"), QStringLiteral("Lite mode suc"));

@@ -6,12 +6,14 @@
 #include "core/mainloop.h"
 #include "core/sqlite.h"
 #include "device/severinit.h"
+#include "tasks/ownership.h"
 #include "tasks/task_workque.h"
 #include "tasks/tasktime.h"
 
 #include <QDebug>
 #include <QJsonArray>
 #include <QSet>
+#include <QVector>
 
 namespace {
 
@@ -44,7 +46,9 @@ struct Members {
     QString insert;
     QString remove;
     QString select;
-    QString keep; ///< the list kept in the task's row
+    QString keep;       ///< the list kept in the task's row
+    const char* column; ///< of the link row: the speaker's or file's id
+    std::optional<QSet<qint64>> (*own)(sqlite& database, int userid, const QList<qint64>& ids);
 };
 const Members Devices{
     QStringLiteral("@snid"),
@@ -53,7 +57,9 @@ const Members Devices{
     QStringLiteral("DELETE FROM  `taskseed` WHERE ( `taskid` = '@taskid' );"),
     QStringLiteral("SELECT * FROM  sbox_device_info,taskseed where taskseed.devseedid = sbox_device_info.id "
                    "and taskseed.taskid  =  '@taskid' order by taskseed.id ;"),
-    QStringLiteral("UPDATE `task` SET `snids` = '@list' WHERE (`id` = '@taskid');")};
+    QStringLiteral("UPDATE `task` SET `snids` = '@list' WHERE (`id` = '@taskid');"),
+    "devseedid",
+    ownDevices};
 const Members Files{
     QStringLiteral("@fileid"),
     QStringLiteral("INSERT INTO  `taskfile` (`taskid`, `fileid`) VALUES ( @taskid , @fileid );"),
@@ -61,7 +67,9 @@ const Members Files{
     QStringLiteral("DELETE FROM  `taskfile` WHERE ( `taskid` = '@taskid'  );"),
     QStringLiteral("SELECT * FROM  userfile,taskfile where taskfile.fileid= userfile.id and taskfile.taskid  "
                    "= '@taskid' order by taskfile.id ;"),
-    QStringLiteral("UPDATE `task` SET `fileids` = '@list' WHERE (`id` = '@taskid');")};
+    QStringLiteral("UPDATE `task` SET `fileids` = '@list' WHERE (`id` = '@taskid');"),
+    "fileid",
+    ownFiles};
 const QString DeleteFiles = QStringLiteral("DELETE FROM  `taskfile` WHERE (`taskid` = '@taskid');");
 const QString DeleteDevices = QStringLiteral("DELETE FROM  `taskseed` WHERE (`taskid` = '@taskid');");
 
@@ -91,6 +99,39 @@ QList<qint64> withoutRepeats(const QList<qint64>& ids) {
         seen.insert(id);
     }
     return once;
+}
+
+/// Null when a task may hold these members, else the refusal's word.
+const char* membersFault(sqlite& database, int userid, const Members& members, const QList<qint64>& ids) {
+    if (!isOwnOnly(database))
+        return nullptr;
+    const auto own = members.own(database, userid, ids);
+    if (!own)
+        return "ER_EXE";
+    return std::all_of(ids.begin(), ids.end(), [&](qint64 id) { return own->contains(id); }) ? nullptr
+                                                                                             : "ER_REJECT";
+}
+
+/// The rows of a task's members that its account may see, with "id" the member's own, not the link row's.
+std::optional<QVector<QJsonObject>> memberRows(sqlite& database, int userid, const Members& members,
+                                               int taskid) {
+    const SqlResult found = database.run(members.select, {{QStringLiteral("@taskid"), taskid}});
+    QList<qint64> ids;
+    for (int row = 0; row < found.rows.size(); ++row)
+        ids += found.value(row, members.column).toLongLong();
+    std::optional<QSet<qint64>> own;
+    if (isOwnOnly(database))
+        own = members.own(database, userid, ids);
+    if (!found.ok || (isOwnOnly(database) && !own))
+        return std::nullopt;
+    QVector<QJsonObject> rows;
+    for (int row = 0; row < ids.size(); ++row) {
+        if (own && !own->contains(ids.at(row)))
+            continue;
+        rows += found.object(row);
+        rows.last().insert(QStringLiteral("id"), ids.at(row));
+    }
+    return rows;
 }
 
 // --- edit_task: one clause for each parameter that is there ---
@@ -208,6 +249,11 @@ QByteArray DumpController_add_user::user_add_task(const Params& params) {
     if (const char* word = readNewTask(db(), call, *files, row))
         return refusal(QLatin1String(word));
     const QList<qint64> speakers = withoutRepeats(*devices);
+    for (const char* word : {membersFault(db(), call.userid(), Devices, speakers),
+                             membersFault(db(), call.userid(), Files, *files)}) {
+        if (word)
+            return refusal(QLatin1String(word));
+    }
     row.emplace_back(QStringLiteral("@fileids"), commaList(*files));
     row.emplace_back(QStringLiteral("@snids"), commaList(speakers));
 
@@ -246,29 +292,25 @@ QByteArray DumpController_add_user::user_get_task(const Params& params) {
     if (!call.require({"taskid"}, "Paruser") || !call.authenticateLoosely())
         return call.refused();
     const SqlResult task = ownTask(db(), call.userid(), call.number("taskid"));
-    const SqlArgs taskid{{QStringLiteral("@taskid"), call.number("taskid")}};
     if (!task.ok)
         return refusal(QStringLiteral("ER_EXE"));
     if (task.isEmpty())
         return refusal(QStringLiteral("ER_REJECT"));
-    const SqlResult files = db().run(Files.select, taskid);
-    const SqlResult devices = db().run(Devices.select, taskid);
-    if (!files.ok || !devices.ok)
+    const auto files = memberRows(db(), call.userid(), Files, call.number("taskid"));
+    const auto devices = memberRows(db(), call.userid(), Devices, call.number("taskid"));
+    if (!files || !devices)
         return refusal(QStringLiteral("ER_EXE"));
 
     QJsonArray fileList;
-    for (int row = 0; row < files.rows.size(); ++row) {
-        QJsonObject file = files.object(row);
-        file.insert(QStringLiteral("id"), files.integer(row, "fileid"));            // not the link row's
-        file.insert(QStringLiteral("filenamebase64"), files.text(row, "filename")); // stored that way
+    for (QJsonObject file : *files) {
+        file.insert(QStringLiteral("filenamebase64"),
+                    file.value(QLatin1String("filename"))); // stored that way
         fileList.append(file);
     }
     QJsonArray deviceList;
-    for (int row = 0; row < devices.rows.size(); ++row) {
-        QJsonObject device = devices.object(row);
-        device.insert(QStringLiteral("id"), devices.integer(row, "devseedid"));
-        device.insert(QStringLiteral("device_namebase64"),
-                      QString::fromLatin1(devices.text(row, "device_name").toUtf8().toBase64()));
+    for (QJsonObject device : *devices) {
+        const QByteArray name = device.value(QLatin1String("device_name")).toString().toUtf8();
+        device.insert(QStringLiteral("device_namebase64"), QString::fromLatin1(name.toBase64()));
         deviceList.append(device);
     }
     QJsonObject answer = taskObject(task, 0);
@@ -321,6 +363,8 @@ QByteArray editMembers(Call& call, sqlite& database, const char* parameter, cons
     const SqlResult task = ownTask(database, call.userid(), taskid);
     if (task.ok && task.isEmpty())
         return refusal(QStringLiteral("ER_REJECT"));
+    if (const char* word = membersFault(database, call.userid(), members, *ids))
+        return refusal(QLatin1String(word));
     if (!task.ok || !database.transaction([&] { return replaceAll(database, members, taskid, *ids); }))
         return refusal(QStringLiteral("ER_EXE"));
     return success();

@@ -134,14 +134,9 @@ void Severinit::init_vison() {
 SAobj* Severinit::addSession(const QString& sn, QObject* parent) {
     if (SAobj* const known = session(sn))
         return known;
-<<<<<<< HEAD
-    if (!serialAllowed(sn) || m_state->sessions.size() >= MaxSessions) {
+    if (!serialAllowed(sn) || (m_state->sessions.size() >= MaxSessions && !makeRoom())) {
         if (mayLog("No session", QString()))
             qWarning().noquote() << "No session for" << sn << "- blocked, or" << MaxSessions << "are reached";
-=======
-    if (!serialAllowed(sn) || (m_state->sessions.size() >= MaxSessions && !makeRoom())) {
-        qWarning().noquote() << "No session for" << sn << "- blocked, or" << MaxSessions << "are reached";
->>>>>>> device
         return nullptr;
     }
     auto* const added = new SAobj(sn, m_state->env, parent);
@@ -235,17 +230,12 @@ TimingWheel& Severinit::wheel() {
     return m_state->wheel;
 }
 
-<<<<<<< HEAD
-QVector<OnlineDevice> Severinit::onlineDevices() const {
-    QVector<OnlineDevice> devices;
-=======
 const SessionEnv& Severinit::env() const {
     return m_state->env;
 }
 
-QJsonArray Severinit::onlineDevices() const {
-    QJsonArray devices;
->>>>>>> device
+QVector<OnlineDevice> Severinit::onlineDevices() const {
+    QVector<OnlineDevice> devices;
     for (const SAobj* const session : std::as_const(m_state->sessions)) {
         if (session->isOnline())
             devices.append({session->sn(), session->onlineState(), session->vol(), session->voltage(),
@@ -372,13 +362,9 @@ void Severinit::sasn_offline(const QString& sn) {
         return;
     }
     found->goffline();
-<<<<<<< HEAD
+    m_state->strangers.wentOffline(*found);
     if (mayLog("off line", sn))
         qInfo().noquote() << "off line" << sn;
-=======
-    m_state->strangers.wentOffline(*found);
-    qInfo().noquote() << "off line" << sn;
->>>>>>> device
 }
 
 // --- mirroring ---

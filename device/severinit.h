@@ -94,13 +94,8 @@ public:
     /// Puts the serial on the restricted list and disables its session, or undoes both.
     void setRestricted(const QString& sn, bool restricted);
     TimingWheel& wheel();
-<<<<<<< HEAD
-    QVector<OnlineDevice> onlineDevices() const;
-=======
     const SessionEnv& env() const;
-    /// Devices online, one object each: "seed", "status", "vol", "voltage", "debug" (integers).
-    QJsonArray onlineDevices() const;
->>>>>>> device
+    QVector<OnlineDevice> onlineDevices() const;
     QSet<QString> onlineSerials() const;
     void printinfo();
 

@@ -120,7 +120,7 @@ int RequestBody::fileBegins(const QByteArray& fileName) {
     if (fate == FileFate::Ignored)
         return 0;
     Upload& upload = uploads[m_partName];
-    upload = {fileName, nullptr, std::make_unique<QTemporaryFile>()};
+    upload = {shortened(fileName), nullptr, std::make_unique<QTemporaryFile>()};
     if (fate == FileFate::Refused)
         return 0;
     auto& files = fate == FileFate::FromUser ? m_budget->ofUsers : m_budget->ofStrangers;

@@ -1,9 +1,12 @@
 #include "tasks/taskreader.h"
 
+#include "tasks/ownership.h"
 #include "tasks/tasxkobj.h"
 
 #include "core/fileaddress.h"
 #include "core/sqlite.h"
+
+#include <QDebug>
 
 namespace {
 
@@ -17,6 +20,9 @@ const QString SelectSeeds = QStringLiteral(
 const QString SelectFiles =
     QStringLiteral("SELECT userfile.url as url ,userfile.len as len FROM  taskfile , userfile where "
                    "taskfile.taskid = @taskid and taskfile.fileid = userfile.id order by taskfile.id ;");
+const QString SelectOwnFiles = QStringLiteral(
+    "SELECT userfile.url as url ,userfile.len as len FROM  taskfile , userfile where taskfile.taskid = "
+    "@taskid and taskfile.fileid = userfile.id and userfile.userid = '@userid' order by taskfile.id ;");
 const QString SelectLength =
     QStringLiteral("SELECT `len` FROM `userfile` WHERE (`url` = '@url' and `userid` = '@userid');");
 
@@ -78,9 +84,22 @@ bool TaskReader::readSeeds(Tasxkobj& player) const {
         player.seeds.reserve(found.rows.size());
         for (const auto& row : found.rows)
             player.seeds += row.first().toString();
+        if (!keepOwnSeeds(player))
+            return false;
     }
     player.seeds.removeDuplicates(); // a speaker named twice plays once
     return true;
+}
+
+bool TaskReader::keepOwnSeeds(Tasxkobj& player) const {
+    if (!isOwnOnly(*m_database))
+        return true;
+    const auto own = ownSerials(*m_database, player.userid, player.seeds);
+    if (own && own->size() < player.seeds.size())
+        qWarning() << "task start" << player.name << player.id
+                   << "left out, speakers of others:" << player.seeds.size() - own->size();
+    player.seeds = own.value_or(QStringList());
+    return own.has_value();
 }
 
 bool TaskReader::readFiles(Tasxkobj& player) const {
@@ -88,8 +107,9 @@ bool TaskReader::readFiles(Tasxkobj& player) const {
 }
 
 bool TaskReader::readStoredFiles(Tasxkobj& player) const {
-    const SqlResult found =
-        m_database->run(SelectFiles, {{QStringLiteral("@taskid"), static_cast<qint64>(player.id)}});
+    const SqlResult found = m_database->run(isOwnOnly(*m_database) ? SelectOwnFiles : SelectFiles,
+                                            {{QStringLiteral("@taskid"), static_cast<qint64>(player.id)},
+                                             {QStringLiteral("@userid"), player.userid}});
     player.files.clear(); // of an earlier try
     for (int row = 0; row < found.rows.size(); ++row) {
         player.files += absolute(found.text(row, "url"));

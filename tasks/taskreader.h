@@ -33,6 +33,8 @@ public:
     bool readFiles(Tasxkobj& player) const;
 
 private:
+    /// With the key `ownonly` those speakers and files only that the account may use now.
+    bool keepOwnSeeds(Tasxkobj& player) const;
     bool readStoredFiles(Tasxkobj& player) const;
     bool readTemporaryFiles(Tasxkobj& player) const;
     /// Speakers fetch by absolute address; the table holds addresses below this server's own.

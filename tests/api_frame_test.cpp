@@ -316,6 +316,50 @@ private slots:
             QCOMPARE(speakers.at(0).count(op), 0);
     }
 
+    /// With the safe ways a foreign speaker is left out, of a list and of a task that names it all the same.
+    void leavesForeignSpeakersOut() {
+        ApiWorld& world = ApiWorld::of(3, true);
+        world.reset();
+        const auto speakers =
+            onlineFleet(speakersAt(world.service), 3); // Alice's, Bob's, by mask Alice's too
+        const QStringList serials = speakers->serials();
+        const auto sql = [&](const QString& statement) {
+            world.service.sql(QString(statement)
+                                  .replace("{alice}", QString::number(world.alice.id))
+                                  .replace("{bob}", QString::number(world.bob.id)));
+        };
+        for (int i = 0; i < 3; ++i)
+            sql(QString(
+                    "INSERT INTO `sbox_device_info` (`id`, `user_id`, `device_seed`) VALUES (%1, %2, '%3')")
+                    .arg(81 + i)
+                    .arg(i == 0 ? "{alice}" : "{bob}", serials[i]));
+        sql("UPDATE `sbox_users` SET `master_id` = {bob}, `mask` = '83,11' WHERE `id` = {alice}");
+        const auto told = [&](sim::Op op) {
+            QString who;
+            for (int i = 0; i < 3; ++i)
+                who += speakers->at(i).count(op) > 0 ? 'x' : '-';
+            return who;
+        };
+        const auto call = [&](const char* path, const QString& params) {
+            return world.service.http().postForm(path, world.alice.params(form(params))).body;
+        };
+        QCOMPARE(call("/user/sndebug", "dsv=1&sn=" + serials[1]), "{\n    \"res\": true\n}\n");
+        QCOMPARE(call("/user/editvols", "vol=7&snlist=" + serials.join('|') + "|x'y"),
+                 "{\n    \"res\": true\n}\n");
+        QVERIFY(waitFor([&] { return told(sim::Op::Volume) == "x-x"; }));
+        QVERIFY(world.service.waitForLog("commands speakers of others, left out: 2"));
+
+        for (const char* device : {"81", "82"})
+            sql(QString("INSERT INTO `taskseed` (`taskid`, `devseedid`) VALUES (71, %1)").arg(device));
+        const QByteArray task = call("/user/getone_task", "taskid=71");
+        QVERIFY(task.contains(serials[0].toLatin1()) && !task.contains(serials[1].toLatin1()));
+        QVERIFY(call("/user/starttask", "taskid=71").contains("SUC"));
+        QVERIFY(waitFor([&] { return told(sim::Op::PlayList) == "x--"; }));
+        QVERIFY(world.service.waitForLog("left out, speakers of others: 1"));
+        QCOMPARE(told(sim::Op::Volume) + told(sim::Op::Debug) + told(sim::Op::PlayList), "x-x---x--");
+        sql("UPDATE `sbox_users` SET `master_id` = 0, `mask` = '' WHERE `id` = {alice}");
+    }
+
     void startsAPlanWithoutAToken() {
         sim::Fleet& speakers = fleet();
         ApiWorld& world = ApiWorld::of(3);

@@ -51,6 +51,19 @@ private slots:
         const QByteArray done = R"({"res":true})";
         const QByteArray unfit = R"({"res":false,"info":"Paruser"})";
         const QByteArray wrongToken = R"({"res":false,"info":"_FALSE6","code":-2})";
+        const QByteArray rejected = R"({"res":false,"info":"ER_REJECT"})";
+        for (const char* task : {"snids=12&fileids=51", "snids=12|21&fileids=51", "snids=12&fileids=51|61",
+                                 "snids=999&fileids=51", "snids=&fileids="}) {
+            const bool own =
+                qstrcmp(task, "snids=12&fileids=51") == 0 || qstrcmp(task, "snids=&fileids=") == 0;
+            row(QByteArray("new task ") + task, "alice", "/user/add_task",
+                QString(task) + "&start_time=1:0:0&len=60", done, own ? done : rejected);
+        }
+        row("a task's foreign speaker", "alice", "/user/editsns_task", "taskid=71&snids=11|21", done,
+            rejected);
+        row("a task's own speakers", "alice", "/user/editsns_task", "taskid=71&snids=12|11", done, done);
+        row("a task's foreign file", "alice", "/user/editfiles_task", "taskid=71&fileids=61", done, rejected);
+        row("a foreign speaker", "bob", "/user/urlstop", "snlist=" + ApiWorld::lamp(), done, done);
         const QString play = "plantname=p&filename=f&dname=d&fb=B&sn=" + ApiWorld::lamp() +
                              "&snlist=" + ApiWorld::lamp() + "&url=http://x/";
         for (const char* path : {"/user/urlplay", "/user/urlq39play", "/user/wplantadd", "/user/wfilerg"}) {
