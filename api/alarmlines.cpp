@@ -129,10 +129,42 @@ QString planAddress(const RequestMapper& router, int plan) {
         .arg(key);
 }
 
-QString taskAddress(const Call& call) {
-    return QStringLiteral("http://%1/Startwaringtask.php?username=%2&passwd=%3&taskid=%4")
-        .arg(call.text("host"), percentEncoded(call.text("username")), percentEncoded(call.text("passwd")),
+/// With a secret the speaker need not know the password.
+QString taskAddress(const Call& call, const QString& secret) {
+    const QString login = secret.isEmpty()
+                              ? QStringLiteral("passwd=") + percentEncoded(call.text("passwd"))
+                              : QStringLiteral("lineid=%1&token=%2").arg(call.text("lineid"), secret);
+    return QStringLiteral("http://%1/Startwaringtask.php?username=%2&%3&taskid=%4")
+        .arg(call.text("host"), percentEncoded(call.text("username")), login,
              percentEncoded(call.text("taskid")));
+}
+
+/// The binding whose secret a call-back bears; nothing when there is none.
+std::optional<LineBinding> boundBy(const sqlite& database, const Call& call) {
+    const auto binding = LineBindings(database.site.waringdir).read(call.text("lineid"));
+    const bool isIts = binding && !binding->secret.isEmpty() && binding->secret == call.text("token");
+    return isIts ? binding : std::nullopt;
+}
+
+/// A line id that another account has bound; one that is gone holds none.
+bool isOthers(const std::optional<LineBinding>& binding, int userid, const RequestMapper& accounts) {
+    return binding && binding->userid != userid && accounts.token(binding->userid);
+}
+
+QByteArray startReply(StartRequest outcome) {
+    switch (outcome) {
+    case StartRequest::Done:
+        return reply({{QStringLiteral("res"), true},
+                      {QStringLiteral("info"), QStringLiteral("SUC")},
+                      {QStringLiteral("EF"), 1}});
+    case StartRequest::NotOwn:
+        return refusal(QStringLiteral("ER_REJECT"));
+    case StartRequest::Working:
+        return refusal(QStringLiteral("Task is Working"));
+    case StartRequest::Failed:
+        break;
+    }
+    return refusal(QStringLiteral("ER_EXE"));
 }
 
 } // namespace
@@ -298,13 +330,17 @@ QByteArray DumpController_add_user::setwaringlinetaskid(const Params& params) {
         return refusal(QStringLiteral("Paruser"));
     const QStringList serials = call.list("sn");
     const LineBindings bindings(db().site.waringdir);
-    const auto former = bindings.read(lineid);
-    if ((former && former->userid != call.userid()) || !areOwnSpeakers(db(), call.userid(), serials))
+    if (isOthers(bindings.read(lineid), call.userid(), *m_mapper) ||
+        !areOwnSpeakers(db(), call.userid(), serials))
         return refusal(QStringLiteral("exec_error"));
     if (!areOnline(m_devices, serials))
         return refusal(QStringLiteral("unline_error"));
-    const QString address = taskAddress(call);
-    if (!bindings.write({call.userid(), lineid, serials, call.number("taskid"), address}))
+    const bool hasSecret = db().site.callbacktokens;
+    if (hasSecret && ownTask(db(), call.userid(), call.number("taskid")).isEmpty())
+        return refusal(QStringLiteral("exec_error")); // its call-back could start nothing
+    const QString secret = hasSecret ? RequestMapper::randomToken() : QString();
+    const QString address = taskAddress(call, secret);
+    if (!bindings.write({call.userid(), lineid, serials, call.number("taskid"), address, secret}))
         return refusal(QStringLiteral("exec_error"));
     commands()->play_urlsetwarning(serials, lineid, address);
     return done();
@@ -319,9 +355,8 @@ QByteArray DumpController_add_user::rmwaringlinetaskid(const Params& params) {
         return refusal(QStringLiteral("Paruser"));
     const QStringList serials = call.list("sn");
     const LineBindings bindings(db().site.waringdir);
-    const auto former = bindings.read(lineid);
-    if ((former && former->userid != call.userid()) || !areOwnSpeakers(db(), call.userid(), serials) ||
-        !bindings.remove(lineid))
+    if (isOthers(bindings.read(lineid), call.userid(), *m_mapper) ||
+        !areOwnSpeakers(db(), call.userid(), serials) || !bindings.remove(lineid))
         return refusal(QStringLiteral("exec_error"));
     commands()->play_urlrmwarning(serials, lineid);
     return done();
@@ -330,6 +365,15 @@ QByteArray DumpController_add_user::rmwaringlinetaskid(const Params& params) {
 /// What a speaker requests when a line that is bound to a stored task fires.
 QByteArray DumpController_add_user::Startwaringtask(const Params& params, const QString& /*path*/) {
     const Call call(params, *m_mapper);
+    const QString info = QStringLiteral("Waringstart");
+    if (call.has("lineid") && call.has("token") && !call.has("passwd")) {
+        const auto binding = boundBy(db(), call);
+        if (!binding || !m_mapper->token(binding->userid)) // the account may be gone
+            return refusal(QStringLiteral("token 不对"));
+        const bool isItsTask = binding->taskid == call.number("taskid");
+        return startReply(isItsTask ? requestStart(db(), binding->userid, binding->taskid, info)
+                                    : StartRequest::NotOwn);
+    }
     for (const char* name : {"username", "passwd", "taskid"})
         if (!call.has(name))
             return refusal(QStringLiteral("Parer"));
@@ -342,18 +386,5 @@ QByteArray DumpController_add_user::Startwaringtask(const Params& params, const 
         return refuseLogin(call, QStringLiteral("账号密码不正确"));
     if (call.has("token") && call.text("token") != account.text(0, "token"))
         return refusal(QStringLiteral("token 不对"));
-    switch (
-        requestStart(db(), account.integer(0, "id"), call.number("taskid"), QStringLiteral("Waringstart"))) {
-    case StartRequest::Done:
-        return reply({{QStringLiteral("res"), true},
-                      {QStringLiteral("info"), QStringLiteral("SUC")},
-                      {QStringLiteral("EF"), 1}});
-    case StartRequest::NotOwn:
-        return refusal(QStringLiteral("ER_REJECT"));
-    case StartRequest::Working:
-        return refusal(QStringLiteral("Task is Working"));
-    case StartRequest::Failed:
-        break;
-    }
-    return refusal(QStringLiteral("ER_EXE"));
+    return startReply(requestStart(db(), account.integer(0, "id"), call.number("taskid"), info));
 }

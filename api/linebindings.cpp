@@ -17,7 +17,8 @@ QByteArray toJson(const LineBinding& binding) {
                                      {QStringLiteral("lineid"), binding.lineid},
                                      {QStringLiteral("sn"), QJsonArray::fromStringList(binding.serials)},
                                      {QStringLiteral("taskid"), binding.taskid},
-                                     {QStringLiteral("url"), binding.address}})
+                                     {QStringLiteral("url"), binding.address},
+                                     {QStringLiteral("token"), binding.secret}})
         .toJson();
 }
 
@@ -41,7 +42,8 @@ std::optional<LineBinding> LineBindings::read(const QString& lineid) const {
                         lineid,
                         {},
                         object.value(QLatin1String("taskid")).toInt(),
-                        object.value(QLatin1String("url")).toString()};
+                        object.value(QLatin1String("url")).toString(),
+                        object.value(QLatin1String("token")).toString()};
     for (const QJsonValue& serial : object.value(QLatin1String("sn")).toArray())
         binding.serials.append(serial.toString());
     return binding;

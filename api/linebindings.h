@@ -10,7 +10,8 @@ struct LineBinding {
     QString lineid;
     QStringList serials;
     int taskid;
-    QString address; ///< what the speaker requests when the line fires; holds the account's password
+    QString address; ///< what the speaker requests when the line fires
+    QString secret;  ///< in the address; empty: the address holds the account's password instead
 };
 
 /// The line-to-task bindings: one JSON file a line id, "<lineid>.json", below the directory of the

@@ -14,7 +14,7 @@ private slots:
         QFETCH_GLOBAL(int, kind);
         ServiceOptions options;
         options.kind = kind;
-        options.settings["tokenpaths"] = kind == 1;
+        options.settings["hardened"] = kind == 1;
         options.files = {{"etc/docroot/mp3/alarm.mp3", makeMp3(0.5)}};
         m_service = std::make_unique<Service>(options);
         QVERIFY(m_service->start());
@@ -90,6 +90,14 @@ private slots:
         const QFileInfo binding(m_service->file("waring/gate-1.json"));
         QVERIFY(binding.exists());
         QVERIFY(!(binding.permissions() & (QFile::ReadGroup | QFile::ReadOther)));
+        const QString bound = m_service->url(QString());
+        QFile stored(binding.filePath());
+        QVERIFY(stored.open(QIODevice::ReadOnly));
+        const QString callback =
+            QJsonDocument::fromJson(stored.readAll())["url"].toString().mid(bound.size());
+        QFETCH_GLOBAL(int, kind);
+        const bool hasSecret = kind == 1; // an address without one goes on working there too
+        QCOMPARE(callback.contains("passwd=pass%26word"), !hasSecret);
 
         QVERIFY(speaker(0).fire("gate-1"));
         const QString state = "SELECT statu FROM task WHERE id = " + task;
@@ -104,7 +112,22 @@ private slots:
         QCOMPARE(m_service->http().get(start.arg("admin", "pass%26word", "999")).info(), "ER_REJECT");
         QCOMPARE(m_service->http().get("/Startwaringtask.php?username=admin").info(), "Parer");
 
+        const auto call = [&](const QRegularExpression& part, const QString& other) {
+            return m_service->http().get(QString(callback).replace(part, other)).info();
+        };
+        const QRegularExpression nothing("^none"), secret("token=\\w+"), number("taskid=\\w+"),
+            lineid("lineid=[^&]+");
+        if (hasSecret) {
+            QCOMPARE(call(secret, "token=" + m_admin.token), "token 不对");
+            QCOMPARE(call(secret, "token="), "token 不对");
+            QCOMPARE(call(lineid, "lineid=../waring/gate-1"), "token 不对");
+            QCOMPARE(call(number, "taskid=999"), "ER_REJECT");
+            QCOMPARE(call(nothing, ""), "Task is Working");
+        }
+
         QCOMPARE(post("/user/rmwaringlinetaskid", {{"sn", sn}, {"lineid", "gate-1"}}).info(), "done");
+        if (hasSecret)
+            QCOMPARE(call(nothing, ""), "token 不对");
         QVERIFY(waitFor([&] { return !speaker(0).alarmLines().contains("gate-1"); }));
         QVERIFY(!QFile::exists(binding.filePath()));
     }
