@@ -1,3 +1,4 @@
+#include "nodes/gate.h"
 #include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
@@ -106,7 +107,8 @@ private slots:
     void nodeRelaysItsCommands() {
         Source source, node;
         const auto warning = watch(source);
-        Nodeque poller(nullptr, 3, nullptr, "localhost", node.server.serverPort());
+        Gate gate(nullptr, {}, {});
+        Nodeque poller(nullptr, 3, nullptr, "localhost", node.server.serverPort(), {&gate});
         poller.insertwarming("gas", warning.get());
         emit warning->cmd("first");
         QVERIFY(waitFor([&] { return node.received == "5\nfirst"; }));
