@@ -16,7 +16,7 @@ namespace {
 const QString Localhost = QStringLiteral("127.0.0.1");
 
 struct Cost {
-    double wallMs = 0; ///< from the first write until the last byte is with the system
+    double wallMs = 0; ///< from the first write until the last answer
     double cpuMs = 0;  ///< of this thread
     double turnMs = 0; ///< in one go, without serving anything else
 };
@@ -62,7 +62,7 @@ Cost batched(fuck_redis& link, const std::vector<QString>& fleet) {
     for (const QString& sn : fleet)
         link.Set_sn_key_value(sn, QStringLiteral("STATUS"), QStringLiteral("ONLINE"));
     cost.turnMs = elapsedMs(timer);
-    while (link.writeLink().backlog() > 0) {
+    while (link.writeLink().backlog() > 0 || link.writeLink().unanswered() > 0) {
         QElapsedTimer turn;
         turn.start();
         QCoreApplication::processEvents();

@@ -15,8 +15,9 @@
 class Dispatcher {
 public:
     using Reply = std::function<void(QByteArray)>;
-    /// A request larger than this is read on another thread: here it would take milliseconds.
-    static constexpr int ReadHereBytes = 256 * 1024;
+    /// A request larger than this is read on another thread: here it would take more than a few
+    /// milliseconds. What names 20,000 speakers is smaller.
+    static constexpr int ReadHereBytes = 1024 * 1024;
     /// Of the requests of commands under way: no further large one is read beyond it.
     static constexpr qint64 MaxBytesUnderWay = 32 * 1024 * 1024;
     /// Most values, and most lists and objects, in a large request: what they cost in memory, and what a

@@ -35,6 +35,7 @@ fuck_redis::fuck_redis(QObject* parent)
     m_retryTimer.setSingleShot(true);
     connect(&m_retryTimer, &QTimer::timeout, this, &fuck_redis::retry);
     connect(&m_writer, &WriteLink::lost, this, &fuck_redis::goAway);
+    connect(&m_writer, &WriteLink::incomplete, this, &fuck_redis::restored);
     // Queued: what follows waits in an event loop, which has no place inside a socket's signal.
     connect(&m_writer, &WriteLink::ready, this, &fuck_redis::finishRetry, Qt::QueuedConnection);
 }

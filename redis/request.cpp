@@ -94,3 +94,15 @@ QByteArray encodeBytes(const QByteArrayList& arguments) {
         appendBlock(out, argument, argument.size());
     return out;
 }
+
+QByteArrayList decodeBytes(const QByteArray& request) {
+    QByteArrayList arguments;
+    int at = request.indexOf('\n') + 1; // behind the count
+    while (at < request.size()) {
+        const int start = request.indexOf('\n', at) + 1;
+        const int size = request.mid(at + 1, start - at - 3).toInt();
+        arguments << request.mid(start, size);
+        at = start + size + 2;
+    }
+    return arguments;
+}

@@ -15,3 +15,6 @@ QByteArray encodeCharacters(const QStringList& arguments);
 
 /// The request with lengths in bytes: any argument arrives byte for byte.
 QByteArray encodeBytes(const QByteArrayList& arguments);
+
+/// The arguments of a request that encodeBytes() made.
+QByteArrayList decodeBytes(const QByteArray& request);

@@ -1,18 +1,21 @@
 #pragma once
 
-#include "redis/flatreply.h"
+#include "redis/owedwrites.h"
 
 #include <deque>
 #include <QByteArray>
 #include <QByteArrayList>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QTcpSocket>
 #include <QTimer>
+#include <string_view>
 
-/// The connection for writes whose answers nobody reads: opened with CLIENT REPLY OFF, it sends what
-/// one turn of the loop has collected in one batch. Every few seconds answers are switched on for one
-/// PING, so that a server that vanished, hangs or refuses writes is noticed. Main loop only.
+/// The connection for writes that nobody waits for: it sends what one turn of the loop has collected in
+/// one batch and reads the answers as they come. A PING every few seconds shows a server that vanished or
+/// hangs. What the server refuses, or what had to be dropped, is owed to it: it is written as soon as the
+/// server takes it, unless there is something newer. Main loop only.
 class WriteLink : public QObject {
     Q_OBJECT
 public:
@@ -21,6 +24,8 @@ public:
 
     /// Requests kept while the server does not read: five refreshes of 20,000 speakers.
     static constexpr int MaxPendingBytes = 8 * 1024 * 1024;
+    /// An answer is a short line.
+    static constexpr int MaxAnswerBytes = 64 * 1024;
     /// Handed to the socket at most before the next batch waits for it to drain.
     static constexpr int MaxSocketBytes = 1024 * 1024;
 
@@ -39,6 +44,8 @@ public:
 
     /// Bytes not yet taken by the system.
     qint64 backlog() const { return m_pendingBytes + m_socket.bytesToWrite(); }
+    /// Requests that the server has not answered yet.
+    size_t unanswered() const { return m_inFlight.size(); }
     quint64 droppedRefreshes() const { return m_droppedRefreshes; }
     quint64 droppedEvents() const { return m_droppedEvents; }
 
@@ -46,14 +53,27 @@ signals:
     void ready();
     /// The connection or the attempt has ended; `reason` is for the log.
     void lost(const QString& reason);
+    /// So much was refused or dropped that it could not be kept; writes are taken again.
+    void incomplete();
 
 private:
     enum class Phase { Closed, Opening, Ready };
+    struct Request {
+        QByteArray bytes;
+        Kind kind = Kind::Event;
+        bool isPing = false;
+    };
 
     void shakeHands();
     void read();
-    void take(const QStringList& reply);
+    void take(std::string_view answer);
+    void takeOpening(bool isError, const QString& text);
+    void refused(const Request& request, const QString& reason);
+    void keep(const Request& request, OwedWrites::Why why);
+    void enqueue(Request request);
+    void payOwed();
     void heartbeat();
+    void lookForEndOfRefusals();
     void flush();
     void queueFlush();
     void dropOldest();
@@ -63,13 +83,20 @@ private:
     QTcpSocket m_socket;
     QTimer m_heartbeat;
     QTimer m_answerDeadline;
-    ReplyStream m_stream;
+    QByteArray m_received; ///< of an answer that is not whole yet
     QByteArray m_password;
     Phase m_phase = Phase::Closed;
-    int m_expected = 0; ///< answers still to come; the last one is PING's
+    int m_expected = 0; ///< while it opens: answers still to come; the last one is PING's
+    bool m_isPinging = false;
     bool m_flushQueued = false;
-    std::deque<QByteArray> m_events;
-    std::deque<QByteArray> m_refreshes;
+    std::deque<Request> m_events;
+    std::deque<Request> m_refreshes;
+    std::deque<Request> m_inFlight; ///< in the order of their answers
+    OwedWrites m_owed;
+    bool m_isIncomplete = false; ///< more was owed than could be kept
+    QSet<QString> m_reasons;     ///< of refusals, as far as logged
+    quint64 m_refusals = 0;
+    quint64 m_refusalsAtBeat = 0;
     int m_pendingBytes = 0;
     quint64 m_droppedRefreshes = 0;
     quint64 m_droppedEvents = 0;

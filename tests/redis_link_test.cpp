@@ -3,6 +3,7 @@
 #include "support/table.h"
 #include "support/testmain.h"
 
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTimer>
 
@@ -204,6 +205,70 @@ private slots:
         QCOMPARE(writer.backlog(), 0LL);
         server.resume();
         QTRY_VERIFY_WITH_TIMEOUT(link.isConnected(), 35000);
+    }
+
+    void refusals_data() {
+        const Table<QList<QStringList>, QList<QStringList>, QByteArray> row{"fault", "repair", "reason"};
+        row("memory is full", {{"CONFIG", "SET", "maxmemory", "1"}}, {{"CONFIG", "SET", "maxmemory", "0"}},
+            "OOM");
+        row("became a replica", {{"REPLICAOF", "127.0.0.1", "1"}}, {{"REPLICAOF", "NO", "ONE"}}, "READONLY");
+        row("may not write", {{"ACL", "SETUSER", "default", "-hset", "-hmset", "-lpush"}},
+            {{"ACL", "SETUSER", "default", "+@all"}}, "NOPERM");
+        row("keys of another type", {{"DEL", Sn}, {"SET", Sn, "x"}, {"SET", "Warmingdown", "x"}},
+            {{"DEL", Sn, "Warmingdown"}}, "WRONGTYPE");
+    }
+
+    /// Told, and made good when the server takes writes again: the newest values, the entries in order.
+    void refusals() {
+        QFETCH(QList<QStringList>, fault);
+        QFETCH(QList<QStringList>, repair);
+        QFETCH(QByteArray, reason);
+        RedisServer server;
+        QVERIFY(server.start());
+        fuck_redis link;
+        QVERIFY(link.try_connect(localhost(), server.port(), {}));
+        for (const QStringList& command : fault)
+            QVERIFY(server.cli(command).size() < 4);
+        QTest::ignoreMessage(QtWarningMsg,
+                             QRegularExpression("redis: write refused: " + Sn + ' ' + reason + ' '));
+        for (const char* vol : {"1", "2"}) {
+            link.Set_sn_key_value(Sn, "vol", vol);
+            link.Set_sn_key_value(Sn, "STATUS", "ONLINE");
+            link.Warmingup_push(Sn, vol);
+        }
+        link.online_newdevices(Sn, 1, 3, 3, 4, "l", "r", "2024-01-02 10:11:12");
+        QTRY_COMPARE(link.writeLink().unanswered() + static_cast<size_t>(link.writeLink().backlog()),
+                     size_t{0});
+        QVERIFY(link.isConnected());
+        link.Set_sn_key_value(Sn, "Line", "Offline");
+        for (const QStringList& command : repair)
+            QVERIFY(server.cli(command).size() < 4);
+        link.Set_sn_key_value(Sn, "STATUS", "OFFLINE");
+        QTRY_COMPARE(server.cli({"HMGET", Sn, "vol", "mic_d", "Reg_Date", "Line", "STATUS"}),
+                     QByteArray("3\n3\n2024-01-02-10:11:12\nOffline\nOFFLINE"));
+        QTRY_COMPARE_WITH_TIMEOUT(server.cli({"LRANGE", "Warmingdown", "0", "-1"}),
+                                  Sn.toUtf8() + "_2\n" + Sn.toUtf8() + "_1", 20000);
+    }
+
+    /// The server falls so far behind that writes are dropped; when it has caught up they are made.
+    void droppedWritesAreMade() {
+        RedisServer server;
+        QVERIFY(server.start());
+        fuck_redis link;
+        QVERIFY(link.try_connect(localhost(), server.port(), {}));
+        QSignalSpy away(&link.writeLink(), &WriteLink::lost);
+        for (int i = 0; i < 2000; ++i)
+            link.Set_sn_key_value(serial(i), "vol", i);
+        link.Set_sn_key_value(serial(7), "vol", "newer");
+        for (int i = 0; i < 200; ++i)
+            link.Set_sn_key_value(Sn, "test", QByteArray(100'000, 'x'));
+        QVERIFY(link.writeLink().droppedEvents() > 2001);
+        link.Set_sn_key_value(serial(8), "vol", "newest");
+        QTRY_COMPARE(server.cli({"HGET", serial(1999), "vol"}), QByteArray("1999"));
+        QTRY_COMPARE(server.cli({"DBSIZE"}), QByteArray("2001"));
+        QCOMPARE(server.cli({"HGET", serial(7), "vol"}), QByteArray("newer"));
+        QCOMPARE(server.cli({"HGET", serial(8), "vol"}), QByteArray("newest"));
+        QCOMPARE(away.size(), 0);
     }
 
     /// Two reads, one within the other's wait: both end without an answer, and the link knows at once.
