@@ -198,6 +198,7 @@ void Startup::serveHttp() {
     m_router = std::make_unique<RequestMapper>(m_application, integer("RDDATAPORT"), text("Meida_ip"),
                                                m_database.get(), m_devices.get(), m_tasks.get());
     m_router->setTemplates(m_templates.get());
+    m_front->setOrigins(text("weborigins"));
     m_front->setRouter(m_router.get());
 
     m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_router.get());
