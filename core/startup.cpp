@@ -241,6 +241,7 @@ void Startup::serveHttp() {
                                                m_database.get(), m_devices.get(), m_tasks.get());
     m_router->setTemplates(m_templates.get());
     m_router->setGate(m_gate.get());
+    m_front->setOrigins(text("weborigins"));
     m_front->setRouter(m_router.get());
 
     m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_router.get());

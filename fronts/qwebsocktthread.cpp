@@ -1,50 +1,152 @@
 #include "fronts/qwebsocktthread.h"
 
+#include "fronts/websockethandshake.h"
+
+#include "api/call.h"
 #include "core/logthrottle.h"
 
 #include <QDebug>
 #include <QHostAddress>
-#include <QWebSocket>
+#include <QTcpSocket>
+#include <sys/socket.h>
 
-qwebsocktthread::qwebsocktthread(QWebSocket* socket, QObject* parent)
+using websocket::CloseCode;
+using websocket::Event;
+using websocket::Opcode;
+
+namespace {
+/// What is read at a time; the peer's own window holds the rest.
+constexpr qint64 ReadBuffer = 64 * 1024;
+} // namespace
+
+qwebsocktthread::qwebsocktthread(QTcpSocket* socket, QStringList origins, WebSocketBudget& budget,
+                                 QObject* parent)
     : QObject(parent)
-    , m_socket(socket) {
+    , m_socket(socket)
+    , m_origins(std::move(origins))
+    , m_budget(budget) {
     socket->setParent(this);
-    socket->setMaxAllowedIncomingFrameSize(MaxMessageBytes);
-    socket->setMaxAllowedIncomingMessageSize(MaxMessageBytes);
-    connect(socket, &QWebSocket::textMessageReceived, this, &qwebsocktthread::take);
-    connect(socket, &QWebSocket::binaryMessageReceived, this, [this] {
-        refuse(QWebSocketProtocol::CloseCodeDatatypeNotSupported, QStringLiteral("only text is understood"));
+    socket->setReadBufferSize(ReadBuffer);
+    socket->setSocketOption(QAbstractSocket::KeepAliveOption, 1);
+    connect(socket, &QTcpSocket::readyRead, this, &qwebsocktthread::receive);
+    connect(socket, &QTcpSocket::bytesWritten, this, &qwebsocktthread::written);
+    connect(socket, &QTcpSocket::disconnected, this, [this] {
+        m_state = State::Closing;
+        emit ended();
     });
-    connect(socket, &QWebSocket::pong, this, [this] { m_hasAnswered = true; });
-    connect(socket, &QWebSocket::disconnected, this, &QObject::deleteLater);
-    m_first.setSingleShot(true);
-    connect(&m_first, &QTimer::timeout, this,
-            [this] { refuse(QWebSocketProtocol::CloseCodePolicyViolated, QStringLiteral("no request")); });
-    m_first.start(FirstMessage);
-    connect(&m_ping, &QTimer::timeout, this, &qwebsocktthread::ping);
-    m_ping.start(PingInterval);
 }
 
-qwebsocktthread::~qwebsocktthread() = default;
+qwebsocktthread::~qwebsocktthread() {
+    m_socket->disconnect(this);
+    m_budget.bytes -= m_accounted;
+}
 
-void qwebsocktthread::take(const QString& message) {
-    m_first.stop();
-    const QByteArray bytes = message.toUtf8();
-    m_waiting.enqueue(bytes);
-    m_waitingBytes += bytes.size();
+/// Whether all connections together are within the budget.
+bool qwebsocktthread::account() {
+    const qint64 held =
+        m_handshake.size() + m_reader.heldBytes() + m_waitingBytes + m_busyBytes + m_socket->bytesToWrite();
+    m_budget.bytes += held - std::exchange(m_accounted, held);
+    return m_budget.bytes <= WebSocketBudget::MaxBytes;
+}
+
+void qwebsocktthread::receive() {
+    QByteArray bytes = m_socket->readAll();
+    if (m_state == State::Closing && (m_ignored += bytes.size()) > MaxIgnoredBytes)
+        return drop();
+    if (m_state == State::Handshake)
+        bytes = shakeHands(bytes);
+    std::string_view rest(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    while (m_state == State::Open && !rest.empty())
+        take(m_reader.read(rest));
+    if (m_state == State::Open && !m_reader.isWithinMessage())
+        m_lastMessage = Clock::now();
+    if (!account() && m_state == State::Open)
+        close(CloseCode::TryAgain, "too much is being sent at once");
+}
+
+/// What follows the handshake.
+QByteArray qwebsocktthread::shakeHands(const QByteArray& bytes) {
+    m_handshake += bytes;
+    const int end = m_handshake.indexOf("\r\n\r\n");
+    if (end < 0 && m_handshake.size() > MaxHandshakeBytes)
+        finish(websocket::refusedHandshake(431, "Request Header Fields Too Large"));
+    if (end < 0)
+        return {};
+    const QByteArray head = m_handshake.left(end + 4);
+    const QByteArray rest = m_handshake.mid(end + 4);
+    m_handshake.clear();
+    const websocket::Handshake answer = websocket::answerHandshake(head, m_origins);
+    if (answer.status != 101) {
+        qWarning("WebSocket: handshake of %s refused with %d", qPrintable(m_socket->peerAddress().toString()),
+                 answer.status);
+        finish(answer.answer);
+        return {};
+    }
+    m_state = State::Open;
+    m_lastMessage = Clock::now();
+    m_socket->write(answer.answer);
+    return rest;
+}
+
+void qwebsocktthread::take(const Event& event) {
+    const bool isControl = event.kind == Event::Kind::Ping || event.kind == Event::Kind::Pong;
+    if (isControl && isControlFlood())
+        return close(CloseCode::Policy, "too many pings");
+    switch (event.kind) {
+    case Event::Kind::None:
+        break;
+    case Event::Kind::Text:
+        takeText(event.payload);
+        break;
+    case Event::Kind::Ping:
+        pong(event.payload);
+        break;
+    case Event::Kind::Pong:
+        m_hasAnswered = true;
+        break;
+    case Event::Kind::Close:
+        finish(websocket::frame(Opcode::Close, event.payload.left(2)));
+        break;
+    case Event::Kind::Error:
+        close(event.code, event.reason);
+        break;
+    }
+}
+
+bool qwebsocktthread::isControlFlood() {
+    const auto now = Clock::now();
+    if (now - m_second >= std::chrono::seconds(1)) {
+        m_second = now;
+        m_controls = 0;
+    }
+    return ++m_controls > MaxControlFrames;
+}
+
+void qwebsocktthread::pong(const QByteArray& payload) {
+    if (m_socket->bytesToWrite() > MaxUnsentBytes)
+        return dropFor("does not read its replies");
+    m_socket->write(websocket::frame(Opcode::Pong, payload));
+}
+
+void qwebsocktthread::takeText(const QByteArray& message) {
+    m_hasAsked = true;
+    m_waiting.enqueue(message);
+    m_waitingBytes += message.capacity();
     if (m_waiting.size() > MaxWaiting || m_waitingBytes > MaxWaitingBytes)
-        refuse(QWebSocketProtocol::CloseCodePolicyViolated, QStringLiteral("too many requests wait"));
+        close(CloseCode::Policy, "too many requests wait");
     else
         next();
 }
 
 void qwebsocktthread::next() {
-    if (m_isBusy || m_waiting.isEmpty())
+    if (m_isBusy || m_waiting.isEmpty() || m_state != State::Open ||
+        m_socket->bytesToWrite() > MaxUnsentBytes)
         return;
     m_isBusy = true;
     const QByteArray message = m_waiting.dequeue();
-    m_waitingBytes -= message.size();
+    m_waitingBytes -= message.capacity();
+    m_busyBytes = message.capacity();
+    account();
     emit request(message);
 }
 
@@ -61,35 +163,77 @@ void qwebsocktthread::reply(const QByteArray& text, std::chrono::milliseconds de
 
 void qwebsocktthread::send(const QByteArray& text) {
     m_isBusy = false;
-    if (!m_socket->isValid())
+    m_busyBytes = 0;
+    if (m_state != State::Open)
         return;
-    if (m_socket->bytesToWrite() + text.size() > MaxUnsentBytes) {
-        if (mayLog("WebSocket: does not read", m_socket->peerAddress()))
-            qWarning().noquote() << "WebSocket: does not read its replies, dropped:"
-                                 << m_socket->peerAddress().toString();
-        m_socket->abort();
-        return;
-    }
-    m_socket->sendTextMessage(QString::fromUtf8(text));
+    const bool fits = account() && m_budget.bytes + text.size() <= WebSocketBudget::MaxBytes;
+    m_socket->write(websocket::frame(Opcode::Text, fits ? text : refusal(QStringLiteral("busy"))));
+    account();
     next();
 }
 
-void qwebsocktthread::ping() {
-    if (!m_hasAnswered) {
-        if (mayLog("WebSocket: no answer", m_socket->peerAddress()))
-            qInfo().noquote() << "WebSocket: no answer to a ping, dropped:"
-                              << m_socket->peerAddress().toString();
-        m_socket->abort();
-        return;
-    }
-    m_hasAnswered = false;
-    m_socket->ping();
+void qwebsocktthread::written() {
+    m_lastWritten = Clock::now();
+    account();
+    if (m_state == State::Closing && m_socket->bytesToWrite() == 0)
+        ::shutdown(static_cast<int>(m_socket->socketDescriptor()), SHUT_WR);
+    else
+        next();
 }
 
-void qwebsocktthread::refuse(int code, const QString& why) {
+void qwebsocktthread::tick(Clock::time_point now) {
+    if (m_socket->bytesToWrite() == 0)
+        m_lastWritten = now;
+    if (m_state == State::Closing) {
+        if (now - m_closing > CloseTime)
+            drop();
+    } else if (m_state == State::Handshake) {
+        if (now - m_begin > HandshakeTime)
+            drop();
+    } else if (now - m_lastWritten > UnreadTime) {
+        dropFor("does not read its replies");
+    } else if (m_reader.isWithinMessage() && now - m_lastMessage > MessageTime) {
+        close(CloseCode::Policy, "message without its end");
+    } else if (!m_hasAsked && now - m_begin > FirstMessage) {
+        close(CloseCode::Policy, "no request");
+    } else if (now - m_lastPing > PingInterval) {
+        ping(now);
+    }
+}
+
+void qwebsocktthread::ping(Clock::time_point now) {
+    if (!m_hasAnswered)
+        return dropFor("no answer to a ping");
+    m_hasAnswered = false;
+    m_lastPing = now;
+    m_socket->write(websocket::frame(Opcode::Ping, {}));
+}
+
+void qwebsocktthread::close(CloseCode code, const char* why) {
     if (mayLog("WebSocket: closed", m_socket->peerAddress()))
         qWarning().noquote() << "WebSocket: closed:" << m_socket->peerAddress().toString() << why;
+    finish(websocket::closeFrame(code, why));
+}
+
+/// Sends these as the last bytes, and reads no more: what still comes is thrown away for a while, since
+/// closing with unread data would reset the connection, and the reset can destroy the last bytes.
+void qwebsocktthread::finish(const QByteArray& lastBytes) {
+    m_state = State::Closing;
+    m_closing = Clock::now();
     m_waiting.clear();
-    m_isBusy = true; // nothing more is taken
-    m_socket->close(static_cast<QWebSocketProtocol::CloseCode>(code), why);
+    m_waitingBytes = 0;
+    m_handshake.clear();
+    m_socket->write(lastBytes);
+    account();
+}
+
+void qwebsocktthread::dropFor(const char* why) {
+    if (mayLog("WebSocket: dropped", m_socket->peerAddress()))
+        qWarning().noquote() << "WebSocket: dropped:" << m_socket->peerAddress().toString() << why;
+    drop();
+}
+
+void qwebsocktthread::drop() {
+    m_state = State::Closing;
+    m_socket->abort();
 }

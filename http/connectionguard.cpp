@@ -138,7 +138,7 @@ void ConnectionGuard::endOverdue(TimePoint now) {
         end(*socket);
     }
     for (HttpSocket* socket : m_bodies) {
-        if (isBodyOverdue(*socket, now))
+        if (isBodyOverdue(*socket, now) || hasLeft(*socket, now))
             end(*socket);
     }
     endOldHeads(now);
@@ -148,6 +148,14 @@ void ConnectionGuard::endOverdue(TimePoint now) {
 bool ConnectionGuard::isBodyOverdue(const HttpSocket& socket, TimePoint now) const {
     const std::chrono::seconds paid(socket.bodyBytes / MinBodyRate);
     return now - socket.lastData.load() > m_readTimeout || now - socket.phaseBegin > SlowBodyGrace + paid;
+}
+
+// The library overlooks an end that comes together with the last bytes before it.
+bool ConnectionGuard::hasLeft(const HttpSocket& socket, TimePoint now) {
+    constexpr std::chrono::seconds grace{1}; // for the engine to look at what it has read
+    char byte;
+    return now - socket.lastData.load() > grace &&
+           ::recv(socket.descriptor, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
 }
 
 void ConnectionGuard::drainLingering(TimePoint now) {

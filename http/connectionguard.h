@@ -76,6 +76,7 @@ private:
     void run();
     void endOverdue(TimePoint now);
     bool isBodyOverdue(const HttpSocket& socket, TimePoint now) const;
+    static bool hasLeft(const HttpSocket& socket, TimePoint now);
     void drainLingering(TimePoint now);
     /// Keeps reading what a refused client still sends: closing with unread data would reset the
     /// connection, and the reset can destroy the answer before the client has read it.

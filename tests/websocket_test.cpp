@@ -1,3 +1,4 @@
+#include "fronts/websocketframes.h"
 #include "support/speakers.h"
 #include "support/table.h"
 #include "support/testmain.h"
@@ -39,6 +40,61 @@ private slots:
         m_service = std::make_unique<Service>(options);
         QVERIFY(m_service->start());
         m_account = m_service->addAccount("front");
+    }
+
+    void frames_data() {
+        using websocket::frame;
+        using websocket::Opcode;
+        const Table<QByteArray, QByteArray> row{"bytes", "events"};
+        const QByteArray mask("\x01\x02\x03\x04");
+        const QByteArray hello = "\x81\x85" + mask + "igohn"; // "hello", masked
+        const auto empty = [&](int first, int second = 0x80) {
+            return QByteArray(1, char(first)) + char(second) + mask;
+        };
+        row("texts", hello + empty(0x81) + hello, "text hello;text ;text hello;");
+        row("fragments around a ping", empty(0x01) + empty(0x89) + "\x80\x85" + mask + "igohn",
+            "ping ;text hello;");
+        row("pong", empty(0x8a), "pong ;");
+        row("close with its code", "\x88\x82" + mask + "\x02\xea", "close \x03\xe8;");
+        row("close with half a code", "\x88\x81" + mask + "x", "error 1002;");
+        row("no mask", "\x81\x01x", "error 1002;");
+        row("reserved bit", empty(0xc1), "error 1002;");
+        row("unknown", empty(0x83), "error 1002;");
+        row("binary", empty(0x82), "error 1003;");
+        row("ping in pieces", empty(0x09), "error 1002;");
+        row("long ping", empty(0x89, 0xfe), "error 1002;");
+        row("lone continuation", empty(0x80), "error 1002;");
+        row("text within a text", empty(0x01) + empty(0x81), "error 1002;");
+        row("not UTF-8", "\x81\x81" + mask + "\xfe", "error 1007;");
+        row("length longer than need be", QByteArray("\x81\xfe\0\x05", 4) + mask, "error 1002;");
+        row("too long", QByteArray("\x81\xfe\x03\xe9") + mask, "error 1009;");
+        row("negative length", QByteArray("\x81\xff\xff\0\0\0\0\0\0\0", 10) + mask, "error 1009;");
+        row("too long together", "\x01\x85" + mask + "igohn" + QByteArray("\x80\xfe\x03\xe4", 4) + mask,
+            "error 1009;");
+        row("of the server's own making", frame(Opcode::Text, QByteArray(70000, 'x')).left(10),
+            "error 1002;");
+    }
+
+    /// In every division, with messages of up to 1,000 bytes.
+    void frames() {
+        QFETCH(QByteArray, bytes);
+        const char* const names[] = {"none", "text ", "ping ", "pong ", "close ", "error "};
+        for (const int piece : {1, 2, 7, 100'000}) {
+            websocket::FrameReader reader(1000);
+            QByteArray events;
+            for (int at = 0; at < bytes.size() && !events.contains("error"); at += piece) {
+                const QByteArray part = bytes.mid(at, piece);
+                std::string_view rest(part.constData(), static_cast<std::size_t>(part.size()));
+                while (!rest.empty() && !events.contains("error")) {
+                    const websocket::Event event = reader.read(rest);
+                    if (event.kind == websocket::Event::Kind::Error)
+                        events += "error " + QByteArray::number(int(event.code)) + ';';
+                    else if (event.kind != websocket::Event::Kind::None)
+                        events += names[int(event.kind)] + event.payload + ';';
+                }
+            }
+            QTEST(events, "events");
+        }
     }
 
     void refusals_data() {
