@@ -8,6 +8,7 @@
 #include <QDebug>
 #include <QHostAddress>
 #include <QTcpSocket>
+#include <QTimer>
 #include <sys/socket.h>
 
 using websocket::CloseCode;
