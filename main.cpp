@@ -1,4 +1,4 @@
-#include "core/run.h"
+#include "core/app/run.h"
 
 int main(int argc, char** argv) {
     return runService(argc, argv);

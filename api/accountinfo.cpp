@@ -2,7 +2,7 @@
 #include "api/dumpcontroller_add_user.h"
 
 #include "api/requestmapper.h"
-#include "core/sqlite.h"
+#include "api/strictsql.h"
 
 #include <optional>
 
@@ -13,7 +13,7 @@ const QString alarmDevices = QStringLiteral(
     "SELECT * FROM  sbox_device_info  WHERE ( `user_id` = '@user_id'  and iswarning = '99' );");
 
 /// The account's groups with their node and members; nothing when a statement failed.
-std::optional<QJsonArray> groups(sqlite& database, int userid) {
+std::optional<QJsonArray> groups(const StrictSql& database, int userid) {
     const SqlResult found = database.run(
         QStringLiteral(
             "SELECT sbox_group.*, sbox_node.nodeip, sbox_node.node_name, sbox_node.nodeport1, "

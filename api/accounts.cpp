@@ -2,7 +2,7 @@
 #include "api/dumpcontroller_add_user.h"
 
 #include "api/requestmapper.h"
-#include "core/sqlite.h"
+#include "api/strictsql.h"
 #include "device/severinit.h"
 #include "tasks/task_workque.h"
 
@@ -27,7 +27,7 @@ QString newToken(const QString& username, const QString& passwd, bool withRandom
     return QString::fromLatin1(hash.result().toHex());
 }
 
-SqlResult findLogin(sqlite& database, const Call& call) {
+SqlResult findLogin(const StrictSql& database, const Call& call) {
     return database.run(
         QStringLiteral(
             "select * from  `sbox_users` where ( `user_name` = '@username' and `user_pass` = '@passwd')"),
@@ -36,7 +36,7 @@ SqlResult findLogin(sqlite& database, const Call& call) {
 }
 
 /// 0 is an account of its own, another number an existing account.
-bool isUsableMaster(sqlite& database, const Call& call) {
+bool isUsableMaster(const StrictSql& database, const Call& call) {
     if (call.text("preid").isEmpty() || call.text("preid") == QLatin1String("0"))
         return true;
     return !database
@@ -57,7 +57,7 @@ QByteArray DumpController_add_user::user_gtoken(const Params& params) {
     if (login.isEmpty())
         return refuseLogin(call);
     const int userid = login.integer(0, "id");
-    const SqlResult update =
+    const ShownResult update =
         db().run(QStringLiteral("UPDATE  `sbox_users` SET `token`='@token' WHERE (`id`= '@userid')"),
                  {{QStringLiteral("@token"), token}, {QStringLiteral("@userid"), userid}});
     if (!update.ok)

@@ -4,8 +4,8 @@
 #include "api/requestmapper.h"
 #include "api/taskstore.h"
 
-#include "core/mainloop.h"
-#include "core/sqlite.h"
+#include "api/strictsql.h"
+#include "core/loop/mainloop.h"
 #include "device/severinit.h"
 #include "redis/core_corss.h"
 
@@ -57,7 +57,7 @@ QString percentEncoded(const QString& text) {
     return QString::fromLatin1(QUrl::toPercentEncoding(text));
 }
 
-bool isOwnSpeaker(sqlite& database, int userid, const QString& sn) {
+bool isOwnSpeaker(const StrictSql& database, int userid, const QString& sn) {
     const SqlResult rows =
         database.run(QStringLiteral("SELECT `id` FROM `sbox_device_info` WHERE (`device_seed` = "
                                     "'@sn' and `user_id` = '@userid');"),
@@ -65,7 +65,7 @@ bool isOwnSpeaker(sqlite& database, int userid, const QString& sn) {
     return rows.ok && !rows.isEmpty();
 }
 
-bool areOwnSpeakers(sqlite& database, int userid, const QStringList& serials) {
+bool areOwnSpeakers(const StrictSql& database, int userid, const QStringList& serials) {
     for (const QString& sn : serials)
         if (!isOwnSpeaker(database, userid, sn))
             return false;
@@ -99,9 +99,9 @@ SqlArgs registrationArgs(const LineRegistration& line) {
 }
 
 /// Stores the binding in place of the one that the line had before.
-SqlResult storeRegistration(sqlite& database, const LineRegistration& line) {
+ShownResult storeRegistration(const StrictSql& database, const LineRegistration& line) {
     const SqlArgs args = registrationArgs(line);
-    SqlResult result;
+    ShownResult result;
     const bool committed = database.transaction([&] {
         result =
             database.run(QStringLiteral("DELETE FROM `warregister` WHERE (`userid` = '@userid'  and  `sn` = "
@@ -234,8 +234,8 @@ QByteArray DumpController_add_user::user_reg_DOPane(const Params& params) {
     if (!areOnline(m_devices, {sn}))
         return refusal(QStringLiteral("unline_error"));
     const QString address = planAddress(*m_mapper, call.number("pltid"));
-    const SqlResult stored = storeRegistration(db(), {sn, BindingKind::Plan, address, call.text("dname"),
-                                                      plan.text(0, "name"), call.userid(), line});
+    const ShownResult stored = storeRegistration(db(), {sn, BindingKind::Plan, address, call.text("dname"),
+                                                        plan.text(0, "name"), call.userid(), line});
     if (!stored.ok)
         return refusal(QStringLiteral("exec_error"));
     commands()->WarningAS(sn, address + line);
@@ -254,7 +254,7 @@ QByteArray DumpController_add_user::user_reg_DOFile(const Params& params) {
         return refusal(QStringLiteral("exec_error"));
     if (!areOnline(m_devices, {sn}))
         return refusal(QStringLiteral("unline_error"));
-    const SqlResult stored =
+    const ShownResult stored =
         storeRegistration(db(), {sn, BindingKind::File, call.text("url"), call.text("dname"),
                                  call.text("filename"), call.userid(), line});
     if (!stored.ok)

@@ -1,7 +1,7 @@
 #include "api/call.h"
 
 #include "api/requestmapper.h"
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 
 #include <algorithm>
 #include <array>

@@ -2,8 +2,8 @@
 #include "api/dumpcontroller_add_user.h"
 
 #include "api/requestmapper.h"
-#include "core/mainloop.h"
-#include "core/sqlite.h"
+#include "api/strictsql.h"
+#include "core/loop/mainloop.h"
 #include "device/saobj.h"
 #include "device/severinit.h"
 #include "redis/core_corss.h"
@@ -48,7 +48,8 @@ QString accountSerial(int userid, const QString& sn) {
     return QString::number(userid) + sn;
 }
 
-SqlResult insertDevice(sqlite& database, int userid, const QString& name, const QString& sn, int iswarning) {
+SqlResult insertDevice(const StrictSql& database, int userid, const QString& name, const QString& sn,
+                       int iswarning) {
     return database.run(
         QStringLiteral(
             "INSERT INTO  `sbox_device_info` (`user_id`, `device_name`, `device_code`, `device_seed`, "
@@ -76,7 +77,7 @@ QByteArray changed(const SqlResult& result, int userid, const char* nothing) {
 }
 
 /// The serial of a stored device; empty when there is none of this id.
-QString serialOf(sqlite& database, int id) {
+QString serialOf(const StrictSql& database, int id) {
     const SqlResult row =
         database.run(QStringLiteral("SELECT `device_seed` FROM `sbox_device_info` WHERE `id` = '@id' ;"),
                      {{QStringLiteral("@id"), id}});
@@ -84,7 +85,7 @@ QString serialOf(sqlite& database, int id) {
 }
 
 /// The registry treats a serial that no account has any more as a stranger's.
-void tellIfForgotten(sqlite& database, Severinit& devices, const QString& sn) {
+void tellIfForgotten(const StrictSql& database, Severinit& devices, const QString& sn) {
     const SqlResult rows = database.run(
         QStringLiteral("SELECT `id` FROM `sbox_device_info` WHERE `device_seed` = '@sn' limit 1 ;"),
         {{QStringLiteral("@sn"), sn}});
@@ -116,7 +117,7 @@ QVector<LiveState> liveStates(Severinit* devices, const SqlResult& rows) {
     });
 }
 
-SqlResult webLogin(sqlite& database, const Call& call) {
+SqlResult webLogin(const StrictSql& database, const Call& call) {
     return database.run(
         QStringLiteral("SELECT * FROM  sbox_users where  user_name = '@username' and user_pass = '@passwd';"),
         {{QStringLiteral("@username"), call.text("username")},

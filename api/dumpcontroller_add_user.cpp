@@ -2,7 +2,7 @@
 
 #include "api/requestmapper.h"
 #include "api/routes.h"
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 #include "device/severinit.h"
 #include "http/httprequest.h"
 #include "http/httpresponse.h"

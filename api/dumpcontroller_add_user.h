@@ -2,6 +2,7 @@
 
 #include "api/call.h"
 #include "api/querytable.h"
+#include "api/strictsql.h"
 #include "http/httprequesthandler.h"
 
 #include <chrono>
@@ -167,7 +168,7 @@ private:
     QByteArray refuseLogin(const Call& call, const QString& word = QStringLiteral("ER_REJECT"));
     /// Takes over what a command left of the token that it ends, and counts a wrong login.
     void afterCommand(const QueryTable::Command& command, const Params&, const QByteArray& answer);
-    sqlite& db() const { return *m_database; } ///< this worker's own
+    StrictSql db() const { return StrictSql(*m_database); } ///< this worker's own
     /// Sends commands to this node's command server, which the main loop is free to serve meanwhile.
     std::unique_ptr<Core_corss> commands() const;
     /// The audio uploads' common body; `sizeKey` is the key that carries the size in bytes.

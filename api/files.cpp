@@ -3,7 +3,7 @@
 #include "api/filestore.h"
 #include "api/requestmapper.h"
 
-#include "core/sqlite.h"
+#include "api/strictsql.h"
 #include "device/severinit.h"
 #include "http/httprequest.h"
 
@@ -39,7 +39,7 @@ QJsonObject listedFile(const SqlResult& rows, int row, const QString& urlPrefix)
     return file;
 }
 
-QByteArray listReply(sqlite& database, int userid, const QString& urlPrefix) {
+QByteArray listReply(const StrictSql& database, int userid, const QString& urlPrefix) {
     const SqlResult rows =
         database.run(QStringLiteral("SELECT  *  FROM   `userfile`   where userid = '@userid'"),
                      {{QStringLiteral("@userid"), userid}});

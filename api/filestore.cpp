@@ -1,7 +1,7 @@
 #include "api/filestore.h"
 
 #include "api/call.h"
-#include "core/sqlite.h"
+#include "api/strictsql.h"
 #include "http/httprequest.h"
 
 #include <cstdio>
@@ -31,14 +31,14 @@ SqlArgs rowOf(const AudioUpload& upload, const StoredAudio& audio) {
 }
 
 /// Writes the row, taking over the one that this user already has for the address.
-SqlResult writeRow(sqlite& database, const AudioUpload& upload, StoredAudio& audio) {
+ShownResult writeRow(const StrictSql& database, const AudioUpload& upload, StoredAudio& audio) {
     const SqlArgs args = rowOf(upload, audio);
-    const SqlResult old = database.run(
+    const ShownResult old = database.run(
         QStringLiteral("SELECT `id` FROM `userfile` WHERE (`userid` = '@userid' and `url` = '@url')"), args);
     if (!old.ok)
         return old;
     if (old.isEmpty()) {
-        const SqlResult added = database.run(
+        const ShownResult added = database.run(
             QStringLiteral("INSERT INTO  `userfile` (`userid`, `filename`, `url`, `len`, `crl`,   `ziuse`, "
                            "`sizeByte`)                             VALUES ( '@userid', '@filename', '@url', "
                            "'@len' , '@crl' , 1 , '@filesize' )"),
@@ -141,7 +141,7 @@ QByteArray StoreResult::refusalReply() const {
     return reply(object);
 }
 
-StoreResult storeAudio(sqlite& database, const FileStore& store, const AudioUpload& upload,
+StoreResult storeAudio(const StrictSql& database, const FileStore& store, const AudioUpload& upload,
                        const QString& source, const QTemporaryDir& work) {
     const QString encoded = work.filePath(QStringLiteral("encoded.mp3"));
     const audio::Outcome outcome = audio::encode(source, encoded, work.path(), upload.bitrate);
@@ -157,7 +157,7 @@ StoreResult storeAudio(sqlite& database, const FileStore& store, const AudioUplo
     if (!store.install(encoded, audio.url))
         return {std::nullopt, QStringLiteral("exc_error_ext"), {}};
     if (upload.withRow) {
-        const SqlResult row = writeRow(database, upload, audio);
+        const ShownResult row = writeRow(database, upload, audio);
         if (!row.ok)
             return {std::nullopt, QStringLiteral("ER_EXE"), row.sql};
     }

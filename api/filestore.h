@@ -12,6 +12,7 @@ class Call;
 class HttpRequest;
 class QIODevice;
 class sqlite;
+class StrictSql;
 
 /// Where uploaded files live below the working directory `runingdir`, and how they get there. The
 /// document root is `runingdir`/etc/docroot; addresses are relative to it. One object for one
@@ -82,5 +83,5 @@ struct AudioUpload {
 
 /// Encodes `source` (in `work`), installs it and writes its row of `userfile`. A file of the same name
 /// and user is replaced, and its row keeps its id, so that tasks which play it go on with the new one.
-StoreResult storeAudio(sqlite& database, const FileStore& store, const AudioUpload& upload,
+StoreResult storeAudio(const StrictSql& database, const FileStore& store, const AudioUpload& upload,
                        const QString& source, const QTemporaryDir& work);

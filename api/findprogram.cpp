@@ -1,7 +1,7 @@
 #include "api/findprogram.h"
 
 #include "api/program.h"
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 
 #include <QJsonDocument>
 

@@ -2,7 +2,7 @@
 #include "api/dumpcontroller_add_user.h"
 
 #include "api/requestmapper.h"
-#include "core/sqlite.h"
+#include "api/strictsql.h"
 
 #include <QHash>
 
@@ -18,7 +18,7 @@ QByteArray failed() {
 }
 
 /// The steps that lead to one group of the caller; refused() of the call tells why not.
-bool openGroup(Call& call, sqlite& database, std::initializer_list<const char*> names) {
+bool openGroup(Call& call, const StrictSql& database, std::initializer_list<const char*> names) {
     if (!call.require(names, "ParERuser_add_dev") || !call.authenticate())
         return false;
     const SqlResult own = database.run(
@@ -29,20 +29,20 @@ bool openGroup(Call& call, sqlite& database, std::initializer_list<const char*> 
     return !own.isEmpty() || call.refuse(refusal(QStringLiteral("_FALSE7")));
 }
 
-SqlResult deleteMembers(sqlite& database, const Call& call) {
+SqlResult deleteMembers(const StrictSql& database, const Call& call) {
     return database.run(
         QStringLiteral("Delete FROM  group_seed where gid = '@gid' and userid = '@userid';"),
         {{QStringLiteral("@gid"), call.number("gid")}, {QStringLiteral("@userid"), call.userid()}});
 }
 
-SqlResult listGroups(sqlite& database, const Call& call) {
+SqlResult listGroups(const StrictSql& database, const Call& call) {
     return database.run(QStringLiteral("SELECT * FROM  sbox_group where userid = '@userid' ;"),
                         {{QStringLiteral("@userid"), call.userid()}});
 }
 
 /// Makes the account's own devices among `ids` the members of the group. Returns how many they are,
 /// -1 when a statement failed.
-int insertMembers(sqlite& database, const Call& call, const QList<qint64>& ids) {
+int insertMembers(const StrictSql& database, const Call& call, const QList<qint64>& ids) {
     if (ids.isEmpty())
         return 0;
     const SqlResult devices = database.run(

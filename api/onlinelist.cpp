@@ -1,7 +1,7 @@
 #include "api/onlinelist.h"
 
 #include "api/call.h"
-#include "core/mainloop.h"
+#include "core/loop/mainloop.h"
 #include "device/severinit.h"
 
 #include <QJsonArray>

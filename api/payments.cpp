@@ -2,7 +2,7 @@
 #include "api/dumpcontroller_add_user.h"
 
 #include "api/requestmapper.h"
-#include "core/sqlite.h"
+#include "api/strictsql.h"
 
 #include <QDate>
 
@@ -19,7 +19,7 @@ bool holdsPayKey(const sqlite& database, const Call& call) {
 
 /// The rows that a statement about one account gives. With `tokenpaths` the account's token or the key of
 /// payments is asked for.
-QByteArray listFor(sqlite& database, Call call, const QString& statement) {
+QByteArray listFor(const StrictSql& database, Call call, const QString& statement) {
     if (!call.has("userid"))
         return refusal(QStringLiteral("ParER"));
     if (database.site.tokenpaths && !holdsPayKey(database, call) &&

@@ -2,7 +2,7 @@
 #include "api/dumpcontroller_add_user.h"
 
 #include "api/requestmapper.h"
-#include "core/sqlite.h"
+#include "api/strictsql.h"
 
 #include <QHash>
 #include <QJsonArray>
@@ -40,7 +40,7 @@ QByteArray rowsReply(const SqlResult& result) {
 }
 
 /// Switches every task of a plan. Number 0 names the tasks without a plan, which are not one.
-QByteArray switchPlan(Call& call, sqlite& database, const QString& statement) {
+QByteArray switchPlan(Call& call, const StrictSql& database, const QString& statement) {
     if (!call.require({"pid"}, ParameterError) || !call.authenticate())
         return call.refused();
     if (call.number("pid") < 1)

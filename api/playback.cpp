@@ -3,7 +3,7 @@
 
 #include "api/plankeys.h"
 #include "api/requestmapper.h"
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 #include "redis/core_corss.h"
 #include "tasks/ownership.h"
 

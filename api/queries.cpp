@@ -4,7 +4,7 @@
 #include "api/findprogram.h"
 #include "api/querytable.h"
 #include "api/requestmapper.h"
-#include "core/sqlite.h"
+#include "api/strictsql.h"
 #include "device/severinit.h"
 
 #include <algorithm>
@@ -103,7 +103,8 @@ void take(const QueryTable::Step& step, const SqlResult& result, Values& values)
 }
 
 /// Returns the word that refuses, null when all went well.
-const char* runStep(sqlite& database, const QueryTable::Step& step, Values& values, SqlResult& result) {
+const char* runStep(const StrictSql& database, const QueryTable::Step& step, Values& values,
+                    SqlResult& result) {
     result = database.run(step.statement, arguments(values));
     if (!result.ok)
         return "ER_EXE";
@@ -115,7 +116,8 @@ const char* runStep(sqlite& database, const QueryTable::Step& step, Values& valu
 }
 
 /// Runs the steps one after the other, as runStep(); `result` is then the last step's.
-const char* runSteps(sqlite& database, const QueryTable::Command& command, Values values, SqlResult& result) {
+const char* runSteps(const StrictSql& database, const QueryTable::Command& command, Values values,
+                     SqlResult& result) {
     for (const QueryTable::Step& step : command.steps) {
         if (const char* const fault = runStep(database, step, values, result))
             return fault;
@@ -125,7 +127,7 @@ const char* runSteps(sqlite& database, const QueryTable::Command& command, Value
 
 /// Whether the caller may have the command: its checks alone, which is far less than starting a program for
 /// anybody.
-const char* runChecks(sqlite& database, const QueryTable::Command& command, Values values) {
+const char* runChecks(const StrictSql& database, const QueryTable::Command& command, Values values) {
     SqlResult result;
     for (const QueryTable::Step& step : command.steps) {
         const char* const fault = step.isCheck ? runStep(database, step, values, result) : nullptr;
@@ -160,7 +162,7 @@ QJsonArray visibleRows(const SqlResult& result) {
     return rows;
 }
 
-QByteArray runCommand(sqlite& database, const QueryTable::Command& command, const Values& values) {
+QByteArray runCommand(const StrictSql& database, const QueryTable::Command& command, const Values& values) {
     SqlResult result;
     const char* fault = nullptr;
     const auto run = [&] {
@@ -193,7 +195,7 @@ QByteArray refuseCommand(const QueryTable::Command& command, const Call& call, c
     return {};
 }
 
-QByteArray outputOf(sqlite& database, const QueryTable::Command& command, const Values& values,
+QByteArray outputOf(const StrictSql& database, const QueryTable::Command& command, const Values& values,
                     const QString& path, const Params& params) {
     if (const char* const fault = runChecks(database, command, values))
         return refusal(QLatin1String(fault));

@@ -5,7 +5,7 @@
 #include "api/filestore.h"
 #include "api/plankeys.h"
 #include "api/routes.h"
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 #include "http/httprequest.h"
 #include "http/httpresponse.h"
 

@@ -2,7 +2,7 @@
 #include "api/filestore.h"
 #include "api/program.h"
 
-#include "core/sqlite.h"
+#include "api/strictsql.h"
 #include "redis/core_corss.h"
 
 #include <QDir>
@@ -66,7 +66,7 @@ bool speak(const sqlite::Site& site, const SpeechOrder& order, const QString& ou
     return runProgram(run).ok();
 }
 
-StoreResult speakAndStore(sqlite& database, const FileStore& store, const SpeechOrder& order,
+StoreResult speakAndStore(const StrictSql& database, const FileStore& store, const SpeechOrder& order,
                           const AudioUpload& upload) {
     const auto work = store.workDirectory();
     const QString spoken = QDir(work->path()).absoluteFilePath(QStringLiteral("speech.wav"));

@@ -2,13 +2,13 @@
 #include "api/dumpcontroller_add_user.h"
 
 #include "api/requestmapper.h"
+#include "api/strictsql.h"
 #include "api/taskstore.h"
-#include "core/mainloop.h"
-#include "core/sqlite.h"
+#include "core/loop/mainloop.h"
 #include "device/severinit.h"
 #include "tasks/ownership.h"
+#include "tasks/schedule/tasktime.h"
 #include "tasks/task_workque.h"
-#include "tasks/tasktime.h"
 
 #include <QDebug>
 #include <QJsonArray>
@@ -73,7 +73,7 @@ const Members Files{
 const QString DeleteFiles = QStringLiteral("DELETE FROM  `taskfile` WHERE (`taskid` = '@taskid');");
 const QString DeleteDevices = QStringLiteral("DELETE FROM  `taskseed` WHERE (`taskid` = '@taskid');");
 
-bool insertAll(sqlite& database, const QString& statement, const Members& members, qint64 taskid,
+bool insertAll(const StrictSql& database, const QString& statement, const Members& members, qint64 taskid,
                const QList<qint64>& ids) {
     for (const qint64 id : ids) {
         if (!database.run(statement, {{QStringLiteral("@taskid"), taskid}, {members.placeholder, id}}).ok)
@@ -82,7 +82,7 @@ bool insertAll(sqlite& database, const QString& statement, const Members& member
     return true;
 }
 
-bool replaceAll(sqlite& database, const Members& members, int taskid, const QList<qint64>& ids) {
+bool replaceAll(const StrictSql& database, const Members& members, int taskid, const QList<qint64>& ids) {
     const SqlArg task{QStringLiteral("@taskid"), taskid};
     return database.run(members.remove, {task}).ok &&
            insertAll(database, members.insert, members, taskid, ids) &&
@@ -102,7 +102,8 @@ QList<qint64> withoutRepeats(const QList<qint64>& ids) {
 }
 
 /// Null when a task may hold these members, else the refusal's word.
-const char* membersFault(sqlite& database, int userid, const Members& members, const QList<qint64>& ids) {
+const char* membersFault(const StrictSql& database, int userid, const Members& members,
+                         const QList<qint64>& ids) {
     if (!isOwnOnly(database))
         return nullptr;
     const auto own = members.own(database, userid, ids);
@@ -113,7 +114,7 @@ const char* membersFault(sqlite& database, int userid, const Members& members, c
 }
 
 /// The rows of a task's members that its account may see, with "id" the member's own, not the link row's.
-std::optional<QVector<QJsonObject>> memberRows(sqlite& database, int userid, const Members& members,
+std::optional<QVector<QJsonObject>> memberRows(const StrictSql& database, int userid, const Members& members,
                                                int taskid) {
     const SqlResult found = database.run(members.select, {{QStringLiteral("@taskid"), taskid}});
     QList<qint64> ids;
@@ -195,7 +196,8 @@ constexpr EditField EditFields[] = {
 };
 
 /// A new task's row, but for its speakers and files. Null when it is complete, else the refusal's word.
-const char* readNewTask(sqlite& database, const Call& call, const QList<qint64>& files, SqlArgs& row) {
+const char* readNewTask(const StrictSql& database, const Call& call, const QList<qint64>& files,
+                        SqlArgs& row) {
     const auto start = secondsOfTime(call.text("start_time"));
     if (!start) {
         qInfo() << "start_time h:m:s" << call.text("start_time");
@@ -341,7 +343,7 @@ QByteArray DumpController_add_user::user_edit_task_(const Params& params) {
     if (statement.endsWith(QLatin1Char(',')))
         statement.chop(1);
     statement += QStringLiteral(" WHERE (`id` = '@taskid' and  `userid` = '@userid' );");
-    const SqlResult edited = db().run(statement, args);
+    const ShownResult edited = db().run(statement, args);
     if (!edited.ok)
         return reply({{QStringLiteral("res"), false},
                       {QStringLiteral("info"), QStringLiteral("ER_EXE")},
@@ -351,7 +353,7 @@ QByteArray DumpController_add_user::user_edit_task_(const Params& params) {
 
 namespace {
 
-QByteArray editMembers(Call& call, sqlite& database, const char* parameter, const Members& members) {
+QByteArray editMembers(Call& call, const StrictSql& database, const char* parameter, const Members& members) {
     if (!call.require({"taskid", parameter}, "Parer") || !call.authenticate())
         return call.refused();
     auto ids = idList(call.text(parameter));
@@ -385,7 +387,7 @@ QByteArray DumpController_add_user::user_edit_task_files(const Params& params) {
 namespace {
 
 /// The task is gone and shall be heard no more. A queue on another node takes requests only.
-void endPlay(Task_workque* tasks, sqlite& database, int userid, int taskid) {
+void endPlay(Task_workque* tasks, const StrictSql& database, int userid, int taskid) {
     if (tasks)
         callOnLoop(tasks, [=] { tasks->endTask(static_cast<quint64>(taskid)); });
     else
@@ -450,7 +452,7 @@ QByteArray DumpController_add_user::user_start_task(const Params& params) {
 namespace {
 
 /// Why a task can't be stopped, in the words for it; null when it can.
-const char* stopRefusal(sqlite& database, int userid, int taskid) {
+const char* stopRefusal(const StrictSql& database, int userid, int taskid) {
     const SqlArgs user{{QStringLiteral("@userid"), userid}};
     const SqlResult requests = database.run(SelectRequests, user);
     if (!requests.ok)

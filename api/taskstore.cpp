@@ -1,8 +1,8 @@
 #include "api/taskstore.h"
 
 #include "api/call.h"
-#include "core/sqlite.h"
-#include "tasks/tasktime.h"
+#include "api/strictsql.h"
+#include "tasks/schedule/tasktime.h"
 
 #include <algorithm>
 #include <QHash>
@@ -22,7 +22,7 @@ const QString InsertStart = QStringLiteral(
     "'1', '@userid', '1', '@info');");
 
 /// Seconds that the account's own files among these play, one after the other.
-qint64 filesLength(sqlite& database, int userid, const QList<qint64>& files) {
+qint64 filesLength(const StrictSql& database, int userid, const QList<qint64>& files) {
     const SqlResult found = database.run(
         SelectOwnFiles, {{QStringLiteral("@fidstr"), files}, {QStringLiteral("@userid"), userid}});
     QHash<qint64, qint64> lengths;
@@ -55,7 +55,8 @@ QString commaList(const QList<qint64>& ids) {
     return texts.join(QLatin1Char(','));
 }
 
-std::optional<int> playLength(sqlite& database, const Call& call, const QList<qint64>& files, int times) {
+std::optional<int> playLength(const StrictSql& database, const Call& call, const QList<qint64>& files,
+                              int times) {
     const int shortest = database.site.tasklenmin;
     if (call.text("len").isEmpty()) {
         const qint64 wanted = filesLength(database, call.userid(), files) * std::clamp(times, 1, 1000);
@@ -67,7 +68,7 @@ std::optional<int> playLength(sqlite& database, const Call& call, const QList<qi
     return length;
 }
 
-SqlResult ownTask(sqlite& database, int userid, int taskid) {
+SqlResult ownTask(const StrictSql& database, int userid, int taskid) {
     return database.run(SelectOwnTask,
                         {{QStringLiteral("@userid"), userid}, {QStringLiteral("@id"), taskid}});
 }
@@ -81,7 +82,7 @@ QJsonObject taskObject(const SqlResult& tasks, int row) {
     return task;
 }
 
-StartRequest requestStart(sqlite& database, int userid, int taskid, const QString& info) {
+StartRequest requestStart(const StrictSql& database, int userid, int taskid, const QString& info) {
     const SqlResult task = ownTask(database, userid, taskid);
     if (task.ok && task.isEmpty())
         return StartRequest::NotOwn;

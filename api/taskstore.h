@@ -7,6 +7,7 @@
 
 class Call;
 class sqlite;
+class StrictSql;
 struct SqlResult;
 
 // What the endpoints for tasks, plans and temporary plays share. Any thread, on its own database object.
@@ -19,10 +20,11 @@ QString commaList(const QList<qint64>& ids);
 
 /// A play's length in seconds. Without the parameter "len": as long as the files play, `times` over.
 /// nullopt for a length outside the limits.
-std::optional<int> playLength(sqlite& database, const Call& call, const QList<qint64>& files, int times);
+std::optional<int> playLength(const StrictSql& database, const Call& call, const QList<qint64>& files,
+                              int times);
 
 /// The caller's task; no row when it is not his.
-SqlResult ownTask(sqlite& database, int userid, int taskid);
+SqlResult ownTask(const StrictSql& database, int userid, int taskid);
 
 /// A task's row as clients get it: the columns, and its time and dates as texts.
 QJsonObject taskObject(const SqlResult& tasks, int row);
@@ -30,4 +32,4 @@ QJsonObject taskObject(const SqlResult& tasks, int row);
 enum class StartRequest { Done, NotOwn, Working, Failed };
 /// Asks the task queue to start a task of this account, unless that is asked already or it plays.
 /// `info` is the request's origin; one that begins with "Waringstar" plays as an alarm.
-StartRequest requestStart(sqlite& database, int userid, int taskid, const QString& info);
+StartRequest requestStart(const StrictSql& database, int userid, int taskid, const QString& info);

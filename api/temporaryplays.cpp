@@ -3,7 +3,7 @@
 
 #include "api/requestmapper.h"
 #include "api/taskstore.h"
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 #include "device/severinit.h"
 
 #include <QJsonArray>

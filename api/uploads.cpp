@@ -2,7 +2,7 @@
 #include "api/dumpcontroller_add_user.h"
 #include "api/filestore.h"
 
-#include "core/sqlite.h"
+#include "api/strictsql.h"
 #include "http/httprequest.h"
 
 #include <QJsonObject>
@@ -21,7 +21,7 @@ QByteArray stored(const FileStore& store, const QString& url) {
                   {QStringLiteral("playurl"), store.playUrl(url)}});
 }
 
-QByteArray failedStatement(const SqlResult& result) {
+QByteArray failedStatement(const ShownResult& result) {
     return reply({{QStringLiteral("res"), false},
                   {QStringLiteral("info"), QStringLiteral("ER_EXE")},
                   {QStringLiteral("sqline"), result.sql}});
@@ -39,7 +39,7 @@ QString pictureSuffixOf(QTemporaryFile& upload) {
 }
 
 /// Whether the picture paths refuse the account, which must be an administrator's with `adminpictures`.
-bool mayNotChangePictures(sqlite& database, int userid) {
+bool mayNotChangePictures(const StrictSql& database, int userid) {
     if (!database.site.adminpictures)
         return false;
     const SqlResult account =
@@ -103,7 +103,7 @@ QByteArray DumpController_add_user::user_reg_fileallk(const Params& params, Http
     const SqlArgs args{{QStringLiteral("@userid"), call.userid()},
                        {QStringLiteral("@path"), url},
                        {QStringLiteral("@filename"), name}};
-    const SqlResult known = db().run(
+    const ShownResult known = db().run(
         QStringLiteral("SELECT `id` FROM `sharefiles` WHERE (`userid` = '@userid' and `path` = '@path')"),
         args);
     if (!known.ok)
@@ -112,7 +112,7 @@ QByteArray DumpController_add_user::user_reg_fileallk(const Params& params, Http
         return refusal(QStringLiteral("exc_error_ext"));
     if (!known.isEmpty())
         return stored(store, url);
-    const SqlResult added =
+    const ShownResult added =
         db().run(QStringLiteral("INSERT INTO  `sharefiles` (`userid`, `path`, `uname`) VALUES "
                                 "('@userid', '@path', '@filename');"),
                  args);
@@ -138,7 +138,7 @@ QByteArray DumpController_add_user::swapupload(const Params& params, HttpRequest
         QStringLiteral("static/swap_%1.%2").arg(QUuid::createUuid().toString(QUuid::Id128), suffix);
     if (!place(store, *file, url) || !place(store, *file, QStringLiteral("tmp.jpg")))
         return refusal(QStringLiteral("exc_error_ext"));
-    const SqlResult added =
+    const ShownResult added =
         db().run(QStringLiteral("INSERT INTO  `swap_info` (`url`, `title`, `type`, `to`) VALUES "
                                 "('@url', '@title', '@type', '@to');"),
                  {{QStringLiteral("@url"), url},

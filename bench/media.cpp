@@ -7,7 +7,7 @@
 #include "fleet_load.h"
 #include "fleet_wire.h"
 #include "process.h"
-#include "tasks/mgfile.h"
+#include "tasks/alarms/mgfile.h"
 
 #include <algorithm>
 #include <array>

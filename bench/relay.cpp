@@ -2,7 +2,7 @@
 // account in the same second, and right after 60 tasks that end in one second. With the pause between
 // two commands as it is fixed and without one.
 //     relay
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 #include "nodes/gate.h"
 #include "support/scriptednode.h"
 #include "support/waitfor.h"

@@ -1,7 +1,7 @@
 // How long the task queue keeps the main loop: a thousand bells in one second, one bell for a whole
 // fleet, and the fleet's state written back. Prints the longest turn of the loop in each case.
 //     taskqueue [speakers] [tasks]
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 #include "support/scriptednode.h"
 #include "support/waitfor.h"
 #include "tasks/nodeque.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "device/addressfilter.h"
+#include "core/loop/addressfilter.h"
 #include "device/didocmd.h"
 
 #include <memory>

@@ -1,7 +1,7 @@
 #include "device/fortcpclient.h"
 
-#include "core/fetch.h"
 #include "core/logthrottle.h"
+#include "core/loop/fetch.h"
 
 #include <chrono>
 #include <QDebug>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "core/pooled.h"
-#include "core/timingwheel.h"
-#include "device/devicesocket.h"
+#include "core/loop/devicesocket.h"
+#include "core/loop/pooled.h"
+#include "core/loop/timingwheel.h"
 #include "device/sessionenv.h"
 
 #include <chrono>

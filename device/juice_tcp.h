@@ -1,7 +1,7 @@
 #pragma once
 
-#include "core/timingwheel.h"
-#include "device/devicesocket.h"
+#include "core/loop/devicesocket.h"
+#include "core/loop/timingwheel.h"
 
 #include <memory>
 #include <QByteArray>

@@ -1,6 +1,6 @@
 #include "device/lobby.h"
 
-#include "device/devicesocket.h"
+#include "core/loop/devicesocket.h"
 #include "device/juice_tcp.h"
 
 Lobby::Lobby(QString name, TimingWheel& wheel)

@@ -1,12 +1,12 @@
 #include "device/mp3dataserver.h"
 
 #include "core/logthrottle.h"
-#include "device/devicesocket.h"
+#include "core/loop/devicesocket.h"
+#include "core/loop/tcpacceptor.h"
 #include "device/lobby.h"
 #include "device/packets.h"
 #include "device/saobj.h"
 #include "device/severinit.h"
-#include "device/tcpacceptor.h"
 
 #include <QDebug>
 #include <QJsonObject>

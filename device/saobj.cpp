@@ -1,6 +1,6 @@
 #include "device/saobj.h"
 
-#include "device/devicesocket.h"
+#include "core/loop/devicesocket.h"
 #include "device/fortcpclient.h"
 
 #include <chrono>

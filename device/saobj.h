@@ -1,9 +1,9 @@
 #pragma once
 
-#include "core/fetch.h"
-#include "core/pooled.h"
-#include "core/timingwheel.h"
-#include "device/devicesocket.h"
+#include "core/loop/devicesocket.h"
+#include "core/loop/fetch.h"
+#include "core/loop/pooled.h"
+#include "core/loop/timingwheel.h"
 #include "device/sessionenv.h"
 #include "device/strangers.h"
 

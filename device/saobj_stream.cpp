@@ -1,5 +1,5 @@
 #include "core/logthrottle.h"
-#include "device/devicesocket.h"
+#include "core/loop/devicesocket.h"
 #include "device/fortcpclient.h"
 #include "device/packets.h"
 #include "device/saobj.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/timingwheel.h"
+#include "core/loop/timingwheel.h"
 #include "device/statemirror.h"
 
 #include <chrono>

@@ -1,14 +1,14 @@
 #include "device/sever_listen.h"
 
 #include "core/logthrottle.h"
-#include "device/devicesocket.h"
+#include "core/loop/devicesocket.h"
+#include "core/loop/tcpacceptor.h"
 #include "device/fortcpclient.h"
 #include "device/lobby.h"
 #include "device/mp3dataserver.h"
 #include "device/packets.h"
 #include "device/saobj.h"
 #include "device/severinit.h"
-#include "device/tcpacceptor.h"
 #include "device/volume.h"
 
 #include <chrono>

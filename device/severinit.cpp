@@ -1,8 +1,8 @@
 #include "device/severinit.h"
 
 #include "core/logthrottle.h"
+#include "core/loop/devicesocket.h"
 #include "device/blocklist.h"
-#include "device/devicesocket.h"
 #include "device/fortcpclient.h"
 #include "device/saobj.h"
 #include "device/severinit_state.h"

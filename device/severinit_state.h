@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/timingwheel.h"
+#include "core/loop/timingwheel.h"
 #include "device/dispatcher.h"
 #include "device/licence.h"
 #include "device/sessionenv.h"

@@ -3,8 +3,8 @@
 #include "fronts/websocketfront.h"
 
 #include "api/requestmapper.h"
-#include "core/eventdispatcher.h"
-#include "core/mainloop.h"
+#include "core/loop/eventdispatcher.h"
+#include "core/loop/mainloop.h"
 #include "http/workerpool.h"
 
 #include <QCoreApplication>

@@ -1,6 +1,6 @@
 #include "http/workerdatabase.h"
 
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 
 #include <QCoreApplication>
 

@@ -2,7 +2,7 @@
 
 #include "nodes/remotecall.h"
 
-#include "core/mainloop.h"
+#include "core/loop/mainloop.h"
 #include "device/severinit.h"
 
 #include <QDebug>

@@ -13,7 +13,7 @@ packages=(
   sox sqlite3 curl jq
 )
 if [ "${1:-run}" = test ]; then
-  packages+=(redis-server mariadb-server faketime)
+  packages+=(redis-server mariadb-server faketime ccache git clang clang-format clang-tidy libclang-rt-14-dev)
 fi
 
 has() {

@@ -96,5 +96,5 @@ QString DeviceStatus::change(const QJsonObject& entry) {
         args.emplace_back(QLatin1Char('@') + key, entry.value(key).toInt());
     }
     const bool fixed = told == QStringList{QStringLiteral("vol"), QStringLiteral("kind")};
-    return fillSql(fixed ? FixedUpdate : built + Status + Where, args, m_dialect).sql;
+    return sqlLine(fixed ? FixedUpdate : built + Status + Where, args);
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/sqltext.h"
+#include "core/sql/sqltext.h"
 
 #include <QByteArray>
 #include <QHash>
@@ -12,9 +12,6 @@ class QJsonObject;
 /// Pure; one thread at a time.
 class DeviceStatus {
 public:
-    explicit DeviceStatus(SqlDialect dialect)
-        : m_dialect(dialect) {}
-
     /// The command that asks a node for what has changed since the answer before: the node's mark is
     /// given back. A node that gives none tells everything every time.
     QByteArray question() const;
@@ -37,7 +34,6 @@ private:
         }
     };
     QString change(const QJsonObject& entry);
-    SqlDialect m_dialect;
     bool m_isMore = false;
     QString m_mark;                    ///< of the last answer
     QHash<QByteArray, Values> m_known; ///< by serial; of a node that gives no marks

@@ -1,11 +1,11 @@
 #include "tasks/nodeque.h"
 
+#include "tasks/alarms/warning.h"
 #include "tasks/getdevinfo.h"
 #include "tasks/serviceperiod.h"
 #include "tasks/tasxkobj.h"
-#include "tasks/warning.h"
 
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 #include "device/severinit.h"
 #include "nodes/gate.h"
 
@@ -36,14 +36,13 @@ RelayQueue::Time steadyNow() {
 
 } // namespace
 
-Nodeque::Nodeque(Severinit* devices, int kind, sqlite* database, const QString& address, int port,
+Nodeque::Nodeque(Severinit* devices, int /*kind*/, sqlite* database, const QString& address, int port,
                  Relay relay, QObject* parent)
     : QThread(parent)
     , m_devices(devices)
     , m_database(database)
     , m_node{address.isEmpty() ? QStringLiteral("127.0.0.1") : address, port}
-    , m_relay(relay)
-    , m_deviceStatus(kind == 1 ? SqlDialect::Mysql : SqlDialect::Sqlite) {
+    , m_relay(relay) {
     m_parser.setMaxThreadCount(1);
     if (!relay.gate->isThisMachine(address))
         return;
@@ -107,12 +106,9 @@ void Nodeque::fuckover(quint64 taskid) {
     disconnect(player, nullptr, this, nullptr);
     qInfo() << "fuckover" << player->name << taskid;
     if (player->requestRow != 0)
-        emit updatedatabase(
-            fillSql(CloseRequest, {{QStringLiteral("@id"), player->requestRow}}, m_database->dialect()).sql);
+        emit updatedatabase(sqlLine(CloseRequest, {{QStringLiteral("@id"), player->requestRow}}));
     if (!player->isTemporary)
-        emit updatedatabase(fillSql(TaskIdle, {{QStringLiteral("@taskid"), static_cast<qint64>(taskid)}},
-                                    m_database->dialect())
-                                .sql);
+        emit updatedatabase(sqlLine(TaskIdle, {{QStringLiteral("@taskid"), static_cast<qint64>(taskid)}}));
     player->deleteLater();
 }
 

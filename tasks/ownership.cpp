@@ -1,6 +1,6 @@
 #include "tasks/ownership.h"
 
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 
 #include <algorithm>
 

@@ -2,7 +2,7 @@
 
 #include "tasks/serial.h"
 
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 
 namespace {
 

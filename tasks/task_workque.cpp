@@ -3,10 +3,10 @@
 #include "tasks/arrivals.h"
 #include "tasks/latecomers.h"
 #include "tasks/nodeque.h"
-#include "tasks/tasktime.h"
+#include "tasks/schedule/tasktime.h"
 #include "tasks/tasxkobj.h"
 
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 #include "nodes/gate.h"
 
 #include <chrono>

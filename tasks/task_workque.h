@@ -2,7 +2,7 @@
 
 #include "tasks/handledseconds.h"
 #include "tasks/nodeque.h"
-#include "tasks/schedule.h"
+#include "tasks/schedule/schedule.h"
 #include "tasks/taskreader.h"
 #include "tasks/writeback.h"
 

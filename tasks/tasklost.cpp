@@ -1,9 +1,9 @@
 // Tasks that do not ring: their time of day does not exist, or nobody was there to see it pass.
 #include "tasks/task_workque.h"
 
-#include "tasks/tasktime.h"
+#include "tasks/schedule/tasktime.h"
 
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 
 #include <QDebug>
 

@@ -4,7 +4,7 @@
 #include "tasks/tasxkobj.h"
 
 #include "core/fileaddress.h"
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 
 #include <QDebug>
 

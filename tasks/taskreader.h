@@ -1,7 +1,7 @@
 #pragma once
 
 #include "nodes/nodeaddress.h"
-#include "tasks/schedule.h"
+#include "tasks/schedule/schedule.h"
 
 #include <memory>
 #include <optional>

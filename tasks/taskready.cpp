@@ -5,8 +5,8 @@
 #include "tasks/nodeque.h"
 #include "tasks/tasxkobj.h"
 
-#include "core/schemaupgrade.h"
-#include "core/sqlite.h"
+#include "core/sql/migrations.h"
+#include "core/sql/sqlite.h"
 
 #include <QDebug>
 #include <QJsonArray>
@@ -38,13 +38,15 @@ bool Task_workque::prepare() {
         return true;
     if (m_database->dialect() == SqlDialect::Sqlite && !m_database->exec(ShortLockWait))
         return false;
+    QString why;
+    if (!migrateSchema(*m_database, why))
+        return false;
     const auto interrupted = interruptedPlays();
     const auto tidyUp = [this] {
         return m_database->run(TasksIdle).ok && emptyRequests() && systeminit();
     };
     if (!interrupted || !m_database->transaction(tidyUp))
         return false;
-    upgradeSchema(*m_database);
     silence(*interrupted);
     m_isReady = true;
     qInfo() << "task queue: ready";

@@ -3,7 +3,7 @@
 
 #include "tasks/tasxkobj.h"
 
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 
 #include <algorithm>
 #include <QDebug>
@@ -72,7 +72,7 @@ void Task_workque::takeStops() {
     if (handled.isEmpty() || !m_database->transaction([&] { return mark(handled, Close); }))
         return;
     for (const qint64 task : tasks) {
-        instsqk(fillSql(TaskIdle, {{QStringLiteral("@id"), task}}, m_database->dialect()).sql);
+        instsqk(sqlLine(TaskIdle, {{QStringLiteral("@id"), task}}));
         stopping.push_back(static_cast<quint64>(task));
     }
 }

@@ -6,7 +6,7 @@
 #include "tasks/nodeque.h"
 #include "tasks/tasxkobj.h"
 
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 
 #include <algorithm>
 #include <QDebug>
@@ -120,8 +120,7 @@ void Task_workque::bind(Start start) {
 void Task_workque::refuse(const Tasxkobj& player, const char* why) {
     qWarning() << "task start error" << player.name << player.id << why;
     if (player.isTemporary && player.requestRow != 0)
-        instsqk(
-            fillSql(CloseRequest, {{QStringLiteral("@id"), player.requestRow}}, m_database->dialect()).sql);
+        instsqk(sqlLine(CloseRequest, {{QStringLiteral("@id"), player.requestRow}}));
 }
 
 void Task_workque::bindLate(std::unique_ptr<Tasxkobj> play) {
@@ -152,9 +151,7 @@ void Task_workque::endLate(quint64 task) {
 void Task_workque::markPlaying() {
     for (const quint64 key : std::exchange(m_bound, {})) {
         if (runningPlayer(key)) // one that is over already has its end in the write-back queue
-            instsqk(fillSql(MarkPlaying, {{QStringLiteral("@taskid"), static_cast<qint64>(key)}},
-                            m_database->dialect())
-                        .sql);
+            instsqk(sqlLine(MarkPlaying, {{QStringLiteral("@taskid"), static_cast<qint64>(key)}}));
     }
     fndout();
 }

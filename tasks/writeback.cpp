@@ -1,6 +1,6 @@
 #include "tasks/writeback.h"
 
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 
 #include <chrono>
 #include <QDebug>
@@ -20,7 +20,7 @@ int write(sqlite& database, const QStringList& statements, const QElapsedTimer& 
     const bool isSqlite = database.dialect() == SqlDialect::Sqlite;
     int done = 0;
     while (done < statements.size() && clock.elapsed() < SliceMs) {
-        if (database.execAlike(statements.at(done++)) && isSqlite)
+        if (database.exec(statements.at(done++)) && isSqlite)
             qDebug() << "update1";
     }
     return done;

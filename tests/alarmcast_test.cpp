@@ -1,8 +1,8 @@
 #include "support/devicelink.h"
 #include "support/table.h"
 #include "support/testmain.h"
-#include "tasks/alarmcast.h"
-#include "tasks/mgfile.h"
+#include "tasks/alarms/alarmcast.h"
+#include "tasks/alarms/mgfile.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,6 +1,6 @@
-#include "tests/support/speakers.h"
-#include "tests/support/table.h"
-#include "tests/support/testmain.h"
+#include "support/speakers.h"
+#include "support/table.h"
+#include "support/testmain.h"
 
 #include <atomic>
 #include <QCryptographicHash>

@@ -1,5 +1,5 @@
 // What the event loop does for descriptors: its own listeners, and Qt's sockets and processes at work on it.
-#include "core/socketwatch.h"
+#include "core/loop/socketwatch.h"
 #include "support/socketpair.h"
 #include "support/testmain.h"
 

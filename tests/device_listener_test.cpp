@@ -1,7 +1,7 @@
-#include "device/devicesocket.h"
+#include "core/loop/devicesocket.h"
 #include "device/fortcpclient.h"
-#include "tests/support/devicelink.h"
-#include "tests/support/testmain.h"
+#include "support/devicelink.h"
+#include "support/testmain.h"
 
 #include <netinet/in.h>
 #include <QRandomGenerator>

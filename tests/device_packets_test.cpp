@@ -1,8 +1,8 @@
 #include "device/blocklist.h"
 #include "device/packets.h"
 #include "device/volume.h"
-#include "tests/support/table.h"
-#include "tests/support/testmain.h"
+#include "support/table.h"
+#include "support/testmain.h"
 
 #include <QJsonDocument>
 

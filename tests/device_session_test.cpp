@@ -1,7 +1,7 @@
 #include "device/fortcpclient.h"
-#include "tests/support/devicelink.h"
-#include "tests/support/table.h"
-#include "tests/support/testmain.h"
+#include "support/devicelink.h"
+#include "support/table.h"
+#include "support/testmain.h"
 
 #include <functional>
 #include <QJsonDocument>

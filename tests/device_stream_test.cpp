@@ -1,6 +1,6 @@
-#include "tests/support/devicelink.h"
-#include "tests/support/table.h"
-#include "tests/support/testmain.h"
+#include "support/devicelink.h"
+#include "support/table.h"
+#include "support/testmain.h"
 
 using namespace std::chrono_literals;
 

@@ -1,4 +1,4 @@
-#include "core/eventdispatcher.h"
+#include "core/loop/eventdispatcher.h"
 #include "support/socketpair.h"
 #include "support/table.h"
 #include "support/testmain.h"

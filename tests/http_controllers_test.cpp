@@ -1,5 +1,5 @@
-#include "core/mainloop.h"
-#include "core/sqlite.h"
+#include "core/loop/mainloop.h"
+#include "core/sql/sqlite.h"
 #include "http/httprequest.h"
 #include "http/httpresponse.h"
 #include "http/httpsessionstore.h"

@@ -2,7 +2,7 @@
 #include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
-#include "tasks/baojingobject.h"
+#include "tasks/alarms/baojingobject.h"
 #include "tools/mgpackager.h"
 #include "tools/mp3check.h"
 #include "tools/mp3frames.h"

@@ -1,8 +1,8 @@
 // Many clients at once on MySQL: every answer is the asker's own, and connections don't pile up.
-#include "tests/support/mariadb.h"
-#include "tests/support/service.h"
-#include "tests/support/testmain.h"
-#include "tests/support/waitfor.h"
+#include "support/mariadb.h"
+#include "support/service.h"
+#include "support/testmain.h"
+#include "support/waitfor.h"
 
 #include <atomic>
 #include <QtTest>

@@ -1,9 +1,9 @@
-#include "core/schemaupgrade.h"
-#include "core/sqlconnection.h"
-#include "core/sqlite.h"
+#include "core/sql/migrations.h"
+#include "core/sql/sqlconnection.h"
+#include "core/sql/sqlite.h"
+#include "support/mariadb.h"
 #include "support/testmain.h"
-#include "tests/support/mariadb.h"
-#include "tests/support/waitfor.h"
+#include "support/waitfor.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -29,17 +29,20 @@ private slots:
             QVERIFY(m_db->exec(QString("DELETE FROM ") + table));
     }
 
-    void olderDatabasesGetTheirIndexes() {
-        QVERIFY(m_db->exec("DROP INDEX taskfile_list ON taskfile"));
-        QVERIFY(m_db->exec("CREATE INDEX taskfile_task ON taskfile (taskid, fileid)"));
-        QVERIFY(upgradeSchema(*m_db) && upgradeSchema(*m_db));
+    void olderDatabasesAreBroughtUpToDate() {
+        QVERIFY(m_db->runScript("DROP TABLE schema_version; DROP INDEX taskfile_list ON taskfile;"
+                                "CREATE INDEX taskfile_task ON taskfile (taskid, fileid)") >= 0);
+        QString why;
+        for (int time = 0; time < 2; ++time)
+            QVERIFY2(migrateSchema(*m_db, why), qPrintable(why));
+        QCOMPARE(m_server.sql("SELECT MAX(version) FROM speakers.schema_version"), QByteArray("2\n"));
         QCOMPARE(m_server.sql("SELECT DISTINCT index_name FROM information_schema.statistics WHERE "
                               "table_schema = 'speakers' AND index_name LIKE 'taskfile_%' ORDER BY 1"),
                  QByteArray("taskfile_file\ntaskfile_list\n"));
     }
 
     void textsSurvive() {
-        const QString text = QString::fromUtf8("三年级二班 🔔 \"é\" `x` %_");
+        const QString text = QString::fromUtf8("三年级二班 🔔 \"é\" `x` %_' or '1'='1\\");
         QVERIFY(insert(*m_db, text));
         const SqlResult rows = m_db->run("SELECT * FROM rizhi where `info` = '@info'", {{"@info", text}});
         QCOMPARE(rows.text(0, "info"), text);
@@ -78,8 +81,10 @@ private slots:
 
         const QStringList tables =
             QString::fromUtf8(m_server.sql("SHOW TABLES FROM speakers")).split('\n', Qt::SkipEmptyParts);
-        QCOMPARE(tables.size(), 19);
+        QCOMPARE(tables.size(), 20);
         for (const QString& table : tables) {
+            if (table == "schema_version")
+                continue; // not a table of the interface
             QJsonArray rows[2];
             int side = 0;
             for (sqlite* db : {m_db.get(), &lite}) {
@@ -106,13 +111,6 @@ private slots:
         const QString same = "UPDATE rizhi SET `info` = 'x' WHERE (`info` = 'x');";
         QCOMPARE(m_db->run(same).affected, 1);
         QCOMPARE(m_db->run("UPDATE rizhi SET `info` = 'x' WHERE (`info` = 'X');").affected, 0); // case counts
-    }
-
-    void valuesCannotLeaveTheirQuotes() {
-        QVERIFY(!insert(*m_db, "\\"));
-        QVERIFY(!insert(*m_db, "' or '1'='1"));
-        QVERIFY(insert(*m_db, "\" or \"1\"=\"1"));
-        QCOMPARE(m_db->run("SELECT * FROM rizhi").rows.size(), 1);
     }
 
     void transactionsRollBack() {

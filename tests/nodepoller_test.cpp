@@ -1,16 +1,16 @@
 // What a poller makes of commands, of the speakers' state that its own node tells, and of service periods.
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 #include "nodes/gate.h"
 #include "support/devicelink.h"
 #include "support/scriptednode.h"
 #include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
+#include "tasks/alarms/warning.h"
 #include "tasks/devicestatus.h"
 #include "tasks/nodeque.h"
 #include "tasks/relayqueue.h"
 #include "tasks/serviceperiod.h"
-#include "tasks/warning.h"
 
 #include <QDate>
 #include <QFile>

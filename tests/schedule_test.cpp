@@ -2,8 +2,8 @@
 #include "support/table.h"
 #include "support/testmain.h"
 #include "tasks/handledseconds.h"
-#include "tasks/schedule.h"
-#include "tasks/tasktime.h"
+#include "tasks/schedule/schedule.h"
+#include "tasks/schedule/tasktime.h"
 
 #include <QDateTime>
 #include <QRandomGenerator>

@@ -1,6 +1,6 @@
+#include "support/service.h"
 #include "support/testmain.h"
-#include "tests/support/service.h"
-#include "tests/support/waitfor.h"
+#include "support/waitfor.h"
 
 #include <QJsonArray>
 #include <QJsonObject>

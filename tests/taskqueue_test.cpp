@@ -1,6 +1,6 @@
 // The task queue with its database, its players and its pollers, against scripted nodes and by a clock
 // that the test sets.
-#include "core/sqlite.h"
+#include "core/sql/sqlite.h"
 #include "support/scriptednode.h"
 #include "support/table.h"
 #include "support/testmain.h"

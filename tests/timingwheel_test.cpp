@@ -1,4 +1,4 @@
-#include "core/timingwheel.h"
+#include "core/loop/timingwheel.h"
 #include "support/testmain.h"
 
 #include <QElapsedTimer>

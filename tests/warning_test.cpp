@@ -2,8 +2,8 @@
 #include "support/table.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
+#include "tasks/alarms/warning.h"
 #include "tasks/nodeque.h"
-#include "tasks/warning.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

@@ -1,6 +1,6 @@
 #include "tools/mgpackager.h"
 
-#include "tasks/mgfile.h"
+#include "tasks/alarms/mgfile.h"
 #include "tools/mp3frames.h"
 
 #include <limits>

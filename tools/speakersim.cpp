@@ -1,5 +1,5 @@
 // speaker-sim: one or many speakers in one process, for trying the service out and for load.
-#include "core/eventdispatcher.h"
+#include "core/loop/eventdispatcher.h"
 #include "tools/simfleet.h"
 
 #include <array>

@@ -256,3 +256,8 @@ CREATE INDEX `rizhi_owner` ON `rizhi` (`userid`);
 INSERT INTO `sbox_node` (`id`, `node_name`) VALUES (1, 'node1');
 INSERT INTO `swap_info` (`type`) VALUES ('info');
 INSERT INTO `xieyi_mod` (`id`, `xieyi`) VALUES (1, '');
+
+-- The version of what stands above: the number of the newest step in migrations/.
+DROP TABLE IF EXISTS `schema_version`;
+CREATE TABLE `schema_version` (`version` INTEGER NOT NULL);
+INSERT INTO `schema_version` (`version`) VALUES (2);

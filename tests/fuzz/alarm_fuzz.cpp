@@ -1,5 +1,5 @@
 // Alarm files, and the MP3 files from which they are made. The first byte chooses which.
-#include "tasks/mgfile.h"
+#include "tasks/alarms/mgfile.h"
 #include "tools/mgpackager.h"
 #include "tools/mp3frames.h"
 

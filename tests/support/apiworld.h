@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tests/support/service.h"
+#include "support/service.h"
 
 #include <map>
 #include <QTest>

@@ -4,8 +4,8 @@
 #include "device/saobj.h"
 #include "device/sever_listen.h"
 #include "device/severinit.h"
-#include "tests/support/service.h"
-#include "tests/support/waitfor.h"
+#include "support/service.h"
+#include "support/waitfor.h"
 #include "tools/speakerprotocol.h"
 
 #include <memory>

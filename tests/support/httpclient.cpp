@@ -1,4 +1,4 @@
-#include "tests/support/httpclient.h"
+#include "support/httpclient.h"
 
 #include <QEventLoop>
 #include <QHttpMultiPart>

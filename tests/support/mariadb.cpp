@@ -1,6 +1,6 @@
-#include "tests/support/mariadb.h"
+#include "support/mariadb.h"
 
-#include "tests/support/waitfor.h"
+#include "support/waitfor.h"
 
 #include <csignal>
 #include <QDir>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "tests/support/childprocess.h"
-#include "tests/support/service.h"
+#include "support/childprocess.h"
+#include "support/service.h"
 
 #include <QTemporaryDir>
 

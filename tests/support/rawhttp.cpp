@@ -1,4 +1,4 @@
-#include "tests/support/rawhttp.h"
+#include "support/rawhttp.h"
 
 #include <netdb.h>
 #include <netinet/in.h>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tests/support/childprocess.h"
+#include "support/childprocess.h"
 
 #include <QDeadlineTimer>
 #include <QString>

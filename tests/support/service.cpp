@@ -1,7 +1,7 @@
-#include "tests/support/service.h"
+#include "support/service.h"
 
-#include "tests/support/mariadb.h"
-#include "tests/support/waitfor.h"
+#include "support/mariadb.h"
+#include "support/waitfor.h"
 
 #include <csignal>
 #include <QDir>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "tests/support/childprocess.h"
-#include "tests/support/httpclient.h"
+#include "support/childprocess.h"
+#include "support/httpclient.h"
 
 #include <memory>
 #include <QJsonArray>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "tests/support/service.h"
-#include "tests/support/waitfor.h"
+#include "support/service.h"
+#include "support/waitfor.h"
 #include "tools/simfleet.h"
 
 /// Options for speakers of the service, of which the first has this serial (hexadecimal).

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/eventdispatcher.h"
+#include "core/loop/eventdispatcher.h"
 
 #include <QCoreApplication>
 #include <QtTest>

@@ -1,0 +1,34 @@
+#include "api/strictsql.h"
+
+#include "core/logthrottle.h"
+
+#include <algorithm>
+#include <QDebug>
+
+namespace {
+
+/// Whether the text would have ended or escaped the literal that it stood in.
+bool leavesLiteral(const SqlArg& arg, SqlDialect dialect) {
+    const auto* text = std::get_if<QString>(&arg.value);
+    return text && (text->contains(QLatin1Char('\'')) || text->contains(QChar(u'\0')) ||
+                    (dialect == SqlDialect::Mysql && text->contains(QLatin1Char('\\'))));
+}
+
+} // namespace
+
+ShownResult StrictSql::run(const QString& statement, const SqlArgs& args) const {
+    ShownResult result;
+    const auto unfit = std::find_if(args.begin(), args.end(), [this](const SqlArg& arg) {
+        return leavesLiteral(arg, m_database.dialect());
+    });
+    if (unfit == args.end()) {
+        static_cast<SqlResult&>(result) = m_database.run(statement, args);
+    } else {
+        result.refused = true;
+        result.error = QStringLiteral("a quote, backslash or NUL in the value of %1").arg(unfit->placeholder);
+        if (mayLog("sql refused", QString()))
+            qWarning().noquote() << "sql refused:" << result.error << "in" << statement;
+    }
+    result.sql = sqlLine(statement, args);
+    return result;
+}

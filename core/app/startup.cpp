@@ -1,0 +1,272 @@
+#include "core/app/startup.h"
+
+#include "api/filestore.h"
+#include "api/requestmapper.h"
+#include "core/app/site.h"
+#include "core/sql/migrations.h"
+#include "core/sql/sqlite.h"
+#include "device/commandserver.h"
+#include "device/sever_listen.h"
+#include "device/severinit.h"
+#include "fronts/maincellinit.h"
+#include "http/httplistener.h"
+#include "http/httpsessionstore.h"
+#include "http/staticfilecontroller.h"
+#include "http/templateloader.h"
+#include "nodes/gate.h"
+#include "redis/fuck_redis.h"
+#include "tasks/alarms/alarmcast.h"
+#include "tasks/task_workque.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <QCoreApplication>
+#include <QDebug>
+#include <QFile>
+#include <QJsonObject>
+#include <QNetworkInterface>
+#include <QSqlDatabase>
+
+namespace {
+
+// Key material is the key's text or, when that is empty, the file of that name in the working directory.
+QString keyMaterial(const Settings& settings, const char* key, const QString& fileName) {
+    constexpr qint64 MaxKeyFile = 64 * 1024; // far above any key, so that a wrong file is not swallowed
+    QString text = settings.text(key);
+    QFile file(fileName);
+    if (!text.isEmpty() || !file.open(QIODevice::ReadOnly))
+        return text;
+    return QString::fromUtf8(file.read(MaxKeyFile));
+}
+
+// This node's entry in the list of nodes.
+QJsonArray nodeList(const Settings& settings) {
+    return {QJsonObject{{QStringLiteral("nodeip"), settings.text("LocalIP")},
+                        {QStringLiteral("nodeport3"), settings.integer("PS2")},
+                        {QStringLiteral("nocdn"), settings.flag("nocdn")}}};
+}
+
+std::unique_ptr<QSettings> openGroup(const Settings& settings, const QString& group) {
+    auto file = std::make_unique<QSettings>(settings.iniPath(), QSettings::IniFormat);
+    file->setIniCodec("UTF-8");
+    file->beginGroup(group);
+    return file;
+}
+
+// Without its command servers nothing could ask the service for anything: who starts it shall hear so.
+[[noreturn]] void exitForPort(const char* key, int port, const CommandServer& server) {
+    qCritical().noquote() << "no command server," << key << "port" << port << server.errorString();
+    std::exit(EXIT_FAILURE);
+}
+
+QStringList serialsOf(const SqlResult& result, const char* column) {
+    QStringList serials;
+    serials.reserve(result.rows.size());
+    for (int row = 0; row < result.rows.size(); ++row)
+        serials.append(result.text(row, column));
+    return serials;
+}
+
+} // namespace
+
+Startup::Startup(QCoreApplication* application, Settings settings)
+    : m_application(application)
+    , m_settings(std::move(settings)) {}
+
+Startup::~Startup() = default;
+
+void Startup::run() {
+    reportAddresses();
+    warnOfMissingSecrets();
+    connectRedis();
+    createDevices();
+    listenForSpeakers();
+    listenForCommands();
+    if (!m_settings.flag("isonly_media")) {
+        openDatabase();
+        createTasks();
+        serveHttp();
+        qDebug() << QSqlDatabase::drivers();
+    }
+    logReady();
+}
+
+void Startup::end() {
+    constexpr std::chrono::seconds limit{2};
+    if (m_tasks)
+        m_tasks->end(limit);
+}
+
+// What anybody who reaches the ports may do as long as a secret is missing.
+void Startup::warnOfMissingSecrets() const {
+    if (text("ASKEY").isEmpty())
+        qWarning("ASKEY is empty: requests that need the service key are all refused");
+    if (text("PayKey").isEmpty())
+        qWarning("PayKey is empty: anybody can renew a speaker's service period");
+}
+
+// Without an address of its own the service goes on; only what carries the address suffers.
+void Startup::reportAddresses() const {
+    const bool detected = m_settings.flag("ISLOCALHOST");
+    if (!m_settings.hasLocalIp())
+        qDebug() << "LocalIP Error";
+    if (detected)
+        qDebug().noquote() << "ISLOCALHOST::>>>" << m_settings.lanAddress();
+    // The key is a secret: the log only tells whether there is one.
+    const char* const key = text("askey").isEmpty() ? "(no key)" : "(key)";
+    qDebug().noquote() << text("Meida_ip") << integer("wbport") << key << integer("Meida_port");
+    if (detected)
+        qDebug().noquote() << "localcdn::>>>" << text("localcdn");
+}
+
+void Startup::connectRedis() {
+    if (!m_settings.flag("EnableRedis"))
+        return;
+    m_redis = std::make_unique<fuck_redis>();
+    m_redis->serverAddress = text("LocalIP");
+}
+
+void Startup::createDevices() {
+    m_devices = std::make_unique<Severinit>(
+        text("snupdatareload"), text("upstreamcdn"), text("localcdn"),
+        keyMaterial(m_settings, "pvkey", QStringLiteral("pvkey.pem")),
+        keyMaterial(m_settings, "pukey", QStringLiteral("pukey.pem")), text("key"), text("ASKEY"),
+        integer("TSWait"), integer("PackSize"), integer("AryLen"), integer("Check_"), integer("Check_len"),
+        text("LocalIP"), integer("OPort0"), integer("OPort1"), integer("BjPort"), integer("DataPort"),
+        integer("ManagePort"), integer("Netcross_Port0"), integer("Netcross_Port1"), integer("DataPortBack2"),
+        integer("Pastcmd"));
+    m_devices->bitrate = integer("bitrate");
+    m_devices->setCommandGap(std::chrono::milliseconds(integer("cmdgap")));
+    if (m_redis) {
+        m_devices->setStateMirror(m_redis.get());
+        QObject::connect(m_redis.get(), &fuck_redis::restored, m_devices.get(), &Severinit::remirror);
+        m_redis->try_connect(text("RedisIP"), integer("RedisPort"), text("RedisAUTH"));
+    }
+    m_devices->init_vison();
+    m_gate =
+        std::make_unique<Gate>(m_devices.get(), text("LocalIP"), QList<int>{integer("PS1"), integer("PS2")});
+}
+
+void Startup::listenForSpeakers() {
+    m_speakerListener =
+        std::make_unique<sever_listen>(integer("TSWait"), integer("DPort"), integer("DataPortBack3"));
+    m_speakerListener->setKeepBound(m_settings.flag("keepbound"));
+    m_speakerListener->set_svi(m_devices.get());
+    m_devices->init_redis();
+    m_devices->ps2 = integer("PS2");
+}
+
+void Startup::listenForCommands() {
+    AddressFilter filter = AddressFilter::parse(text("cmdallow"));
+    filter.allow(QNetworkInterface::allAddresses()); // whoever commands from this machine, by any of them
+    m_commands = std::make_unique<cmdthread>(integer("PS1"));
+    m_commands->setFilter(filter);
+    m_commands6 = std::make_unique<cmdthread6>(integer("PS2"));
+    m_commands6->setFilter(filter);
+    if (!m_commands->init(m_devices.get()))
+        exitForPort("PS1", integer("PS1"), *m_commands);
+    if (!m_commands6->init(m_devices.get()))
+        exitForPort("PS2", integer("PS2"), *m_commands6);
+    m_alarms = std::make_unique<Alarmcast>(m_devices.get(), text("runingdir"));
+}
+
+void Startup::openDatabase() {
+    qDebug().noquote() << text("preurl");
+    m_database = std::make_unique<sqlite>(text("task_ip"), integer("sqltask_port"), text("task_username"),
+                                          text("task_passwd"), text("basename"), integer("dbk"));
+    m_database->init();
+    m_database->site = siteOf(m_settings);
+    qDebug().noquote() << (m_database->get_is_aready() ? "true" : "false");
+    if (!loadStoredSpeakers())
+        awaitDatabase();
+}
+
+// Every speaker that an account owns has a session from the start; one whose service period ran out
+// starts disabled.
+bool Startup::loadStoredSpeakers() {
+    QString why;
+    if (!migrateSchema(*m_database, why))
+        return false;
+    const auto stored = m_database->run(QStringLiteral("SELECT device_seed FROM sbox_device_info ;"));
+    const auto expired = m_database->run(QStringLiteral("SELECT sn FROM snover where ( `statu` = 2 ) ;"));
+    if (!stored.ok)
+        return false;
+    m_devices->setStoredSerials(serialsOf(stored, "device_seed"), serialsOf(expired, "sn"));
+    m_devices->init_vison();
+    for (const QString& sn : serialsOf(expired, "sn"))
+        m_devices->setRestricted(sn, true);
+    return true;
+}
+
+void Startup::awaitDatabase() {
+    constexpr std::chrono::seconds Pause{1};
+    QObject::connect(&m_databaseTimer, &QTimer::timeout, [this] {
+        if (!loadStoredSpeakers())
+            return;
+        m_databaseTimer.stop();
+        qInfo() << "database: ready";
+    });
+    m_databaseTimer.start(Pause);
+}
+
+void Startup::createTasks() {
+    const int kind = integer("dbk");
+    if (!m_database->get_is_aready())
+        qDebug() << "db init error";
+    if (kind != 1 && kind != 3)
+        return;
+    m_tasks = std::make_unique<Task_workque>(
+        m_devices.get(), integer("DPort"), integer("DataPort"), integer("PS1"), text("src_ipstr"),
+        text("cdn_str"), nodeList(m_settings), m_application, text("Meida_ip"), integer("PS2"),
+        text("task_username"), text("task_passwd"), text("basename"), m_database.get(), integer("sqltaskid"),
+        kind, integer("taskstart"), integer("taskend"), nullptr,
+        Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause"))});
+}
+
+void Startup::serveHttp() {
+    m_sessionsGroup = openGroup(m_settings, QStringLiteral("sessions"));
+    m_docrootGroup = openGroup(m_settings, QStringLiteral("docroot"));
+    m_listenerGroup = openGroup(m_settings, QStringLiteral("listener"));
+    m_sessions = std::make_unique<HttpSessionStore>(m_sessionsGroup.get());
+    m_files = std::make_unique<StaticFileController>(m_docrootGroup.get());
+    m_files->setUploads(FileStore::uploadPaths());
+    m_templates = std::make_unique<TemplateLoader>(openGroup(m_settings, QStringLiteral("templates")).get());
+    const char* const key = text("ASKEY").isEmpty() ? "(no key)" : "(key)";
+    qDebug().noquote() << text("Meida_ip") << integer("Meida_port") << integer("wbport") << key;
+    qDebug().noquote() << "warningurl" << m_database->site.warningurl;
+    qDebug().noquote() << "preurl" << m_database->site.preurl;
+
+    m_front = std::make_unique<MainCellInit>(nullptr, text("ASKEY"), integer("Meida_port"), integer("wbport"),
+                                             text("Meida_ip"));
+    m_router = std::make_unique<RequestMapper>(m_application, integer("RDDATAPORT"), text("Meida_ip"),
+                                               m_database.get(), m_devices.get(), m_tasks.get());
+    m_router->setTemplates(m_templates.get());
+    m_router->setGate(m_gate.get());
+    m_front->setOrigins(text("weborigins"));
+    m_front->setRouter(m_router.get());
+
+    m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_router.get());
+    m_http->setStaticFiles(m_files.get());
+    m_http->listen();
+}
+
+// The one line that scripts wait for; ports as they were bound, and what is still to come.
+void Startup::logReady() const {
+    QString line = QStringLiteral("speakerd ready: devices %1/%2, commands %3/%4")
+                       .arg(integer("DPort"))
+                       .arg(integer("DataPortBack3"))
+                       .arg(m_commands->serverPort())
+                       .arg(m_commands6->serverPort());
+    if (m_http)
+        line += QStringLiteral(", http %1").arg(m_http->serverPort());
+    if (m_front && m_front->serverPort() > 0)
+        line += QStringLiteral(", websocket %1").arg(m_front->serverPort());
+    QStringList missing;
+    if (m_databaseTimer.isActive())
+        missing += QStringLiteral("database");
+    if (m_tasks && !m_tasks->isReady())
+        missing += QStringLiteral("task queue");
+    if (!missing.isEmpty())
+        line += QStringLiteral(", without ") + missing.join(QStringLiteral(" and "));
+    qInfo().noquote() << line;
+}

@@ -1,0 +1,169 @@
+#include "tasks/alarms/alarmcast.h"
+
+#include "core/loop/fetch.h"
+#include "device/saobj.h"
+#include "device/severinit.h"
+#include "tasks/alarms/baojingobject.h"
+
+#include <algorithm>
+#include <functional>
+#include <QDebug>
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonArray>
+
+namespace {
+
+/// All casts are one stream to the speakers: so a newer one of the same level takes them over at once
+/// instead of being taken for a stale one of another stream.
+constexpr int StreamId = 1;
+const auto SourceName = QStringLiteral("Alarmcast");
+constexpr int NamedFailures = 20;
+
+QJsonObject reply(const char* word, const QString& info) {
+    return {{QStringLiteral("res"), QLatin1String(word)}, {QStringLiteral("info"), info}};
+}
+
+/// The level asked for; -1 for one that is no level.
+int levelOf(const QJsonObject& request) {
+    const QJsonValue level = request.value(QLatin1String("level"));
+    if (level.isUndefined())
+        return Alarmcast::DefaultLevel;
+    bool isNumber = false;
+    const int number = level.toVariant().toString().toInt(&isNumber);
+    return isNumber && number >= 0 && number <= Alarmcast::MaxLevel ? number : -1;
+}
+
+} // namespace
+
+Alarmcast::Alarmcast(Severinit* devices, QString runingdir, QObject* parent)
+    : QObject(parent)
+    , m_devices(devices)
+    , m_directory(std::move(runingdir)) {
+    devices->addCommand(
+        QStringLiteral("PLAYMG"),
+        [this](const QJsonObject& request, const QStringList& targets) { return play(request, targets); });
+    devices->addCommand(
+        QStringLiteral("STOPMG"),
+        [this](const QJsonObject& /*request*/, const QStringList& targets) { return stop(targets); });
+}
+
+Alarmcast::~Alarmcast() = default;
+
+// --- commands ---
+
+QJsonObject Alarmcast::play(const QJsonObject& request, const QStringList& targets) {
+    const int level = levelOf(request);
+    if (level < 0)
+        return reply("Data_error_7", QStringLiteral("\"level\" is no number from 0 to %1").arg(MaxLevel));
+    if (castCount() >= MaxCasts)
+        return reply("write_erro", QStringLiteral("%1 alarms play already").arg(MaxCasts));
+    const bool anyKnown = std::any_of(targets.begin(), targets.end(), [this](const QString& sn) {
+        return m_devices->session(sn) != nullptr;
+    });
+    if (anyKnown && !start(filesOf(request), targets, level))
+        return reply("ufile_error", QStringLiteral("no file of \"filelist\" can be opened"));
+    return outcome(targets);
+}
+
+QJsonObject Alarmcast::stop(const QStringList& targets) {
+    const QSet<QString> stopped(targets.begin(), targets.end());
+    for (Cast& cast : m_casts) {
+        auto& speakers = cast.speakers;
+        const auto isStopped = [&](const SAobj* speaker) {
+            return stopped.contains(speaker->sn());
+        };
+        const auto kept = std::partition(speakers.begin(), speakers.end(), std::not_fn(isStopped));
+        std::for_each(kept, speakers.end(), [](SAobj* speaker) { speaker->clear_que(StreamId); });
+        speakers.erase(kept, speakers.end());
+        if (speakers.empty())
+            endSoon(cast.sequence);
+    }
+    return outcome(targets);
+}
+
+/// "WELL", or the word of the last target that is not there to hear it.
+QJsonObject Alarmcast::outcome(const QStringList& targets) const {
+    const char* word = "WELL";
+    QStringList failures;
+    for (const QString& sn : targets) {
+        const SAobj* const session = m_devices->session(sn);
+        if (session && session->isOnline())
+            continue;
+        word = session ? "unline" : "out_of_range";
+        failures << sn + QLatin1Char(' ') + QLatin1String(word);
+    }
+    const QString info =
+        QStringLiteral("%1 of %2 online").arg(targets.size() - failures.size()).arg(targets.size());
+    const QString named = QStringList(failures.mid(0, NamedFailures)).join(QStringLiteral(", "));
+    return reply(word, named.isEmpty() ? info : info + QStringLiteral("; ") + named);
+}
+
+// --- files ---
+
+QStringList Alarmcast::filesOf(const QJsonObject& request) const {
+    QStringList files;
+    for (const QJsonValue entry : request.value(QLatin1String("filelist")).toArray()) {
+        const QString file = fileBelow(m_directory, entry.toString());
+        if (file.isEmpty())
+            qWarning().noquote() << "PLAYMG: no such file below the working directory:" << entry.toString();
+        else if (files.size() < MaxFiles)
+            files << file;
+    }
+    return files;
+}
+
+QString Alarmcast::fileBelow(const QString& directory, const QString& entry) {
+    const QString base = QFileInfo(directory).canonicalFilePath();
+    const QFileInfo file(QDir(base).filePath(entry));
+    const QString path = file.canonicalFilePath();
+    const bool isBelow = path.startsWith(base.endsWith(QLatin1Char('/')) ? base : base + QLatin1Char('/'));
+    return !base.isEmpty() && isBelow && QFileInfo(path).isFile() ? path : QString();
+}
+
+// --- casts ---
+
+bool Alarmcast::start(const QStringList& files, const QStringList& targets, int level) {
+    Cast& cast = m_casts.emplace_back();
+    cast.sequence = ++m_sequence;
+    cast.level = level;
+    for (const QString& sn : targets) {
+        SAobj* const session = m_devices->session(sn);
+        if (!session)
+            continue;
+        cast.speakers.push_back(session);
+        if (session->streamPriority() <= level)
+            session->clear_que(StreamId);
+    }
+    cast.player = std::make_unique<Baojingobject>(files);
+    connect(cast.player.get(), &Baojingobject::present_mp3data_s, this,
+            [this, &cast](const QByteArray& packet) { feed(cast, packet); });
+    cast.player->_start_init();
+    if (!cast.player->isPlaying()) {
+        m_casts.pop_back();
+        return false;
+    }
+    connect(cast.player.get(), &Baojingobject::over, this,
+            [this, sequence = cast.sequence] { endSoon(sequence); });
+    qInfo().noquote() << "PLAYMG" << cast.player->currentFile() << "to" << cast.speakers.size()
+                      << "speakers, level" << level << "sequence" << cast.sequence;
+    return true;
+}
+
+/// Every speaker shares the packet's one copy.
+void Alarmcast::feed(const Cast& cast, const QByteArray& packet) {
+    const std::vector<SAobj*>& speakers = cast.speakers;
+    for (size_t i = 0; i < speakers.size(); ++i) {
+        fetchAhead(speakers, i, std::mem_fn(&SAobj::fetch), std::mem_fn(&SAobj::fetchMp3Socket));
+        speakers[i]->send_mp3data_mut(SourceName, StreamId, cast.player->currentFile(), cast.level,
+                                      cast.sequence, true, packet);
+    }
+}
+
+/// The player may be the one that calls.
+void Alarmcast::endSoon(int sequence) {
+    QMetaObject::invokeMethod(
+        this,
+        [this, sequence] { m_casts.remove_if([&](const Cast& cast) { return cast.sequence == sequence; }); },
+        Qt::QueuedConnection);
+}
