@@ -74,7 +74,7 @@ QByteArray qwebsocktthread::shakeHands(const QByteArray& bytes) {
     if (end < 0)
         return {};
     const QByteArray head = m_handshake.left(end + 4);
-    const QByteArray rest = m_handshake.mid(end + 4);
+    QByteArray rest = m_handshake.mid(end + 4);
     m_handshake.clear();
     const websocket::Handshake answer = websocket::answerHandshake(head, m_origins);
     if (answer.status != 101) {
