@@ -218,9 +218,10 @@ bool Severinit::isRestricted(const QString& sn) const {
 }
 
 void Severinit::setRestricted(const QString& sn, bool restricted) {
-    if (restricted)
+    const bool hasRoom = m_state->restricted.size() < MaxSessions; // made-up serials come without end
+    if (restricted && (hasRoom || session(sn)))
         m_state->restricted.insert(sn);
-    else
+    else if (!restricted)
         m_state->restricted.remove(sn);
     if (SAobj* const found = session(sn))
         found->setEnabled(!restricted);

@@ -8,6 +8,7 @@
 #include "core/settings.h"
 
 #include <cstdio>
+#include <malloc.h>
 #include <QCoreApplication>
 #include <QDebug>
 #include <QHostAddress>
@@ -62,6 +63,12 @@ void logOwnIpv6Addresses() {
     }
 }
 
+// A hundred workers with a heap each would keep what each of them needed once.
+void shareHeaps() {
+    constexpr int heaps = 4;
+    mallopt(M_ARENA_MAX, heaps);
+}
+
 } // namespace
 
 int runService(int argc, char** argv) {
@@ -73,6 +80,7 @@ int runService(int argc, char** argv) {
         const QCoreApplication application(argc, argv);
         return addUser(argc, argv);
     }
+    shareHeaps();
     raiseOpenFileLimit();
     QCoreApplication::setEventDispatcher(new EpollEventDispatcher); // the application owns it
     QCoreApplication application(argc, argv);
