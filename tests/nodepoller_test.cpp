@@ -59,7 +59,7 @@ private slots:
     void changes() {
         QFETCH(QList<QByteArray>, entries);
         QFETCH(QStringList, last);
-        DeviceStatus status(SqlDialect::Sqlite);
+        DeviceStatus status;
         QStringList statements;
         for (QByteArray entry : entries)
             statements = status.changes("{\"res\":\"success\",\"list\":[" + entry.replace('\'', '"') + "]}");

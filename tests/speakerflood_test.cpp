@@ -2,7 +2,7 @@
 #include "support/service.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
-#include "tests/support/devicelink.h"
+#include "support/devicelink.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
