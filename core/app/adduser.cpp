@@ -1,9 +1,9 @@
 #include "core/app/adduser.h"
 
 #include "api/requestmapper.h"
+#include "api/strictsql.h"
 #include "core/settings.h"
 #include "core/sql/sqlconnection.h"
-#include "core/sql/sqlite.h"
 
 #include <cstdio>
 #include <iostream>
@@ -73,7 +73,7 @@ QString troubleWith(const Settings& settings) {
     return {};
 }
 
-SqlResult insert(sqlite& database, const NewAccount& account) {
+SqlResult insert(const StrictSql& database, const NewAccount& account) {
     return database.run(
         QStringLiteral("INSERT INTO `sbox_users` (`user_name`, `user_pass`, `user_level`, `token`) VALUES "
                        "('@username', '@passwd', '@level', '@token')"),
@@ -83,7 +83,8 @@ SqlResult insert(sqlite& database, const NewAccount& account) {
          {QStringLiteral("@token"), RequestMapper::randomToken()}});
 }
 
-int add(sqlite& database, const NewAccount& account) {
+// As the logins compare them: what they refuse could never log in.
+int add(const StrictSql& database, const NewAccount& account) {
     if (account.name.size() > LongestText || account.password.size() > LongestText)
         return fail(QStringLiteral("the name or the password is longer than %1 characters").arg(LongestText));
     const SqlResult known =
@@ -120,5 +121,5 @@ int addUser(int argc, char** argv) {
     if (!database.get_is_aready())
         return fail(QStringLiteral("the database can't be opened"));
     readPassword(order->account);
-    return add(database, order->account);
+    return add(StrictSql(database), order->account);
 }
