@@ -80,6 +80,7 @@ programdir=$root/programs
 waringdir=$PWD/waring
 ; Address of this server's files as speakers fetch them.
 preurl=http://$address:$http/
+wxcxpreurl=http://$address:$http/
 ; Redis mirrors the state of every speaker for other programs; off until there is a server.
 EnableRedis=false
 RedisIP=127.0.0.1
