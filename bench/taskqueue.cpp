@@ -2,9 +2,11 @@
 // fleet, and the fleet's state written back. Prints the longest turn of the loop in each case.
 //     taskqueue [speakers] [tasks]
 #include "core/sql/sqlite.h"
+#include "device/saobj.h"
+#include "device/severinit.h"
 #include "support/scriptednode.h"
 #include "support/waitfor.h"
-#include "tasks/nodeque.h"
+#include "tasks/devicestatus.h"
 #include "tasks/task_workque.h"
 #include "tasks/tasxkobj.h"
 
@@ -129,29 +131,27 @@ int main(int argc, char** argv) {
     std::printf("one task for %d speakers: ", speakers);
     tick(Morning + 100, 1);
 
-    QByteArray answer = R"({"res":"success","list":[)";
+    Severinit devices({}, {}, {}, {}, {}, {}, "key", 3000, 2048, 20, 3000, 10, {}, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+    QStringList serials;
     for (int i = 1; i <= speakers; ++i)
-        answer +=
-            (i > 1 ? "," : "") +
-            QStringLiteral(R"({"sn":"%1","status_playfile":"","l_ip":"10.0.0.1","vol":7,"status":1,"kind":1,)"
-                           R"("r_ip":"10.0.0.1","Mic_d":0,"Mic_e":0,"dsv":0,"xhstatus":0})")
-                .arg(serial(i))
-                .toLatin1();
-    nodes[0].list = answer + "]}";
-    auto* poller = queue.findChildren<Nodeque*>().first();
-    const auto written = [&] {
-        return db.run("SELECT count(*) AS n FROM sbox_device_info WHERE vol = 7").integer(0, "n");
-    };
-    for (const char* what : {"first state of all", "quiet fleet"}) {
+        serials += serial(i);
+    devices.setStoredSerials(serials, {});
+    devices.init_vison();
+    DeviceStatus status(&devices, &db);
+    for (const int vol : {7, 8}) {
         turn.reset();
         QElapsedTimer clock;
         clock.start();
-        const int asked = nodes[0].listsAsked();
-        poller->getinfotime();
-        waitFor([&] { return nodes[0].listsAsked() > asked && written() == speakers; },
-                std::chrono::minutes(2));
-        std::printf("%s, %d speakers: longest turn %.1f ms, written after %.2f s\n", what, speakers,
+        for (SAobj* const session : devices.sessions())
+            session->setVol(vol);
+        turn.lap();
+        const auto written = [&] {
+            status.write();
+            return db.run("SELECT count(*) AS n FROM sbox_device_info WHERE vol = @v", {{"@v", vol}})
+                       .integer(0, "n") == speakers;
+        };
+        waitFor(written, std::chrono::minutes(2));
+        std::printf("changed state of %d speakers: longest turn %.1f ms, written after %.2f s\n", speakers,
                     turn.ms(), double(clock.elapsed()) / 1000);
-        waitFor([] { return false; }, std::chrono::seconds(1));
     }
 }

@@ -19,7 +19,9 @@ SAobj::SAobj(QString sn, SessionEnv& env, QObject* parent)
     , m_sourceName(QStringLiteral("oxiaom"))
     , m_taskName(QStringLiteral("oxiaomtaskname")) {}
 
-SAobj::~SAobj() = default;
+SAobj::~SAobj() {
+    m_env.events.forget(*this);
+}
 
 void SAobj::wheelTimeout(int tag) {
     switch (tag) {
@@ -41,7 +43,7 @@ void SAobj::gonline(fortcpclient* connection, int kind) {
     m_kind = kind;
     setleixing(kind);
     m_onlineState = Online;
-    m_busy = false;
+    setBusy(false);
     m_client.reset(connection);
     m_remoteIp = connection->socket()->peerAddress().toString();
     if (m_remoteIp == m_localIp) // as long as the speaker has not told its own: one text for both
@@ -58,6 +60,7 @@ void SAobj::gonline(fortcpclient* connection, int kind) {
     mirrorRegistration();
     get_devinfo();
     m_startCheckTimer = m_env.wheel.once(StartCheckDelay, this, StartCheck);
+    note(SpeakerEvents::Online);
 }
 
 void SAobj::goffline() {
@@ -67,9 +70,20 @@ void SAobj::goffline() {
     m_startCheckTimer.reset();
     m_statusText = WentOffline;
     m_onlineState = Offline;
-    m_busy = false;
+    setBusy(false);
     resetMp3Path();
     mirror("Line", QStringLiteral("Offline"));
+    note(SpeakerEvents::Offline);
+}
+
+void SAobj::tellAgain() {
+    m_numbersChange = 0;
+    note(isOnline() ? SpeakerEvents::Online : SpeakerEvents::Offline);
+}
+
+void SAobj::setBusy(bool busy) {
+    if (std::exchange(m_busy, busy) != busy)
+        note(busy ? SpeakerEvents::Playing : SpeakerEvents::Idle);
 }
 
 /// A newer connection of the same speaker is about to be bound. One that was let go of before is closed now:

@@ -5,6 +5,7 @@
 #include "core/loop/pooled.h"
 #include "core/loop/timingwheel.h"
 #include "device/sessionenv.h"
+#include "device/speakerevents.h"
 #include "device/strangers.h"
 
 #include <array>
@@ -15,6 +16,7 @@
 #include <QList>
 #include <QObject>
 #include <QString>
+#include <utility>
 
 class fortcpclient;
 class QUdpSocket;
@@ -29,6 +31,7 @@ class QUdpSocket;
 /// broken, -1 also that too many commands wait. Texts go out as UTF-8.
 class SAobj : public QObject,
               public StrangerLink,
+              public ChangeLink,
               private TimingWheel::Client,
               private DeviceSocket::Owner,
               public Pooled<SAobj> {
@@ -63,13 +66,13 @@ public:
     /// How the speaker takes MP3; decides for the next data connection.
     void setleixing(int kind) { m_leixing = static_cast<quint8>(kind); }
     int vol() const { return m_vol; } ///< as the speaker or the last command gave it
-    void setVol(int vol) { m_vol = vol; }
+    void setVol(int vol) { change(m_vol, vol, SpeakerEvents::Volume); }
     int micD() const { return m_micD; }
     int micE() const { return m_micE; }
     int debugState() const { return m_debugState; } ///< 0 unknown, 1 on, 2 off
     int voltage() const { return m_voltage; }       ///< 0 until the speaker reports it
     int xuhao() const { return m_xuhao; }           ///< number that the speaker gives itself
-    void setXuhao(int xuhao) { m_xuhao = xuhao; }
+    void setXuhao(int xuhao) { change(m_xuhao, xuhao, SpeakerEvents::Information); }
     const QString& localIp() const { return m_localIp; } ///< the speaker's own address as it reports it
     void setLocalIp(const QString& address) { m_localIp = address; }
     const QString& remoteIp() const { return m_remoteIp; }       ///< peer of the control connection
@@ -87,8 +90,6 @@ public:
     /// Looks whether the numbers are others than at the last look, and if so counts `changes` on.
     /// Returns what it was at the last change seen, at least 1.
     quint64 changeOfNumbers(quint64& changes);
-    /// The next look finds them changed.
-    void forgetNumbers() { m_numbersChange = 0; }
 
     // --- life of the control connection ---
     void setMp3Port(quint16 port) { m_mp3Port = port; }
@@ -96,6 +97,8 @@ public:
     void gonline(fortcpclient* connection, int kind);
     /// The bound connection has ended; it deletes itself.
     void goffline();
+    /// Somebody has begun to keep what is known of the speaker: all of it counts as changed.
+    void tellAgain();
     /// Writes a command to the control connection.
     int wirteonlinecmd(const QByteArray& command);
     /// Ask for what a command will touch to be brought into the cache; each needs the one before to
@@ -207,6 +210,13 @@ private:
     void wheelTimeout(int tag) override;
     void socketRead(const char* bytes, int size) override;
     void socketEnded() override { mp3_disconnect(); }
+    void note(SpeakerEvents::Kind kind) { m_env.events.note(*this, kind); }
+    /// Notes the kind when the value is another than before.
+    void change(int& value, int to, SpeakerEvents::Kind kind) {
+        if (std::exchange(value, to) != to)
+            note(kind);
+    }
+    void setBusy(bool busy);
     int command(const char* word, const QByteArray& rest = {});
     int pushContentServer(const char* word, const QString& url);
     void mirror(const char* field, const QVariant& value);
@@ -216,6 +226,8 @@ private:
     QString addressForSpeaker() const;
 
     void takeInfo(const QJsonObject& info);
+    void take(const QJsonObject& info, const char* key, int& value,
+              SpeakerEvents::Kind kind = SpeakerEvents::Information);
     void reportDeviceForm(const QByteArray& form);
     void reportConnectReply(const QByteArray& rest);
     void reportMp3Path(const QByteArray& rest);

@@ -23,7 +23,10 @@ void SAobj::fetchSocket() const {
 }
 
 int SAobj::wirteonlinecmd(const QByteArray& command) {
-    return m_client && m_enabled ? m_client->Writedata(command) : NotBound;
+    const int written = m_client && m_enabled ? m_client->Writedata(command) : NotBound;
+    if (written > 0)
+        note(SpeakerEvents::CommandAccepted);
+    return written;
 }
 
 int SAobj::command(const char* word, const QByteArray& rest) {
@@ -46,7 +49,7 @@ int SAobj::set_vol(int v) {
 int SAobj::set_vol_V(int v) {
     const int written = command("V", byte(v));
     if (written > 0) {
-        m_vol = v;
+        setVol(v);
         mirror("vol", v);
     }
     return written;
@@ -55,8 +58,8 @@ int SAobj::set_vol_V(int v) {
 int SAobj::set_Mic_V(int e, int d) {
     const int written = command("M", byte(e) + byte(d));
     if (written > 0) {
-        m_micE = e;
-        m_micD = d;
+        change(m_micE, e, SpeakerEvents::Information);
+        change(m_micD, d, SpeakerEvents::Information);
         mirror("mic_e", e);
         mirror("mic_d", d);
     }
@@ -66,7 +69,7 @@ int SAobj::set_Mic_V(int e, int d) {
 int SAobj::set_debug_ks(int v) {
     const int written = command("I", v == 1 ? QByteArrayLiteral("K") : QByteArrayLiteral("S"));
     if (written > 0)
-        m_debugState = v == 1 ? 1 : 2;
+        change(m_debugState, v == 1 ? 1 : 2, SpeakerEvents::Information);
     return written;
 }
 

@@ -1,6 +1,7 @@
 #include "device/packets.h"
 #include "device/saobj.h"
 
+#include <optional>
 #include <QDateTime>
 #include <QJsonDocument>
 
@@ -19,12 +20,10 @@ QString firstLine(const QJsonValue& value) {
 }
 
 /// Speakers write numbers as JSON numbers or as text.
-void readInteger(const QJsonObject& info, QLatin1String key, int& target) {
-    const QJsonValue value = info.value(key);
+std::optional<int> integer(const QJsonObject& info, QLatin1String key) {
     bool isNumber = false;
-    const int number = value.toVariant().toInt(&isNumber);
-    if (isNumber)
-        target = number;
+    const int number = info.value(key).toVariant().toInt(&isNumber);
+    return isNumber ? std::optional(number) : std::nullopt;
 }
 } // namespace
 
@@ -69,11 +68,16 @@ void SAobj::reportDeviceForm(const QByteArray& form) {
     const QJsonObject fields = packets::statusFields(form);
     if (!fields.value(QLatin1String("res_____")).toBool())
         return;
-    readInteger(fields, QLatin1String("vol"), m_vol);
-    readInteger(fields, QLatin1String("xuhao"), m_xuhao);
+    take(fields, "vol", m_vol, SpeakerEvents::Volume);
+    take(fields, "xuhao", m_xuhao);
     for (const char* const field : {"status", "vol", "severip", "leixing", "xuhao", "severport"})
         mirror(field, fields.value(QLatin1String(field)).toString());
     mirror("sn", m_sn);
+}
+
+void SAobj::take(const QJsonObject& info, const char* key, int& value, SpeakerEvents::Kind kind) {
+    if (const auto told = integer(info, QLatin1String(key)))
+        change(value, *told, kind);
 }
 
 QJsonObject SAobj::dido(const QByteArray& reply) {
@@ -86,14 +90,17 @@ QJsonObject SAobj::dido(const QByteArray& reply) {
 }
 
 void SAobj::takeInfo(const QJsonObject& info) {
-    readInteger(info, QLatin1String("kind"), m_kind);
-    readInteger(info, QLatin1String("vol"), m_vol);
-    readInteger(info, QLatin1String("Mic_d"), m_micD);
-    readInteger(info, QLatin1String("Mic_e"), m_micE);
-    readInteger(info, QLatin1String("debug"), m_debugState);
-    readInteger(info, QLatin1String("voltage"), m_voltage);
-    if (info.contains(QLatin1String("l_ip")))
-        m_localIp = firstLine(info.value(QLatin1String("l_ip")));
+    take(info, "kind", m_kind);
+    take(info, "vol", m_vol, SpeakerEvents::Volume);
+    take(info, "Mic_d", m_micD);
+    take(info, "Mic_e", m_micE);
+    take(info, "debug", m_debugState);
+    take(info, "voltage", m_voltage);
+    if (info.contains(QLatin1String("l_ip"))) {
+        const QString address = firstLine(info.value(QLatin1String("l_ip")));
+        if (std::exchange(m_localIp, address) != address)
+            note(SpeakerEvents::Information);
+    }
     m_clockUnset = firstLine(info.value(QLatin1String("Date"))).contains(QLatin1String("1970"));
     mirrorRegistration();
     if (m_clockUnset)
@@ -104,7 +111,7 @@ void SAobj::takeInfo(const QJsonObject& info) {
 void SAobj::reportConnectReply(const QByteArray& /*rest*/) {}
 
 void SAobj::reportPathDone(const QByteArray& /*rest*/) {
-    m_busy = false;
+    setBusy(false);
     m_playingPath = QStringLiteral("Nothing");
     mirror("Playing_local_path", m_playingPath);
 }
@@ -115,7 +122,7 @@ void SAobj::reportPath(const QByteArray& path) {
 }
 
 void SAobj::reportLocalStatus(const QString& status, bool busy) {
-    m_busy = busy;
+    setBusy(busy);
     mirror("Playing_local_status", status);
 }
 
@@ -169,5 +176,6 @@ void SAobj::reportAlarm(const QByteArray& rest) {
         else
             target->Warmingdown_push(m_sn, time);
     }
+    m_env.events.noteAlarm(*this, first, second);
     emit sn_get_kg_back(m_sn, first, second);
 }

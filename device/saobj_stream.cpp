@@ -60,10 +60,12 @@ int SAobj::send_mp3data_mut(const QString& sourceName, int streamId, const QStri
 }
 
 void SAobj::takeSpeaker(const QString& sourceName, int streamId, const QString& taskName, int priority) {
+    if (m_streamActive)
+        note(SpeakerEvents::StreamEnded);
     nameStream(sourceName, streamId, taskName);
     m_priority = priority;
     m_queue.clear();
-    m_busy = false;
+    setBusy(false);
 }
 
 /// The stream is the speaker's current one from here on.
@@ -74,6 +76,7 @@ void SAobj::nameStream(const QString& sourceName, int streamId, const QString& t
     m_isStreamNamed = true;
     m_chunkCounter = FirstChunkCount;
     m_streamActive = true;
+    note(SpeakerEvents::StreamBegun);
     tickUnlessIdle();
 }
 
@@ -98,14 +101,17 @@ void SAobj::timeout() {
         return;
     }
     if (m_chunkCounter >= StreamIdleLimit) {
-        if (!m_streamActive)
+        if (!m_streamActive) {
             m_onlineState = Streaming;
+            note(SpeakerEvents::StreamBegun);
+        }
         m_streamActive = true;
         m_chunkCounter = 0;
-        m_busy = false;
+        setBusy(false);
     } else if (m_streamActive) {
         m_statusText = StreamOver;
         m_onlineState = Online;
+        note(SpeakerEvents::StreamEnded);
         m_streamActive = false;
         m_queue.clear();
         m_chunkCounter = 0;

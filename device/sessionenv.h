@@ -6,9 +6,12 @@
 #include <chrono>
 #include <QString>
 
+class SpeakerEvents;
+
 /// What every session shares. Owned by the registry, outlives the sessions.
 struct SessionEnv {
     TimingWheel& wheel;
+    SpeakerEvents& events;
     QString serverAddress;         ///< dotted IPv4 that speakers connect back to; may be empty
     StateMirror* mirror = nullptr; ///< not owned; null without Redis
     /// Between two commands to one speaker, which tells them apart by its reads; 0: none.

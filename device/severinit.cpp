@@ -124,8 +124,11 @@ void Severinit::setStoredSerials(const QStringList& serials, const QStringList& 
 void Severinit::init_vison() {
     StateMirror* const mirror = stateMirror();
     for (const QString& sn : std::as_const(m_state->storedSerials)) {
-        const SAobj* const session = addSession(sn, this);
-        if (session && !session->isOnline() && mirror) // it may have registered before it was known
+        SAobj* const session = addSession(sn, this);
+        if (!session)
+            continue;
+        session->tellAgain();
+        if (!session->isOnline() && mirror) // it may have registered before it was known
             mirror->Set_sn_key_value(sn, QStringLiteral("Line"), QStringLiteral("Offline"));
     }
     m_state->storedSerials.clear();
@@ -231,6 +234,10 @@ TimingWheel& Severinit::wheel() {
     return m_state->wheel;
 }
 
+SpeakerEvents& Severinit::events() {
+    return m_state->events;
+}
+
 const SessionEnv& Severinit::env() const {
     return m_state->env;
 }
@@ -291,7 +298,7 @@ void Severinit::tellAgain(const QStringList& serials) {
                 m_state->strangers.setStored(sn, true);
                 if (SAobj* const found = session(sn)) {
                     m_state->strangers.cameOnline(*found); // it may not make room from now on
-                    found->forgetNumbers();
+                    found->tellAgain();
                 }
             }
         },

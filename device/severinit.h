@@ -18,6 +18,7 @@ class fortcpclient;
 class LicenceCheck;
 class QHostAddress;
 class SAobj;
+class SpeakerEvents;
 class StateMirror;
 struct SessionEnv;
 
@@ -94,6 +95,7 @@ public:
     /// Puts the serial on the restricted list and disables its session, or undoes both.
     void setRestricted(const QString& sn, bool restricted);
     TimingWheel& wheel();
+    SpeakerEvents& events(); ///< what changes about speakers
     const SessionEnv& env() const;
     QVector<OnlineDevice> onlineDevices() const;
     QSet<QString> onlineSerials() const;

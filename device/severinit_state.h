@@ -5,6 +5,7 @@
 #include "device/licence.h"
 #include "device/sessionenv.h"
 #include "device/severinit.h"
+#include "device/speakerevents.h"
 #include "device/strangers.h"
 
 #include <QDateTime>
@@ -28,7 +29,8 @@ struct Severinit::State {
 
     // --- registry ---
     TimingWheel wheel;
-    SessionEnv env{wheel, {}, nullptr, {}, 0};
+    SpeakerEvents events;
+    SessionEnv env{wheel, events, {}, nullptr, {}, 0};
     QMap<QString, SAobj*> sessions;  ///< in the order of the serials
     QHash<QString, SAobj*> bySerial; ///< the same; a command to a fleet looks every serial up
     QSet<QString> restricted;

@@ -1,100 +1,114 @@
 #include "tasks/devicestatus.h"
 
-#include "tasks/serial.h"
+#include "tasks/writeback.h"
 
-#include <algorithm>
-#include <iterator>
+#include "core/sql/sqlite.h"
+#include "device/saobj.h"
+#include "device/severinit.h"
+#include "device/speakerevents.h"
+
 #include <QDebug>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 namespace {
 
-const QString Update = QStringLiteral("UPDATE `sbox_device_info` SET");
-const QString Status = QStringLiteral("`status` = '@status'");
-const QString Where = QStringLiteral("WHERE (`device_seed` = '@sn' ) ;");
-// For an answer that tells these three alone.
+const QString AllUpdate =
+    QStringLiteral("UPDATE `sbox_device_info` SET`vol` = '@vol',`kind` = '@kind',`xhstatus` = '@xhstatus',"
+                   "`status` = '@status'WHERE (`device_seed` = '@sn' ) ;");
+// When `xhstatus` is as it was.
 const QString FixedUpdate =
     QStringLiteral("UPDATE `sbox_device_info` SET `vol` = '@vol', `status` = '@status', `kind` = '@kind' "
                    "WHERE (`device_seed` = '@sn' and `id` > 0 );");
 
-struct Fragment {
-    const char* key;  ///< of an entry
-    const char* text; ///< the assignment
-    bool counter;     ///< an amount to add
-};
-constexpr Fragment Fragments[] = {
-    {"vol", "`vol` = '@vol',", false},
-    {"kind", "`kind` = '@kind',", false},
-    {"pyl", "`pyl` = `pyl`+'@pyl',", true},
-    {"rtl", "`rtl` = `rtl`+'@rtl',", true},
-    {"rt", "`rt` = `rt`+'@rt',", true},
-    {"py", "`py` = `py`+'@py',", true},
-    {"xhstatus", "`xhstatus` = '@xhstatus',", false},
-};
-
-bool holds(const QJsonObject& entry, const Fragment& fragment) {
-    const QJsonValue value = entry.value(QLatin1String(fragment.key));
-    return value.isDouble() && (!fragment.counter || value.toInt() != 0);
-}
+constexpr SpeakerEvents::Kinds Registration = SpeakerEvents::Online | SpeakerEvents::Offline;
+constexpr SpeakerEvents::Kinds InRow = Registration | SpeakerEvents::Volume | SpeakerEvents::StreamBegun |
+                                       SpeakerEvents::StreamEnded | SpeakerEvents::Information;
 
 } // namespace
 
-QByteArray DeviceStatus::question() const {
-    const QJsonObject request{{QStringLiteral("cmd"), QStringLiteral("LIST")},
-                              {QStringLiteral("since"), m_mark}};
-    return QJsonDocument(request).toJson(QJsonDocument::Compact);
+DeviceStatus::DeviceStatus(Severinit* devices, sqlite* database, QObject* parent)
+    : QObject(parent)
+    , m_devices(devices)
+    , m_database(database) {
+    for (QTimer* const timer : {&m_writeTimer, &m_sliceTimer}) {
+        timer->setSingleShot(true);
+        timer->setTimerType(Qt::PreciseTimer);
+    }
+    connect(&m_writeTimer, &QTimer::timeout, this, &DeviceStatus::write);
+    connect(&m_sliceTimer, &QTimer::timeout, this, &DeviceStatus::writeSlice);
+    for (const SAobj* const session : m_devices->sessions())
+        changed(session->sn());
+    m_devices->events().listen(this, InRow, [this](const SpeakerEvents::Batch& batch) {
+        for (const auto& [session, kinds] : batch.speakers) {
+            if (!session)
+                continue;
+            if (kinds & Registration) // the row may be another than before
+                m_written.remove(session->sn());
+            changed(session->sn());
+        }
+    });
 }
 
-QStringList DeviceStatus::changes(const QByteArray& answer) {
-    m_isMore = false;
-    QJsonParseError error{};
-    const QJsonDocument document = QJsonDocument::fromJson(answer, &error);
-    if (error.error != QJsonParseError::NoError) {
-        qWarning() << "getdevinfo: answer does not parse:" << error.errorString() << answer.size();
-        return {};
-    }
-    const QString mark = document.object().value(QLatin1String("mark")).toString();
-    m_isMore = document.object().value(QLatin1String("more")).toBool() && mark != m_mark;
-    m_mark = mark;
-    QStringList statements;
-    const QJsonArray list = document.object().value(QLatin1String("list")).toArray();
-    for (const QJsonValue& entry : list) {
-        const QString statement = change(entry.toObject());
-        if (!statement.isEmpty())
-            statements.append(statement);
-    }
-    return statements;
+void DeviceStatus::changed(const QString& sn) {
+    m_changed.insert(sn);
+    if (m_writing.isEmpty() && !m_writeTimer.isActive())
+        m_writeTimer.start(WriteInterval);
 }
 
-QString DeviceStatus::change(const QJsonObject& entry) {
-    const QString sn = entry.value(QLatin1String("sn")).toString();
-    if (!isSerial(sn) || !entry.value(QLatin1String("status")).isDouble())
-        return {};
-    const Values now{entry.value(QLatin1String("vol")).toInt(), entry.value(QLatin1String("kind")).toInt(),
-                     entry.value(QLatin1String("xhstatus")).toInt(),
-                     entry.value(QLatin1String("status")).toInt()};
-    const bool counted = std::any_of(std::begin(Fragments), std::end(Fragments),
-                                     [&](const Fragment& f) { return f.counter && holds(entry, f); });
-    if (m_mark.isEmpty()) { // the node tells everything every time
-        const auto known = m_known.constFind(sn.toLatin1());
-        if (!counted && known != m_known.constEnd() && *known == now)
-            return {};
-        m_known.insert(sn.toLatin1(), now);
-    }
+void DeviceStatus::write() {
+    if (!m_writing.isEmpty() || m_changed.isEmpty())
+        return;
+    m_writeTimer.stop();
+    m_writing = m_changed.values();
+    m_changed.clear();
+    m_next = 0;
+    writeSlice();
+}
 
-    QString built = Update;
-    SqlArgs args{{QStringLiteral("@sn"), sn}, {QStringLiteral("@status"), now.status}};
-    QStringList told;
-    for (const Fragment& fragment : Fragments) {
-        if (!holds(entry, fragment))
-            continue;
-        const QString key = QLatin1String(fragment.key);
-        told += key;
-        built += QLatin1String(fragment.text);
-        args.emplace_back(QLatin1Char('@') + key, entry.value(key).toInt());
+void DeviceStatus::writeSlice() {
+    Rows written;
+    int next = m_next;
+    const auto writeNext = [&] {
+        if (next == m_writing.size())
+            return false;
+        writeRow(m_writing.at(next++), written);
+        return true;
+    };
+    const bool isDone = WriteBack::writeSlice(*m_database, writeNext);
+    if (isDone) {
+        m_next = next;
+        for (const auto& [sn, row] : written)
+            m_written.insert(sn, row);
+        if (m_next < m_writing.size())
+            return m_sliceTimer.start(WriteBack::SlicePause);
+    } else {
+        qWarning() << "state of speakers not written, waiting:" << m_writing.size() - m_next;
+        for (; m_next < m_writing.size(); ++m_next)
+            m_changed.insert(m_writing.at(m_next));
     }
-    const bool fixed = told == QStringList{QStringLiteral("vol"), QStringLiteral("kind")};
-    return sqlLine(fixed ? FixedUpdate : built + Status + Where, args);
+    m_writing.clear();
+    if (!m_changed.isEmpty())
+        m_writeTimer.start(WriteInterval);
+}
+
+void DeviceStatus::writeRow(const QString& sn, Rows& written) {
+    const SAobj* const session = m_devices->session(sn);
+    if (!session)
+        return;
+    const Row now{session->vol(), session->kind(), session->xuhao(), session->onlineState()};
+    const auto before = m_written.constFind(sn);
+    const bool isKnown = before != m_written.constEnd();
+    if (isKnown && *before == now)
+        return;
+    SqlArgs args{{QStringLiteral("@vol"), now[0]},
+                 {QStringLiteral("@kind"), now[1]},
+                 {QStringLiteral("@status"), now[3]},
+                 {QStringLiteral("@sn"), sn}};
+    const bool isSameNumber = isKnown && before->at(2) == now[2];
+    if (!isSameNumber)
+        args.emplace_back(QStringLiteral("@xhstatus"), now[2]);
+    const SqlResult result = m_database->run(isSameNumber ? FixedUpdate : AllUpdate, args);
+    if (!result.ok)
+        m_changed.insert(sn);
+    else if (result.affected > 0)
+        written.emplace_back(sn, now);
 }

@@ -1,40 +1,44 @@
 #pragma once
 
-#include "core/sql/sqltext.h"
-
-#include <QByteArray>
+#include <array>
+#include <chrono>
 #include <QHash>
+#include <QObject>
+#include <QSet>
 #include <QStringList>
+#include <QTimer>
+#include <utility>
+#include <vector>
 
-class QJsonObject;
+class Severinit;
+class sqlite;
 
-/// What the device table is known to hold of each speaker, and what must be written to keep it so.
-/// Pure; one thread at a time.
-class DeviceStatus {
+/// Keeps `sbox_device_info` as this node's speakers are: listens to what changes about them and writes it,
+/// each speaker at most once in a WriteInterval, all of them once after the start. What can't be written is
+/// tried again an interval later. Owner: the task queue. Main loop only.
+class DeviceStatus : public QObject {
+    Q_OBJECT
 public:
-    /// The command that asks a node for what has changed since the answer before: the node's mark is
-    /// given back. A node that gives none tells everything every time.
-    QByteArray question() const;
-    /// Whether the last answer left something out, for which to ask at once.
-    bool isMore() const { return m_isMore; }
-    /// Takes a node's answer to question() and gives one UPDATE of `sbox_device_info` for each speaker whose
-    /// values changed since the last answer. A counter in an entry (`pyl`, `rtl`, `rt`, `py`) is an
-    /// amount to add. An answer that does not parse gives nothing; an entry without a valid "sn" or
-    /// "status" is left out.
-    QStringList changes(const QByteArray& answer);
+    static constexpr std::chrono::milliseconds WriteInterval{5171};
+
+    DeviceStatus(Severinit* devices, sqlite* database, QObject* parent = nullptr);
+    /// Writes what has changed: as much as a moment allows, the rest follows by itself. Does nothing while an
+    /// earlier call's rest is under way.
+    void write();
 
 private:
-    struct Values {
-        int vol = 0;
-        int kind = 0;
-        int xhstatus = 0;
-        int status = 0;
-        bool operator==(const Values& o) const {
-            return vol == o.vol && kind == o.kind && xhstatus == o.xhstatus && status == o.status;
-        }
-    };
-    QString change(const QJsonObject& entry);
-    bool m_isMore = false;
-    QString m_mark;                    ///< of the last answer
-    QHash<QByteArray, Values> m_known; ///< by serial; of a node that gives no marks
+    using Row = std::array<int, 4>; ///< vol, kind, xhstatus, status
+    using Rows = std::vector<std::pair<QString, Row>>;
+    void changed(const QString& sn);
+    void writeSlice();
+    void writeRow(const QString& sn, Rows& written);
+
+    Severinit* m_devices;
+    sqlite* m_database;
+    QSet<QString> m_changed;
+    QStringList m_writing; ///< of write(), from m_next on
+    int m_next = 0;
+    QHash<QString, Row> m_written; ///< what the table holds, of speakers that it knows
+    QTimer m_writeTimer;           ///< active while there are changes and no write
+    QTimer m_sliceTimer;           ///< active between two slices of a write
 };

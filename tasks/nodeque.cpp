@@ -1,7 +1,6 @@
 #include "tasks/nodeque.h"
 
 #include "tasks/alarms/warning.h"
-#include "tasks/getdevinfo.h"
 #include "tasks/serviceperiod.h"
 #include "tasks/tasxkobj.h"
 
@@ -19,9 +18,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-
-// Statements handed over in one turn of the main loop.
-constexpr int StatementsPerTurn = 200;
 
 const QString CloseRequest = QStringLiteral("UPDATE `taskpop` SET `status` = '0' WHERE (`id` = '@id') ;");
 const QString TaskIdle = QStringLiteral("UPDATE `task` SET `statu` = '0' WHERE (`id` = '@taskid');");
@@ -43,11 +39,8 @@ Nodeque::Nodeque(Severinit* devices, int /*kind*/, sqlite* database, const QStri
     , m_database(database)
     , m_node{address.isEmpty() ? QStringLiteral("127.0.0.1") : address, port}
     , m_relay(relay) {
-    m_parser.setMaxThreadCount(1);
     if (!relay.gate->isThisMachine(address))
         return;
-    m_query = new Getdevinfo(relay.gate, this);
-    connect(m_query, &Getdevinfo::over, this, &Nodeque::getdevinfo);
     connect(&m_pollTimer, &QTimer::timeout, this, &Nodeque::getinfotime);
     m_pollTimer.start(PollInterval);
 }
@@ -55,7 +48,6 @@ Nodeque::Nodeque(Severinit* devices, int /*kind*/, sqlite* database, const QStri
 Nodeque::~Nodeque() {
     stop();
     wait();
-    m_parser.waitForDone();
 }
 
 void Nodeque::stop() {
@@ -209,17 +201,6 @@ void Nodeque::diswarming(const QString& name) {
 // --- this machine's node ---
 
 void Nodeque::getinfotime() {
-    if (m_query && !m_polling)
-        askForChanges();
-    checkServicePeriods();
-}
-
-void Nodeque::askForChanges() {
-    m_polling = true;
-    m_query->doit(m_node.host, m_node.port, m_deviceStatus.question());
-}
-
-void Nodeque::checkServicePeriods() {
     const ServicePeriods periods(m_database);
     if (!periods.exists())
         return;
@@ -249,31 +230,4 @@ void Nodeque::sendUseing(const char* word, const QStringList& serials) {
     const QJsonObject request{{QStringLiteral("cmd"), QLatin1String(word)},
                               {QStringLiteral("snlist"), QJsonArray::fromStringList(serials)}};
     m_devices->Diamonds_jsondidocom(QJsonDocument(request).toJson(QJsonDocument::Compact));
-}
-
-void Nodeque::getdevinfo(const QByteArray& answer) {
-    if (answer.isEmpty()) {
-        m_polling = false;
-        return;
-    }
-    m_parser.start([this, answer] {
-        const QStringList changes = m_deviceStatus.changes(answer);
-        QMetaObject::invokeMethod(
-            this,
-            [this, changes] {
-                m_statements += changes;
-                emitStatements();
-            },
-            Qt::QueuedConnection);
-    });
-}
-
-void Nodeque::emitStatements() {
-    for (int i = 0; i < StatementsPerTurn && !m_statements.isEmpty(); ++i)
-        emit updatedatabase(m_statements.takeFirst());
-    m_polling = !m_statements.isEmpty();
-    if (m_polling)
-        QTimer::singleShot(0, this, &Nodeque::emitStatements);
-    else if (m_deviceStatus.isMore())
-        askForChanges();
 }

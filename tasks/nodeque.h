@@ -1,7 +1,6 @@
 #pragma once
 
 #include "nodes/nodeaddress.h"
-#include "tasks/devicestatus.h"
 #include "tasks/relayqueue.h"
 
 #include <atomic>
@@ -10,20 +9,18 @@
 #include <QMutex>
 #include <QSemaphore>
 #include <QThread>
-#include <QThreadPool>
 #include <QTimer>
 #include <vector>
 
 class Gate;
-class Getdevinfo;
 class Severinit;
 class sqlite;
 class Tasxkobj;
 class Warning;
 
 /// One play node: an address and the port of its command server. Relays the commands of the players
-/// bound to it, as RelayQueue orders them, and on the node that is this machine watches service periods
-/// and the state of the speakers. Owner: the task queue. Every method and slot belongs to the main loop;
+/// bound to it, as RelayQueue orders them, and on the node that is this machine watches service periods.
+/// Owner: the task queue. Every method and slot belongs to the main loop;
 /// only run() is the object's own thread, and all it touches is the commands.
 class Nodeque : public QThread {
     Q_OBJECT
@@ -74,7 +71,6 @@ public slots:
     void getinfotime();
     void useing_enable(const QStringList& serials);
     void useing_disable(const QStringList& serials);
-    void getdevinfo(const QByteArray& answer);
 
 signals:
     /// A statement for the database, complete.
@@ -84,10 +80,7 @@ protected:
     void run() override;
 
 private:
-    void askForChanges();
-    void checkServicePeriods();
     void sendUseing(const char* word, const QStringList& serials);
-    void emitStatements();
     void enqueue(RelayQueue::Command command);
     void collect();
     void waitForCommands();
@@ -112,11 +105,5 @@ private:
     QMap<quint64, Tasxkobj*> m_players; ///< children of this object
     QMap<QString, QMetaObject::Connection> m_warnings;
 
-    // On this machine's node only.
-    QTimer m_pollTimer;
-    Getdevinfo* m_query = nullptr;
-    DeviceStatus m_deviceStatus; ///< while m_polling m_parser's thread's, otherwise the main loop's
-    QThreadPool m_parser;
-    bool m_polling = false;   ///< from a query to the last of its statements
-    QStringList m_statements; ///< found by the last answer and not emitted yet
+    QTimer m_pollTimer; ///< on this machine's node only
 };

@@ -1,6 +1,7 @@
 #include "tasks/task_workque.h"
 
 #include "tasks/arrivals.h"
+#include "tasks/devicestatus.h"
 #include "tasks/latecomers.h"
 #include "tasks/nodeque.h"
 #include "tasks/schedule/tasktime.h"
@@ -63,6 +64,7 @@ Task_workque::Task_workque(Severinit* devices, int DPort, int DataPort, int PS1,
     connect(m_database, &sqlite::error, this, &Task_workque::sqlerror);
     if (m_devices) {
         m_arrivals = std::make_unique<Arrivals>(m_devices);
+        m_deviceStatus = std::make_unique<DeviceStatus>(m_devices, m_database);
         m_latecomers = std::make_unique<Latecomers>(
             m_devices, [this](std::unique_ptr<Tasxkobj> play) { bindLate(std::move(play)); });
     }

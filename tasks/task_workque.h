@@ -20,6 +20,7 @@
 #include <vector>
 
 class Arrivals;
+class DeviceStatus;
 class Latecomers;
 class QCoreApplication;
 class Severinit;
@@ -191,6 +192,7 @@ private:
     // Without devices null.
     std::unique_ptr<Arrivals> m_arrivals;
     std::unique_ptr<Latecomers> m_latecomers;
+    std::unique_ptr<DeviceStatus> m_deviceStatus;
     QMultiHash<quint64, quint64> m_latePlays; ///< task to the keys of its further plays
     quint64 m_lastLateKey = quint64{2} << 32; ///< above tasks and temporary plays
 };

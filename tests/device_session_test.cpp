@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <QJsonDocument>
+#include <stdexcept>
 
 using namespace std::chrono_literals;
 using CommandCall = std::function<int(SAobj&)>;
@@ -326,6 +327,43 @@ private slots:
         m_speaker->close();
         QVERIFY(waitFor([&] { return !session()->isBound(); }));
         QCOMPARE(refreshed(), QString("OFFLINE"));
+    }
+
+    void changesAreToldInBatches() {
+        SpeakerEvents& events = m_link->registry.events();
+        using E = SpeakerEvents;
+        std::vector<E::Change> told;
+        std::vector<E::Alarm> alarms;
+        auto other = std::make_unique<QObject>();
+        int others = 0;
+        QTest::ignoreMessage(QtWarningMsg, "speaker events: a listener failed: why not");
+        events.listen(other.get(), E::Volume, [&](const E::Batch&) {
+            ++others;
+            throw std::runtime_error("why not");
+        });
+        events.listen(this, E::Kinds(~E::CommandAccepted), [&](const E::Batch& batch) {
+            told.insert(told.end(), batch.speakers.begin(), batch.speakers.end());
+            alarms.insert(alarms.end(), batch.alarms.begin(), batch.alarms.end());
+        });
+        session()->set_vol_V(7);
+        session()->set_vol_V(8);
+        session()->sn_onlinebackdata("UA3");
+        session()->sn_onlinebackdata("Y1a");
+        session()->sn_onlinebackdata("Y0");
+        session()->sn_onlinebackdata("J{\"vol\":8}"); // nothing new
+        m_link->registry.addSession("ended", other.get())->setVol(3);
+        m_link->registry.removeSessionsOf(other.get());
+        QVERIFY(told.empty()); // not before the loop's turn
+        QVERIFY(waitFor([&] { return !told.empty(); }));
+        QVERIFY(told.size() == 1 && told[0].session == session());
+        QCOMPARE(told[0].kinds, E::Kinds(E::Volume | E::Playing | E::AlarmInput));
+        QVERIFY(alarms.size() == 2 && alarms[0].first == '1' && alarms[0].second == 'a');
+        QVERIFY(alarms[1].sn == sn() && alarms[1].first == '0' && alarms[1].second == 0);
+        other.reset();
+        session()->setVol(9);
+        m_speaker->close();
+        QVERIFY(waitFor([&] { return told.back().kinds & E::Offline; }));
+        QCOMPARE(others, 1);
     }
 
     void refreshCoversEverySession() {

@@ -31,66 +31,48 @@ private slots:
         QVERIFY(m_db->runScript(QString::fromUtf8(script.readAll())) > 0);
     }
 
-    void changes_data() {
-        // last: statements of the last answer
-        const Table<QList<QByteArray>, QStringList> row{"entries", "last"};
-        const QByteArray a = "{'sn':'a1','vol':7,'kind':2,'status':1,'xhstatus':3}";
-        const QString all = "UPDATE `sbox_device_info` SET`vol` = '7',`kind` = '2',`xhstatus` = '3',"
-                            "`status` = '1'WHERE (`device_seed` = 'a1' ) ;";
-        row("new", QList<QByteArray>{a}, QStringList{all});
-        row("quiet", QList<QByteArray>{a, a}, {});
-        row("changed and back",
-            QList<QByteArray>{a, "{'sn':'a1','vol':8,'kind':2,'status':1,'xhstatus':3}", a},
-            QStringList{all});
-        row("one of two",
-            QList<QByteArray>{a + ",{'sn':'b2','vol':1,'kind':1,'status':0}",
-                              a + ",{'sn':'b2','vol':1,'kind':1,'status':1}"},
-            QStringList{"UPDATE `sbox_device_info` SET `vol` = '1', `status` = '1', "
-                        "`kind` = '1' WHERE (`device_seed` = 'b2' and `id` > 0 );"});
-        row("counters add up every time",
-            QList<QByteArray>{"{'sn':'a1','status':1,'rt':4,'pyl':2}",
-                              "{'sn':'a1','status':1,'rt':4,'py':0}"},
-            QStringList{"UPDATE `sbox_device_info` SET`rt` = `rt`+'4',`status` = '1'WHERE (`device_seed` = "
-                        "'a1' ) ;"});
-        row("serial that is none", QList<QByteArray>{"{'sn':'a1 or 1','status':1}"}, {});
-        row("no state", QList<QByteArray>{"{'sn':'a1','vol':1}"}, {});
-        row("does not parse", QList<QByteArray>{"{'sn':"}, {});
-    }
-    void changes() {
-        QFETCH(QList<QByteArray>, entries);
-        QFETCH(QStringList, last);
-        DeviceStatus status;
-        QStringList statements;
-        for (QByteArray entry : entries)
-            statements = status.changes("{\"res\":\"success\",\"list\":[" + entry.replace('\'', '"') + "]}");
-        QCOMPARE(statements, last);
-    }
-
-    void listBecomesStatements() {
-        ScriptedNode node;
-        node.list = "{\"res\":\"success\",\"list\":[";
-        for (int i = 0; i < 1000; ++i)
-            node.list += (i ? ",{\"sn\":\"" : "{\"sn\":\"") + QByteArray::number(i) + "\",\"status\":1}";
-        node.list += "],\"mark\":\"m7\"}";
-        Nodeque poller(nullptr, 3, m_db.get(), "127.0.0.1", node.port(), {&m_gate});
-        QStringList statements;
-        connect(&poller, &Nodeque::updatedatabase, [&](const QString& sql) { statements += sql; });
-        poller.getinfotime();
-        poller.getinfotime(); // while the first is under way
-        QVERIFY(waitFor([&] { return statements.size() == 1000; }));
-        QCOMPARE(node.listsAsked(), 1);
-        QCOMPARE(node.lastListAsked().json()["since"], "");
-        node.list = R"({"list":[{"sn":"7","status":0}],"mark":"m7"})";
-        poller.getinfotime();
-        QVERIFY(waitFor([&] { return statements.size() == 1001; }));
-        QVERIFY(statements.last().contains("`status` = '0'WHERE (`device_seed` = '7' )"));
-        poller.getinfotime();
-        QVERIFY(waitFor([&] { return node.listsAsked() == 3; }));
-        QCOMPARE(node.lastListAsked().json()["since"], "m7"); // what the node said before
-        node.list = R"({"list":[],"mark":"m8","more":true})";
-        poller.getinfotime();
-        QVERIFY(waitFor([&] { return node.listsAsked() == 5; })); // without waiting for the next poll
-        QCOMPARE(node.lastListAsked().json()["since"], "m8");
+    void rowsFollowTheSpeakers() {
+        Severinit devices({}, {}, {}, {}, {}, {}, "key", 3000, 2048, 20, 3000, 10, {}, 0, 0, 0, 0, 0, 0, 0, 0,
+                          0);
+        devices.setStoredSerials({"a1", "b2"}, {});
+        devices.init_vison();
+        m_db->exec(
+            "INSERT INTO sbox_device_info (device_seed, status, vol) VALUES ('a1', 1, 5), ('b2', 1, 5)");
+        DeviceStatus status(&devices, m_db.get());
+        const auto rows = [&] {
+            QStringList texts;
+            const SqlResult found = m_db->run("SELECT * FROM sbox_device_info ORDER BY device_seed");
+            for (int i = 0; i < found.rows.size(); ++i)
+                for (const char* column : {"vol", "kind", "xhstatus", "status"})
+                    texts += found.text(i, column);
+            return texts.join(' ');
+        };
+        const auto become = [&](const char* expected) {
+            return waitFor([&] {
+                status.write();
+                return rows() == expected;
+            });
+        };
+        QVERIFY2(become("0 1 0 0 0 1 0 0"), qPrintable(rows())); // of an earlier run nothing is left
+        devices.session("a1")->setVol(7);
+        QCOMPARE(rows(), "0 1 0 0 0 1 0 0"); // not for each change
+        QVERIFY2(become("7 1 0 0 0 1 0 0"), qPrintable(rows()));
+        devices.session("b2")->setXuhao(3);
+        QVERIFY(m_db->exec(
+            "CREATE TRIGGER fails BEFORE UPDATE ON sbox_device_info BEGIN SELECT RAISE(FAIL, 'x'); END"));
+        int failures = 0;
+        connect(m_db.get(), &sqlite::error, &devices, [&] { ++failures; });
+        QVERIFY(waitFor([&] {
+            status.write();
+            return failures > 0;
+        }));
+        m_db->exec("DROP TRIGGER fails");
+        QVERIFY2(become("7 1 0 0 0 1 3 0"), qPrintable(rows())); // kept meanwhile
+        m_db->exec("UPDATE sbox_device_info SET xhstatus = 9, vol = 9");
+        devices.session("b2")->setVol(4);
+        QVERIFY2(become("9 1 9 0 4 1 9 0"), qPrintable(rows())); // nothing but what has changed
+        devices.tellAgain({"a1"});
+        QVERIFY2(become("7 1 0 0 4 1 9 0"), qPrintable(rows()));
     }
 
     void commandsLeaveAsFrames() {

@@ -50,7 +50,8 @@ void packet(const QByteArray& bytes) {
 void report(const QByteArray& bytes) {
     static TimingWheel wheel;
     static Mirror mirror;
-    static SessionEnv env{wheel, {}, &mirror};
+    static SpeakerEvents events;
+    static SessionEnv env{wheel, events, {}, &mirror};
     SAobj session(QStringLiteral("00"), env, nullptr);
     session.sn_onlinebackdata(bytes);
     session.dido(bytes);

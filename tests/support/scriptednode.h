@@ -8,8 +8,8 @@
 #include <QTcpSocket>
 #include <sys/socket.h>
 
-/// A node's command server as a test wants it: keeps the requests it gets, answers the list of
-/// speakers with `list`, and counts the connections whose bytes were not whole frames.
+/// A node's command server as a test wants it: keeps the requests it gets, and counts the connections whose
+/// bytes were not whole frames.
 class ScriptedNode {
 public:
     struct Request {
@@ -30,47 +30,36 @@ public:
     }
     quint16 port() const { return m_server.serverPort(); }
     void close() { m_server.close(); }
-    /// Requests in the order of their connections, LIST left out.
+    /// Requests in the order of their connections.
     const QList<Request>& requests() const { return m_requests; }
     int brokenFrames() const { return m_broken; }
-    int listsAsked() const { return m_lists; }
-    const Request& lastListAsked() const { return m_lastList; }
-    QByteArray list = R"({"res":"success","list":[]})";
 
 private:
     void take(QTcpSocket* socket) {
         auto bytes = std::make_shared<QByteArray>();
         QObject::connect(socket, &QTcpSocket::readyRead, &m_server, [this, socket, bytes] {
             *bytes += socket->readAll();
-            parse(*bytes, socket);
+            parse(*bytes);
         });
         QObject::connect(socket, &QTcpSocket::disconnected, &m_server, [this, socket, bytes] {
             m_broken += !bytes->isEmpty();
             socket->deleteLater();
         });
         *bytes += socket->readAll();
-        parse(*bytes, socket);
+        parse(*bytes);
     }
-    void parse(QByteArray& bytes, QTcpSocket* socket) {
+    void parse(QByteArray& bytes) {
         const int line = bytes.indexOf('\n');
         const int length = bytes.left(line).toInt();
         if (line < 0 || bytes.size() < line + 1 + length)
             return;
         const Request request{bytes.mid(line + 1, length), m_clock.elapsed()};
         bytes.remove(0, line + 1 + length);
-        if (request.word() == QLatin1String("LIST")) {
-            ++m_lists;
-            m_lastList = request;
-            socket->write(list + "\r\n");
-        } else {
-            m_requests += request;
-        }
+        m_requests += request;
     }
 
     QTcpServer m_server;
     QElapsedTimer m_clock;
     QList<Request> m_requests;
-    Request m_lastList;
     int m_broken = 0;
-    int m_lists = 0;
 };

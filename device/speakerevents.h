@@ -1,0 +1,94 @@
+#pragma once
+
+#include <functional>
+#include <list>
+#include <QDeadlineTimer>
+#include <QPointer>
+#include <QString>
+#include <QTimer>
+#include <vector>
+
+class SAobj;
+
+/// A session's place in the batch that is being gathered; what it derives from.
+struct ChangeLink {
+    quint16 kinds = 0; ///< that changed and have not been told yet; 0: it has no place
+    quint32 place = 0;
+};
+
+/// Where the state of speakers is told: what has changed, in batches, at most one a turn of the loop. A
+/// listener that throws is logged and the others are served; when the listeners take long, batches become
+/// fewer and larger, so that they have no more than a share of the loop. Main loop only. Owner: the registry.
+class SpeakerEvents {
+public:
+    enum Kind : quint16 {
+        Online = 1 << 0,
+        Offline = 1 << 1,
+        Volume = 1 << 2,
+        Playing = 1 << 3, ///< from its own store
+        Idle = 1 << 4,    ///< the same is over
+        StreamBegun = 1 << 5,
+        StreamEnded = 1 << 6,
+        AlarmInput = 1 << 7,
+        Information = 1 << 8, ///< anything else that it tells of itself, or that a command has set
+        CommandAccepted = 1 << 9,
+    };
+    using Kinds = quint16; ///< a set of them
+
+    struct Change {
+        SAobj* session; ///< null when a listener has made it end meanwhile
+        Kinds kinds;    ///< all that happened since the batch before; what holds now the session knows
+    };
+    struct Alarm {
+        QString sn;
+        char first; ///< second and third byte of the report, 0 where missing
+        char second;
+    };
+    struct Batch {
+        std::vector<Change> speakers; ///< each once
+        std::vector<Alarm> alarms;    ///< in their order
+    };
+    using Listener = std::function<void(const Batch&)>;
+
+    /// Alarms kept for one batch; what comes beyond is lost with a line in the log.
+    static constexpr size_t MaxAlarms = 10'000;
+
+    SpeakerEvents();
+    /// Tells what is of these kinds until `context` is gone. A listener may do whatever may be done on the
+    /// main loop; its own changes are told in a later turn.
+    void listen(const QObject* context, Kinds kinds, Listener listener);
+
+    /// Costs nothing while nobody listens for such a thing.
+    void note(SAobj& session, Kind kind) {
+        if (m_wanted & kind)
+            add(session, kind);
+    }
+    void noteAlarm(SAobj& session, char first, char second);
+    /// The session is about to be deleted: it leaves the batch.
+    void forget(const SAobj& session);
+
+private:
+    struct Entry {
+        QPointer<const QObject> context;
+        Kinds kinds;
+        Listener listener;
+    };
+    void add(SAobj& session, Kind kind);
+    void schedule();
+    void tell();
+    void tell(const Entry& entry);
+    void dropDead();
+
+    std::list<Entry> m_listeners; ///< one may be added while another is told
+    Kinds m_wanted = 0;           ///< by any of them
+    // Gathered for the next batch.
+    std::vector<SAobj*> m_changed; ///< null: it has ended
+    std::vector<Alarm> m_alarms;
+    // Being told.
+    std::vector<Change> m_told;
+    std::vector<Alarm> m_toldAlarms;
+    Batch m_batch; ///< of these what one listener wants
+    bool m_isTelling = false;
+    QTimer m_timer;        ///< active from the first change to its batch
+    QDeadlineTimer m_rest; ///< of the listeners after a long batch
+};
