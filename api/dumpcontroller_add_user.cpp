@@ -2,6 +2,7 @@
 
 #include "api/requestmapper.h"
 #include "api/routes.h"
+#include "api/speakernodes.h"
 #include "core/sql/sqlite.h"
 #include "device/severinit.h"
 #include "http/httprequest.h"
@@ -104,8 +105,12 @@ QByteArray DumpController_add_user::call(const Route& route, const QByteArray& p
 }
 
 std::unique_ptr<Core_corss> DumpController_add_user::commands() const {
-    auto sender = std::make_unique<Core_corss>(QStringLiteral("127.0.0.1"), m_devices->ps2);
+    const NodeAddress own{QStringLiteral("127.0.0.1"), m_devices->ps2};
+    auto sender = std::make_unique<Core_corss>(own.host, own.port);
     sender->setGate(m_mapper->gate());
+    sender->setWhereabouts([this, own](const QStringList& sns) {
+        return splitByNode(*m_database, *m_mapper->gate(), own, sns);
+    });
     sender->setSilentClip(db().site.silentclip);
     sender->setWarningFetch(db().site.waringfetch);
     return sender;

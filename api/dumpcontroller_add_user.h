@@ -169,7 +169,7 @@ private:
     /// Takes over what a command left of the token that it ends, and counts a wrong login.
     void afterCommand(const QueryTable::Command& command, const Params&, const QByteArray& answer);
     StrictSql db() const { return StrictSql(*m_database); } ///< this worker's own
-    /// Sends commands to this node's command server, which the main loop is free to serve meanwhile.
+    /// Sends commands to the nodes that their speakers are on.
     std::unique_ptr<Core_corss> commands() const;
     /// The audio uploads' common body; `sizeKey` is the key that carries the size in bytes.
     QByteArray storeUploadedAudio(const Params&, HttpRequest&, const char* sizeKey);

@@ -2,6 +2,7 @@
 
 #include "nodes/gate.h"
 
+#include <QByteArrayList>
 #include <QDebug>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -11,13 +12,12 @@ namespace {
 /// Number of the group volume command.
 constexpr int VolumeMode = 1009;
 
-QJsonObject onSpeakers(const char* word, const QStringList& sns) {
-    return {{QStringLiteral("cmd"), QLatin1String(word)},
-            {QStringLiteral("snlist"), QJsonArray::fromStringList(sns)}};
+QJsonObject command(const char* word) {
+    return {{QStringLiteral("cmd"), QLatin1String(word)}};
 }
 
-QJsonObject withFile(const char* word, const QStringList& sns, const QString& file) {
-    QJsonObject request = onSpeakers(word, sns);
+QJsonObject withFile(const char* word, const QString& file) {
+    QJsonObject request = command(word);
     request.insert(QStringLiteral("filelist"), QJsonArray{file});
     return request;
 }
@@ -35,15 +35,14 @@ QByteArray stripped(const QJsonObject& request) {
 
 Core_corss::Core_corss(QString host, int port, QObject* parent)
     : QObject(parent)
-    , m_host(std::move(host))
-    , m_port(port) {}
+    , m_node{std::move(host), port} {}
 
 QByteArray Core_corss::useingenable(const QStringList& sns) {
-    return send(onSpeakers("useing_enable", sns), true);
+    return onSpeakers(sns, command("useing_enable"));
 }
 
 QByteArray Core_corss::useingdisable(const QStringList& sns) {
-    return send(onSpeakers("useing_disable", sns), true);
+    return onSpeakers(sns, command("useing_disable"));
 }
 
 QByteArray Core_corss::enable_device(const QStringList& sns) {
@@ -55,86 +54,101 @@ QByteArray Core_corss::disable_device(const QStringList& sns) {
 }
 
 QByteArray Core_corss::edit_vols(const QStringList& sns, int vol) {
-    return send({{QStringLiteral("mode"), VolumeMode},
-                 {QStringLiteral("snlist"), QJsonArray::fromStringList(sns)},
-                 {QStringLiteral("vol"), vol},
-                 {QStringLiteral("vols"), vol}},
-                true);
+    return onSpeakers(
+        sns,
+        {{QStringLiteral("mode"), VolumeMode}, {QStringLiteral("vol"), vol}, {QStringLiteral("vols"), vol}});
 }
 
 QByteArray Core_corss::play_url(const QStringList& sns, const QString& url) {
-    return send(withFile("PLAYOFF", sns, url), true);
+    return onSpeakers(sns, withFile("PLAYOFF", url));
 }
 
 QByteArray Core_corss::play_urlq39(const QStringList& sns, const QString& url) {
-    return send(withFile("PLAYAS", sns, url + QLatin1Char('A')), true);
+    return onSpeakers(sns, withFile("PLAYAS", url + QLatin1Char('A')));
 }
 
 QByteArray Core_corss::play_urlsetwarning(const QStringList& sns, const QString& target,
                                           const QString& text) {
     const QString line =
         fetchCommand(m_warningFetch) + text + QStringLiteral("\" > ") + target + QStringLiteral("  &&");
-    return send(withFile("PLAYASCMD", sns, line), true);
+    return onSpeakers(sns, withFile("PLAYASCMD", line));
 }
 
 QByteArray Core_corss::play_urlrmwarning(const QStringList& sns, const QString& target) {
     const QString line =
         fetchCommand(m_warningFetch) + QStringLiteral(" && rm ") + target + QStringLiteral("  &&");
-    return send(withFile("PLAYASCMD", sns, line), true);
+    return onSpeakers(sns, withFile("PLAYASCMD", line));
 }
 
 QByteArray Core_corss::Stop_url(const QStringList& sns) {
-    QByteArray answer = send(onSpeakers("FORCESTOP", sns), true);
+    QByteArray answer = onSpeakers(sns, command("FORCESTOP"));
     qInfo().noquote() << "why here" << answer;
     return answer;
 }
 
 QByteArray Core_corss::Stop_urlq39(const QStringList& sns) {
-    return send(withFile("PLAYAS", sns, m_silentClip + QLatin1Char('5')), true);
+    return onSpeakers(sns, withFile("PLAYAS", m_silentClip + QLatin1Char('5')));
 }
 
 QByteArray Core_corss::Debug_(const QString& sn, int v) {
-    return send({{QStringLiteral("cmd"), QStringLiteral("DEBUG")},
-                 {QStringLiteral("sn"), sn},
-                 {QStringLiteral("dev_ks"), v}},
-                true);
+    QJsonObject request = command("DEBUG");
+    request.insert(QStringLiteral("sn"), sn);
+    request.insert(QStringLiteral("dev_ks"), v);
+    return send({{sharesOf({sn}).front().node, request}}, Wait::Yes);
 }
 
 QByteArray Core_corss::Debugkillall_(int v) {
-    return send({{QStringLiteral("cmd"), QStringLiteral("DEBUGALL")}, {QStringLiteral("dev_ks"), v}}, true);
+    QJsonObject request = command("DEBUGALL");
+    request.insert(QStringLiteral("dev_ks"), v);
+    return send({{m_node, request}}, Wait::Yes);
 }
 
 void Core_corss::WarningF(const QString& sn, const QString& file) {
-    send(withFile("PLAYAS", {sn}, file + QLatin1Char('F')), false);
+    onSpeakers({sn}, withFile("PLAYAS", file + QLatin1Char('F')), Wait::No);
 }
 
 void Core_corss::WarningF_NONE(const QString& sn) {
-    send(withFile("PLAYAS", {sn}, QStringLiteral("F_NONE.mp3")), false);
+    onSpeakers({sn}, withFile("PLAYAS", QStringLiteral("F_NONE.mp3")), Wait::No);
 }
 
 void Core_corss::WarningB(const QString& sn, const QString& file) {
-    send(withFile("PLAYAS", {sn}, file + QLatin1Char('B')), false);
+    onSpeakers({sn}, withFile("PLAYAS", file + QLatin1Char('B')), Wait::No);
 }
 
 void Core_corss::WarningB_NONE(const QString& sn) {
-    send(withFile("PLAYAS", {sn}, QStringLiteral("B_NONE.mp3")), false);
+    onSpeakers({sn}, withFile("PLAYAS", QStringLiteral("B_NONE.mp3")), Wait::No);
 }
 
 void Core_corss::WarningAS(const QString& sn, const QString& file) {
-    send(withFile("PLAYAS", {sn}, file), false);
+    onSpeakers({sn}, withFile("PLAYAS", file), Wait::No);
 }
 
-QByteArray Core_corss::frame(const QJsonObject& request) {
-    return NodeCall::frame(stripped(request));
+std::vector<NodeShare> Core_corss::sharesOf(const QStringList& sns) const {
+    return m_whereabouts ? m_whereabouts(sns) : std::vector<NodeShare>{{m_node, sns}};
 }
 
-QByteArray Core_corss::send(const QJsonObject& request, bool waitForAnswer) {
-    const NodeAddress node{m_host, m_port};
-    const QByteArray payload = stripped(request);
-    if (m_gate)
-        return m_gate->runAndWait(node, payload, waitForAnswer).answer;
-    const NodeCall::Result result = NodeCall::send(node, payload, waitForAnswer, {});
-    if (result.isLost())
-        qWarning().noquote() << "Core_corss:" << m_host << m_port << result.error;
-    return result.answer;
+QByteArray Core_corss::onSpeakers(const QStringList& sns, const QJsonObject& request, Wait wait) {
+    std::vector<Order> orders;
+    for (const NodeShare& share : sharesOf(sns)) {
+        QJsonObject part = request;
+        part.insert(QStringLiteral("snlist"), QJsonArray::fromStringList(share.sns));
+        orders.push_back({share.node, part});
+    }
+    return send(orders, wait);
+}
+
+/// To all nodes at once, so that a slow one holds up no other.
+QByteArray Core_corss::send(const std::vector<Order>& orders, Wait wait) {
+    std::vector<Gate::PendingPtr> pending;
+    for (const Order& order : orders) {
+        const QByteArray payload = stripped(order.request);
+        if (m_gate && wait == Wait::Yes)
+            pending.push_back(m_gate->begin(order.node, payload, Gate::Until::Answered));
+        else if (m_gate)
+            m_gate->run(order.node, payload);
+    }
+    QByteArrayList answers;
+    for (const Gate::PendingPtr& call : pending)
+        answers += Gate::await(call).answer;
+    return answers.join('\n');
 }

@@ -182,7 +182,7 @@ void Nodeque::fuckmg(const QByteArray& command) {
     limits.cancelled = &m_stopping;
     if (QThread::currentThread() != this)
         m_relay.gate->run(m_node, command, {}, RelayLimits);
-    else if (m_relay.gate->runAndWait(m_node, command, false, limits).isLost())
+    else if (m_relay.gate->runAndWait(m_node, command, Gate::Until::Written, limits).isLost())
         return;
     qInfo() << "writedata" << m_node.host << m_node.port << command.size() << command.left(LoggedBytes);
 }

@@ -1,4 +1,5 @@
 #include "device/commandserver.h"
+#include "nodes/gate.h"
 #include "redis/core_corss.h"
 #include "support/table.h"
 #include "support/testmain.h"
@@ -290,6 +291,7 @@ private slots:
         QByteArray answer;
         beside([&] {
             Core_corss sender("127.0.0.1", server.port());
+            sender.setGate(&m_gate);
             sender.setSilentClip("http://h/silence");
             sender.setWarningFetch("http://h/f?");
             answer = call(sender);
@@ -314,7 +316,7 @@ private slots:
             });
         });
         QByteArray answer;
-        beside([&] { answer = Core_corss("127.0.0.1", node.serverPort()).Debugkillall_(1); });
+        beside([&] { answer = askAll("127.0.0.1", node.serverPort()); });
         QCOMPARE(got, QByteArray("29\n{\"cmd\":\"DEBUGALL\",\"dev_ks\":1}"));
         QCOMPARE(answer, QByteArray("{\"res\":\"x\"}"));
     }
@@ -325,9 +327,21 @@ private slots:
             probe.listen(QHostAddress::LocalHost);
             return probe.serverPort();
         }();
-        QCOMPARE(Core_corss("127.0.0.1", port).Debugkillall_(1), QByteArray());
-        QCOMPARE(Core_corss("no such host", port).Debugkillall_(1), QByteArray());
+        for (const char* host : {"127.0.0.1", "no such host"}) {
+            QByteArray answer;
+            beside([&] { answer = askAll(host, port); });
+            QCOMPARE(answer, QByteArray());
+        }
+        QCOMPARE(m_gate.lostCommands(), 2u);
     }
+
+private:
+    QByteArray askAll(const char* host, quint16 port) {
+        Core_corss sender(host, port);
+        sender.setGate(&m_gate);
+        return sender.Debugkillall_(1);
+    }
+    Gate m_gate{nullptr, {}, {}};
 };
 
 int main(int argc, char** argv) {

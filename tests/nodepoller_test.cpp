@@ -1,6 +1,7 @@
 // What a poller makes of commands, of the speakers' state that its own node tells, and of service periods.
 #include "core/sql/sqlite.h"
 #include "nodes/gate.h"
+#include "nodes/unreached.h"
 #include "support/devicelink.h"
 #include "support/scriptednode.h"
 #include "support/table.h"
@@ -190,7 +191,7 @@ private slots:
         QByteArray answer;
         std::atomic_bool isDone{false};
         std::thread worker([&] {
-            answer = gate.runAndWait({host, port}, "{\"cmd\":\"LIST\"}", true).answer;
+            answer = gate.runAndWait({host, port}, "{\"cmd\":\"LIST\"}", Gate::Until::Answered).answer;
             isDone = true;
         });
         QVERIFY(waitFor([&] { return isDone.load(); }));
@@ -205,9 +206,30 @@ private slots:
         node.close();
         Gate gate(nullptr, {}, {});
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression("sck连接失败")); // once
-        QVERIFY(gate.runAndWait(gone, "{}", false).isLost());
+        const auto written = gate.begin(gone, "{}", Gate::Until::Written);
         gate.run(gone, "{}");
         QVERIFY(waitFor([&] { return gate.lostCommands() == 2; }));
+        QVERIFY(Gate::await(written).isLost());
+    }
+
+    void answersTellWhoWasNotReached_data() {
+        const Table<QByteArray, int, QString> row{"answer", "count", "why"};
+        row("all", "{'res':'WELL','info':'sent to 2 of 2'}", 0, "");
+        row("some", "{'res':'unline','info':'sent to 1 of 3; a unline, b unline'}", 2,
+            "unline sent to 1 of 3; a unline, b unline");
+        row("done all the same", "{'res':'success','info':'set for 0 of 1; a not sent'}", 1,
+            "success set for 0 of 1; a not sent");
+        row("a list that is cut off", "{'res':'out_of_range','info':'sent to 0 of 1','list':[{]}", 1,
+            "out_of_range sent to 0 of 1");
+        row("refused", "{'res':'Data_error_7','info':'no targets'}", -1, "Data_error_7 no targets");
+        row("speakers", "{'res':'success','info':'3 speakers','list':[]}", 0, "");
+        row("no answer", "", 0, "");
+    }
+    void answersTellWhoWasNotReached() {
+        QFETCH(QByteArray, answer);
+        const Unreached unreached = unreachedBy(answer.replace('\'', '"'));
+        QTEST(unreached.count, "count");
+        QTEST(unreached.why, "why");
     }
 
     void servicePeriods_data() {
