@@ -38,13 +38,10 @@ std::optional<QJsonArray> groups(const StrictSql& database, int userid) {
 }
 } // namespace
 
-QJsonObject DumpController_add_user::accountInfo(const Params& params, const QString& devices) {
-    const Call call(params, *m_mapper);
+QJsonObject DumpController_add_user::accountInfo(const Call& call, const QString& devices) {
     const auto refused = [](const char* word) {
         return QJsonObject{{QStringLiteral("res"), false}, {QStringLiteral("info"), QLatin1String(word)}};
     };
-    if (!call.has("username") || !call.has("passwd"))
-        return refused("ParER");
     const SqlResult login = db().run(
         QStringLiteral(
             "SELECT * FROM  sbox_users where (`user_name` =  '@username' and  `user_pass`= '@passwd' );"),
@@ -68,16 +65,16 @@ QJsonObject DumpController_add_user::accountInfo(const Params& params, const QSt
             {QStringLiteral("devlist"), owned.objects()}};
 }
 
-QByteArray DumpController_add_user::get_user_info(const Params& params, const QString& /*path*/) {
-    return reply(accountInfo(params, allDevices));
+QByteArray DumpController_add_user::get_user_info(const Call& call) {
+    return reply(accountInfo(call, allDevices));
 }
 
-QByteArray DumpController_add_user::get_user_infokvt(const Params& params, const QString& /*path*/) {
-    return reply(accountInfo(params, alarmDevices));
+QByteArray DumpController_add_user::get_user_infokvt(const Call& call) {
+    return reply(accountInfo(call, alarmDevices));
 }
 
-QByteArray DumpController_add_user::get_user_infoh(const Params& params, const QString& /*path*/) {
-    QJsonObject info = accountInfo(params, allDevices);
+QByteArray DumpController_add_user::get_user_infoh(const Call& call) {
+    QJsonObject info = accountInfo(call, allDevices);
     if (!info.value(QStringLiteral("res")).toBool())
         return reply(info);
     const int userid = info.value(QStringLiteral("user")).toObject().value(QStringLiteral("id")).toInt();
@@ -88,6 +85,6 @@ QByteArray DumpController_add_user::get_user_infoh(const Params& params, const Q
     return reply(info);
 }
 
-QByteArray DumpController_add_user::get_user_node(const Params& /*params*/, const QString& /*path*/) {
+QByteArray DumpController_add_user::get_user_node(const Call& /*call*/) {
     return {};
 }

@@ -46,10 +46,7 @@ bool isUsableMaster(const StrictSql& database, const Call& call) {
 }
 } // namespace
 
-QByteArray DumpController_add_user::user_gtoken(const Params& params) {
-    const Call call(params, *m_mapper);
-    if (!call.has("username") || !call.has("passwd"))
-        return refusal(QStringLiteral("ParERuser_gtoken"));
+QByteArray DumpController_add_user::user_gtoken(const Call& call) {
     const QString token = newToken(call.text("username"), call.text("passwd"), db().site.randomtokens);
     const SqlResult login = findLogin(db(), call);
     if (!login.ok && !login.refused)
@@ -74,10 +71,7 @@ QByteArray DumpController_add_user::user_gtoken(const Params& params) {
                   {QStringLiteral("info"), QStringLiteral("SUC")}});
 }
 
-QByteArray DumpController_add_user::user_onlygtoken(const Params& params) {
-    const Call call(params, *m_mapper);
-    if (!call.has("username") || !call.has("passwd"))
-        return refusal(QStringLiteral("ParERuser_gtoken"));
+QByteArray DumpController_add_user::user_onlygtoken(const Call& call) {
     const SqlResult login = findLogin(db(), call);
     if (!login.ok)
         return refusal(QStringLiteral("ER_EXE"));
@@ -92,17 +86,11 @@ QByteArray DumpController_add_user::user_onlygtoken(const Params& params) {
     return reply(answer);
 }
 
-QByteArray DumpController_add_user::user_add(const Params& /*params*/) {
+QByteArray DumpController_add_user::user_add(const Call& /*call*/) {
     return {};
 }
 
-QByteArray DumpController_add_user::user_add_lite(const Params& params) {
-    const Call call(params, *m_mapper);
-    if (!call.has("sskey") || !call.has("username") || !call.has("passwd") ||
-        call.isLonger("username", Call::MaxName) || call.isLonger("passwd", Call::MaxName))
-        return refusal(QStringLiteral("ParER"));
-    if (!m_devices->matchesServiceKey(call.raw("sskey")))
-        return refusal(QStringLiteral("sskey_ER"));
+QByteArray DumpController_add_user::user_add_lite(const Call& call) {
     if (!isUsableMaster(db(), call))
         return refusal(QStringLiteral("REID_ER"));
     const QString token = newToken(call.text("username"), call.text("passwd"), db().site.randomtokens);
@@ -123,12 +111,7 @@ QByteArray DumpController_add_user::user_add_lite(const Params& params) {
                   {QStringLiteral("token"), token}});
 }
 
-QByteArray DumpController_add_user::user_dbini(const Params& params) {
-    const Call call(params, *m_mapper);
-    if (!call.has("sskey") || !call.has("username") || !call.has("passwd"))
-        return refusal(QStringLiteral("ParER"));
-    if (!m_devices->matchesServiceKey(call.raw("sskey")))
-        return refusal(QStringLiteral("sskey_ER"));
+QByteArray DumpController_add_user::user_dbini(const Call& /*call*/) {
     if (db().kind() != 0 && db().kind() != 1)
         return refusal(QStringLiteral("config.ini_dbk_ER"));
     QFile script(db().kind() == 0 ? QStringLiteral(":/etc/ttys/sqlite3main.sql")
@@ -145,7 +128,7 @@ QByteArray DumpController_add_user::user_dbini(const Params& params) {
     return reply({{QStringLiteral("res"), true}, {QStringLiteral("info"), affected}});
 }
 
-QByteArray DumpController_add_user::fucktext(const Params& /*params*/) {
+QByteArray DumpController_add_user::fucktext(const Call& /*call*/) {
     return reply({{QStringLiteral("res"), false},
                   {QStringLiteral("info"), QStringLiteral("ER_")},
                   {QStringLiteral("docroot"), documentRoot}});

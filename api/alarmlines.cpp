@@ -169,10 +169,7 @@ QByteArray startReply(StartRequest outcome) {
 
 } // namespace
 
-QByteArray DumpController_add_user::user_add_DOPlane(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"url", "plantname", "snlist"}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_add_DOPlane(const Call& call) {
     if (call.list("snlist").isEmpty())
         return refusal(QStringLiteral("snlist_error"));
     const SqlResult added = db().run(
@@ -189,10 +186,7 @@ QByteArray DumpController_add_user::user_add_DOPlane(const Params& params) {
                   {QStringLiteral("pltid"), added.lastId}});
 }
 
-QByteArray DumpController_add_user::user_get_DOPlist(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_get_DOPlist(const Call& call) {
     const SqlResult rows =
         db().run(QStringLiteral("select * from  `warningplant` where `userid` =  '@userid' ;"),
                  {{QStringLiteral("@userid"), call.userid()}});
@@ -208,20 +202,14 @@ QByteArray DumpController_add_user::user_get_DOPlist(const Params& params) {
     return doneWith("plantlist", plans);
 }
 
-QByteArray DumpController_add_user::user_rm_DOPlane(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"pltid"}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_rm_DOPlane(const Call& call) {
     const SqlResult gone =
         db().run(QStringLiteral("DELETE FROM `warningplant` WHERE (`id` = '@id'  and userid = '@userid') ;"),
                  {{QStringLiteral("@id"), call.number("pltid")}, {QStringLiteral("@userid"), call.userid()}});
     return gone.ok && gone.affected > 0 ? done() : refusal(QStringLiteral("exec_error"));
 }
 
-QByteArray DumpController_add_user::user_reg_DOPane(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"pltid", "sn", "dname", "fb"}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_reg_DOPane(const Call& call) {
     const QString sn = call.text("sn");
     const QString line = call.text("fb");
     if (!isLine(line))
@@ -242,10 +230,7 @@ QByteArray DumpController_add_user::user_reg_DOPane(const Params& params) {
     return done();
 }
 
-QByteArray DumpController_add_user::user_reg_DOFile(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"url", "filename", "sn", "dname", "fb"}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_reg_DOFile(const Call& call) {
     const QString sn = call.text("sn");
     const QString line = call.text("fb");
     if (!isLine(line))
@@ -268,10 +253,7 @@ QByteArray DumpController_add_user::user_reg_DOFile(const Params& params) {
     return done();
 }
 
-QByteArray DumpController_add_user::user_reg_listDOFile(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_reg_listDOFile(const Call& call) {
     return rowsReply("filelist",
                      db().run(QStringLiteral("select * from `warregister` where  `userid` =  '@userid' ;"),
                               {{QStringLiteral("@userid"), call.userid()}}));
@@ -279,10 +261,7 @@ QByteArray DumpController_add_user::user_reg_listDOFile(const Params& params) {
 
 /// A speaker that is the caller's must be there to be cleared: a line that stays bound would still
 /// raise the alarm. Of a speaker that is no longer his only the row goes.
-QByteArray DumpController_add_user::user_unreg_DO(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"sn", "fb", "rgid"}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_unreg_DO(const Call& call) {
     const QString sn = call.text("sn");
     const QString line = call.text("fb");
     if (!isLine(line))
@@ -307,10 +286,7 @@ QByteArray DumpController_add_user::user_unreg_DO(const Params& params) {
                   {QStringLiteral("EF"), gone.affected}});
 }
 
-QByteArray DumpController_add_user::user_unreg_DO_foce(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"sn", "fb", "rgid"}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_unreg_DO_foce(const Call& call) {
     const QString line = call.text("fb");
     if (!isLine(line))
         return refusal(QStringLiteral("Paruser"));
@@ -320,11 +296,7 @@ QByteArray DumpController_add_user::user_unreg_DO_foce(const Params& params) {
     return done();
 }
 
-QByteArray DumpController_add_user::setwaringlinetaskid(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"sn", "taskid", "username", "passwd", "host", "lineid"}, "Paruser") ||
-        !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::setwaringlinetaskid(const Call& call) {
     const QString lineid = call.text("lineid");
     if (!isPlain(call.text("host")) || !LineBindings::isLineId(lineid) || call.number("taskid") <= 0)
         return refusal(QStringLiteral("Paruser"));
@@ -346,10 +318,7 @@ QByteArray DumpController_add_user::setwaringlinetaskid(const Params& params) {
     return done();
 }
 
-QByteArray DumpController_add_user::rmwaringlinetaskid(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"sn", "lineid"}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::rmwaringlinetaskid(const Call& call) {
     const QString lineid = call.text("lineid");
     if (!LineBindings::isLineId(lineid))
         return refusal(QStringLiteral("Paruser"));
@@ -363,8 +332,7 @@ QByteArray DumpController_add_user::rmwaringlinetaskid(const Params& params) {
 }
 
 /// What a speaker requests when a line that is bound to a stored task fires.
-QByteArray DumpController_add_user::Startwaringtask(const Params& params, const QString& /*path*/) {
-    const Call call(params, *m_mapper);
+QByteArray DumpController_add_user::Startwaringtask(const Call& call) {
     const QString info = QStringLiteral("Waringstart");
     if (call.has("lineid") && call.has("token") && !call.has("passwd")) {
         const auto binding = boundBy(db(), call);

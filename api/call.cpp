@@ -2,6 +2,7 @@
 
 #include "api/requestmapper.h"
 #include "core/sql/sqlite.h"
+#include "http/httprequest.h"
 
 #include <algorithm>
 #include <array>
@@ -17,6 +18,19 @@ QByteArray refusal(const QString& word, int code) {
     if (code != 0)
         object.insert(QStringLiteral("code"), code);
     return reply(object);
+}
+
+QByteArray noTargets() {
+    return refusal(QStringLiteral("snlist_error"), -1);
+}
+
+JsonText readParams(const QByteArray& json, Params& params) {
+    const QJsonDocument document = QJsonDocument::fromJson(json);
+    const QJsonObject object = document.object();
+    for (auto entry = object.begin(); entry != object.end(); ++entry)
+        params.insert(entry.key().toUtf8(), entry.value().toString().toUtf8());
+    return document.isNull() ? JsonText::Unreadable
+                             : (document.isObject() ? JsonText::Object : JsonText::NoObject);
 }
 
 QList<qint64> numbersIn(const QString& list) {
@@ -42,22 +56,22 @@ bool isPlayable(const QString& address, const RequestMapper& router) {
     return isOneLine(address) && !(router.database()->site.safeurls && address.contains(actedOn));
 }
 
-bool Call::require(std::initializer_list<const char*> names, const char* word) {
+bool Call::require(const std::vector<const char*>& names, const char* word) {
     bool complete = has("id") && has("token");
     for (const char* name : names)
-        complete = complete && has(name) && (qstrcmp(name, "url") != 0 || isPlayable(text(name), m_tokens));
+        complete = complete && has(name) && (qstrcmp(name, "url") != 0 || isPlayable(text(name), m_router));
     return (complete && !hasLongText()) || refuse(refusal(QLatin1String(word)));
 }
 
 bool Call::authenticateAs(int account, const char* unknownWord) {
-    const auto token = m_tokens.token(account);
+    const auto token = m_router.token(account);
     if (!token)
         return refuse(refusal(QLatin1String(unknownWord), -1));
     return *token == text("token") || refuse(refusal(QStringLiteral("_FALSE6"), -2));
 }
 
 bool Call::authenticateLoosely() {
-    const std::optional<QString> token = m_tokens.token(userid());
+    const std::optional<QString> token = m_router.token(userid());
     if (token.value_or(QString()) != text("token"))
         return refuse(refusal(QStringLiteral("_FALSE6"), -2));
     m_isNobody = !token;
@@ -67,6 +81,15 @@ bool Call::authenticateLoosely() {
 bool Call::refuse(const QByteArray& answer) {
     m_refused = answer;
     return false;
+}
+
+QTemporaryFile* Call::file() const {
+    return m_request ? m_request->getUploadedFile("file") : nullptr;
+}
+
+QString Call::fileName() const {
+    return has("filename") || !m_request ? text("filename")
+                                         : QString::fromUtf8(m_request->getUploadedFileName("file"));
 }
 
 bool Call::has(const char* name) const {

@@ -1,14 +1,15 @@
 #pragma once
 
-#include <initializer_list>
 #include <QByteArray>
 #include <QJsonObject>
 #include <QMap>
 #include <QString>
 #include <QStringList>
+#include <vector>
 
+class HttpRequest;
+class QTemporaryFile;
 class RequestMapper;
-struct SqlResult;
 
 /// Parameters of one request: name to value, both as bytes.
 using Params = QMap<QByteArray, QByteArray>;
@@ -17,6 +18,14 @@ using Params = QMap<QByteArray, QByteArray>;
 QByteArray reply(const QJsonObject& object);
 /// {"res": false, "info": word}, with "code" when it is not 0.
 QByteArray refusal(const QString& word, int code = 0);
+
+/// The refusal of an empty list of speakers.
+QByteArray noTargets();
+
+/// What a JSON text holds; `params` gets the members of an object. Every value is a text; another type
+/// counts as the empty text.
+enum class JsonText { Unreadable, NoObject, Object };
+JsonText readParams(const QByteArray& json, Params& params);
 
 /// The entries of a list, separated by "|" or ",", that are numbers.
 QList<qint64> numbersIn(const QString& list);
@@ -27,27 +36,37 @@ bool isOneLine(const QString& text);
 /// `safeurls`, nothing that a shell acts on ("&" apart, which addresses need).
 bool isPlayable(const QString& address, const RequestMapper& router);
 
-/// The common steps of an authenticated endpoint. Use: require(), then authenticate(); each returns
-/// false when the request must be refused, and refused() is then the reply to send.
+/// One request to an endpoint: who asks for what. The steps before the endpoint return false when the
+/// request must be refused, and refused() is then the reply to send. References what it is made of.
 class Call {
 public:
-    Call(const Params& params, const RequestMapper& tokens)
+    /// `request` holds the uploaded file, if any; null without one.
+    Call(const Params& params, const RequestMapper& router, QByteArray path = {},
+         HttpRequest* request = nullptr)
         : m_params(params)
-        , m_tokens(tokens) {}
+        , m_router(router)
+        , m_path(std::move(path))
+        , m_request(request) {}
 
     /// "id", "token" and `names` must be present, a "url" among them be playable and no text too long to
     /// store; otherwise the refusal's info is `word`.
-    bool require(std::initializer_list<const char*> names, const char* word);
+    bool require(const std::vector<const char*>& names, const char* word);
     /// Unknown user: `unknownWord` with code -1; wrong token: "_FALSE6" with code -2.
     bool authenticate(const char* unknownWord = "_FALSE5") { return authenticateAs(userid(), unknownWord); }
     /// The same for an account that another parameter names.
-    bool authenticateAs(int account, const char* unknownWord = "_FALSE5");
+    bool authenticateAs(int account, const char* unknownWord);
     /// For the endpoints without a test of their own for an unknown user: there the stored token
     /// counts as the empty text, and userid() is from then on a number that owns nothing.
     bool authenticateLoosely();
     QByteArray refused() const { return m_refused; }
     /// Makes `answer` the refusal; returns false.
     bool refuse(const QByteArray& answer);
+
+    const Params& params() const { return m_params; }
+    const RequestMapper& router() const { return m_router; }
+    QString path() const { return QString::fromUtf8(m_path); }
+    QTemporaryFile* file() const; ///< the upload "file"; null without one
+    QString fileName() const;     ///< the parameter "filename", without it the upload's own; not cleaned
 
     int userid() const { return m_isNobody ? Nobody : number("id"); }
     bool has(const char* name) const;
@@ -64,7 +83,9 @@ public:
 private:
     static constexpr int Nobody = -1;
     const Params& m_params;
-    const RequestMapper& m_tokens;
+    const RequestMapper& m_router;
+    QByteArray m_path;
+    HttpRequest* m_request;
     QByteArray m_refused;
     bool m_isNobody = false; ///< the account is unknown; rows of a deleted one may still bear its number
 };

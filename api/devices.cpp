@@ -124,29 +124,18 @@ SqlResult webLogin(const StrictSql& database, const Call& call) {
          {QStringLiteral("@passwd"), call.text("passwd")}});
 }
 
-/// The steps that enabling and disabling share: both are guarded by the service key alone.
+/// The steps that enabling and disabling share.
 template<typename Send>
-QByteArray switchDevices(const Call& call, const Severinit& devices, Send send) {
-    if (!call.has("sskey") || !call.has("snlist"))
-        return refusal(QStringLiteral("Paruser"));
-    if (!devices.matchesServiceKey(call.raw("sskey")))
-        return refusal(QStringLiteral("sskey_error"), -2);
+QByteArray switchDevices(const Call& call, Send send) {
     const QStringList sns = call.list("snlist");
     if (sns.isEmpty())
-        return refusal(QStringLiteral("snlist_error"), -1);
+        return noTargets();
     send(sns);
     return reply({{QStringLiteral("res"), true}});
 }
 } // namespace
 
-QByteArray DumpController_add_user::user_add_dev(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"sn", "name"}, "ParERuser_add_dev"))
-        return call.refused();
-    if (db().kind() == 0)
-        return refusal(QStringLiteral("no Need to add device on lite mode."));
-    if (!call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_add_dev(const Call& call) {
     const QStringList sns = call.text("sn").split(QLatin1Char('|'));
     QByteArray refused = refusedSerial(sns, *m_devices);
     if (!refused.isEmpty())
@@ -165,10 +154,7 @@ QByteArray DumpController_add_user::user_add_dev(const Params& params) {
                   {QStringLiteral("info"), QStringLiteral("SUC")}});
 }
 
-QByteArray DumpController_add_user::user_get_devlist(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_get_devlist(const Call& call) {
     const SqlResult rows =
         db().run(QStringLiteral("SELECT *   FROM `sbox_device_info` where user_id = '@userid'"),
                  {{QStringLiteral("@userid"), call.userid()}});
@@ -186,10 +172,7 @@ QByteArray DumpController_add_user::user_get_devlist(const Params& params) {
     return reply({{QStringLiteral("res"), true}, {QStringLiteral("devlist"), list}});
 }
 
-QByteArray DumpController_add_user::user_deldevs(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"snid"}, "ParERuser_add_dev") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_deldevs(const Call& call) {
     const QString sn = serialOf(db(), call.number("snid"));
     const SqlResult result = db().run(
         QStringLiteral("DELETE FROM  `sbox_device_info`  WHERE (`id` = '@snid'  and user_id = '@userid') ;"),
@@ -198,10 +181,7 @@ QByteArray DumpController_add_user::user_deldevs(const Params& params) {
     return changed(result, call.userid(), "No Need to del device");
 }
 
-QByteArray DumpController_add_user::user_renamedevs(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"devid", "newname"}, "ParERuser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_renamedevs(const Call& call) {
     return changed(
         db().run(QStringLiteral(
                      "UPDATE  `sbox_device_info`  SET  `device_name` = '@newname' WHERE (`id` = '@devid' "
@@ -212,10 +192,7 @@ QByteArray DumpController_add_user::user_renamedevs(const Params& params) {
         call.userid(), "ER_REJECT");
 }
 
-QByteArray DumpController_add_user::user_resndevs(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"devid", "newsn"}, "ParERuser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_resndevs(const Call& call) {
     QByteArray refused = refusedSerial({call.text("newsn")}, *m_devices);
     if (!refused.isEmpty())
         return refused;
@@ -232,27 +209,19 @@ QByteArray DumpController_add_user::user_resndevs(const Params& params) {
     return changed(result, call.userid(), "ER_REJECT");
 }
 
-QByteArray DumpController_add_user::user_enable_device(const Params& params) {
-    return switchDevices({params, *m_mapper}, *m_devices,
-                         [this](const QStringList& sns) { commands()->enable_device(sns); });
+QByteArray DumpController_add_user::user_enable_device(const Call& call) {
+    return switchDevices(call, [this](const QStringList& sns) { commands()->enable_device(sns); });
 }
 
-QByteArray DumpController_add_user::user_disable_device(const Params& params) {
-    return switchDevices({params, *m_mapper}, *m_devices,
-                         [this](const QStringList& sns) { commands()->disable_device(sns); });
+QByteArray DumpController_add_user::user_disable_device(const Call& call) {
+    return switchDevices(call, [this](const QStringList& sns) { commands()->disable_device(sns); });
 }
 
-QByteArray DumpController_add_user::user_LIST(const Params& params) {
-    Call call(params, *m_mapper);
-    if (db().site.tokenpaths && (!call.require({}, "Paruser") || !call.authenticate()))
-        return call.refused();
+QByteArray DumpController_add_user::user_LIST(const Call& /*call*/) {
     return m_mapper->onlineList().reply();
 }
 
-QByteArray DumpController_add_user::get_devicelistweb(const Params& params, const QString& /*path*/) {
-    const Call call(params, *m_mapper);
-    if (!call.has("username") || !call.has("passwd"))
-        return refusal(QStringLiteral("ParER"));
+QByteArray DumpController_add_user::get_devicelistweb(const Call& call) {
     const SqlResult login = webLogin(db(), call);
     if (login.isEmpty())
         return login.ok ? refuseLogin(call) : refusal(QStringLiteral("ER_EXE"));
@@ -267,11 +236,7 @@ QByteArray DumpController_add_user::get_devicelistweb(const Params& params, cons
     return reply({{QStringLiteral("res"), true}, {QStringLiteral("dataJson"), rows.objects()}});
 }
 
-QByteArray DumpController_add_user::add_user_devices_cross(const Params& params, const QString& /*path*/) {
-    const Call call(params, *m_mapper);
-    if (!call.has("username") || !call.has("passwd") || !call.has("name") || !call.has("sed") ||
-        call.hasLongText() || call.isLonger("sed", Call::MaxName))
-        return refusal(QStringLiteral("ParER"));
+QByteArray DumpController_add_user::add_user_devices_cross(const Call& call) {
     const SqlResult login = webLogin(db(), call);
     if (login.isEmpty())
         return login.ok ? refuseLogin(call) : refusal(QStringLiteral("ER_EXE"));

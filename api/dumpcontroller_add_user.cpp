@@ -10,31 +10,10 @@
 #include "redis/core_corss.h"
 
 #include <optional>
-#include <QJsonDocument>
 
 namespace {
 const QByteArray unreadableBody = QByteArrayLiteral("{\"res\":\"false\",\"info\":\"uni_error2\"}");
 const QByteArray emptyObject = QByteArrayLiteral("{\"res\":\"false\",\"info\":\"uni_error1\"}");
-
-/// Parameters of a uni-app request, whose body is one JSON object. Every value must be a JSON string;
-/// another type counts as the empty text. On failure `error` is the reply.
-std::optional<Params> uniAppParameters(const QByteArray& body, QByteArray& error) {
-    QJsonParseError parseError{};
-    const QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
-    if (parseError.error != QJsonParseError::NoError) {
-        error = unreadableBody;
-        return std::nullopt;
-    }
-    Params params;
-    const QJsonObject object = document.object();
-    for (auto entry = object.begin(); entry != object.end(); ++entry)
-        params.insert(entry.key().toLocal8Bit(), entry.value().toString().toLocal8Bit());
-    if (params.isEmpty()) {
-        error = emptyObject;
-        return std::nullopt;
-    }
-    return params;
-}
 
 bool isUniApp(const HttpRequest& request) {
     return request.getHeader(QByteArrayLiteral("from-header")) == "uniapp";
@@ -53,7 +32,7 @@ void DumpController_add_user::service(HttpRequest& request, HttpResponse& respon
     response.setHeader("Access-Control-Allow-Origin", "*");
     QByteArray error;
     if (const std::optional<Params> params = parametersOf(request, error)) {
-        response.write(answer(request.getMethod(), request.getPath(), *params, request), true);
+        response.write(answer(request.getMethod(), request.getPath(), *params, &request), true);
         response.setDelay(delay(request.getPeerAddress().toString()));
     } else {
         response.write(error);
@@ -61,9 +40,14 @@ void DumpController_add_user::service(HttpRequest& request, HttpResponse& respon
 }
 
 std::optional<Params> DumpController_add_user::parametersOf(const HttpRequest& request, QByteArray& error) {
-    if (isUniApp(request))
-        return uniAppParameters(request.getBody(), error);
-    return request.getParameterMap();
+    if (!isUniApp(request))
+        return request.getParameterMap();
+    Params params;
+    const JsonText body = readParams(request.getBody(), params);
+    if (!params.isEmpty())
+        return params;
+    error = body == JsonText::Unreadable ? unreadableBody : emptyObject;
+    return std::nullopt;
 }
 
 std::chrono::milliseconds DumpController_add_user::delay(const QString& address) const {
@@ -76,32 +60,28 @@ QByteArray DumpController_add_user::refuseLogin(const Call& call, const QString&
 }
 
 QByteArray DumpController_add_user::answer(const QByteArray& method, const QByteArray& path,
-                                           const Params& params, HttpRequest& uploads) {
+                                           const Params& params, HttpRequest* uploads) {
+    Call call(params, *m_mapper, path, uploads);
     QByteArray body;
     if (method == "GET") {
-        if (const Route* route = findRoute(getRoutes(), path)) {
-            body = call(*route, path, params, uploads);
+        if (const Route* route = findRoute(getRoutes(), path, db().kind())) {
+            body = serve(*route, call);
             if (!route->appendMethod)
                 return body;
         }
     }
     if (method != "POST")
         return body + method;
-    const Route* route = findRoute(postRoutes(), path);
-    return route ? call(*route, path, params, uploads) : fucktext(params);
+    const Route* route = findRoute(postRoutes(), path, db().kind());
+    return route ? serve(*route, call) : fucktext(call);
 }
 
-QByteArray DumpController_add_user::call(const Route& route, const QByteArray& path, const Params& params,
-                                         HttpRequest& uploads) {
-    const Handler& handler = handlerFor(route, db().kind());
-    if (const auto* endpoint = std::get_if<Endpoint>(&handler))
-        return (this->**endpoint)(params);
-    if (const auto* endpoint = std::get_if<UploadEndpoint>(&handler))
-        return (this->**endpoint)(params, uploads);
-    if (const auto* endpoint = std::get_if<PathEndpoint>(&handler))
-        return (this->**endpoint)(params, QString::fromUtf8(path));
-    const auto* fixedBody = std::get_if<const char*>(&handler);
-    return fixedBody ? QByteArray(*fixedBody) : QByteArray();
+QByteArray DumpController_add_user::serve(const Route& route, Call& call) {
+    return passes(route.guard, call, db(), *m_devices) ? (this->*route.handler)(call) : call.refused();
+}
+
+QByteArray DumpController_add_user::dbtest(const Call& /*call*/) {
+    return QByteArrayLiteral("dbtest");
 }
 
 std::unique_ptr<Core_corss> DumpController_add_user::commands() const {

@@ -80,21 +80,14 @@ void listFolder(const FileStore& store, const QString& folder, QJsonArray& files
 
 } // namespace
 
-QByteArray DumpController_add_user::storeUploadedAudio(const Params& params, HttpRequest& request,
-                                                       const char* sizeKey) {
-    QTemporaryFile* file = request.getUploadedFile("file");
-    if (!file)
-        return refusal(QStringLiteral("NoFile in FormData"));
-    Call call(params, *m_mapper);
-    if (!call.require({}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::storeUploadedAudio(const Call& call, const char* sizeKey) {
     const FileStore store(db());
     const auto work = store.workDirectory();
     const QString source = work->filePath(QStringLiteral("upload"));
-    if (!work->isValid() || !FileStore::copyTo(*file, source))
+    if (!work->isValid() || !FileStore::copyTo(*call.file(), source))
         return refusal(QStringLiteral("exc_error_ext"));
-    const StoreResult result = storeAudio(
-        db(), store, {call.userid(), uploadName(call, request), m_devices->bitrate, true}, source, *work);
+    const StoreResult result =
+        storeAudio(db(), store, {call.userid(), call.fileName(), m_devices->bitrate, true}, source, *work);
     if (!result.stored)
         return result.refusalReply();
     QJsonObject object = storedReply(*result.stored, store);
@@ -102,32 +95,23 @@ QByteArray DumpController_add_user::storeUploadedAudio(const Params& params, Htt
     return reply(object);
 }
 
-QByteArray DumpController_add_user::user_reg_file(const Params& params, HttpRequest& request) {
-    return storeUploadedAudio(params, request, "filesize");
+QByteArray DumpController_add_user::user_reg_file(const Call& call) {
+    return storeUploadedAudio(call, "filesize");
 }
 
-QByteArray DumpController_add_user::user_wxreg_file(const Params& params, HttpRequest& request) {
-    return storeUploadedAudio(params, request, "fileByte");
+QByteArray DumpController_add_user::user_wxreg_file(const Call& call) {
+    return storeUploadedAudio(call, "fileByte");
 }
 
-QByteArray DumpController_add_user::user_get_filelist(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({}, "Paruser") || !call.authenticate("_FALSE52"))
-        return call.refused();
+QByteArray DumpController_add_user::user_get_filelist(const Call& call) {
     return listReply(db(), call.userid(), db().site.preurl);
 }
 
-QByteArray DumpController_add_user::user_get_filelist_wx(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({}, "Paruser") || !call.authenticate("_FALSE52"))
-        return call.refused();
+QByteArray DumpController_add_user::user_get_filelist_wx(const Call& call) {
     return listReply(db(), call.userid(), db().site.wxcxpreurl);
 }
 
-QByteArray DumpController_add_user::user_get_filelist_lite(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({}, "Paruser") || !call.authenticate("_FALSE52"))
-        return call.refused();
+QByteArray DumpController_add_user::user_get_filelist_lite(const Call& call) {
     const FileStore store(db());
     QJsonArray files;
     listFolder(store, QStringLiteral("mp3"), files);
@@ -138,10 +122,7 @@ QByteArray DumpController_add_user::user_get_filelist_lite(const Params& params)
                   {QStringLiteral("filelist"), files}});
 }
 
-QByteArray DumpController_add_user::user_del_file(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"fileid"}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_del_file(const Call& call) {
     const SqlArgs args{{QStringLiteral("@fileid"), call.number("fileid")},
                        {QStringLiteral("@userid"), call.userid()}};
     const SqlResult found = db().run(
@@ -162,7 +143,7 @@ QByteArray DumpController_add_user::user_del_file(const Params& params) {
                   {QStringLiteral("EF"), gone.affected}});
 }
 
-QByteArray DumpController_add_user::user_del_file_lite(const Params&) {
+QByteArray DumpController_add_user::user_del_file_lite(const Call& /*call*/) {
     return QByteArrayLiteral(
         "this opt on lite devs / You can delete it By yourself /in dir of file save base dir");
 }

@@ -129,11 +129,6 @@ void FileStore::removeLeftovers(const QString& runingdir) {
     QDir(runingdir + workFolder()).removeRecursively();
 }
 
-QString uploadName(const Call& call, const HttpRequest& request) {
-    return call.has("filename") ? call.text("filename")
-                                : QString::fromUtf8(request.getUploadedFileName("file"));
-}
-
 QByteArray StoreResult::refusalReply() const {
     QJsonObject object{{QStringLiteral("res"), false}, {QStringLiteral("info"), word}};
     if (!sql.isEmpty())

@@ -55,9 +55,6 @@ private:
     QString m_preurl;
 };
 
-/// Name of an upload: the parameter "filename", without it the part's own. Not cleaned.
-QString uploadName(const Call& call, const HttpRequest& request);
-
 /// A stored audio file: what the caller is told and the table holds.
 struct StoredAudio {
     qint64 id = 0; ///< row of `userfile`; 0 when no row was asked for

@@ -17,16 +17,14 @@ QByteArray failed() {
     return refusal(QStringLiteral("ER_EXE"));
 }
 
-/// The steps that lead to one group of the caller; refused() of the call tells why not.
-bool openGroup(Call& call, const StrictSql& database, std::initializer_list<const char*> names) {
-    if (!call.require(names, "ParERuser_add_dev") || !call.authenticate())
-        return false;
+/// Why the group is none of the caller's; empty when it is his.
+QByteArray refusedGroup(const Call& call, const StrictSql& database) {
     const SqlResult own = database.run(
         QStringLiteral("SELECT * FROM  sbox_group where `id` = '@gid' and `userid` = '@userid' ;"),
         {{QStringLiteral("@gid"), call.number("gid")}, {QStringLiteral("@userid"), call.userid()}});
     if (!own.ok)
-        return call.refuse(failed());
-    return !own.isEmpty() || call.refuse(refusal(QStringLiteral("_FALSE7")));
+        return failed();
+    return own.isEmpty() ? refusal(QStringLiteral("_FALSE7")) : QByteArray();
 }
 
 SqlResult deleteMembers(const StrictSql& database, const Call& call) {
@@ -78,10 +76,7 @@ QJsonObject member(const SqlResult& devices, int row) {
 }
 } // namespace
 
-QByteArray DumpController_add_user::user_addgrep(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"gname"}, "ParERuser_add_dev") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_addgrep(const Call& call) {
     const SqlResult insert = db().run(
         QStringLiteral("INSERT INTO  `sbox_group` (`userid`, `group_name`, `nodeid`) VALUES ('@userid', "
                        "'@gname', '1');"),
@@ -89,18 +84,15 @@ QByteArray DumpController_add_user::user_addgrep(const Params& params) {
     return insert.ok ? success({{QStringLiteral("gid"), insert.lastId}}) : failed();
 }
 
-QByteArray DumpController_add_user::user_listgrep(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({}, "ParERuser_add_dev") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_listgrep(const Call& call) {
     const SqlResult groups = listGroups(db(), call);
     return groups.ok ? success({{QStringLiteral("grouplist"), groups.objects()}}) : failed();
 }
 
-QByteArray DumpController_add_user::user_grpeditname(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!openGroup(call, db(), {"gid", "gname"}))
-        return call.refused();
+QByteArray DumpController_add_user::user_grpeditname(const Call& call) {
+    const QByteArray refused = refusedGroup(call, db());
+    if (!refused.isEmpty())
+        return refused;
     const SqlResult update = db().run(
         QStringLiteral(
             "UPDATE  `sbox_group` SET `group_name` = '@gname' WHERE ( `id` = '@gid'  and  `userid` = "
@@ -111,10 +103,10 @@ QByteArray DumpController_add_user::user_grpeditname(const Params& params) {
     return update.ok ? success() : failed();
 }
 
-QByteArray DumpController_add_user::user_grpeditdevs(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!openGroup(call, db(), {"gid", "devids"}))
-        return call.refused();
+QByteArray DumpController_add_user::user_grpeditdevs(const Call& call) {
+    const QByteArray refused = refusedGroup(call, db());
+    if (!refused.isEmpty())
+        return refused;
     int members = 0;
     const bool stored = db().transaction([&] {
         if (!deleteMembers(db(), call).ok)
@@ -125,10 +117,7 @@ QByteArray DumpController_add_user::user_grpeditdevs(const Params& params) {
     return stored ? success({{QStringLiteral("info222"), members}}) : failed();
 }
 
-QByteArray DumpController_add_user::user_listdetailgroups(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({}, "ParERuser_add_dev") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_listdetailgroups(const Call& call) {
     const SqlResult groups = listGroups(db(), call);
     const SqlResult devices = db().run(
         QStringLiteral("SELECT group_seed.gid, sbox_device_info.* FROM  group_seed,sbox_device_info where  "
@@ -155,10 +144,10 @@ QByteArray DumpController_add_user::user_listdetailgroups(const Params& params) 
     return success({{QStringLiteral("grouplist"), list}});
 }
 
-QByteArray DumpController_add_user::user_getonegdevs(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!openGroup(call, db(), {"gid"}))
-        return call.refused();
+QByteArray DumpController_add_user::user_getonegdevs(const Call& call) {
+    const QByteArray refused = refusedGroup(call, db());
+    if (!refused.isEmpty())
+        return refused;
     const SqlResult devices = db().run(
         QStringLiteral(
             "SELECT sbox_device_info.* FROM  group_seed,sbox_device_info where  sbox_device_info.id =  "
@@ -167,10 +156,10 @@ QByteArray DumpController_add_user::user_getonegdevs(const Params& params) {
     return devices.ok ? success({{QStringLiteral("devsary"), devices.objects()}}) : failed();
 }
 
-QByteArray DumpController_add_user::user_rmgrep(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!openGroup(call, db(), {"gid"}))
-        return call.refused();
+QByteArray DumpController_add_user::user_rmgrep(const Call& call) {
+    const QByteArray refused = refusedGroup(call, db());
+    if (!refused.isEmpty())
+        return refused;
     const bool removed = db().transaction([&] {
         return deleteMembers(db(), call).ok &&
                db().run(QStringLiteral("DELETE FROM  `sbox_group` WHERE (`id` = '@gid');"),

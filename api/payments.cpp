@@ -12,19 +12,8 @@ bool isEndOfPeriod(const QString& text) {
     return QDate::fromString(text.left(10), QStringLiteral("yyyy-MM-dd")).isValid();
 }
 
-/// False when no key is configured.
-bool holdsPayKey(const sqlite& database, const Call& call) {
-    return !database.site.payKey.isEmpty() && call.raw("sskey") == database.site.payKey;
-}
-
-/// The rows that a statement about one account gives. With `tokenpaths` the account's token or the key of
-/// payments is asked for.
-QByteArray listFor(const StrictSql& database, Call call, const QString& statement) {
-    if (!call.has("userid"))
-        return refusal(QStringLiteral("ParER"));
-    if (database.site.tokenpaths && !holdsPayKey(database, call) &&
-        !call.authenticateAs(call.number("userid")))
-        return call.refused();
+/// The rows that a statement about one account gives.
+QByteArray listFor(const StrictSql& database, const Call& call, const QString& statement) {
     const SqlResult rows = database.run(statement, {{QStringLiteral("@userid"), call.number("userid")}});
     if (!rows.ok)
         return refusal(QStringLiteral("ER_EXE"));
@@ -34,16 +23,7 @@ QByteArray listFor(const StrictSql& database, Call call, const QString& statemen
 }
 } // namespace
 
-QByteArray DumpController_add_user::odds_fuckpay(const Params& params) {
-    const Call call(params, *m_mapper);
-    for (const char* name : {"sn", "overtime", "userid", "fei", "info"}) {
-        if (!call.has(name))
-            return refusal(QStringLiteral("ParER"));
-    }
-    if (call.hasLongText() || call.isLonger("sn", Call::MaxName))
-        return refusal(QStringLiteral("ParER"));
-    if (!db().site.payKey.isEmpty() && !holdsPayKey(db(), call))
-        return refusal(QStringLiteral("sskey_ER"));
+QByteArray DumpController_add_user::odds_fuckpay(const Call& call) {
     if (!isEndOfPeriod(call.text("overtime")))
         return refusal(QStringLiteral("ParER"));
     int extended = 0;
@@ -69,15 +49,15 @@ QByteArray DumpController_add_user::odds_fuckpay(const Params& params) {
                   {QStringLiteral("info"), QStringLiteral("SUC")}});
 }
 
-QByteArray DumpController_add_user::seemyoder(const Params& params) {
+QByteArray DumpController_add_user::seemyoder(const Call& call) {
     return listFor(
-        db(), Call(params, *m_mapper),
+        db(), call,
         QStringLiteral("select *  from `fei` WHERE ( `userid` = '@userid' ) order by id desc limit 50 ;"));
 }
 
-QByteArray DumpController_add_user::seemydaoqishebei(const Params& params) {
+QByteArray DumpController_add_user::seemydaoqishebei(const Call& call) {
     return listFor(
-        db(), Call(params, *m_mapper),
+        db(), call,
         QStringLiteral("select `sbox_device_info`.`device_name`, `sbox_device_info`.`device_seed`, "
                        "`snover`.`overtime`, `snover`.`statu` from `snover`,`sbox_device_info` WHERE ( "
                        "`snover`.`sn` = `sbox_device_info`.`device_seed` and "

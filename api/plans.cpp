@@ -25,8 +25,6 @@ const QString EnablePlan = QStringLiteral(
 const QString DisablePlan = QStringLiteral(
     "UPDATE  `task` SET `enable` = '0'  WHERE (`groupid` = '@pid'  and  `userid` = '@userid' );");
 
-const char* const ParameterError = "ParERuser_add_dev";
-
 SqlArgs planArgs(const Call& call) {
     return {{QStringLiteral("@pid"), call.number("pid")}, {QStringLiteral("@userid"), call.userid()}};
 }
@@ -40,9 +38,7 @@ QByteArray rowsReply(const SqlResult& result) {
 }
 
 /// Switches every task of a plan. Number 0 names the tasks without a plan, which are not one.
-QByteArray switchPlan(Call& call, const StrictSql& database, const QString& statement) {
-    if (!call.require({"pid"}, ParameterError) || !call.authenticate())
-        return call.refused();
+QByteArray switchPlan(const Call& call, const StrictSql& database, const QString& statement) {
     if (call.number("pid") < 1)
         return refusal(QStringLiteral("ER_REJECT"));
     return rowsReply(database.run(statement, planArgs(call)));
@@ -50,10 +46,7 @@ QByteArray switchPlan(Call& call, const StrictSql& database, const QString& stat
 
 } // namespace
 
-QByteArray DumpController_add_user::user_addplant(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"pname"}, ParameterError) || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_addplant(const Call& call) {
     const SqlResult added = db().run(InsertPlan, {{QStringLiteral("@user_id"), call.userid()},
                                                   {QStringLiteral("@gnames"), call.text("pname")}});
     if (!added.ok)
@@ -63,10 +56,7 @@ QByteArray DumpController_add_user::user_addplant(const Params& params) {
                   {QStringLiteral("pid"), added.lastId}});
 }
 
-QByteArray DumpController_add_user::user_deleteplant(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"pid"}, ParameterError) || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_deleteplant(const Call& call) {
     SqlResult removed;
     const bool done = db().transaction([&] {
         if (!db().run(EmptyPlan, planArgs(call)).ok)
@@ -79,10 +69,7 @@ QByteArray DumpController_add_user::user_deleteplant(const Params& params) {
     return removed.affected == 0 ? refusal(QStringLiteral("ER_REJECT")) : rowsReply(removed);
 }
 
-QByteArray DumpController_add_user::user_listtaskplant(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({}, ParameterError) || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_listtaskplant(const Call& call) {
     const SqlArgs user{{QStringLiteral("@userid"), call.userid()}};
     const SqlResult plans = db().run(SelectPlans, user);
     const SqlResult tasks = db().run(SelectTasks, user);
@@ -106,21 +93,16 @@ QByteArray DumpController_add_user::user_listtaskplant(const Params& params) {
                   {QStringLiteral("plantary"), list}});
 }
 
-QByteArray DumpController_add_user::user_edittaskplant(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"pid", "taskid"}, ParameterError) || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_edittaskplant(const Call& call) {
     SqlArgs args = planArgs(call);
     args.emplace_back(QStringLiteral("@taskid"), call.number("taskid"));
     return rowsReply(db().run(PutTask, args));
 }
 
-QByteArray DumpController_add_user::user_enabletaskplant(const Params& params) {
-    Call call(params, *m_mapper);
+QByteArray DumpController_add_user::user_enabletaskplant(const Call& call) {
     return switchPlan(call, db(), EnablePlan);
 }
 
-QByteArray DumpController_add_user::user_disabletaskplant(const Params& params) {
-    Call call(params, *m_mapper);
+QByteArray DumpController_add_user::user_disabletaskplant(const Call& call) {
     return switchPlan(call, db(), DisablePlan);
 }

@@ -196,32 +196,30 @@ QByteArray refuseCommand(const QueryTable::Command& command, const Call& call, c
 }
 
 QByteArray outputOf(const StrictSql& database, const QueryTable::Command& command, const Values& values,
-                    const QString& path, const Params& params) {
+                    const Call& call) {
     if (const char* const fault = runChecks(database, command, values))
         return refusal(QLatin1String(fault));
-    const std::optional<QByteArray> output = runFindProgram(database, path, params);
+    const std::optional<QByteArray> output = runFindProgram(database, call.path(), call.params());
     return output ? *output : refusal(QStringLiteral("exc_error_ext"));
 }
 } // namespace
 
-QByteArray DumpController_add_user::runQuery(const QString& set, const Params& params, const QString& path,
-                                             bool inProcess) {
-    const QueryTable::Command* command = commandFor(set, path);
+QByteArray DumpController_add_user::runQuery(const QString& set, const Call& call, bool inProcess) {
+    const QueryTable::Command* command = commandFor(set, call.path());
     if (!command)
-        return set == QueryTable::openSet() ? refusal(QStringLiteral("unknown_cmd")) : fucktext(params);
+        return set == QueryTable::openSet() ? refusal(QStringLiteral("unknown_cmd")) : fucktext(call);
     Values values;
-    QByteArray refused = refuseCommand(*command, Call(params, *m_mapper), *m_devices, values);
+    QByteArray refused = refuseCommand(*command, call, *m_devices, values);
     if (!refused.isEmpty())
         return refused;
     const QByteArray answer =
-        inProcess ? runCommand(db(), *command, values) : outputOf(db(), *command, values, path, params);
-    afterCommand(*command, params, answer);
+        inProcess ? runCommand(db(), *command, values) : outputOf(db(), *command, values, call);
+    afterCommand(*command, call, answer);
     return answer;
 }
 
-void DumpController_add_user::afterCommand(const QueryTable::Command& command, const Params& params,
+void DumpController_add_user::afterCommand(const QueryTable::Command& command, const Call& call,
                                            const QByteArray& answer) {
-    const Call call(params, *m_mapper);
     const QString info = QJsonDocument::fromJson(answer)[QLatin1String("info")].toString();
     if (command.name == QLatin1String("gtoken") && info == QLatin1String("ER_REJECT"))
         m_wrongLogin = call.text("username");
@@ -231,24 +229,24 @@ void DumpController_add_user::afterCommand(const QueryTable::Command& command, c
     m_mapper->refreshToken(db(), call.number(call.has(name) ? name.constData() : "id"));
 }
 
-QByteArray DumpController_add_user::user_nodejs(const Params& params, const QString& path) {
-    return runQuery(plainSet, params, path, false);
+QByteArray DumpController_add_user::user_nodejs(const Call& call) {
+    return runQuery(plainSet, call, false);
 }
 
-QByteArray DumpController_add_user::user_nodejsc(const Params& params, const QString& path) {
-    return runQuery(subscriptionSet, params, path, false);
+QByteArray DumpController_add_user::user_nodejsc(const Call& call) {
+    return runQuery(subscriptionSet, call, false);
 }
 
-QByteArray DumpController_add_user::user_nodejso(const Params& params, const QString& path) {
+QByteArray DumpController_add_user::user_nodejso(const Call& call) {
     if (db().kind() != 1)
         return refusal(QStringLiteral("config.ini_dbk_ER"));
-    return runQuery(QueryTable::openSet(), params, path, false);
+    return runQuery(QueryTable::openSet(), call, false);
 }
 
-QByteArray DumpController_add_user::user_nodesqlite3js(const Params& params, const QString& path) {
-    return runQuery(plainSet, params, path, true);
+QByteArray DumpController_add_user::user_nodesqlite3js(const Call& call) {
+    return runQuery(plainSet, call, true);
 }
 
-QByteArray DumpController_add_user::user_nodesqlite3jsc(const Params& params, const QString& path) {
-    return runQuery(subscriptionSet, params, path, true);
+QByteArray DumpController_add_user::user_nodesqlite3jsc(const Call& call) {
+    return runQuery(subscriptionSet, call, true);
 }

@@ -116,10 +116,10 @@ JobLanes RequestMapper::lanes(const QByteArray& path, const Params& parameters) 
 
 FileFate RequestMapper::fateOfFile(const QByteArray& path, const QByteArray& field,
                                    const QMap<QByteArray, QByteArray>& parameters) const {
-    const Route* route =
-        controllerFor(path) == Controller::Management ? findRoute(postRoutes(), path) : nullptr;
-    if (field != "file" || !route ||
-        !std::holds_alternative<DumpController_add_user::UploadEndpoint>(route->handler))
+    const Route* route = controllerFor(path) == Controller::Management
+                             ? findRoute(postRoutes(), path, m_database->kind())
+                             : nullptr;
+    if (field != "file" || !route || !(route->guard.demands & WithFile))
         return FileFate::Ignored;
     Call call(parameters, *this);
     if (!call.has("id") || !call.has("token"))
@@ -151,9 +151,8 @@ RequestMapper::Answer RequestMapper::post(const QByteArray& path,
                                           const QString& address, sqlite* database) {
     if (controllerFor(path) != Controller::Management)
         return {refusal(QStringLiteral("path_error"))};
-    HttpRequest noUploads;
     DumpController_add_user controller(database, m_tasks, m_devices, this);
-    Answer answer{controller.answer(QByteArrayLiteral("POST"), path, parameters, noUploads)};
+    Answer answer{controller.answer(QByteArrayLiteral("POST"), path, parameters)};
     answer.delay = controller.delay(address);
     return answer;
 }

@@ -1,22 +1,20 @@
 #pragma once
 
 #include "api/dumpcontroller_add_user.h"
+#include "api/guard.h"
 
-#include <variant>
-#include <vector>
-
-/// What answers a route: an endpoint, or a fixed body.
-using Handler =
-    std::variant<std::monostate, DumpController_add_user::Endpoint, DumpController_add_user::UploadEndpoint,
-                 DumpController_add_user::PathEndpoint, const char*>;
+// Database kinds that a row is for.
+constexpr unsigned Kind0 = 1; ///< SQLite, small installation
+constexpr unsigned Kind1 = 2; ///< MySQL
+constexpr unsigned Kind3 = 8; ///< SQLite, full installation
+constexpr unsigned AnyKind = ~0U;
 
 /// One row of a route table. The path of a request matches when it begins with `prefix`.
 struct Route {
     const char* prefix;
-    Handler handler;           ///< for every database kind that has no handler of its own here
-    Handler kind0 = {};        ///< SQLite, small installation
-    Handler kind1 = {};        ///< MySQL
-    Handler kind3 = {};        ///< SQLite, full installation
+    DumpController_add_user::Endpoint handler;
+    Guard guard = {};
+    unsigned kinds = AnyKind;
     bool appendMethod = false; ///< the method's name follows the reply
 };
 
@@ -25,6 +23,4 @@ const std::vector<Route>& getRoutes();
 const std::vector<Route>& postRoutes();
 
 /// The first row that matches; null when none does.
-const Route* findRoute(const std::vector<Route>& routes, const QByteArray& path);
-/// The row's handler for a database kind.
-const Handler& handlerFor(const Route& route, int kind);
+const Route* findRoute(const std::vector<Route>& routes, const QByteArray& path, int kind);

@@ -96,11 +96,7 @@ QJsonObject spokenReply(const StoredAudio& stored, const FileStore& store, int u
 
 } // namespace
 
-QByteArray DumpController_add_user::user_save_ttsfile(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"text", "vol", "speed", "shengyin", "filename"}, "Paruser") ||
-        !call.authenticate("_FALSE51"))
-        return call.refused();
+QByteArray DumpController_add_user::user_save_ttsfile(const Call& call) {
     const SpeechOrder order = orderOf(call);
     if (!canBeSpoken(order))
         return refusal(QStringLiteral("_FALSE7"));
@@ -114,14 +110,10 @@ QByteArray DumpController_add_user::user_save_ttsfile(const Params& params) {
     return reply(object);
 }
 
-QByteArray DumpController_add_user::user_play_tts(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"text", "vol", "speed", "shengyin", "filename", "snlist"}, "Paruser") ||
-        !call.authenticate("_FALSE51"))
-        return call.refused();
+QByteArray DumpController_add_user::user_play_tts(const Call& call) {
     const QStringList speakers = call.list("snlist");
     if (speakers.isEmpty())
-        return refusal(QStringLiteral("snlist_error"), -1);
+        return noTargets();
     const SpeechOrder order = orderOf(call);
     if (!canBeSpoken(order))
         return refusal(QStringLiteral("_FALSE7"));

@@ -239,10 +239,7 @@ QByteArray success() {
 
 } // namespace
 
-QByteArray DumpController_add_user::user_add_task(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"snids", "fileids", "start_time"}, "Paruser") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::user_add_task(const Call& call) {
     const auto devices = idList(call.text("snids"));
     const auto files = idList(call.text("fileids"));
     if (!devices || !files)
@@ -276,10 +273,7 @@ QByteArray DumpController_add_user::user_add_task(const Params& params) {
                   {QStringLiteral("info"), QStringLiteral("SUC")}});
 }
 
-QByteArray DumpController_add_user::user_get_tasklist(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({}, "Paruser") || !call.authenticateLoosely())
-        return call.refused();
+QByteArray DumpController_add_user::user_get_tasklist(const Call& call) {
     const SqlResult tasks = db().run(SelectTasks, {{QStringLiteral("@userid"), call.userid()}});
     if (!tasks.ok)
         return refusal(QStringLiteral("ER_EXE"));
@@ -289,10 +283,7 @@ QByteArray DumpController_add_user::user_get_tasklist(const Params& params) {
     return reply({{QStringLiteral("res"), true}, {QStringLiteral("taskary"), list}});
 }
 
-QByteArray DumpController_add_user::user_get_task(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"taskid"}, "Paruser") || !call.authenticateLoosely())
-        return call.refused();
+QByteArray DumpController_add_user::user_get_task(const Call& call) {
     const SqlResult task = ownTask(db(), call.userid(), call.number("taskid"));
     if (!task.ok)
         return refusal(QStringLiteral("ER_EXE"));
@@ -323,10 +314,7 @@ QByteArray DumpController_add_user::user_get_task(const Params& params) {
     return reply(answer);
 }
 
-QByteArray DumpController_add_user::user_edit_task_(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"taskid"}, "Paruser") || !call.authenticateLoosely())
-        return call.refused();
+QByteArray DumpController_add_user::user_edit_task_(const Call& call) {
     const Limits limits{std::max(db().site.tasklenmin, 1)};
     QString statement = QStringLiteral("UPDATE  `task` SET  ");
     SqlArgs args{{QStringLiteral("@taskid"), call.number("taskid")},
@@ -353,9 +341,8 @@ QByteArray DumpController_add_user::user_edit_task_(const Params& params) {
 
 namespace {
 
-QByteArray editMembers(Call& call, const StrictSql& database, const char* parameter, const Members& members) {
-    if (!call.require({"taskid", parameter}, "Parer") || !call.authenticate())
-        return call.refused();
+QByteArray editMembers(const Call& call, const StrictSql& database, const char* parameter,
+                       const Members& members) {
     auto ids = idList(call.text(parameter));
     if (!ids)
         return refusal(QStringLiteral("Parer"));
@@ -374,13 +361,11 @@ QByteArray editMembers(Call& call, const StrictSql& database, const char* parame
 
 } // namespace
 
-QByteArray DumpController_add_user::user_edit_task_devs(const Params& params) {
-    Call call(params, *m_mapper);
+QByteArray DumpController_add_user::user_edit_task_devs(const Call& call) {
     return editMembers(call, db(), "snids", Devices);
 }
 
-QByteArray DumpController_add_user::user_edit_task_files(const Params& params) {
-    Call call(params, *m_mapper);
+QByteArray DumpController_add_user::user_edit_task_files(const Call& call) {
     return editMembers(call, db(), "fileids", Files);
 }
 
@@ -396,10 +381,7 @@ void endPlay(Task_workque* tasks, const StrictSql& database, int userid, int tas
 
 } // namespace
 
-QByteArray DumpController_add_user::user_DEL_task(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"taskid"}, "Paruser") || !call.authenticateLoosely())
-        return call.refused();
+QByteArray DumpController_add_user::user_DEL_task(const Call& call) {
     const SqlArgs args{{QStringLiteral("@userid"), call.userid()},
                        {QStringLiteral("@id"), call.number("taskid")},
                        {QStringLiteral("@taskid"), call.number("taskid")}};
@@ -416,26 +398,17 @@ QByteArray DumpController_add_user::user_DEL_task(const Params& params) {
     return done ? success() : refusal(QStringLiteral("ER_EXE"));
 }
 
-QByteArray DumpController_add_user::user_enable_task(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"taskid"}, "Parer") || !call.authenticateLoosely())
-        return call.refused();
+QByteArray DumpController_add_user::user_enable_task(const Call& call) {
     return rowsReply(db().run(EnableTask, {{QStringLiteral("@userid"), call.userid()},
                                            {QStringLiteral("@taskid"), call.number("taskid")}}));
 }
 
-QByteArray DumpController_add_user::user_disable_task(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"taskid"}, "Parer") || !call.authenticateLoosely())
-        return call.refused();
+QByteArray DumpController_add_user::user_disable_task(const Call& call) {
     return rowsReply(db().run(DisableTask, {{QStringLiteral("@userid"), call.userid()},
                                             {QStringLiteral("@taskid"), call.number("taskid")}}));
 }
 
-QByteArray DumpController_add_user::user_start_task(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"taskid"}, "Parer") || !call.authenticateLoosely())
-        return call.refused();
+QByteArray DumpController_add_user::user_start_task(const Call& call) {
     switch (requestStart(db(), call.userid(), call.number("taskid"), QStringLiteral("webstart"))) {
     case StartRequest::Done:
         return success();
@@ -474,10 +447,7 @@ const char* stopRefusal(const StrictSql& database, int userid, int taskid) {
 
 } // namespace
 
-QByteArray DumpController_add_user::user_stop_task(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"taskid"}, "Parer") || !call.authenticateLoosely())
-        return call.refused();
+QByteArray DumpController_add_user::user_stop_task(const Call& call) {
     const int taskid = call.number("taskid");
     const SqlResult task = ownTask(db(), call.userid(), taskid);
     if (task.ok && task.isEmpty())
@@ -489,8 +459,7 @@ QByteArray DumpController_add_user::user_stop_task(const Params& params) {
     return asked.ok ? success() : refusal(QStringLiteral("ER_EXE"));
 }
 
-QByteArray DumpController_add_user::user_taskconfigini(const Params& params) {
-    const Call call(params, *m_mapper);
+QByteArray DumpController_add_user::user_taskconfigini(const Call& call) {
     if (!call.has("sskey"))
         return refusal(QStringLiteral("ParER"));
     if (!m_devices->matchesServiceKey(call.text("sskey")))

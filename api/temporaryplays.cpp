@@ -51,10 +51,7 @@ QString addresses(const SqlResult& files, const QList<qint64>& order) {
 
 } // namespace
 
-QByteArray DumpController_add_user::user_play_tmp_on_time_once(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"snids", "fileids"}, "Parer") || !call.authenticateLoosely())
-        return call.refused();
+QByteArray DumpController_add_user::user_play_tmp_on_time_once(const Call& call) {
     const auto deviceIds = idList(call.text("snids"));
     const auto fileIds = idList(call.text("fileids"));
     if (!deviceIds || !fileIds)
@@ -85,10 +82,7 @@ QByteArray DumpController_add_user::user_play_tmp_on_time_once(const Params& par
                   {QStringLiteral("tmpid"), asked.lastId}});
 }
 
-QByteArray DumpController_add_user::user_list_tmp_on_time_once(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({}, "Parer") || !call.authenticateLoosely())
-        return call.refused();
+QByteArray DumpController_add_user::user_list_tmp_on_time_once(const Call& call) {
     const SqlResult plays = db().run(SelectPlays, {{QStringLiteral("@userid"), call.userid()}});
     if (!plays.ok)
         return refusal(QStringLiteral("ER_EXE"));
@@ -104,10 +98,7 @@ QByteArray DumpController_add_user::user_list_tmp_on_time_once(const Params& par
                   {QStringLiteral("list"), list}});
 }
 
-QByteArray DumpController_add_user::user_stop_tmp_on_time_once(const Params& params) {
-    Call call(params, *m_mapper);
-    if (!call.require({"tpid"}, "Parer") || !call.authenticateLoosely())
-        return call.refused();
+QByteArray DumpController_add_user::user_stop_tmp_on_time_once(const Call& call) {
     QString named = call.text("tpid");
     if (named.startsWith(NamePrefix))
         named.remove(0, NamePrefix.size());

@@ -12,7 +12,6 @@
 namespace {
 
 constexpr int HeadBytes = 64;
-constexpr int AdministratorLevel = 1;
 
 QByteArray stored(const FileStore& store, const QString& url) {
     return reply({{QStringLiteral("res"), true},
@@ -38,16 +37,6 @@ QString pictureSuffixOf(QTemporaryFile& upload) {
     return audio::pictureSuffix(upload.peek(HeadBytes));
 }
 
-/// Whether the picture paths refuse the account, which must be an administrator's with `adminpictures`.
-bool mayNotChangePictures(const StrictSql& database, int userid) {
-    if (!database.site.adminpictures)
-        return false;
-    const SqlResult account =
-        database.run(QStringLiteral("SELECT `user_level` FROM  sbox_users where ( `id` = '@userid' );"),
-                     {{QStringLiteral("@userid"), userid}});
-    return account.integer(0, "user_level") != AdministratorLevel;
-}
-
 /// What a browser may be sent to from a picture: nothing, an http(s) address or a path. Without a scheme
 /// there is no colon before the first slash.
 bool isLink(const QString& text) {
@@ -66,38 +55,23 @@ QString sharedName(const QString& name) {
 
 } // namespace
 
-QByteArray DumpController_add_user::storePicture(const Params& params, HttpRequest& request,
-                                                 const QString& url) {
-    QTemporaryFile* file = request.getUploadedFile("file");
-    if (!file)
-        return refusal(QStringLiteral("NoFile in FormData"));
-    Call call(params, *m_mapper);
-    if (!call.require({}, "Paruser") || !call.authenticate())
-        return call.refused();
-    if (mayNotChangePictures(db(), call.userid()))
-        return refusal(QStringLiteral("ER_REJECT"));
-    if (pictureSuffixOf(*file).isEmpty())
+QByteArray DumpController_add_user::storePicture(const Call& call, const QString& url) {
+    if (pictureSuffixOf(*call.file()).isEmpty())
         return refusal(QStringLiteral("Decode_error"));
     const FileStore store(db());
-    return place(store, *file, url) ? stored(store, url) : refusal(QStringLiteral("exc_error_ext"));
+    return place(store, *call.file(), url) ? stored(store, url) : refusal(QStringLiteral("exc_error_ext"));
 }
 
-QByteArray DumpController_add_user::user_reg_filetx(const Params& params, HttpRequest& request) {
-    return storePicture(params, request, QStringLiteral("static/u1.jpg"));
+QByteArray DumpController_add_user::user_reg_filetx(const Call& call) {
+    return storePicture(call, QStringLiteral("static/u1.jpg"));
 }
 
-QByteArray DumpController_add_user::user_reg_filelg(const Params& params, HttpRequest& request) {
-    return storePicture(params, request, QStringLiteral("static/logo.png"));
+QByteArray DumpController_add_user::user_reg_filelg(const Call& call) {
+    return storePicture(call, QStringLiteral("static/logo.png"));
 }
 
-QByteArray DumpController_add_user::user_reg_fileallk(const Params& params, HttpRequest& request) {
-    QTemporaryFile* file = request.getUploadedFile("file");
-    if (!file)
-        return refusal(QStringLiteral("NoFile in FormData"));
-    Call call(params, *m_mapper);
-    if (!call.require({}, "Parusersss") || !call.authenticate())
-        return call.refused();
-    const QString name = sharedName(uploadName(call, request));
+QByteArray DumpController_add_user::user_reg_fileallk(const Call& call) {
+    const QString name = sharedName(call.fileName());
     const FileStore store(db());
     const QString url = QStringLiteral("ksfile/%1/%2").arg(call.userid()).arg(name);
     const SqlArgs args{{QStringLiteral("@userid"), call.userid()},
@@ -108,7 +82,7 @@ QByteArray DumpController_add_user::user_reg_fileallk(const Params& params, Http
         args);
     if (!known.ok)
         return failedStatement(known);
-    if (!place(store, *file, url))
+    if (!place(store, *call.file(), url))
         return refusal(QStringLiteral("exc_error_ext"));
     if (!known.isEmpty())
         return stored(store, url);
@@ -119,24 +93,16 @@ QByteArray DumpController_add_user::user_reg_fileallk(const Params& params, Http
     return added.ok ? stored(store, url) : failedStatement(added);
 }
 
-QByteArray DumpController_add_user::swapupload(const Params& params, HttpRequest& request) {
-    QTemporaryFile* file = request.getUploadedFile("file");
-    if (!file)
-        return refusal(QStringLiteral("NoFile in FormData"));
-    Call call(params, *m_mapper);
-    if (!call.require({"lunbotext"}, "Parusersss") || !call.authenticate())
-        return call.refused();
+QByteArray DumpController_add_user::swapupload(const Call& call) {
     if (!isLink(call.text("to")))
         return refusal(QStringLiteral("Parusersss"));
-    if (mayNotChangePictures(db(), call.userid()))
-        return refusal(QStringLiteral("ER_REJECT"));
-    const QString suffix = pictureSuffixOf(*file);
+    const QString suffix = pictureSuffixOf(*call.file());
     if (suffix.isEmpty())
         return refusal(QStringLiteral("Decode_error"));
     const FileStore store(db());
     const QString url =
         QStringLiteral("static/swap_%1.%2").arg(QUuid::createUuid().toString(QUuid::Id128), suffix);
-    if (!place(store, *file, url) || !place(store, *file, QStringLiteral("tmp.jpg")))
+    if (!place(store, *call.file(), url) || !place(store, *call.file(), QStringLiteral("tmp.jpg")))
         return refusal(QStringLiteral("exc_error_ext"));
     const ShownResult added =
         db().run(QStringLiteral("INSERT INTO  `swap_info` (`url`, `title`, `type`, `to`) VALUES "

@@ -8,9 +8,7 @@
 #include "http/workerpool.h"
 
 #include <algorithm>
-#include <optional>
 #include <QDebug>
-#include <QJsonDocument>
 #include <QPointer>
 #include <QTcpSocket>
 #include <sys/socket.h>
@@ -22,26 +20,6 @@ namespace {
 constexpr auto Tick = 1s;
 /// Pause after the system ran out of descriptors, so as not to spin on the waiting queue.
 constexpr auto ExhaustedPause = 200ms;
-
-/// The parameters of a message; on failure `error` is the reply. As with the mobile client, every value
-/// is a text and another type counts as the empty text.
-std::optional<Params> parametersOf(const QByteArray& message, QByteArray& error) {
-    QJsonParseError parseError{};
-    const QJsonDocument document = QJsonDocument::fromJson(message, &parseError);
-    if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
-        error = refusal(QStringLiteral("uni_error2"));
-        return std::nullopt;
-    }
-    Params params;
-    const QJsonObject object = document.object();
-    for (auto entry = object.begin(); entry != object.end(); ++entry)
-        params.insert(entry.key().toUtf8(), entry.value().toString().toUtf8());
-    if (params.value("path").isEmpty()) {
-        error = refusal(QStringLiteral("uni_error1"));
-        return std::nullopt;
-    }
-    return params;
-}
 
 } // namespace
 
@@ -158,14 +136,15 @@ void WebSocketFront::tick() {
 }
 
 void WebSocketFront::run(qwebsocktthread* connection, const QByteArray& message) {
-    QByteArray error;
-    const auto parameters = parametersOf(message, error);
-    if (!parameters) {
-        connection->reply(error);
-    } else if (parameters->value("path") == "/media") {
-        connection->reply(media(*parameters));
+    Params parameters;
+    if (readParams(message, parameters) != JsonText::Object) {
+        connection->reply(refusal(QStringLiteral("uni_error2")));
+    } else if (parameters.value("path").isEmpty()) {
+        connection->reply(refusal(QStringLiteral("uni_error1")));
+    } else if (parameters.value("path") == "/media") {
+        connection->reply(media(parameters));
     } else {
-        auto* request = new Request(this, connection, *parameters);
+        auto* request = new Request(this, connection, parameters);
         if (!m_workers.submit(request))
             request->cancel();
     }
