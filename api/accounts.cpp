@@ -64,11 +64,9 @@ QByteArray DumpController_add_user::user_gtoken(const Call& call) {
     if (update.affected == 0 && login.text(0, "token") != token)
         return refusal(QStringLiteral("ER_UPS")); // the account has just been deleted
     m_mapper->refreshToken(db(), userid);
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("userid"), userid},
-                  {QStringLiteral("master_id"), login.integer(0, "master_id")},
-                  {QStringLiteral("token"), token},
-                  {QStringLiteral("info"), QStringLiteral("SUC")}});
+    return success({{QStringLiteral("userid"), userid},
+                    {QStringLiteral("master_id"), login.integer(0, "master_id")},
+                    {QStringLiteral("token"), token}});
 }
 
 QByteArray DumpController_add_user::user_onlygtoken(const Call& call) {

@@ -151,22 +151,6 @@ bool isOthers(const std::optional<LineBinding>& binding, int userid, const Reque
     return binding && binding->userid != userid && accounts.token(binding->userid);
 }
 
-QByteArray startReply(StartRequest outcome) {
-    switch (outcome) {
-    case StartRequest::Done:
-        return reply({{QStringLiteral("res"), true},
-                      {QStringLiteral("info"), QStringLiteral("SUC")},
-                      {QStringLiteral("EF"), 1}});
-    case StartRequest::NotOwn:
-        return refusal(QStringLiteral("ER_REJECT"));
-    case StartRequest::Working:
-        return refusal(QStringLiteral("Task is Working"));
-    case StartRequest::Failed:
-        break;
-    }
-    return refusal(QStringLiteral("ER_EXE"));
-}
-
 } // namespace
 
 QByteArray DumpController_add_user::user_add_DOPlane(const Call& call) {
@@ -334,13 +318,15 @@ QByteArray DumpController_add_user::rmwaringlinetaskid(const Call& call) {
 /// What a speaker requests when a line that is bound to a stored task fires.
 QByteArray DumpController_add_user::Startwaringtask(const Call& call) {
     const QString info = QStringLiteral("Waringstart");
+    const QJsonObject oneRow{{QStringLiteral("EF"), 1}};
     if (call.has("lineid") && call.has("token") && !call.has("passwd")) {
         const auto binding = boundBy(db(), call);
         if (!binding || !m_mapper->token(binding->userid)) // the account may be gone
             return refusal(QStringLiteral("token 不对"));
         const bool isItsTask = binding->taskid == call.number("taskid");
         return startReply(isItsTask ? requestStart(db(), binding->userid, binding->taskid, info)
-                                    : StartRequest::NotOwn);
+                                    : StartRequest::NotOwn,
+                          oneRow);
     }
     for (const char* name : {"username", "passwd", "taskid"})
         if (!call.has(name))
@@ -354,5 +340,5 @@ QByteArray DumpController_add_user::Startwaringtask(const Call& call) {
         return refuseLogin(call, QStringLiteral("账号密码不正确"));
     if (call.has("token") && call.text("token") != account.text(0, "token"))
         return refusal(QStringLiteral("token 不对"));
-    return startReply(requestStart(db(), account.integer(0, "id"), call.number("taskid"), info));
+    return startReply(requestStart(db(), account.integer(0, "id"), call.number("taskid"), info), oneRow);
 }

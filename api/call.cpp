@@ -13,6 +13,12 @@ QByteArray reply(const QJsonObject& object) {
     return QJsonDocument(object).toJson(QJsonDocument::Indented);
 }
 
+QByteArray success(QJsonObject more) {
+    more.insert(QStringLiteral("res"), true);
+    more.insert(QStringLiteral("info"), QStringLiteral("SUC"));
+    return reply(more);
+}
+
 QByteArray refusal(const QString& word, int code) {
     QJsonObject object{{QStringLiteral("res"), false}, {QStringLiteral("info"), word}};
     if (code != 0)
@@ -44,6 +50,30 @@ QList<qint64> numbersIn(const QString& list) {
             numbers.append(number);
     }
     return numbers;
+}
+
+std::optional<QList<qint64>> idList(const QString& text) {
+    QList<qint64> ids;
+    const QString separated = QString(text).replace(QLatin1Char(','), QLatin1Char('|'));
+    for (const QString& part : separated.split(QLatin1Char('|'), Qt::SkipEmptyParts)) {
+        bool isNumber = false;
+        ids += part.trimmed().toLongLong(&isNumber);
+        if (!isNumber || ids.last() < 1)
+            return std::nullopt;
+    }
+    return ids;
+}
+
+QString commaList(const QList<qint64>& ids) {
+    QStringList texts;
+    for (const qint64 id : ids)
+        texts += QString::number(id);
+    return texts.join(QLatin1Char(','));
+}
+
+bool isFullSerial(const QString& text) {
+    static const QRegularExpression serial(QStringLiteral("\\A[0-9a-f]{%1}\\z").arg(SerialLength));
+    return serial.match(text).hasMatch();
 }
 
 bool isOneLine(const QString& text) {

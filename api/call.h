@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <QByteArray>
 #include <QJsonObject>
 #include <QMap>
@@ -16,6 +17,8 @@ using Params = QMap<QByteArray, QByteArray>;
 
 /// A reply object as the endpoints send it: indented JSON.
 QByteArray reply(const QJsonObject& object);
+/// {"res": true, "info": "SUC"} and more.
+QByteArray success(QJsonObject more = {});
 /// {"res": false, "info": word}, with "code" when it is not 0.
 QByteArray refusal(const QString& word, int code = 0);
 
@@ -29,6 +32,13 @@ JsonText readParams(const QByteArray& json, Params& params);
 
 /// The entries of a list, separated by "|" or ",", that are numbers.
 QList<qint64> numbersIn(const QString& list);
+/// The same where all must be ids: nullopt when one is not a positive number.
+std::optional<QList<qint64>> idList(const QString& list);
+QString commaList(const QList<qint64>& ids);
+
+constexpr int SerialLength = 32;
+/// 32 lower-case hexadecimal digits, as an account stores a speaker's serial.
+bool isFullSerial(const QString& text);
 
 /// Whether no character of the text is a control character: no line break, no tabulator, no NUL.
 bool isOneLine(const QString& text);

@@ -12,14 +12,8 @@
 #include <QVector>
 
 namespace {
-constexpr int SerialLength = 32;
 /// `iswarning` of a speaker that takes part in alarms.
 constexpr int AlarmDevice = 99;
-
-bool isLowerHex(QChar character) {
-    return (character >= QLatin1Char('0') && character <= QLatin1Char('9')) ||
-           (character >= QLatin1Char('a') && character <= QLatin1Char('f'));
-}
 
 /// The word that refuses a serial number; null when it is fit.
 const char* serialFault(const QString& sn, const Severinit& devices) {
@@ -27,7 +21,7 @@ const char* serialFault(const QString& sn, const Severinit& devices) {
         return "_FALSE2";
     if (sn.size() != SerialLength)
         return "_FALSE3";
-    if (!std::all_of(sn.begin(), sn.end(), isLowerHex))
+    if (!isFullSerial(sn))
         return "_FALSE4";
     return devices.serialAllowed(sn) ? nullptr : "_FALSE1";
 }
@@ -70,10 +64,7 @@ QByteArray changed(const SqlResult& result, int userid, const char* nothing) {
         return refusal(QStringLiteral("ER_EXE"));
     if (result.affected <= 0)
         return refusal(QLatin1String(nothing));
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("userid"), userid},
-                  {QStringLiteral("EF"), result.affected},
-                  {QStringLiteral("info"), QStringLiteral("SUC")}});
+    return success({{QStringLiteral("userid"), userid}, {QStringLiteral("EF"), result.affected}});
 }
 
 /// The serial of a stored device; empty when there is none of this id.
@@ -149,9 +140,7 @@ QByteArray DumpController_add_user::user_add_dev(const Call& call) {
     if (!stored)
         return refusal(QStringLiteral("ER_EXE"));
     m_devices->tellAgain(sns); // they may have been online before anybody owned them
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("userid"), call.userid()},
-                  {QStringLiteral("info"), QStringLiteral("SUC")}});
+    return success({{QStringLiteral("userid"), call.userid()}});
 }
 
 QByteArray DumpController_add_user::user_get_devlist(const Call& call) {
@@ -259,7 +248,5 @@ QByteArray DumpController_add_user::add_user_devices_cross(const Call& call) {
     if (!insert.ok)
         return refusal(QStringLiteral("ER_EXE"));
     m_devices->tellAgain({sn});
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("userid"), userid},
-                  {QStringLiteral("info"), QStringLiteral("SUC")}});
+    return success({{QStringLiteral("userid"), userid}});
 }

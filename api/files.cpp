@@ -48,10 +48,7 @@ QByteArray listReply(const StrictSql& database, int userid, const QString& urlPr
     QJsonArray files;
     for (int row = 0; row < rows.rows.size(); ++row)
         files.append(listedFile(rows, row, urlPrefix));
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("info"), QStringLiteral("SUC")},
-                  {QStringLiteral("userid"), userid},
-                  {QStringLiteral("filelist"), files}});
+    return success({{QStringLiteral("userid"), userid}, {QStringLiteral("filelist"), files}});
 }
 
 /// The MP3 files of one folder below the document root, without any database. Of the hidden ones only
@@ -116,10 +113,7 @@ QByteArray DumpController_add_user::user_get_filelist_lite(const Call& call) {
     QJsonArray files;
     listFolder(store, QStringLiteral("mp3"), files);
     listFolder(store, QStringLiteral("mp3/%1").arg(call.userid()), files);
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("info"), QStringLiteral("SUC")},
-                  {QStringLiteral("userid"), call.userid()},
-                  {QStringLiteral("filelist"), files}});
+    return success({{QStringLiteral("userid"), call.userid()}, {QStringLiteral("filelist"), files}});
 }
 
 QByteArray DumpController_add_user::user_del_file(const Call& call) {
@@ -138,9 +132,7 @@ QByteArray DumpController_add_user::user_del_file(const Call& call) {
         return refusal(QStringLiteral("ER_EXE2"));
     if (!FileStore(db()).remove(found.text(0, "url")))
         return refusal(QStringLiteral("ER_EXE3"));
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("info"), QStringLiteral("SUC")},
-                  {QStringLiteral("EF"), gone.affected}});
+    return success({{QStringLiteral("EF"), gone.affected}});
 }
 
 QByteArray DumpController_add_user::user_del_file_lite(const Call& /*call*/) {

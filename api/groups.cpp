@@ -7,12 +7,6 @@
 #include <QHash>
 
 namespace {
-QByteArray success(QJsonObject object = {}) {
-    object.insert(QStringLiteral("res"), true);
-    object.insert(QStringLiteral("info"), QStringLiteral("SUC"));
-    return reply(object);
-}
-
 QByteArray failed() {
     return refusal(QStringLiteral("ER_EXE"));
 }

@@ -17,9 +17,7 @@ QByteArray listFor(const StrictSql& database, const Call& call, const QString& s
     const SqlResult rows = database.run(statement, {{QStringLiteral("@userid"), call.number("userid")}});
     if (!rows.ok)
         return refusal(QStringLiteral("ER_EXE"));
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("info"), QStringLiteral("SUC")},
-                  {QStringLiteral("data"), rows.objects()}});
+    return success({{QStringLiteral("data"), rows.objects()}});
 }
 } // namespace
 
@@ -44,9 +42,7 @@ QByteArray DumpController_add_user::odds_fuckpay(const Call& call) {
     });
     if (!stored)
         return refusal(QStringLiteral("ER_EXE"));
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("EF"), extended},
-                  {QStringLiteral("info"), QStringLiteral("SUC")}});
+    return success({{QStringLiteral("EF"), extended}});
 }
 
 QByteArray DumpController_add_user::seemyoder(const Call& call) {

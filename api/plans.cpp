@@ -32,9 +32,7 @@ SqlArgs planArgs(const Call& call) {
 QByteArray rowsReply(const SqlResult& result) {
     if (!result.ok)
         return reply({{QStringLiteral("res"), false}, {QStringLiteral("dbk"), 0}});
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("info"), QStringLiteral("SUC")},
-                  {QStringLiteral("EF"), result.affected}});
+    return success({{QStringLiteral("EF"), result.affected}});
 }
 
 /// Switches every task of a plan. Number 0 names the tasks without a plan, which are not one.
@@ -51,9 +49,7 @@ QByteArray DumpController_add_user::user_addplant(const Call& call) {
                                                   {QStringLiteral("@gnames"), call.text("pname")}});
     if (!added.ok)
         return refusal(QStringLiteral("ER_EXE"));
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("info"), QStringLiteral("SUC")},
-                  {QStringLiteral("pid"), added.lastId}});
+    return success({{QStringLiteral("pid"), added.lastId}});
 }
 
 QByteArray DumpController_add_user::user_deleteplant(const Call& call) {
@@ -88,9 +84,7 @@ QByteArray DumpController_add_user::user_listtaskplant(const Call& call) {
             {QStringLiteral("taskids"), taskids.value(plans.integer(row, "id"))},
         });
     }
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("info"), QStringLiteral("SUC")},
-                  {QStringLiteral("plantary"), list}});
+    return success({{QStringLiteral("plantary"), list}});
 }
 
 QByteArray DumpController_add_user::user_edittaskplant(const Call& call) {

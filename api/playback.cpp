@@ -62,6 +62,7 @@ QByteArray DumpController_add_user::user_edit_debug(const Call& call) {
     return done();
 }
 
+/// Reached by no route, and unguarded therefore.
 QByteArray DumpController_add_user::user_edit_alldebug(const Call& call) {
     commands()->Debugkillall_(call.number("dsv"));
     return done();

@@ -11,7 +11,6 @@
 #include <optional>
 #include <QDate>
 #include <QJsonDocument>
-#include <QRegularExpression>
 
 namespace {
 const QString plainSet = QStringLiteral("fnkukei");
@@ -25,18 +24,6 @@ const QueryTable::Command* commandFor(const QString& set, const QString& path) {
     return path.startsWith(prefix) ? QueryTable::embedded().find(set, path.mid(prefix.size())) : nullptr;
 }
 
-QString joined(const QList<qint64>& ids) {
-    QStringList texts;
-    for (const qint64 id : ids)
-        texts.append(QString::number(id));
-    return texts.join(QLatin1Char(','));
-}
-
-bool isSerial(const QString& text) {
-    static const QRegularExpression serial(QStringLiteral("\\A[0-9a-f]{32}\\z"));
-    return serial.match(text).hasMatch();
-}
-
 bool startsWithDate(const QString& text) {
     return QDate::fromString(text.left(10), QStringLiteral("yyyy-MM-dd")).isValid();
 }
@@ -47,7 +34,7 @@ std::optional<SqlValue> convert(const QString& text, Type type, bool mayBeEmpty)
     case Type::Int:
         return static_cast<qint64>(text.toInt());
     case Type::IdText:
-        return joined(numbersIn(text));
+        return commaList(numbersIn(text));
     case Type::Ids: {
         const QList<qint64> ids = numbersIn(text);
         return ids.isEmpty() ? QList<qint64>{0} : ids;
@@ -55,7 +42,7 @@ std::optional<SqlValue> convert(const QString& text, Type type, bool mayBeEmpty)
     case Type::Random:
         return RequestMapper::randomToken();
     case Type::Serial:
-        return isSerial(text) ? std::optional<SqlValue>(text) : std::nullopt;
+        return isFullSerial(text) ? std::optional<SqlValue>(text) : std::nullopt;
     case Type::Date:
         return startsWithDate(text) ? std::optional<SqlValue>(text) : std::nullopt;
     case Type::Text:

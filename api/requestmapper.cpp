@@ -44,27 +44,16 @@ Controller controllerFor(const QByteArray& path) {
     return found == prefixes.end() ? Controller::None : found->controller;
 }
 
-/// What outside programs a path starts.
-enum class Work { None, Encoding, Query };
-
-constexpr std::array encodingPaths{"/user/uploadfile", "/user/wxuploadfile", "/user/savettsfile",
-                                   "/user/ttsplayfile"};
-constexpr std::array queryPaths{"/user/fnkukei", "/user/fnckukei", "/user/fnokukei"};
-
-Work workOf(const QByteArray& path, int kind) {
-    const auto isHere = [&](const char* prefix) {
-        return path.startsWith(prefix);
-    };
-    if (std::any_of(encodingPaths.begin(), encodingPaths.end(), isHere))
-        return Work::Encoding;
-    const bool isQuery = kind == 1 && std::any_of(queryPaths.begin(), queryPaths.end(), isHere);
-    return isQuery ? Work::Query : Work::None;
-}
-
 constexpr int AtOnce = 2;             ///< encodings of an account, and programs of the query sets
 constexpr int WaitingEncodings = 256; ///< in all; each is an upload on the disk
 constexpr int WaitingOfAccount = 16;
 constexpr int WaitingQueries = 64; ///< a few seconds' worth
+
+/// Which of these a path's row demands.
+unsigned demandsOf(const QByteArray& path, int kind, unsigned which) {
+    const Route* route = findRoute(postRoutes(), path, kind);
+    return route ? route->guard.demands & which : 0;
+}
 } // namespace
 
 RequestMapper::RequestMapper(QCoreApplication* /*application*/, int /*RDDATAPORT*/,
@@ -90,7 +79,8 @@ bool RequestMapper::wants(const QByteArray& /*method*/, const QByteArray& path) 
 }
 
 JobLanes RequestMapper::lanes(const HttpRequest& request) const {
-    if (request.getMethod() != "POST" || workOf(request.getPath(), m_database->kind()) == Work::None)
+    if (request.getMethod() != "POST" ||
+        !demandsOf(request.getPath(), m_database->kind(), Encodes | RunsQuery))
         return {};
     QByteArray error;
     const auto parameters = DumpController_add_user::parametersOf(request, error);
@@ -98,28 +88,20 @@ JobLanes RequestMapper::lanes(const HttpRequest& request) const {
 }
 
 JobLanes RequestMapper::lanes(const QByteArray& path, const Params& parameters) const {
-    switch (workOf(path, m_database->kind())) {
-    case Work::Query:
+    const unsigned work = demandsOf(path, m_database->kind(), Encodes | RunsQuery);
+    if (work == RunsQuery)
         return {{QByteArrayLiteral("query"), AtOnce, WaitingQueries}};
-    case Work::Encoding: {
-        Call call(parameters, *this);
-        if (!call.authenticate())
-            return {}; // refused at once
-        return {{QByteArrayLiteral("encoding"), qMax(1, QThread::idealThreadCount()), WaitingEncodings},
-                {"encoding " + QByteArray::number(call.userid()), AtOnce, WaitingOfAccount}};
-    }
-    case Work::None:
-        break;
-    }
-    return {};
+    Call call(parameters, *this);
+    if (work != Encodes || !call.authenticate())
+        return {}; // refused at once
+    return {{QByteArrayLiteral("encoding"), qMax(1, QThread::idealThreadCount()), WaitingEncodings},
+            {"encoding " + QByteArray::number(call.userid()), AtOnce, WaitingOfAccount}};
 }
 
 FileFate RequestMapper::fateOfFile(const QByteArray& path, const QByteArray& field,
                                    const QMap<QByteArray, QByteArray>& parameters) const {
-    const Route* route = controllerFor(path) == Controller::Management
-                             ? findRoute(postRoutes(), path, m_database->kind())
-                             : nullptr;
-    if (field != "file" || !route || !(route->guard.demands & WithFile))
+    if (field != "file" || controllerFor(path) != Controller::Management ||
+        !demandsOf(path, m_database->kind(), WithFile))
         return FileFate::Ignored;
     Call call(parameters, *this);
     if (!call.has("id") || !call.has("token"))

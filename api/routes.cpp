@@ -5,7 +5,6 @@
 using C = DumpController_add_user;
 
 namespace {
-constexpr int SerialLength = 32;
 constexpr unsigned HighestDebugMode = 3;
 
 constexpr Auth Nobody{};
@@ -65,7 +64,7 @@ const std::vector<Route>& postRoutes() {
     static const Guard login{{"username", "passwd"}, "ParER"};
     static const Guard tokenLogin{{"username", "passwd"}, "ParERuser_gtoken"};
     static const Guard alarmDevice{{"username", "passwd", "name", "sed"}, "ParER", Nobody, 0, longDevice};
-    static const Guard query; // what a command asks for stands in its table
+    static const Guard program{{}, "", Nobody, RunsQuery}; // its command's table says what it asks for
     static const std::vector<Route> routes{
         // clang-format off
         {"/user/adduser", &C::user_add_lite, {{"sskey", "username", "passwd"}, "ParER", ServiceKey, 0, longLogin}, Kind0},
@@ -77,10 +76,10 @@ const std::vector<Route>& postRoutes() {
         {"/user/deviceadd", &C::user_add_dev, {{"sn", "name"}, "ParERuser_add_dev", Token}},
         {"/user/listdev", &C::user_get_devlist, {{}, "Paruser", Token}},
         {"/user/deldevs", &C::user_deldevs, {{"snid"}, "ParERuser_add_dev", Token}},
-        {"/user/uploadfile", &C::user_reg_file, {{}, "Paruser", Token, WithFile}},
+        {"/user/uploadfile", &C::user_reg_file, {{}, "Paruser", Token, WithFile | Encodes}},
         {"/user/wxtouxianguploadfile", &C::user_reg_filetx, {{}, "Paruser", Token, WithFile | Administrator}},
         {"/user/wxlogopnguploadfile", &C::user_reg_filelg, {{}, "Paruser", Token, WithFile | Administrator}},
-        {"/user/wxuploadfile", &C::user_wxreg_file, {{}, "Paruser", Token, WithFile}},
+        {"/user/wxuploadfile", &C::user_wxreg_file, {{}, "Paruser", Token, WithFile | Encodes}},
         {"/user/allfileupload", &C::user_reg_fileallk, {{}, "Parusersss", Token, WithFile}},
         {"/user/swapupload", &C::swapupload, {{"lunbotext"}, "Parusersss", Token, WithFile | Administrator}},
         {"/user/listfile", &C::user_get_filelist_lite, {{}, "Paruser", ListToken}, Kind0},
@@ -105,8 +104,8 @@ const std::vector<Route>& postRoutes() {
         {"/user/tmplistpl", &C::user_list_tmp_on_time_once, {{}, "Parer", Loose}},
         {"/user/tmpstoppl", &C::user_stop_tmp_on_time_once, {{"tpid"}, "Parer", Loose}},
         {"/user/getone_task", &C::user_get_task, {{"taskid"}, "Paruser", Loose}},
-        {"/user/savettsfile", &C::user_save_ttsfile, {{"text", "vol", "speed", "shengyin", "filename"}, "Paruser", SpeechToken}},
-        {"/user/ttsplayfile", &C::user_play_tts, {{"text", "vol", "speed", "shengyin", "filename", "snlist"}, "Paruser", SpeechToken}},
+        {"/user/savettsfile", &C::user_save_ttsfile, {{"text", "vol", "speed", "shengyin", "filename"}, "Paruser", SpeechToken, Encodes}},
+        {"/user/ttsplayfile", &C::user_play_tts, {{"text", "vol", "speed", "shengyin", "filename", "snlist"}, "Paruser", SpeechToken, Encodes}},
         {"/user/urlplay", &C::user_play_file, {{"url", "snlist"}, "Paruser", Token, 0, noSpeakers}},
         {"/user/urlq39play", &C::user_play_fileq39, {{"url", "snlist"}, "Paruser", Token, 0, noSpeakers}},
         {"/user/urlstop", &C::user_stop_file, {{"snlist"}, "Paruser", Token, 0, noSpeakers}},
@@ -138,11 +137,12 @@ const std::vector<Route>& postRoutes() {
         {"/user/wfilelistrg", &C::user_reg_listDOFile, {{}, "Paruser", Token}},
         {"/user/wfileunrg", &C::user_unreg_DO, {{"sn", "fb", "rgid"}, "Paruser", Token}},
         {"/user/wfileforceunrg", &C::user_unreg_DO_foce, {{"sn", "fb", "rgid"}, "Paruser", Token}},
-        {"/user/fnkukei", &C::user_nodejs, query, Kind1},
-        {"/user/fnkukei", &C::user_nodesqlite3js, query, Kind3},
-        {"/user/fnckukei", &C::user_nodejsc, query, Kind1},
-        {"/user/fnckukei", &C::user_nodesqlite3jsc, query, Kind3},
-        {"/user/fnokukei", &C::user_nodejso, query},
+        {"/user/fnkukei", &C::user_nodejs, program, Kind1},
+        {"/user/fnkukei", &C::user_nodesqlite3js, {}, Kind3},
+        {"/user/fnckukei", &C::user_nodejsc, program, Kind1},
+        {"/user/fnckukei", &C::user_nodesqlite3jsc, {}, Kind3},
+        {"/user/fnokukei", &C::user_nodejso, program, Kind1},
+        {"/user/fnokukei", &C::user_nodejso},
         {"/user/get_user_info.php", &C::get_user_info, login},
         {"/user/get_user_infokvt.php", &C::get_user_infokvt, login},
         {"/user/add_user_devices_cross.php", &C::add_user_devices_cross, alarmDevice},

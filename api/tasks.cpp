@@ -233,10 +233,6 @@ QByteArray rowsReply(const SqlResult& result) {
     return reply({{QStringLiteral("res"), true}, {QStringLiteral("EF"), result.affected}});
 }
 
-QByteArray success() {
-    return reply({{QStringLiteral("res"), true}, {QStringLiteral("info"), QStringLiteral("SUC")}});
-}
-
 } // namespace
 
 QByteArray DumpController_add_user::user_add_task(const Call& call) {
@@ -268,9 +264,7 @@ QByteArray DumpController_add_user::user_add_task(const Call& call) {
         return reply({{QStringLiteral("res"), false},
                       {QStringLiteral("info"), QStringLiteral("ER_")},
                       {QStringLiteral("dbk"), 0}});
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("taskid"), task.lastId},
-                  {QStringLiteral("info"), QStringLiteral("SUC")}});
+    return success({{QStringLiteral("taskid"), task.lastId}});
 }
 
 QByteArray DumpController_add_user::user_get_tasklist(const Call& call) {
@@ -409,17 +403,7 @@ QByteArray DumpController_add_user::user_disable_task(const Call& call) {
 }
 
 QByteArray DumpController_add_user::user_start_task(const Call& call) {
-    switch (requestStart(db(), call.userid(), call.number("taskid"), QStringLiteral("webstart"))) {
-    case StartRequest::Done:
-        return success();
-    case StartRequest::NotOwn:
-        return refusal(QStringLiteral("ER_REJECT"));
-    case StartRequest::Working:
-        return refusal(QStringLiteral("Task is Working"));
-    case StartRequest::Failed:
-        break;
-    }
-    return refusal(QStringLiteral("ER_EXE"));
+    return startReply(requestStart(db(), call.userid(), call.number("taskid"), QStringLiteral("webstart")));
 }
 
 namespace {
@@ -464,8 +448,6 @@ QByteArray DumpController_add_user::user_taskconfigini(const Call& call) {
         return refusal(QStringLiteral("ParER"));
     if (!m_devices->matchesServiceKey(call.text("sskey")))
         return refusal(QStringLiteral("sskey_ER"));
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("info"), QStringLiteral("SUC")},
-                  {QStringLiteral("task_minilen"), db().site.tasklenmin},
-                  {QStringLiteral("task_maxlen"), MaxTaskLength}});
+    return success({{QStringLiteral("task_minilen"), db().site.tasklenmin},
+                    {QStringLiteral("task_maxlen"), MaxTaskLength}});
 }

@@ -36,25 +36,6 @@ qint64 filesLength(const StrictSql& database, int userid, const QList<qint64>& f
 
 } // namespace
 
-std::optional<QList<qint64>> idList(const QString& text) {
-    QList<qint64> ids;
-    const QString separated = QString(text).replace(QLatin1Char(','), QLatin1Char('|'));
-    for (const QString& part : separated.split(QLatin1Char('|'), Qt::SkipEmptyParts)) {
-        bool isNumber = false;
-        ids += part.trimmed().toLongLong(&isNumber);
-        if (!isNumber || ids.last() < 1)
-            return std::nullopt;
-    }
-    return ids;
-}
-
-QString commaList(const QList<qint64>& ids) {
-    QStringList texts;
-    for (const qint64 id : ids)
-        texts += QString::number(id);
-    return texts.join(QLatin1Char(','));
-}
-
 std::optional<int> playLength(const StrictSql& database, const Call& call, const QList<qint64>& files,
                               int times) {
     const int shortest = database.site.tasklenmin;
@@ -96,4 +77,18 @@ StartRequest requestStart(const StrictSql& database, int userid, int taskid, con
     if (!busy.isEmpty() || task.integer(0, "statu") != 0)
         return StartRequest::Working;
     return database.run(InsertStart, args).ok ? StartRequest::Done : StartRequest::Failed;
+}
+
+QByteArray startReply(StartRequest outcome, const QJsonObject& done) {
+    switch (outcome) {
+    case StartRequest::Done:
+        return success(done);
+    case StartRequest::NotOwn:
+        return refusal(QStringLiteral("ER_REJECT"));
+    case StartRequest::Working:
+        return refusal(QStringLiteral("Task is Working"));
+    case StartRequest::Failed:
+        break;
+    }
+    return refusal(QStringLiteral("ER_EXE"));
 }

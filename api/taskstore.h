@@ -14,10 +14,6 @@ struct SqlResult;
 
 constexpr int MaxTaskLength = 86400; ///< seconds; the shortest is sqlite::Site::tasklenmin
 
-/// Ids separated by "|" or ","; nullopt when one is not a positive number.
-std::optional<QList<qint64>> idList(const QString& text);
-QString commaList(const QList<qint64>& ids);
-
 /// A play's length in seconds. Without the parameter "len": as long as the files play, `times` over.
 /// nullopt for a length outside the limits.
 std::optional<int> playLength(const StrictSql& database, const Call& call, const QList<qint64>& files,
@@ -33,3 +29,5 @@ enum class StartRequest { Done, NotOwn, Working, Failed };
 /// Asks the task queue to start a task of this account, unless that is asked already or it plays.
 /// `info` is the request's origin; one that begins with "Waringstar" plays as an alarm.
 StartRequest requestStart(const StrictSql& database, int userid, int taskid, const QString& info);
+/// Its reply; `done` is what the good one holds besides the usual.
+QByteArray startReply(StartRequest outcome, const QJsonObject& done = {});

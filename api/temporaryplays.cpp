@@ -77,9 +77,7 @@ QByteArray DumpController_add_user::user_play_tmp_on_time_once(const Call& call)
                                                   {QStringLiteral("@playmode"), playmode}});
     if (!asked.ok)
         return refusal(QStringLiteral("ER_EXE"));
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("info"), QStringLiteral("SUC")},
-                  {QStringLiteral("tmpid"), asked.lastId}});
+    return success({{QStringLiteral("tmpid"), asked.lastId}});
 }
 
 QByteArray DumpController_add_user::user_list_tmp_on_time_once(const Call& call) {
@@ -93,9 +91,7 @@ QByteArray DumpController_add_user::user_list_tmp_on_time_once(const Call& call)
         play.insert(QStringLiteral("task_name"), NamePrefix + plays.text(row, "id"));
         list.append(play);
     }
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("info"), QStringLiteral("SUC")},
-                  {QStringLiteral("list"), list}});
+    return success({{QStringLiteral("list"), list}});
 }
 
 QByteArray DumpController_add_user::user_stop_tmp_on_time_once(const Call& call) {
@@ -114,5 +110,5 @@ QByteArray DumpController_add_user::user_stop_tmp_on_time_once(const Call& call)
                                                   {QStringLiteral("@PS2"), m_devices->ps2}});
     if (!asked.ok)
         return refusal(QStringLiteral("ER_EXE"));
-    return reply({{QStringLiteral("res"), true}, {QStringLiteral("info"), QStringLiteral("SUC")}});
+    return success();
 }

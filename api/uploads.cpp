@@ -14,10 +14,7 @@ namespace {
 constexpr int HeadBytes = 64;
 
 QByteArray stored(const FileStore& store, const QString& url) {
-    return reply({{QStringLiteral("res"), true},
-                  {QStringLiteral("info"), QStringLiteral("SUC")},
-                  {QStringLiteral("url"), url},
-                  {QStringLiteral("playurl"), store.playUrl(url)}});
+    return success({{QStringLiteral("url"), url}, {QStringLiteral("playurl"), store.playUrl(url)}});
 }
 
 QByteArray failedStatement(const ShownResult& result) {
