@@ -1,8 +1,8 @@
 // The running service against somebody who registers speakers that are none.
+#include "support/devicelink.h"
 #include "support/service.h"
 #include "support/testmain.h"
 #include "support/waitfor.h"
-#include "support/devicelink.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
