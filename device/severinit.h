@@ -67,8 +67,8 @@ public:
     static unsigned char to_vol(unsigned char level);
 
     // --- registry ---
-    /// Most sessions: a bound on what made-up serials can cost, five times the largest fleet.
-    static constexpr int MaxSessions = 100'000;
+    /// Most sessions: a bound on what made-up serials can cost, four times the largest fleet.
+    static constexpr int MaxSessions = 80'000;
     /// From here on serials that the database does not know come in one by one: made-up ones shall not take
     /// the places of speakers that are still to come.
     static constexpr int CrowdedSessions = MaxSessions / 4 * 3;

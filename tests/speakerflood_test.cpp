@@ -62,9 +62,9 @@ private slots:
 
     void oneSerialAgainAndAgain() {
         const int before = descriptorsOf(*m_service);
-        std::vector<int> connections;
-        for (int i = 0; i < 3000; ++i)
-            connections.push_back(registered(m_service->devicePort(), testSerial(0)));
+        std::vector<int> connections(3000);
+        for (int& descriptor : connections)
+            descriptor = registered(m_service->devicePort(), testSerial(0));
         QVERIFY(waitFor([&] { return descriptorsOf(*m_service) <= before + 10; }, 10s));
         QVERIFY(getsIn(m_service->devicePort(), testSerial(1), "127.0.0.1"));
         for (const int descriptor : connections)
@@ -73,7 +73,7 @@ private slots:
 
     void madeUpSerials() {
         constexpr int AtOnce = 250;
-        const qint64 before = residentKilobytes(*m_service);
+        [[maybe_unused]] const qint64 before = residentKilobytes(*m_service);
         std::array<int, AtOnce> connections{};
         for (int serial = 0; serial < Severinit::CrowdedSessions + 1000;) {
             for (int& descriptor : connections)
