@@ -59,7 +59,10 @@ private slots:
         const long before = megabytes("VmRSS");
         resetPeak();
         attack();
-        QVERIFY2(megabytes("VmHWM") - before <= 64, QByteArray::number(int(megabytes("VmHWM") - before)));
+        [[maybe_unused]] const long grown = megabytes("VmHWM") - before;
+#ifndef __SANITIZE_ADDRESS__ // which keeps what was freed
+        QVERIFY2(grown <= 64, QByteArray::number(int(grown)));
+#endif
         QCOMPARE(RawHttp::exchange(m_service->httpPort(), small()).status, 200);
         m_clients.clear();
     }
@@ -137,8 +140,12 @@ private:
                                           form("sn=x&overtime=2030-01-01&userid=1&fei=1") +
                                               HttpParams{{"info", QString(bytes, 'x')}});
     }
-    static QByteArray list() { return "POST /user/seemyoder?userid=1 HTTP/1.1\r\nHost: x\r\n\r\n"; }
-    static QByteArray small() { return "POST /user/test HTTP/1.1\r\nHost: x\r\n\r\n"; }
+    static QByteArray list() {
+        return "POST /user/seemyoder?userid=1 HTTP/1.1\r\nHost: x\r\n\r\n";
+    }
+    static QByteArray small() {
+        return "POST /user/test HTTP/1.1\r\nHost: x\r\n\r\n";
+    }
     static QByteArray frame(int opcode, const QByteArray& payload) {
         QByteArray head(1, char(0x80 | opcode));
         if (payload.size() < 126)
