@@ -16,6 +16,7 @@
 
 class fortcpclient;
 class LicenceCheck;
+class Mp3Feeder;
 class QHostAddress;
 class SAobj;
 class SpeakerEvents;
@@ -97,6 +98,9 @@ public:
     TimingWheel& wheel();
     SpeakerEvents& events(); ///< what changes about speakers
     const SessionEnv& env() const;
+    /// Who feeds the streams of this id and is told which speakers have them; null: nobody any more. Not
+    /// owned.
+    void setMp3Feeder(int streamId, Mp3Feeder* feeder);
     QVector<OnlineDevice> onlineDevices() const;
     QSet<QString> onlineSerials() const;
     void printinfo();

@@ -30,7 +30,7 @@ struct Severinit::State {
     // --- registry ---
     TimingWheel wheel;
     SpeakerEvents events;
-    SessionEnv env{wheel, events, {}, nullptr, {}, 0};
+    SessionEnv env{wheel, events, {}, nullptr, {}, 0, {}};
     QMap<QString, SAobj*> sessions;  ///< in the order of the serials
     QHash<QString, SAobj*> bySerial; ///< the same; a command to a fleet looks every serial up
     QSet<QString> restricted;
