@@ -35,7 +35,7 @@ private slots:
         QString why;
         for (int time = 0; time < 2; ++time)
             QVERIFY2(migrateSchema(*m_db, why), qPrintable(why));
-        QCOMPARE(m_server.sql("SELECT MAX(version) FROM speakers.schema_version"), QByteArray("2\n"));
+        QCOMPARE(m_server.sql("SELECT MAX(version) FROM speakers.schema_version"), QByteArray("6\n"));
         QCOMPARE(m_server.sql("SELECT DISTINCT index_name FROM information_schema.statistics WHERE "
                               "table_schema = 'speakers' AND index_name LIKE 'taskfile_%' ORDER BY 1"),
                  QByteArray("taskfile_file\ntaskfile_list\n"));
@@ -81,10 +81,11 @@ private slots:
 
         const QStringList tables =
             QString::fromUtf8(m_server.sql("SHOW TABLES FROM speakers")).split('\n', Qt::SkipEmptyParts);
-        QCOMPARE(tables.size(), 20);
+        int checked = 0;
         for (const QString& table : tables) {
-            if (table == "schema_version")
-                continue; // not a table of the interface
+            if (!lite.run("SELECT * FROM " + table).columns.contains("id"))
+                continue;
+            ++checked;
             QJsonArray rows[2];
             int side = 0;
             for (sqlite* db : {m_db.get(), &lite}) {
@@ -104,6 +105,7 @@ private slots:
             }
             QCOMPARE(QJsonDocument(rows[0]).toJson(), QJsonDocument(rows[1]).toJson());
         }
+        QVERIFY(checked >= 19);
     }
 
     void writesCountWhatTheyMatch() {
