@@ -97,6 +97,9 @@ const std::vector<SettingKey> Keys = {
      "No task starts before this time of day, seconds since midnight."},
     {"Settings", "taskend", Type::Integer, "82800",
      "No task starts after this time of day, seconds since midnight."},
+    {"Settings", "gapbells", Type::Text, "skip",
+     "What a task does whose time the clock leaves out when summer time begins: \"skip\", or \"after\": it rings "
+     "at the first second after the gap."},
     {"Settings", "RDDATAPORT", Type::Integer, "7636",
      "No effect yet: port handed to the HTTP request router."},
     {"Settings", "runingdir", Type::Text, ".", "Working directory for files."},

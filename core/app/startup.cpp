@@ -236,6 +236,7 @@ void Startup::createTasks() {
         text("task_username"), text("task_passwd"), text("basename"), m_database.get(), integer("sqltaskid"),
         kind, integer("taskstart"), integer("taskend"), nullptr,
         Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause"))});
+    m_tasks->setRingsAfterGap(text("gapbells") == QLatin1String("after"));
 }
 
 void Startup::serveHttp() {
