@@ -212,10 +212,12 @@ private slots:
             inputs.append(QString("%1%2").arg(first).arg(second));
         });
         session()->sn_onlinebackdata("Y12");
+        DeviceLink::turn();
         QCOMPARE(m_link->mirror.up, QStringList{sn()});
         QCOMPARE(m_link->mirror.down, QStringList{});
         session()->sn_onlinebackdata("Y0a");
         session()->sn_onlinebackdata("Y");
+        DeviceLink::turn();
         QCOMPARE(m_link->mirror.up.size(), 1);
         QCOMPARE(m_link->mirror.down.size(), 2);
         QCOMPARE(inputs.size(), 3);
@@ -227,6 +229,7 @@ private slots:
                                {"debug", 2}, {"l_ip", "10.9.8.7\nx"}, {"Date", "2026"}, {"voltage", 12}};
         m_speaker->send("J" + QJsonDocument(info).toJson(QJsonDocument::Compact));
         QVERIFY(waitFor([&] { return session()->vol() == 11; }));
+        DeviceLink::turn();
         QCOMPARE(session()->kind(), 3);
         QCOMPARE(session()->micD(), 4);
         QCOMPARE(session()->micE(), 5);
@@ -341,7 +344,7 @@ private slots:
             ++others;
             throw std::runtime_error("why not");
         });
-        events.listen(this, E::Kinds(~E::CommandAccepted), [&](const E::Batch& batch) {
+        events.listen(this, E::Information * 2 - 1, [&](const E::Batch& batch) {
             told.insert(told.end(), batch.speakers.begin(), batch.speakers.end());
             alarms.insert(alarms.end(), batch.alarms.begin(), batch.alarms.end());
         });
@@ -394,7 +397,10 @@ private slots:
 private:
     SAobj* session() const { return m_link->session(testSerial()); }
     QString sn() const { return testSerial().toHex(); }
-    QMap<QString, QString>& fields() { return m_link->mirror.fields[sn()]; }
+    QMap<QString, QString>& fields() {
+        DeviceLink::turn();
+        return m_link->mirror.fields[sn()];
+    }
 
     std::unique_ptr<DeviceLink> m_link;
     std::unique_ptr<RawConnection> m_speaker;

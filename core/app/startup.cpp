@@ -15,6 +15,7 @@
 #include "http/templateloader.h"
 #include "nodes/gate.h"
 #include "redis/fuck_redis.h"
+#include "redis/speakermirror.h"
 #include "tasks/alarms/alarmcast.h"
 #include "tasks/task_workque.h"
 
@@ -138,8 +139,9 @@ void Startup::createDevices() {
     m_devices->bitrate = integer("bitrate");
     m_devices->setCommandGap(std::chrono::milliseconds(integer("cmdgap")));
     if (m_redis) {
-        m_devices->setStateMirror(m_redis.get());
-        QObject::connect(m_redis.get(), &fuck_redis::restored, m_devices.get(), &Severinit::remirror);
+        m_devices->setGroupReader([this](const QString& group) { return m_redis->backsnlist(group); });
+        m_mirror = std::make_unique<SpeakerMirror>(*m_devices, *m_redis);
+        QObject::connect(m_redis.get(), &fuck_redis::restored, m_mirror.get(), &SpeakerMirror::remirror);
         m_redis->try_connect(text("RedisIP"), integer("RedisPort"), text("RedisAUTH"));
     }
     m_devices->init_vison();
