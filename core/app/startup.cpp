@@ -47,13 +47,6 @@ QJsonArray nodeList(const Settings& settings) {
                         {QStringLiteral("nocdn"), settings.flag("nocdn")}}};
 }
 
-std::unique_ptr<QSettings> openGroup(const Settings& settings, const QString& group) {
-    auto file = std::make_unique<QSettings>(settings.iniPath(), QSettings::IniFormat);
-    file->setIniCodec("UTF-8");
-    file->beginGroup(group);
-    return file;
-}
-
 // Without its command servers nothing could ask the service for anything: who starts it shall hear so.
 [[noreturn]] void exitForPort(const char* key, int port, const CommandServer& server) {
     qCritical().noquote() << "no command server," << key << "port" << port << server.errorString();
@@ -226,13 +219,10 @@ void Startup::createTasks() {
 }
 
 void Startup::serveHttp() {
-    m_sessionsGroup = openGroup(m_settings, QStringLiteral("sessions"));
-    m_docrootGroup = openGroup(m_settings, QStringLiteral("docroot"));
-    m_listenerGroup = openGroup(m_settings, QStringLiteral("listener"));
-    m_sessions = std::make_unique<HttpSessionStore>(m_sessionsGroup.get());
-    m_files = std::make_unique<StaticFileController>(m_docrootGroup.get());
+    m_sessions = std::make_unique<HttpSessionStore>(SessionStoreSettings::of(m_settings));
+    m_files = std::make_unique<StaticFileController>(DocrootSettings::of(m_settings));
     m_files->setUploads(FileStore::uploadPaths());
-    m_templates = std::make_unique<TemplateLoader>(openGroup(m_settings, QStringLiteral("templates")).get());
+    m_templates = std::make_unique<TemplateLoader>(TemplateSettings::of(m_settings));
     const char* const key = text("ASKEY").isEmpty() ? "(no key)" : "(key)";
     qDebug().noquote() << text("Meida_ip") << integer("Meida_port") << integer("wbport") << key;
     qDebug().noquote() << "warningurl" << m_database->site.warningurl;
@@ -247,7 +237,8 @@ void Startup::serveHttp() {
     m_front->setOrigins(text("weborigins"));
     m_front->setRouter(m_router.get());
 
-    m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_router.get());
+    m_http = std::make_unique<HttpListener>(m_database.get(), HttpListenerSettings::of(m_settings),
+                                            m_router.get());
     m_http->setStaticFiles(m_files.get());
     m_http->listen();
 }

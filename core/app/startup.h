@@ -71,9 +71,6 @@ private:
     std::unique_ptr<sqlite> m_database;    ///< this and what follows: null in media-only mode
     QTimer m_databaseTimer;                ///< while its speakers have not been read
     std::unique_ptr<Task_workque> m_tasks; ///< null unless the database's kind has tasks
-    std::unique_ptr<QSettings> m_sessionsGroup;
-    std::unique_ptr<QSettings> m_docrootGroup;
-    std::unique_ptr<QSettings> m_listenerGroup;
     std::unique_ptr<HttpSessionStore> m_sessions;
     std::unique_ptr<StaticFileController> m_files;
     std::unique_ptr<TemplateLoader> m_templates;
