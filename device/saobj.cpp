@@ -16,6 +16,7 @@ SAobj::~SAobj() {
 
 void SAobj::gonline(fortcpclient* connection, int kind) {
     letGo();
+    isOnSameLine = false;
     m_kind = kind;
     setleixing(kind);
     m_onlineState = Online;
@@ -37,6 +38,7 @@ void SAobj::gonline(fortcpclient* connection, int kind) {
 void SAobj::goffline() {
     if (m_client)
         QObject::disconnect(m_client.release(), nullptr, nullptr, nullptr);
+    isOnSameLine = false;
     m_statusText = WentOffline;
     m_onlineState = Offline;
     setBusy(false);

@@ -3,6 +3,7 @@
 #include "core/loop/fetch.h"
 #include "core/loop/pooled.h"
 #include "device/mp3path.h"
+#include "device/playwatch.h"
 #include "device/sessionenv.h"
 #include "device/speakerevents.h"
 #include "device/strangers.h"
@@ -34,6 +35,7 @@ class SAobj : public QObject,
               public StrangerLink,
               public ChangeLink,
               private Mp3Path::Speaker,
+              public PlayLink,
               public Pooled<SAobj> {
     Q_OBJECT
 public:
@@ -213,6 +215,9 @@ private:
             note(kind);
     }
     void setBusy(bool busy);
+    void noteReport(SpeakerEvents::Report::What what, const QString& path = {}) {
+        m_env.events.noteReport(*this, what, path);
+    }
     int command(const words::Word& word, const QByteArray& argument = {});
     int pushContentServer(const words::Word& word, const QString& url);
     void mirror(const char* field, const QVariant& value) { m_env.events.noteDetail(*this, field, value); }

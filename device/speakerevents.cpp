@@ -59,6 +59,16 @@ void SpeakerEvents::noteDetail(SAobj& session, const char* name, const QVariant&
     }
 }
 
+void SpeakerEvents::noteReport(SAobj& session, Report::What what, const QString& path) {
+    if (!(m_wanted & Reported))
+        return;
+    add(session, Reported);
+    if (m_reports.size() < MaxReports)
+        m_reports.push_back({session.sn(), what, path, QDateTime::currentMSecsSinceEpoch()});
+    else if (mayLog("reports lost", QString()))
+        qWarning().noquote() << "reports lost, too many at once:" << session.sn();
+}
+
 void SpeakerEvents::forget(const SAobj& session) {
     const ChangeLink& link = session;
     if (link.kinds != 0)
@@ -94,6 +104,8 @@ void SpeakerEvents::tell() {
     m_toldDetails.clear();
     m_toldDetails.swap(m_details);
     m_detailBytes = 0;
+    m_toldReports.clear();
+    m_toldReports.swap(m_reports);
     for (const Entry& entry : m_listeners) {
         if (entry.context)
             tell(entry);
@@ -117,7 +129,11 @@ void SpeakerEvents::tell(const Entry& entry) {
     m_batch.details.clear();
     if (entry.kinds & Detailed)
         m_batch.details = m_toldDetails;
-    if (m_batch.speakers.empty() && m_batch.alarms.empty() && m_batch.details.empty())
+    m_batch.reports.clear();
+    if (entry.kinds & Reported)
+        m_batch.reports = m_toldReports;
+    if (m_batch.speakers.empty() && m_batch.alarms.empty() && m_batch.details.empty() &&
+        m_batch.reports.empty())
         return;
     try {
         entry.listener(m_batch);

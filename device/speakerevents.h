@@ -33,6 +33,7 @@ public:
         AlarmInput = 1 << 7,
         Information = 1 << 8, ///< anything else that it tells of itself, or that a command has set
         CommandAccepted = 1 << 9,
+        Reported = 1 << 10,       ///< what it plays from its own store, see Report
         KnownAgain = 1 << 11,     ///< somebody has begun to keep what is known of it
         Described = 1 << 12,      ///< it has told its device information, new or not
         VolumeSet = 1 << 13,      ///< its volume was told to it or by it, new or not
@@ -57,10 +58,25 @@ public:
         const char* name; ///< as docs/redis.md lists them; a literal
         QVariant value;
     };
+    /// A report of what the speaker plays from its own store.
+    struct Report {
+        enum class What : quint8 {
+            Done,    ///< "UA1": nothing plays any more
+            Path,    ///< "UA2": begins with `path`
+            Playing, ///< "UA3"
+            Waiting, ///< "UA4"
+            Paused,  ///< "UA5"
+        };
+        QString sn;
+        What what;
+        QString path; ///< as it told it, the path part of an address or the whole; at most 512 characters
+        qint64 at;    ///< when it arrived, ms since 1970-01-01 UTC
+    };
     struct Batch {
         std::vector<Change> speakers; ///< each once
         std::vector<Alarm> alarms;    ///< in their order
         std::vector<Detail> details;  ///< in their order
+        std::vector<Report> reports;  ///< in their order
     };
     using Listener = std::function<void(const Batch&)>;
 
@@ -69,6 +85,8 @@ public:
     /// The same of details: one for every speaker of the largest fleet.
     static constexpr size_t MaxDetails = 100'000;
     static constexpr qint64 MaxDetailBytes = 8 * 1024 * 1024; ///< of their values
+    /// The same of reports: a few of every speaker of the largest fleet.
+    static constexpr size_t MaxReports = 100'000;
 
     SpeakerEvents();
     /// Tells what is of these kinds until `context` is gone. A listener may do whatever may be done on the
@@ -83,6 +101,7 @@ public:
     void noteAlarm(SAobj& session, char first, char second);
     void noteDetail(SAobj& session, const char* name, const QVariant& value);
     bool wants(Kind kind) const { return m_wanted & kind; }
+    void noteReport(SAobj& session, Report::What what, const QString& path = {});
     /// The session is about to be deleted: it leaves the batch.
     void forget(const SAobj& session);
 
@@ -105,10 +124,12 @@ private:
     std::vector<Alarm> m_alarms;
     std::vector<Detail> m_details;
     qint64 m_detailBytes = 0;
+    std::vector<Report> m_reports;
     // Being told.
     std::vector<Change> m_told;
     std::vector<Alarm> m_toldAlarms;
     std::vector<Detail> m_toldDetails;
+    std::vector<Report> m_toldReports;
     Batch m_batch; ///< of these what one listener wants
     bool m_isTelling = false;
     QTimer m_timer;        ///< active from the first change to its batch
