@@ -302,10 +302,11 @@ private slots:
             ++others;
             throw std::runtime_error("why not");
         });
-        events.listen(this, E::Information * 2 - 1, [&](const E::Batch& batch) {
-            told.insert(told.end(), batch.speakers.begin(), batch.speakers.end());
-            alarms.insert(alarms.end(), batch.alarms.begin(), batch.alarms.end());
-        });
+        events.listen(this, E::Kinds((E::Reported * 2 - 1) & ~E::CommandAccepted),
+                      [&](const E::Batch& batch) {
+                          told.insert(told.end(), batch.speakers.begin(), batch.speakers.end());
+                          alarms.insert(alarms.end(), batch.alarms.begin(), batch.alarms.end());
+                      });
         session()->set_vol_V(7);
         session()->set_vol_V(8);
         session()->sn_onlinebackdata("UA3");
