@@ -1,5 +1,7 @@
 #include "core/settings.h"
 
+#include <algorithm>
+#include <climits>
 #include <QDebug>
 #include <QFileInfo>
 #include <QHostAddress>
@@ -173,7 +175,7 @@ QString fullName(const SettingKey& key) {
 QVariant converted(const SettingKey& key, const QString& text) {
     switch (key.type) {
     case Type::Integer:
-        return text.toInt();
+        return static_cast<int>(std::clamp<qint64>(text.toLongLong(), INT_MIN, INT_MAX));
     case Type::Flag:
         return QVariant(text).toBool();
     case Type::Text:
