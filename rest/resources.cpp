@@ -3,5 +3,7 @@
 void addResources(RestRoutes& routes) {
     addSessionRoutes(routes);
     addTokenRoutes(routes);
+    addAccountRoutes(routes);
+    addGrantRoutes(routes);
     addAuditRoutes(routes);
 }
