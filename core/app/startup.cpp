@@ -1,6 +1,5 @@
 #include "core/app/startup.h"
 
-#include "api/filestore.h"
 #include "api/requestmapper.h"
 #include "core/app/site.h"
 #include "core/sql/migrations.h"
@@ -15,6 +14,9 @@
 #include "http/templateloader.h"
 #include "nodes/gate.h"
 #include "redis/fuck_redis.h"
+#include "service/filestore.h"
+#include "service/speakerboard.h"
+#include "service/speakercommands.h"
 #include "tasks/alarms/alarmcast.h"
 #include "tasks/task_workque.h"
 
@@ -143,6 +145,7 @@ void Startup::createDevices() {
         m_redis->try_connect(text("RedisIP"), integer("RedisPort"), text("RedisAUTH"));
     }
     m_devices->init_vison();
+    m_board = std::make_unique<SpeakerBoard>(m_devices.get());
     m_gate =
         std::make_unique<Gate>(m_devices.get(), text("LocalIP"), QList<int>{integer("PS1"), integer("PS2")});
 }
@@ -181,8 +184,8 @@ void Startup::openDatabase() {
         awaitDatabase();
 }
 
-// Every speaker that an account owns has a session from the start; one whose service period ran out
-// starts disabled.
+// Every speaker that an account owns has a session from the start; one whose service period ran out or that
+// somebody has disabled for good starts disabled.
 bool Startup::loadStoredSpeakers() {
     QString why;
     if (!migrateSchema(*m_database, why))
@@ -191,9 +194,10 @@ bool Startup::loadStoredSpeakers() {
     const auto expired = m_database->run(QStringLiteral("SELECT sn FROM snover where ( `statu` = 2 ) ;"));
     if (!stored.ok)
         return false;
-    m_devices->setStoredSerials(serialsOf(stored, "device_seed"), serialsOf(expired, "sn"));
+    const QStringList restricted = serialsOf(expired, "sn") + disabledSpeakers(*m_database);
+    m_devices->setStoredSerials(serialsOf(stored, "device_seed"), restricted);
     m_devices->init_vison();
-    for (const QString& sn : serialsOf(expired, "sn"))
+    for (const QString& sn : restricted)
         m_devices->setRestricted(sn, true);
     return true;
 }

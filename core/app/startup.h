@@ -20,6 +20,7 @@ class QCoreApplication;
 class RequestMapper;
 class sever_listen;
 class Severinit;
+class SpeakerBoard;
 class sqlite;
 class StaticFileController;
 class Task_workque;
@@ -61,6 +62,7 @@ private:
     // In the order of their making; destroyed from the last to the first.
     std::unique_ptr<fuck_redis> m_redis; ///< null with Redis disabled
     std::unique_ptr<Severinit> m_devices;
+    std::unique_ptr<SpeakerBoard> m_board;
     std::unique_ptr<Gate> m_gate;
     std::unique_ptr<sever_listen> m_speakerListener;
     std::unique_ptr<cmdthread> m_commands;
