@@ -4,9 +4,9 @@
 #include "rest/resources.h"
 #include "rest/restcall.h"
 #include "rest/speakers.h"
-#include "service/reach.h"
 #include "service/speakers.h"
 #include "service/targets.h"
+#include "service/visibility.h"
 
 #include <QJsonArray>
 

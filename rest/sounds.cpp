@@ -6,8 +6,8 @@
 #include "rest/restcall.h"
 #include "rest/timestamp.h"
 #include "service/filestore.h"
-#include "service/reach.h"
 #include "service/speech.h"
+#include "service/visibility.h"
 
 #include <algorithm>
 #include <QDateTime>

@@ -6,9 +6,9 @@
 #include "rest/speakerobjects.h"
 #include "rest/targets.h"
 #include "service/groups.h"
-#include "service/reach.h"
 #include "service/speakerboard.h"
 #include "service/speakercommands.h"
+#include "service/visibility.h"
 
 #include <algorithm>
 #include <QJsonArray>
@@ -40,7 +40,7 @@ bool isOwn(const RestCall& call, const Speaker& speaker) {
 }
 
 bool mayPlayTo(const RestCall& call, const Speaker& speaker) {
-    return playable(call.database(), call.caller()).speakers.holds(speaker.id, speaker.owner);
+    return reachable(call.database(), call.caller()).speakers.holds(speaker.id, speaker.owner);
 }
 
 RestAnswer notAllowed() {
@@ -139,14 +139,29 @@ SpeakerChange readChange(const Fields& body) {
     return {body.text("name", 1, LongestName), body.integer("volume", 1, LoudestLevel), body.flag("enabled")};
 }
 
-/// The volume first: it alone may fail because of the speaker, and then nothing has changed.
-RestAnswer change(const RestCall& call, const Speaker& speaker, const SpeakerChange& wanted) {
+/// Whether a volume can reach the speaker once what is wanted besides has been done.
+bool canHear(const RestCall& call, const Speaker& speaker, const SpeakerChange& wanted) {
+    const SpeakerObjects objects = objectsFor(call, {});
+    const SpeakerState state = objects.statesOf({speaker}).front();
+    return state.isOnline() && (state.isEnabled || wanted.isEnabled.value_or(false));
+}
+
+/// The steps that `wanted` names; a speaker that is to be disabled gets its volume before.
+bool apply(const RestCall& call, const Speaker& speaker, const SpeakerChange& wanted) {
     SpeakerCommands commands(call.database(), *call.services().gate, *call.services().devices);
-    if (wanted.volume && commands.setVolume({speaker.serial}, static_cast<int>(*wanted.volume)).reached == 0)
-        return problem(409, QStringLiteral("the speaker is not connected, or disabled"));
     if (wanted.name && !renameSpeaker(call.database(), speaker.id, *wanted.name))
-        return unavailable();
-    if (wanted.isEnabled && !commands.setEnabled(speaker.serial, *wanted.isEnabled))
+        return false;
+    if (wanted.isEnabled == true && !commands.setEnabled(speaker.serial, true))
+        return false;
+    if (wanted.volume)
+        commands.setVolume({speaker.serial}, static_cast<int>(*wanted.volume));
+    return wanted.isEnabled != false || commands.setEnabled(speaker.serial, false);
+}
+
+RestAnswer change(const RestCall& call, const Speaker& speaker, const SpeakerChange& wanted) {
+    if (wanted.volume && !canHear(call, speaker, wanted))
+        return problem(409, QStringLiteral("the speaker is not connected, or disabled"));
+    if (!apply(call, speaker, wanted))
         return unavailable();
     const auto now = findSpeaker(call.database(), speaker.serial);
     if (!now)
@@ -191,7 +206,7 @@ RestAnswer setVolumes(RestCall& call) {
         return unavailable();
     if (!call.fits() || !targets || !volume)
         return call.misfit();
-    const auto serials = resolve(call.database(), playable(call.database(), call.caller()), *targets);
+    const auto serials = resolve(call.database(), reachable(call.database(), call.caller()), *targets);
     if (!serials)
         return unavailable();
     SpeakerCommands commands(call.database(), *call.services().gate, *call.services().devices);

@@ -1,7 +1,7 @@
 #include "rest/targets.h"
 
 #include "rest/restcall.h"
-#include "service/reach.h"
+#include "service/visibility.h"
 
 #include <QJsonArray>
 
@@ -26,7 +26,7 @@ std::optional<Targets> readTargets(RestCall& call, const Fields& body, bool& isA
         body.refuse(Name, QStringLiteral("names all and some"));
     if (isBoth || (given->has("speakers") && !speakers) || (given->has("groups") && !groups))
         return std::nullopt;
-    const auto faults = faultsOf(call.database(), playable(call.database(), call.caller()), targets);
+    const auto faults = faultsOf(call.database(), reachable(call.database(), call.caller()), targets);
     isAway = !faults;
     if (!faults || !faults->empty()) {
         for (const TargetFault& fault : faults.value_or(std::vector<TargetFault>()))

@@ -1,11 +1,6 @@
-#include "service/reach.h"
-
-#include "service/caller.h"
+#include "service/visibility.h"
 
 #include "core/sql/sqlite.h"
-#include "tasks/ownership.h"
-
-#include <algorithm>
 
 namespace {
 
@@ -29,6 +24,9 @@ const QString SelectSpeakers =
                    "`group_seed`.`devid` and ( `sbox_device_info`.`user_id` = `inside`.`owner` or "
                    "`inside`.`level` = 1 );");
 
+const QString SelectLent = QStringLiteral(
+    "SELECT `id` FROM `sbox_device_info` WHERE ( `user_id` = @master and `id` in ( @mask ) );");
+
 SqlResult granted(sqlite& database, const QString& statement, const Caller& caller, Role role) {
     return database.run(statement, {{QStringLiteral("@account"), caller.account},
                                     {QStringLiteral("@role"), static_cast<int>(role)}});
@@ -39,13 +37,16 @@ void addFirst(QSet<qint64>& ids, const SqlResult& rows) {
         ids.insert(row.first().toLongLong());
 }
 
-QSet<qint64> maskedSpeakers(sqlite& database, const Caller& caller) {
+/// Those of its master's that its mask names, as long as they are the master's.
+QSet<qint64> lentSpeakers(sqlite& database, const Caller& caller) {
     QList<qint64> mask;
     for (const QString& id : QString(caller.mask).replace(u'|', u',').split(u',', Qt::SkipEmptyParts))
         mask += id.trimmed().toLongLong();
-    if (caller.master == 0 || mask.isEmpty())
-        return {};
-    return ownDevices(database, static_cast<int>(caller.account), mask).value_or(QSet<qint64>());
+    QSet<qint64> ids;
+    if (caller.master > 0 && !mask.isEmpty())
+        addFirst(ids, database.run(SelectLent, {{QStringLiteral("@master"), caller.master},
+                                                {QStringLiteral("@mask"), mask}}));
+    return ids;
 }
 
 Reachable reachOf(sqlite& database, const Caller& caller, Role role) {
@@ -54,7 +55,7 @@ Reachable reachOf(sqlite& database, const Caller& caller, Role role) {
     reach.speakers.owner = reach.groups.owner = caller.account;
     if (caller.isAdmin)
         return reach;
-    reach.speakers.ids = maskedSpeakers(database, caller);
+    reach.speakers.ids = lentSpeakers(database, caller);
     addFirst(reach.groups.ids, granted(database, SelectGroups, caller, role));
     if (!reach.groups.ids.isEmpty())
         addFirst(reach.speakers.ids, granted(database, SelectSpeakers, caller, role));
@@ -67,7 +68,7 @@ Reachable visible(sqlite& database, const Caller& caller) {
     return reachOf(database, caller, Role::Viewer);
 }
 
-Reachable playable(sqlite& database, const Caller& caller) {
+Reachable reachable(sqlite& database, const Caller& caller) {
     return reachOf(database, caller, Role::Operator);
 }
 
