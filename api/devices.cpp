@@ -75,13 +75,6 @@ QVector<LiveState> liveStates(Severinit* devices, const SqlResult& rows) {
     });
 }
 
-SqlResult webLogin(const StrictSql& database, const Call& call) {
-    return database.run(
-        QStringLiteral("SELECT * FROM  sbox_users where  user_name = '@username' and user_pass = '@passwd';"),
-        {{QStringLiteral("@username"), call.text("username")},
-         {QStringLiteral("@passwd"), call.text("passwd")}});
-}
-
 /// The steps that enabling and disabling share.
 template<typename Send>
 QByteArray switchDevices(const Call& call, Send send) {
@@ -100,7 +93,7 @@ QByteArray DumpController_add_user::user_add_dev(const Call& call) {
         return refused;
     const NewSpeakers added{call.userid(), call.text("name"), sns,
                             call.number("device_kind") == 1 ? AlarmSpeaker : 0};
-    if (!db().takes({{QStringLiteral("@device_name"), added.name}}, QStringLiteral("sbox_device_info")) ||
+    if (!db().takes(added.name) ||
         !addSpeakers(db(), *m_devices, added))
         return refusal(QStringLiteral("ER_EXE"));
     return success({{QStringLiteral("userid"), call.userid()}});
@@ -177,7 +170,7 @@ QByteArray DumpController_add_user::user_LIST(const Call& /*call*/) {
 }
 
 QByteArray DumpController_add_user::get_devicelistweb(const Call& call) {
-    const SqlResult login = webLogin(db(), call);
+    const SqlResult login = findLogin(call);
     if (login.isEmpty())
         return login.ok ? refuseLogin(call) : refusal(QStringLiteral("ER_EXE"));
     const SqlResult rows =
@@ -192,7 +185,7 @@ QByteArray DumpController_add_user::get_devicelistweb(const Call& call) {
 }
 
 QByteArray DumpController_add_user::add_user_devices_cross(const Call& call) {
-    const SqlResult login = webLogin(db(), call);
+    const SqlResult login = findLogin(call);
     if (login.isEmpty())
         return login.ok ? refuseLogin(call) : refusal(QStringLiteral("ER_EXE"));
     const QString sn = call.text("sed");

@@ -16,9 +16,9 @@ public:
         : site(database.site)
         , m_database(database) {}
 
-    /// Whether a statement with these values would be run; one that would not is logged.
-    bool takes(const SqlArgs& args, const QString& statement) const;
     ShownResult run(const QString& statement, const SqlArgs& args = {}) const;
+    /// Whether the text may be a value.
+    bool takes(const QString& text) const;
     bool transaction(const std::function<bool()>& body) const { return m_database.transaction(body); }
     int runScript(const QString& script) const { return m_database.runScript(script); }
     int kind() const { return m_database.kind(); }
@@ -28,6 +28,5 @@ public:
     const sqlite::Site& site;
 
 private:
-    bool takes(const SqlArgs& args, const QString& statement, QString& error) const;
     sqlite& m_database;
 };

@@ -3,6 +3,8 @@
 void addResources(RestRoutes& routes) {
     addSessionRoutes(routes);
     addTokenRoutes(routes);
+    addAccountRoutes(routes);
+    addGrantRoutes(routes);
     addAuditRoutes(routes);
     addSpeakerRoutes(routes);
     addGroupRoutes(routes);

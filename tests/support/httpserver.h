@@ -19,7 +19,7 @@ public:
     explicit FunctionHandler(Service service)
         : m_service(std::move(service)) {}
     bool wants(const QByteArray&, const QByteArray& path) const override { return path.startsWith("/api"); }
-    FileFate fateOfFile(const QByteArray&, const QByteArray& field,
+    FileFate fateOfFile(const HttpRequest&, const QByteArray& field,
                         const QMap<QByteArray, QByteArray>& parameters) const override {
         return field != "f" ? FileFate::Ignored : FileFate(parameters.value("fate", "3").toInt());
     }
