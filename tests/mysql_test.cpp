@@ -82,7 +82,7 @@ private slots:
 
         const QStringList tables =
             QString::fromUtf8(m_server.sql("SHOW TABLES FROM speakers")).split('\n', Qt::SkipEmptyParts);
-        QCOMPARE(tables.size(), 20);
+        QVERIFY(tables.size() >= 24);
         for (const QString& table : tables) {
             if (table == "schema_version")
                 continue; // not a table of the interface
