@@ -7,4 +7,7 @@ void addResources(RestRoutes& routes) {
     addAccountRoutes(routes);
     addGrantRoutes(routes);
     addAuditRoutes(routes);
+    addSpeakerRoutes(routes);
+    addGroupRoutes(routes);
+    addSoundRoutes(routes);
 }
