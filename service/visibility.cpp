@@ -1,10 +1,9 @@
 #include "service/visibility.h"
 
 #include "core/sql/sqlite.h"
+#include "service/grants.h"
 
 namespace {
-
-enum class Role { Viewer = 1, Operator = 2 }; ///< as `groupgrant` holds them
 
 // Who was given a right on a group has it on what its giver owns there, and no more: else a group that holds
 // speakers of others would hand them on. An administrator owns everything.
@@ -27,7 +26,7 @@ const QString SelectSpeakers =
 const QString SelectLent = QStringLiteral(
     "SELECT `id` FROM `sbox_device_info` WHERE ( `user_id` = @master and `id` in ( @mask ) );");
 
-SqlResult granted(sqlite& database, const QString& statement, const Caller& caller, Role role) {
+SqlResult granted(sqlite& database, const QString& statement, const Caller& caller, GroupRole role) {
     return database.run(statement, {{QStringLiteral("@account"), caller.account},
                                     {QStringLiteral("@role"), static_cast<int>(role)}});
 }
@@ -49,7 +48,7 @@ QSet<qint64> lentSpeakers(sqlite& database, const Caller& caller) {
     return ids;
 }
 
-Reachable reachOf(sqlite& database, const Caller& caller, Role role) {
+Reachable reachOf(sqlite& database, const Caller& caller, GroupRole role) {
     Reachable reach;
     reach.speakers.isAll = reach.groups.isAll = caller.isAdmin;
     reach.speakers.owner = reach.groups.owner = caller.account;
@@ -65,18 +64,18 @@ Reachable reachOf(sqlite& database, const Caller& caller, Role role) {
 } // namespace
 
 Reachable visible(sqlite& database, const Caller& caller) {
-    return reachOf(database, caller, Role::Viewer);
+    return reachOf(database, caller, GroupRole::Viewer);
 }
 
 Reachable reachable(sqlite& database, const Caller& caller) {
-    return reachOf(database, caller, Role::Operator);
+    return reachOf(database, caller, GroupRole::Operator);
 }
 
 std::optional<QList<qint64>> soundOwners(sqlite& database, const Caller& caller) {
     if (caller.isAdmin)
         return std::nullopt;
     QList<qint64> owners{caller.account};
-    for (const auto& row : granted(database, SelectGroups, caller, Role::Operator).rows)
+    for (const auto& row : granted(database, SelectGroups, caller, GroupRole::Operator).rows)
         owners += row[1].toLongLong();
     return owners;
 }
