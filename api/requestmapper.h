@@ -13,6 +13,7 @@
 #include <QString>
 
 class Gate;
+class Journal;
 class PlanKeys;
 class QCoreApplication;
 class Severinit;
@@ -58,6 +59,9 @@ public:
     /// they go over TCP.
     void setGate(Gate* gate) { m_gate = gate; }
     Gate* gate() const { return m_gate; } ///< any thread
+    /// Where plays are recorded; null: nowhere. Not owned; before the listener starts.
+    void setJournal(Journal* journal) { m_journal = journal; }
+    Journal* journal() const { return m_journal; } ///< any thread
 
     // Token table: user id to token. Any thread.
     std::optional<QString> token(int userid) const; ///< nullopt for an unknown user; never an empty text
@@ -79,6 +83,7 @@ private:
     Severinit* m_devices;
     Task_workque* m_tasks;
     const TemplateLoader* m_templates = nullptr;
+    Journal* m_journal = nullptr;
     Gate* m_gate = nullptr;
     const std::unique_ptr<const PlanKeys> m_planKeys; ///< with the key `tokenpaths`
     OnlineList m_onlineList;

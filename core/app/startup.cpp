@@ -13,6 +13,7 @@
 #include "http/httpsessionstore.h"
 #include "http/staticfilecontroller.h"
 #include "http/templateloader.h"
+#include "journal/journal.h"
 #include "nodes/gate.h"
 #include "redis/fuck_redis.h"
 #include "tasks/alarms/alarmcast.h"
@@ -23,6 +24,7 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QFile>
+#include <QHostAddress>
 #include <QJsonObject>
 #include <QNetworkInterface>
 #include <QSqlDatabase>
@@ -84,6 +86,7 @@ void Startup::run() {
     listenForCommands();
     if (!m_settings.flag("isonly_media")) {
         openDatabase();
+        startJournal();
         createTasks();
         serveHttp();
         qDebug() << QSqlDatabase::drivers();
@@ -95,6 +98,9 @@ void Startup::end() {
     constexpr std::chrono::seconds limit{2};
     if (m_tasks)
         m_tasks->end(limit);
+    if (m_journal)
+        m_journal->note(Journal::NoteKind::Service, QStringLiteral("ended"),
+                        QStringLiteral("speakerd " SPEAKERD_VERSION));
 }
 
 // What anybody who reaches the ports may do as long as a secret is missing.
@@ -209,6 +215,35 @@ void Startup::awaitDatabase() {
     m_databaseTimer.start(Pause);
 }
 
+void Startup::startJournal() {
+    if (!m_settings.flag("journal"))
+        return;
+    m_journal = std::make_unique<Journal>(m_devices.get(), m_database.get(), nodeNumber(),
+                                          Journal::Limits{integer("journaldays"), integer("receiptdays")});
+    m_alarms->setJournal(m_journal.get());
+    const auto note = [this](Journal::NoteKind kind, const char* state, const char* name) {
+        m_journal->note(kind, QLatin1String(state), QLatin1String(name));
+    };
+    note(Journal::NoteKind::Service, "started", "speakerd " SPEAKERD_VERSION);
+    if (!m_redis)
+        return;
+    QObject::connect(m_redis.get(), &fuck_redis::lost, m_journal.get(),
+                     [note] { note(Journal::NoteKind::Link, "lost", "redis"); });
+    QObject::connect(m_redis.get(), &fuck_redis::restored, m_journal.get(),
+                     [note] { note(Journal::NoteKind::Link, "back", "redis"); });
+}
+
+// Of nodes in one network of 256 addresses, or on one machine with ports one after the other, each has
+// another.
+int Startup::nodeNumber() const {
+    constexpr int most = 255;
+    const int given = integer("nodenumber");
+    if (given >= 1 && given <= most)
+        return given;
+    const quint32 address = QHostAddress(text("LocalIP")).toIPv4Address();
+    return static_cast<int>((address + static_cast<quint32>(integer("PS2"))) & most);
+}
+
 void Startup::createTasks() {
     const int kind = integer("dbk");
     if (!m_database->get_is_aready())
@@ -220,7 +255,7 @@ void Startup::createTasks() {
         text("cdn_str"), nodeList(m_settings), m_application, text("Meida_ip"), integer("PS2"),
         text("task_username"), text("task_passwd"), text("basename"), m_database.get(), integer("sqltaskid"),
         kind, integer("taskstart"), integer("taskend"), nullptr,
-        Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause"))});
+        Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause")), m_journal.get()});
 }
 
 void Startup::serveHttp() {
@@ -242,6 +277,7 @@ void Startup::serveHttp() {
                                                m_database.get(), m_devices.get(), m_tasks.get());
     m_router->setTemplates(m_templates.get());
     m_router->setGate(m_gate.get());
+    m_router->setJournal(m_journal.get());
     m_front->setOrigins(text("weborigins"));
     m_front->setRouter(m_router.get());
 

@@ -15,6 +15,7 @@ class fuck_redis;
 class Gate;
 class HttpListener;
 class HttpSessionStore;
+class Journal;
 class MainCellInit;
 class QCoreApplication;
 class RequestMapper;
@@ -48,6 +49,8 @@ private:
     void openDatabase();
     bool loadStoredSpeakers();
     void awaitDatabase();
+    void startJournal();
+    int nodeNumber() const;
     void createTasks();
     void serveHttp();
     void logReady() const;
@@ -68,6 +71,7 @@ private:
     std::unique_ptr<Alarmcast> m_alarms;
     std::unique_ptr<sqlite> m_database;    ///< this and what follows: null in media-only mode
     QTimer m_databaseTimer;                ///< while its speakers have not been read
+    std::unique_ptr<Journal> m_journal;    ///< null when it is switched off
     std::unique_ptr<Task_workque> m_tasks; ///< null unless the database's kind has tasks
     std::unique_ptr<QSettings> m_sessionsGroup;
     std::unique_ptr<QSettings> m_docrootGroup;

@@ -10,6 +10,7 @@
 #include <vector>
 
 class Baojingobject;
+class Journal;
 class SAobj;
 class Severinit;
 
@@ -30,6 +31,9 @@ public:
     Alarmcast(Severinit* devices, QString runingdir, QObject* parent = nullptr);
     ~Alarmcast() override;
 
+    /// Where casts are recorded; null: nowhere. Not owned.
+    void setJournal(Journal* journal) { m_journal = journal; }
+
     QJsonObject play(const QJsonObject& request, const QStringList& targets);
     QJsonObject stop(const QStringList& targets);
     int castCount() const { return static_cast<int>(m_casts.size()); }
@@ -43,15 +47,20 @@ private:
         int sequence = 0;
         int level = 0;
         std::vector<SAobj*> speakers; ///< sessions, which live as long as the registry
+        quint64 order = 0;            ///< its broadcast; 0: none
+        std::vector<quint8> told;     ///< of each speaker the ReceiptState that is recorded
         std::unique_ptr<Baojingobject> player;
     };
     QStringList filesOf(const QJsonObject& request) const;
-    bool start(const QStringList& files, const QStringList& targets, int level);
-    void feed(const Cast& cast, const QByteArray& packet);
+    bool start(const QStringList& files, const QStringList& targets, int level, quint64 order);
+    void feed(Cast& cast, const QByteArray& packet);
+    quint64 record(const QJsonObject& request, const QStringList& targets) const;
+    void recordFed(Cast& cast, const std::vector<int>& results) const;
     void endSoon(int sequence);
     QJsonObject outcome(const QStringList& targets) const;
 
     Severinit* m_devices;
+    Journal* m_journal = nullptr;
     QString m_directory;
     std::list<Cast> m_casts; ///< addresses stay while casts come and go
     int m_sequence = 0;
