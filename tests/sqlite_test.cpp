@@ -51,7 +51,8 @@ private slots:
         QString why;
         for (int time = 0; time < 2; ++time)
             QVERIFY2(migrateSchema(*m_db, why), qPrintable(why));
-        QCOMPARE(count(QString("schema_version where version = %1").arg(newestSchemaVersion())), 1);
+        QCOMPARE(count(qPrintable(QString("schema_version where version = %1").arg(newestSchemaVersion()))),
+                 1);
         QCOMPARE(count("sqlite_master where name in ('taskfile_list', 'taskfile_task')"), 1);
         QCOMPARE(count("taskfile"), 2);
         QVERIFY(QFileInfo(".Elvor.db.v1").size() > 0);
