@@ -1,5 +1,7 @@
 #include "core/settings.h"
 
+#include <algorithm>
+#include <climits>
 #include <QDebug>
 #include <QFileInfo>
 #include <QHostAddress>
@@ -97,6 +99,10 @@ const std::vector<SettingKey> Keys = {
      "No task starts before this time of day, seconds since midnight."},
     {"Settings", "taskend", Type::Integer, "82800",
      "No task starts after this time of day, seconds since midnight."},
+    {"Settings", "gapbells", Type::Text, "skip",
+     "What a task does whose time the clock leaves out when summer time begins: \"skip\", or \"after\": it "
+     "rings "
+     "at the first second after the gap."},
     {"Settings", "RDDATAPORT", Type::Integer, "7636",
      "No effect yet: port handed to the HTTP request router."},
     {"Settings", "runingdir", Type::Text, ".", "Working directory for files."},
@@ -145,6 +151,10 @@ const std::vector<SettingKey> Keys = {
      "The three picture uploads are for administrators."},
     {"Settings", "tokenpaths", Type::Flag, "hardened",
      "/user/olist, the payment reads and /user/startwarning ask for a token or a secret of their own."},
+    {"Settings", "hashpasswords", Type::Flag, "hardened",
+     "The older paths store passwords as hashes too; a plain one becomes a hash at its next login."},
+    {"Settings", "tokendays", Type::Integer, "30",
+     "Days after which a login of the interface v1 ends when it is not used; at least 1."},
     {"sessions", "expirationTime", Type::Integer, "3600000", "Life of an unused HTTP session, ms."},
     {"sessions", "cookieName", Type::Text, "sessionid", "Cookie of the HTTP session."},
     {"docroot", "path", Type::Text, "etc/docroot",
@@ -175,7 +185,7 @@ QString fullName(const SettingKey& key) {
 QVariant converted(const SettingKey& key, const QString& text) {
     switch (key.type) {
     case Type::Integer:
-        return text.toInt();
+        return static_cast<int>(std::clamp<qint64>(text.toLongLong(), INT_MIN, INT_MAX));
     case Type::Flag:
         return QVariant(text).toBool();
     case Type::Text:

@@ -47,19 +47,19 @@ Speaker::Speaker(SpeakerOptions options, QObject* parent)
     connect(&m_beat, &QTimer::timeout, this, [this] { report(kBeat); });
     connect(&m_reconnect, &QTimer::timeout, this, &Speaker::connectToServer);
     connect(m_player, &Player::fetching, this,
-            [this](const QString& path) { reportPlay(QByteArrayLiteral("UA2") + path.toUtf8()); });
+            [this](const QString& path) { reportPlay(words::Path + path.toUtf8()); });
     connect(m_player, &Player::fetched, this, [this](const Fetch& fetch) {
         m_fetches.push_back(fetch);
         emit fetched(fetch);
     });
     connect(m_player, &Player::playing, this, [this](const Fetch& fetch) {
-        reportPlay(QByteArrayLiteral("UA3"));
+        reportPlay(words::Playing);
         if (m_options.dropAfter.count() > 0)
             m_drop.start(m_options.dropAfter);
         emit playing(fetch);
     });
     connect(m_player, &Player::played, this, &Speaker::played);
-    connect(m_player, &Player::idle, this, [this] { reportPlay(QByteArrayLiteral("UA1")); });
+    connect(m_player, &Player::idle, this, [this] { reportPlay(words::PathDone); });
 }
 
 Speaker::~Speaker() {
@@ -96,7 +96,7 @@ void Speaker::onConnected() {
     m_reports.clear();
     report(registrationPacket(m_options.serial, static_cast<quint8>(m_volume)));
     if (m_clockOffset != 0)
-        report(QByteArrayLiteral("UD1"));
+        report(words::TimeWanted);
     m_beat.start(m_options.beatInterval);
     emit connected();
 }
@@ -205,10 +205,10 @@ void Speaker::obeyPlay(const Command& command) {
     if (list.empty())
         return;
     if (command.op == Op::Preload) {
-        m_player->preload(list, [this] { report(QByteArrayLiteral("UB1")); });
+        m_player->preload(list, [this] { report(words::Preloaded); });
     } else if (command.op == Op::Purge) {
         m_player->purge(list);
-        report(QByteArrayLiteral("UC1"));
+        report(words::Purged);
     } else {
         m_player->play(list);
     }
@@ -239,7 +239,7 @@ void Speaker::obeyTask(const Command& command) {
         m_tasks.clear();
         break;
     case Op::TaskList:
-        report(QByteArrayLiteral("UT1") + m_tasks.join(QLatin1Char('\n')).toUtf8());
+        report(words::Tasks + m_tasks.join(QLatin1Char('\n')).toUtf8());
         break;
     case Op::TaskRemove: {
         const QString id = QString::fromLatin1(command.argument) + QStringLiteral("||");

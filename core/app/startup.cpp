@@ -2,6 +2,7 @@
 
 #include "api/filestore.h"
 #include "api/requestmapper.h"
+#include "core/app/frontdoor.h"
 #include "core/app/site.h"
 #include "core/sql/migrations.h"
 #include "core/sql/sqlite.h"
@@ -16,6 +17,12 @@
 #include "journal/journal.h"
 #include "nodes/gate.h"
 #include "redis/fuck_redis.h"
+#include "redis/speakermirror.h"
+#include "rest/restrouter.h"
+#include "service/loginbrake.h"
+#include "service/passwords.h"
+#include "service/tokens.h"
+#include "service/tokentable.h"
 #include "tasks/alarms/alarmcast.h"
 #include "tasks/task_workque.h"
 
@@ -48,17 +55,18 @@ QJsonArray nodeList(const Settings& settings) {
                         {QStringLiteral("nocdn"), settings.flag("nocdn")}}};
 }
 
-std::unique_ptr<QSettings> openGroup(const Settings& settings, const QString& group) {
-    auto file = std::make_unique<QSettings>(settings.iniPath(), QSettings::IniFormat);
-    file->setIniCodec("UTF-8");
-    file->beginGroup(group);
-    return file;
-}
-
 // Without its command servers nothing could ask the service for anything: who starts it shall hear so.
 [[noreturn]] void exitForPort(const char* key, int port, const CommandServer& server) {
     qCritical().noquote() << "no command server," << key << "port" << port << server.errorString();
     std::exit(EXIT_FAILURE);
+}
+
+QStringList hostList(const QString& hosts) {
+    QStringList list;
+    const QStringList entries = hosts.split(QLatin1Char(','), Qt::SkipEmptyParts);
+    for (const QString& host : entries)
+        list.append(host.trimmed());
+    return list;
 }
 
 QStringList serialsOf(const SqlResult& result, const char* column) {
@@ -67,6 +75,20 @@ QStringList serialsOf(const SqlResult& result, const char* column) {
     for (int row = 0; row < result.rows.size(); ++row)
         serials.append(result.text(row, column));
     return serials;
+}
+
+Journal::Bell bellOf(const BellOutcome& outcome) {
+    using State = BellOutcome::State;
+    Journal::Bell bell;
+    bell.schedule = outcome.schedule;
+    bell.name = outcome.name;
+    bell.due = outcome.due * 1000;
+    bell.outcome = outcome.state == State::Played ? Journal::Bell::Outcome::Played
+                   : outcome.state == State::Late ? Journal::Bell::Outcome::Late
+                                                  : Journal::Bell::Outcome::Skipped;
+    bell.reason = outcome.reason;
+    bell.account = outcome.userid;
+    return bell;
 }
 
 } // namespace
@@ -88,6 +110,7 @@ void Startup::run() {
         openDatabase();
         startJournal();
         createTasks();
+        createAccounts();
         serveHttp();
         qDebug() << QSqlDatabase::drivers();
     }
@@ -144,8 +167,9 @@ void Startup::createDevices() {
     m_devices->bitrate = integer("bitrate");
     m_devices->setCommandGap(std::chrono::milliseconds(integer("cmdgap")));
     if (m_redis) {
-        m_devices->setStateMirror(m_redis.get());
-        QObject::connect(m_redis.get(), &fuck_redis::restored, m_devices.get(), &Severinit::remirror);
+        m_devices->setGroupReader([this](const QString& group) { return m_redis->backsnlist(group); });
+        m_mirror = std::make_unique<SpeakerMirror>(*m_devices, *m_redis);
+        QObject::connect(m_redis.get(), &fuck_redis::restored, m_mirror.get(), &SpeakerMirror::remirror);
         m_redis->try_connect(text("RedisIP"), integer("RedisPort"), text("RedisAUTH"));
     }
     m_devices->init_vison();
@@ -256,16 +280,16 @@ void Startup::createTasks() {
         text("task_username"), text("task_passwd"), text("basename"), m_database.get(), integer("sqltaskid"),
         kind, integer("taskstart"), integer("taskend"), nullptr,
         Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause")), m_journal.get()});
+    if (m_journal)
+        m_tasks->setBellSink([this](const BellOutcome& bell) { m_journal->bell(bellOf(bell)); });
+    m_tasks->setRingsAfterGap(text("gapbells") == QLatin1String("after"));
 }
 
 void Startup::serveHttp() {
-    m_sessionsGroup = openGroup(m_settings, QStringLiteral("sessions"));
-    m_docrootGroup = openGroup(m_settings, QStringLiteral("docroot"));
-    m_listenerGroup = openGroup(m_settings, QStringLiteral("listener"));
-    m_sessions = std::make_unique<HttpSessionStore>(m_sessionsGroup.get());
-    m_files = std::make_unique<StaticFileController>(m_docrootGroup.get());
+    m_sessions = std::make_unique<HttpSessionStore>(SessionStoreSettings::of(m_settings));
+    m_files = std::make_unique<StaticFileController>(DocrootSettings::of(m_settings));
     m_files->setUploads(FileStore::uploadPaths());
-    m_templates = std::make_unique<TemplateLoader>(openGroup(m_settings, QStringLiteral("templates")).get());
+    m_templates = std::make_unique<TemplateLoader>(TemplateSettings::of(m_settings));
     const char* const key = text("ASKEY").isEmpty() ? "(no key)" : "(key)";
     qDebug().noquote() << text("Meida_ip") << integer("Meida_port") << integer("wbport") << key;
     qDebug().noquote() << "warningurl" << m_database->site.warningurl;
@@ -273,17 +297,41 @@ void Startup::serveHttp() {
 
     m_front = std::make_unique<MainCellInit>(nullptr, text("ASKEY"), integer("Meida_port"), integer("wbport"),
                                              text("Meida_ip"));
+    createRouters();
+    m_front->setOrigins(text("weborigins"));
+    m_front->setRouter(m_router.get());
+
+    m_http = std::make_unique<HttpListener>(m_database.get(), HttpListenerSettings::of(m_settings),
+                                            m_frontDoor.get());
+    m_http->setStaticFiles(m_files.get());
+    m_http->listen();
+}
+
+void Startup::createAccounts() {
+    m_passwords = std::make_unique<Passwords>(m_settings.flag("hashpasswords"));
+    m_tokens = std::make_unique<Tokens>(std::chrono::hours(24) * qMax(1, integer("tokendays")));
+    m_oldTokens = std::make_unique<TokenTable>();
+    m_loginBrake = std::make_unique<LoginBrake>();
+}
+
+void Startup::createRouters() {
     m_router = std::make_unique<RequestMapper>(m_application, integer("RDDATAPORT"), text("Meida_ip"),
                                                m_database.get(), m_devices.get(), m_tasks.get());
     m_router->setTemplates(m_templates.get());
     m_router->setGate(m_gate.get());
     m_router->setJournal(m_journal.get());
-    m_front->setOrigins(text("weborigins"));
-    m_front->setRouter(m_router.get());
-
-    m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_router.get());
-    m_http->setStaticFiles(m_files.get());
-    m_http->listen();
+    m_router->setAccounts(m_oldTokens.get(), m_passwords.get(), m_tokens.get());
+    Services services;
+    services.database = m_database.get();
+    services.devices = m_devices.get();
+    services.gate = m_gate.get();
+    services.tasks = m_tasks.get();
+    services.passwords = m_passwords.get();
+    services.tokens = m_tokens.get();
+    services.oldTokens = m_oldTokens.get();
+    services.loginBrake = m_loginBrake.get();
+    m_restRouter = std::make_unique<RestRouter>(services, hostList(text("weborigins")));
+    m_frontDoor = std::make_unique<FrontDoor>(m_restRouter.get(), m_router.get());
 }
 
 // The one line that scripts wait for; ports as they were bound, and what is still to come.

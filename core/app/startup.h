@@ -4,27 +4,33 @@
 
 #include <memory>
 #include <QJsonArray>
-#include <QSettings>
 #include <QString>
 #include <QTimer>
 
 class Alarmcast;
 class cmdthread6;
 class cmdthread;
+class FrontDoor;
 class fuck_redis;
 class Gate;
 class HttpListener;
 class HttpSessionStore;
 class Journal;
+class LoginBrake;
 class MainCellInit;
+class Passwords;
 class QCoreApplication;
 class RequestMapper;
+class RestRouter;
 class sever_listen;
 class Severinit;
+class SpeakerMirror;
 class sqlite;
 class StaticFileController;
 class Task_workque;
 class TemplateLoader;
+class TokenTable;
+class Tokens;
 
 /// Creates and wires the long-lived objects, each once, in the order in which they need each other, and
 /// holds them until the process ends (they go in reverse order). Main thread, before the event loop.
@@ -52,7 +58,9 @@ private:
     void startJournal();
     int nodeNumber() const;
     void createTasks();
+    void createAccounts();
     void serveHttp();
+    void createRouters();
     void logReady() const;
 
     QString text(const char* key) const { return m_settings.text(key); }
@@ -64,6 +72,7 @@ private:
     // In the order of their making; destroyed from the last to the first.
     std::unique_ptr<fuck_redis> m_redis; ///< null with Redis disabled
     std::unique_ptr<Severinit> m_devices;
+    std::unique_ptr<SpeakerMirror> m_mirror; ///< null with Redis disabled
     std::unique_ptr<Gate> m_gate;
     std::unique_ptr<sever_listen> m_speakerListener;
     std::unique_ptr<cmdthread> m_commands;
@@ -73,13 +82,16 @@ private:
     QTimer m_databaseTimer;                ///< while its speakers have not been read
     std::unique_ptr<Journal> m_journal;    ///< null when it is switched off
     std::unique_ptr<Task_workque> m_tasks; ///< null unless the database's kind has tasks
-    std::unique_ptr<QSettings> m_sessionsGroup;
-    std::unique_ptr<QSettings> m_docrootGroup;
-    std::unique_ptr<QSettings> m_listenerGroup;
     std::unique_ptr<HttpSessionStore> m_sessions;
     std::unique_ptr<StaticFileController> m_files;
     std::unique_ptr<TemplateLoader> m_templates;
+    std::unique_ptr<Passwords> m_passwords;
+    std::unique_ptr<Tokens> m_tokens;
+    std::unique_ptr<TokenTable> m_oldTokens;
+    std::unique_ptr<LoginBrake> m_loginBrake;
     std::unique_ptr<RequestMapper> m_router;
+    std::unique_ptr<RestRouter> m_restRouter;
+    std::unique_ptr<FrontDoor> m_frontDoor;
     std::unique_ptr<MainCellInit> m_front; ///< made before the router, ends before it
     std::unique_ptr<HttpListener> m_http;
 };

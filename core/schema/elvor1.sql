@@ -164,7 +164,7 @@ CREATE INDEX `group_seed_device` ON `group_seed` (`devid`);
 DROP TABLE IF EXISTS `sbox_users`;
 CREATE TABLE `sbox_users` (
   `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
-  `user_name` VARCHAR(191) NOT NULL DEFAULT '',
+  `user_name` VARCHAR(200) NOT NULL DEFAULT '',
   `user_pass` VARCHAR(255) NOT NULL DEFAULT '',
   `master_id` INT NOT NULL DEFAULT 0, -- the account that made this sub-account
   `mask` VARCHAR(8192) NOT NULL DEFAULT '', -- device ids that a sub-account sees
@@ -313,11 +313,140 @@ CREATE TABLE `journal` (
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
 CREATE INDEX `journal_kind` ON `journal` (`kind`, `id`);
 
+DROP TABLE IF EXISTS `apitoken`;
+CREATE TABLE `apitoken` (
+  `id` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `account` INT NOT NULL,         -- sbox_users.id
+  `name` VARCHAR(255) NOT NULL DEFAULT '',    -- of a program; empty: a login's
+  `hash` CHAR(64) NOT NULL,               -- SHA-256 of the token, hex
+  `created` BIGINT NOT NULL,         -- ms since 1970
+  `expires` BIGINT NOT NULL DEFAULT 0 -- the same, 0 never
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE UNIQUE INDEX `apitoken_hash` ON `apitoken` (`hash`);
+CREATE INDEX `apitoken_account` ON `apitoken` (`account`);
+CREATE INDEX `apitoken_expires` ON `apitoken` (`expires`);
+
+DROP TABLE IF EXISTS `groupgrant`;
+CREATE TABLE `groupgrant` (
+  `id` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `account` INT NOT NULL, -- sbox_users.id, who is given the right
+  `gid` INT NOT NULL,     -- sbox_group.id
+  `role` INT NOT NULL     -- 1 viewer, 2 operator
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE UNIQUE INDEX `groupgrant_once` ON `groupgrant` (`account`, `gid`);
+CREATE INDEX `groupgrant_group` ON `groupgrant` (`gid`);
+
+DROP TABLE IF EXISTS `audit`;
+CREATE TABLE `audit` (
+  `id` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `at` BIGINT NOT NULL, -- ms since 1970
+  `account` INT NOT NULL DEFAULT 0,
+  `address` VARCHAR(64) NOT NULL DEFAULT '',
+  `action` VARCHAR(255) NOT NULL,
+  `object` VARCHAR(255) NOT NULL DEFAULT '',
+  `detail` VARCHAR(255) NOT NULL DEFAULT ''
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `audit_at` ON `audit` (`at`);
+CREATE INDEX `audit_account` ON `audit` (`account`);
+
+DROP TABLE IF EXISTS `idempotency`;
+CREATE TABLE `idempotency` (
+  `account` INT NOT NULL,
+  `name` VARCHAR(100) NOT NULL,              -- the key that the client chose
+  `request` CHAR(64) NOT NULL,           -- SHA-256 of the request, hex
+  `status` INT NOT NULL,         -- of its answer, 0 while it is under way
+  `location` VARCHAR(255) NOT NULL DEFAULT '',
+  `body` MEDIUMTEXT,
+  `at` BIGINT NOT NULL,             -- ms since 1970
+  PRIMARY KEY (`account`, `name`)
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `idempotency_at` ON `idempotency` (`at`);
+
+DROP TABLE IF EXISTS `taskrule`;
+-- What a schedule has beyond its task's row. A task without a row here is as tasks always were.
+CREATE TABLE `taskrule` (
+  `taskid` INT NOT NULL PRIMARY KEY, -- task.id
+  `calendarid` INT, -- calendar.id; NULL: every day is an ordinary one
+  `missed` INT, -- seconds that a late bell may ring after its time, 0 not at all; NULL 60
+  `localdates` INT NOT NULL DEFAULT 0, -- 1: startdate and enddate are local dates, 0: days in UTC
+  `everyone` INT NOT NULL DEFAULT 0, -- 1: every speaker that the owner may play to
+  `whole` INT NOT NULL DEFAULT 0, -- 1: len is what its sounds take
+  `volume` INT, -- 1 to 25, NULL as it is
+  `priority` INT -- 0 to 255, NULL 100
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `taskrule_calendar` ON `taskrule` (`calendarid`);
+
+DROP TABLE IF EXISTS `taskaim`;
+-- Groups that a schedule rings in, beside the speakers in taskseed.
+CREATE TABLE `taskaim` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `taskid` INT NOT NULL DEFAULT 0, -- task.id
+  `gid` INT NOT NULL DEFAULT 0 -- sbox_group.id
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `taskaim_list` ON `taskaim` (`taskid`, `id`);
+CREATE INDEX `taskaim_group` ON `taskaim` (`gid`);
+
+DROP TABLE IF EXISTS `planrule`;
+-- What a plan has beyond its row in taskgroup.
+CREATE TABLE `planrule` (
+  `planid` INT NOT NULL PRIMARY KEY, -- taskgroup.id
+  `exceptional` INT NOT NULL DEFAULT 0 -- 1: rings only where a calendar's entry names it
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+
+DROP TABLE IF EXISTS `calendar`;
+CREATE TABLE `calendar` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `userid` INT NOT NULL DEFAULT 0, -- owner, sbox_users.id
+  `name` VARCHAR(255) NOT NULL DEFAULT ''
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `calendar_owner` ON `calendar` (`userid`);
+
+DROP TABLE IF EXISTS `calendarentry`;
+-- Dates on which a calendar differs from every day.
+CREATE TABLE `calendarentry` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `calendarid` INT NOT NULL DEFAULT 0, -- calendar.id
+  `name` VARCHAR(255) NOT NULL DEFAULT '',
+  `firstday` INT NOT NULL DEFAULT 0, -- days since 1970-01-01, local dates
+  `lastday` INT NOT NULL DEFAULT 0, -- included
+  `planid` INT, -- taskgroup.id, the only plan that rings; NULL silence
+  `uid` VARCHAR(255) NOT NULL DEFAULT '', -- of the imported event; empty for one that was put in by hand
+  `occurrence` INT NOT NULL DEFAULT 0 -- the day by which the event's own calendar names this occurrence
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `calendarentry_days` ON `calendarentry` (`calendarid`, `lastday`, `firstday`);
+CREATE INDEX `calendarentry_event` ON `calendarentry` (`calendarid`, `uid`, `occurrence`);
+CREATE INDEX `calendarentry_plan` ON `calendarentry` (`planid`);
+
+DROP TABLE IF EXISTS `calendarfile`;
+-- The imported file of a calendar, to expand what recurs again each day.
+CREATE TABLE `calendarfile` (
+  `calendarid` INT NOT NULL PRIMARY KEY, -- calendar.id
+  `body` LONGTEXT NOT NULL,
+  `expanded` INT NOT NULL DEFAULT 0 -- the day on which that was done last
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+
+DROP TABLE IF EXISTS `taskrun`;
+-- Bells that have rung: none of them rings again.
+CREATE TABLE `taskrun` (
+  `taskid` INT NOT NULL, -- task.id
+  `due` BIGINT NOT NULL, -- seconds since 1970-01-01 UTC
+  PRIMARY KEY (`taskid`, `due`)
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `taskrun_due` ON `taskrun` (`due`);
+
+DROP TABLE IF EXISTS `taskclock`;
+-- The last second that the task queue handled.
+CREATE TABLE `taskclock` (
+  `id` INT NOT NULL PRIMARY KEY,
+  `handled` BIGINT NOT NULL DEFAULT 0 -- seconds since 1970-01-01 UTC
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+
 INSERT INTO `sbox_node` (`id`, `node_name`) VALUES (1, 'node1');
 INSERT INTO `swap_info` (`type`) VALUES ('info');
 INSERT INTO `xieyi_mod` (`id`, `xieyi`) VALUES (1, '');
+INSERT INTO `taskclock` (`id`) VALUES (1);
 
 -- The version of what stands above: the number of the newest step in migrations/.
 DROP TABLE IF EXISTS `schema_version`;
 CREATE TABLE `schema_version` (`version` INTEGER NOT NULL);
-INSERT INTO `schema_version` (`version`) VALUES (5);
+INSERT INTO `schema_version` (`version`) VALUES (6);

@@ -1,6 +1,7 @@
 #include "tasks/alarms/alarmcast.h"
 
 #include "core/loop/fetch.h"
+#include "device/mp3path.h"
 #include "device/saobj.h"
 #include "device/severinit.h"
 #include "journal/journal.h"
@@ -59,9 +60,12 @@ Alarmcast::Alarmcast(Severinit* devices, QString runingdir, QObject* parent)
     devices->addCommand(
         QStringLiteral("STOPMG"),
         [this](const QJsonObject& /*request*/, const QStringList& targets) { return stop(targets); });
+    devices->setMp3Feeder(StreamId, this);
 }
 
-Alarmcast::~Alarmcast() = default;
+Alarmcast::~Alarmcast() {
+    m_devices->setMp3Feeder(StreamId, nullptr);
+}
 
 // --- commands ---
 
@@ -183,11 +187,11 @@ bool Alarmcast::start(const QStringList& files, const QStringList& targets, int 
 /// Every speaker shares the packet's one copy.
 void Alarmcast::feed(Cast& cast, const QByteArray& packet) {
     const std::vector<SAobj*>& speakers = cast.speakers;
+    const Mp3Stream stream{StreamId, cast.level, cast.sequence, SourceName, cast.player->currentFile()};
     std::vector<int> results(speakers.size());
     for (size_t i = 0; i < speakers.size(); ++i) {
         fetchAhead(speakers, i, std::mem_fn(&SAobj::fetch), std::mem_fn(&SAobj::fetchMp3Socket));
-        results[i] = speakers[i]->send_mp3data_mut(SourceName, StreamId, cast.player->currentFile(),
-                                                   cast.level, cast.sequence, true, packet);
+        results[i] = speakers[i]->forward(stream, true, packet);
     }
     if (cast.order != 0)
         recordFed(cast, results);
@@ -224,11 +228,11 @@ void Alarmcast::recordFed(Cast& cast, const std::vector<int>& results) const {
     std::map<ReceiptState, QStringList> changes;
     for (size_t i = 0; i < results.size(); ++i) {
         const SAobj& speaker = *cast.speakers[i];
-        const auto state = results[i] == SAobj::LowerPriority ? ReceiptState::Overruled
-                           : !speaker.isOnline()              ? awayAfter(cast.told[i])
-                           : results[i] != 0                  ? ReceiptState::Refused
-                           : speaker.isMp3Connected()         ? ReceiptState::Started
-                                                              : ReceiptState::Sent;
+        const auto state = results[i] == Mp3Path::LowerPriority ? ReceiptState::Overruled
+                           : !speaker.isOnline()                ? awayAfter(cast.told[i])
+                           : results[i] != 0                    ? ReceiptState::Refused
+                           : speaker.isMp3Connected()           ? ReceiptState::Started
+                                                                : ReceiptState::Sent;
         const bool isLater =
             state == ReceiptState::Sent && cast.told[i] == static_cast<quint8>(ReceiptState::Started);
         if (isLater || std::exchange(cast.told[i], static_cast<quint8>(state)) == static_cast<quint8>(state))
@@ -244,14 +248,33 @@ void Alarmcast::recordFed(Cast& cast, const std::vector<int>& results) const {
 /// The player may be the one that calls.
 void Alarmcast::endSoon(int sequence) {
     QMetaObject::invokeMethod(
-        this,
-        [this, sequence] {
-            m_casts.remove_if([&](const Cast& cast) {
-                const bool isIt = cast.sequence == sequence;
-                if (isIt && cast.order != 0)
-                    m_journal->end(cast.order);
-                return isIt;
-            });
-        },
-        Qt::QueuedConnection);
+        this, [this, sequence] { end(sequence); }, Qt::QueuedConnection);
+}
+
+void Alarmcast::end(int sequence) {
+    if (const Cast* const cast = castOf(sequence))
+        qInfo().noquote() << "PLAYMG over, sequence" << sequence << "begun on" << cast->gained
+                          << "speakers, lost" << cast->lost;
+    for (const Cast& cast : m_casts) {
+        if (cast.sequence == sequence && cast.order != 0)
+            m_journal->end(cast.order);
+    }
+    m_casts.remove_if([&](const Cast& cast) { return cast.sequence == sequence; });
+}
+
+/// Null: it is over.
+Alarmcast::Cast* Alarmcast::castOf(int sequence) {
+    const auto found = std::find_if(m_casts.begin(), m_casts.end(),
+                                    [&](const Cast& cast) { return cast.sequence == sequence; });
+    return found == m_casts.end() ? nullptr : &*found;
+}
+
+void Alarmcast::gainedSpeaker(const QString& /*sn*/, const Mp3Stream& stream) {
+    if (Cast* const cast = castOf(stream.sequence))
+        ++cast->gained;
+}
+
+void Alarmcast::lostSpeaker(const QString& /*sn*/, const Mp3Stream& stream) {
+    if (Cast* const cast = castOf(stream.sequence))
+        ++cast->lost;
 }

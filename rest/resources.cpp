@@ -1,0 +1,9 @@
+#include "rest/resources.h"
+
+void addResources(RestRoutes& routes) {
+    addSessionRoutes(routes);
+    addTokenRoutes(routes);
+    addAccountRoutes(routes);
+    addGrantRoutes(routes);
+    addAuditRoutes(routes);
+}
