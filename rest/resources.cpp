@@ -6,4 +6,6 @@ void addResources(RestRoutes& routes) {
     addAccountRoutes(routes);
     addGrantRoutes(routes);
     addAuditRoutes(routes);
+    addBroadcastRoutes(routes);
+    addJournalRoutes(routes);
 }

@@ -5,7 +5,9 @@ class RestRoutes;
 /// Each resource adds its rows to the table; their files are named after them.
 void addAccountRoutes(RestRoutes& routes);
 void addAuditRoutes(RestRoutes& routes);
+void addBroadcastRoutes(RestRoutes& routes);
 void addGrantRoutes(RestRoutes& routes);
+void addJournalRoutes(RestRoutes& routes);
 void addSessionRoutes(RestRoutes& routes);
 void addTokenRoutes(RestRoutes& routes);
 

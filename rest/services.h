@@ -1,6 +1,7 @@
 #pragma once
 
 class Gate;
+class Journal;
 class LoginBrake;
 class Passwords;
 class Severinit;
@@ -15,6 +16,7 @@ struct Services {
     const sqlite* database = nullptr; ///< the main loop's; a handler has its worker's own (RestCall)
     Severinit* devices = nullptr;     ///< main loop
     Gate* gate = nullptr;             ///< any thread
+    Journal* journal = nullptr;       ///< null when it is switched off; begin(), settle() any thread
     Task_workque* tasks = nullptr;    ///< main loop; null for kinds without tasks
     Passwords* passwords = nullptr;   ///< any thread
     Tokens* tokens = nullptr;         ///< any thread

@@ -326,6 +326,7 @@ void Startup::createRouters() {
     services.devices = m_devices.get();
     services.gate = m_gate.get();
     services.tasks = m_tasks.get();
+    services.journal = m_journal.get();
     services.passwords = m_passwords.get();
     services.tokens = m_tokens.get();
     services.oldTokens = m_oldTokens.get();
