@@ -7,6 +7,7 @@
 #include "rest/timestamp.h"
 #include "service/playlog.h"
 
+#include <algorithm>
 #include <QJsonArray>
 
 namespace {
@@ -89,12 +90,9 @@ RestAnswer listBroadcasts(RestCall& call) {
 
 /// The broadcast's row, when the caller may see it.
 std::optional<SqlResult> visibleRow(const RestCall& call) {
-    const qint64 id = call.id();
-    if (id <= 0)
-        return SqlResult{true};
     settle(call);
     BroadcastQuery query;
-    query.id = id;
+    query.id = std::max<qint64>(call.id(), 1); // none has that, nor what is no number
     SqlResult rows = findBroadcasts(call.database(), call.caller(), query);
     return rows.ok ? std::optional(rows) : std::nullopt;
 }

@@ -186,6 +186,12 @@ void Task_workque::bind(Start start) {
             << player.files.size();
     if (!player.isTemporary)
         m_bound.push_back(key);
+    if (Journal* const journal = m_relay.journal) // one that finds nothing to play is dropped without an end
+        connect(&player, &QObject::destroyed, journal, [journal, order = player.order] {
+            if (const auto standing = journal->standing(order);
+                standing && standing->state == BroadcastState::Waiting)
+                journal->end(order);
+        });
     target->poller->insert(key, start.player.release());
     emit started(key);
 }

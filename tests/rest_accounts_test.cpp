@@ -429,7 +429,7 @@ private:
                                    "VALUES (7000, '%1', 4, 'so, \"done\"', 1)")
                                .arg(sn));
         }
-        m_service->sql("INSERT INTO `group_seed` (`gid`, `devid`) VALUES (70, 1)");
+        m_service->sql("INSERT INTO `group_seed` (`gid`, `devid`) VALUES (70, 71)");
         m_service->sql(
             "INSERT INTO `broadcast` (`id`, `kind`, `state`, `targets`, `n_completed`) VALUES (7000, "
             "'direct', 'done', 3, 3)");
