@@ -93,7 +93,7 @@ QByteArray DumpController_add_user::user_add_dev(const Call& call) {
         return refused;
     const NewSpeakers added{call.userid(), call.text("name"), sns,
                             call.number("device_kind") == 1 ? AlarmSpeaker : 0};
-    if (!db().takes({{QStringLiteral("@device_name"), added.name}}, QStringLiteral("sbox_device_info")) ||
+    if (!db().takes(added.name) ||
         !addSpeakers(db(), *m_devices, added))
         return refusal(QStringLiteral("ER_EXE"));
     return success({{QStringLiteral("userid"), call.userid()}});

@@ -47,7 +47,7 @@ enum class GroupOutcome { Done, Circle, Failed };
 GroupOutcome addGroup(sqlite& database, int owner, const GroupChange& group, qint64& id);
 /// Circle when the group would hold itself, however deep.
 GroupOutcome changeGroup(sqlite& database, qint64 id, const GroupChange& change);
-/// With what it holds and its places in other groups; its members stay.
+/// With what it holds, its places in other groups and the rights given on it; its members stay.
 bool removeGroup(sqlite& database, qint64 id);
 
 /// Those of the ids that are groups within the scope.
