@@ -145,6 +145,7 @@ public:
     Periods(const RecurrenceRule& rule, qint64 startDay)
         : m_rule(rule)
         , m_date(civilOf(startDay))
+        , m_start(startDay)
         , m_first(rule.frequency == Frequency::Weekly
                       ? startDay - (weekdayFromMonday(startDay) - rule.weekStart + 7) % 7
                       : startDay) {}
@@ -170,7 +171,8 @@ public:
         if (m_rule.frequency == Frequency::Daily) {
             add(m_first, 1);
         } else if (m_rule.frequency == Frequency::Weekly) {
-            add(m_first, 7);
+            const qint64 from = std::max(m_first, m_start); // the first week begins with the start
+            add(from, m_first + 7 - from);
         } else if (m_rule.frequency == Frequency::Monthly) {
             add(first(), daysInMonth(m_date.year, m_date.month));
         } else {
@@ -204,6 +206,7 @@ public:
 private:
     const RecurrenceRule& m_rule;
     CivilDate m_date;
+    const qint64 m_start;
     qint64 m_first;
 };
 
