@@ -7,4 +7,7 @@ void addResources(RestRoutes& routes) {
     addSpeakerRoutes(routes);
     addGroupRoutes(routes);
     addSoundRoutes(routes);
+    addScheduleRoutes(routes);
+    addPlanRoutes(routes);
+    addCalendarRoutes(routes);
 }

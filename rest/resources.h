@@ -5,8 +5,11 @@ class RestRoutes;
 /// Each resource adds its rows to the table; their files are named after them.
 void addAccountRoutes(RestRoutes& routes);
 void addAuditRoutes(RestRoutes& routes);
+void addCalendarRoutes(RestRoutes& routes);
 void addGrantRoutes(RestRoutes& routes);
 void addGroupRoutes(RestRoutes& routes);
+void addPlanRoutes(RestRoutes& routes);
+void addScheduleRoutes(RestRoutes& routes);
 void addSessionRoutes(RestRoutes& routes);
 void addSoundRoutes(RestRoutes& routes);
 void addSpeakerRoutes(RestRoutes& routes);
