@@ -63,57 +63,102 @@ bool isZoneRule(const QByteArray& line) {
            !line.contains("BYMINUTE") && !line.contains("BYSECOND");
 }
 
+/// A VEVENT or VTIMEZONE of the file.
+struct Part {
+    Component component;
+    bool isCancelled = false; ///< by the calendar that it stands in
+};
+
 struct Parsed {
-    std::vector<Component> calendars;
+    std::vector<Part> zones;
+    std::vector<Part> events;
+    bool isCalendar = false;
     bool isLate = false;
+};
+
+/// Cuts the file into parts that are well nested, each of which the library gets alone: what it makes of
+/// broken nesting is not to be relied on.
+class Cutter {
+public:
+    explicit Cutter(Parsed& parsed)
+        : m_parsed(parsed) {}
+
+    void take(const QByteArray& name, const QByteArray& line) {
+        const QByteArray value = line.mid(line.indexOf(':') + 1).trimmed().toUpper();
+        if (name == "BEGIN")
+            begin(value, line);
+        else if (name == "END")
+            end(value, line);
+        else if (name == "METHOD")
+            m_isCancelled = value == "CANCEL";
+        else if (!m_kind.isEmpty() && isKept() && (m_inner.isEmpty() || name != "RRULE" || isZoneRule(line)))
+            append(line);
+    }
+
+private:
+    bool isKept() const {
+        return m_inner.isEmpty() ||
+               (m_kind == "VTIMEZONE" && (m_inner == "STANDARD" || m_inner == "DAYLIGHT"));
+    }
+    void append(const QByteArray& line) { m_text += line + '\n'; }
+
+    void begin(const QByteArray& what, const QByteArray& line) {
+        if (what == "VCALENDAR") {
+            m_parsed.isCalendar = true;
+            m_isCancelled = false;
+            m_kind.clear();
+        } else if (m_kind.isEmpty()) {
+            m_kind = what == "VEVENT" || what == "VTIMEZONE" ? what : QByteArray();
+            m_inner.clear();
+            m_text.clear();
+            append(line);
+        } else if (m_inner.isEmpty()) {
+            m_inner = what;
+            if (isKept())
+                append(line);
+        } else {
+            m_kind.clear();
+        }
+    }
+
+    void end(const QByteArray& what, const QByteArray& line) {
+        if (m_kind.isEmpty())
+            return;
+        if (!m_inner.isEmpty()) {
+            if (m_inner == what && isKept())
+                append(line);
+            m_kind = m_inner == what ? m_kind : QByteArray();
+            m_inner.clear();
+            return;
+        }
+        append(line);
+        Component whole(m_kind == what ? icalcomponent_new_from_string(m_text.constData()) : nullptr);
+        const icalcomponent_kind kind = whole ? icalcomponent_isa(whole.get()) : ICAL_NO_COMPONENT;
+        if (kind == ICAL_VEVENT_COMPONENT)
+            m_parsed.events.push_back({std::move(whole), m_isCancelled});
+        else if (kind == ICAL_VTIMEZONE_COMPONENT)
+            m_parsed.zones.push_back({std::move(whole), false});
+        m_kind.clear();
+    }
+
+    Parsed& m_parsed;
+    QByteArray m_kind;  ///< of the part that is being gathered; empty: none
+    QByteArray m_inner; ///< of the component within it
+    QByteArray m_text;
+    bool m_isCancelled = false;
 };
 
 Parsed parse(const QByteArray& text, const QDeadlineTimer& deadline) {
     Parsed parsed;
-    icalparser* parser = icalparser_new();
-    int inZone = 0;
-    int depth = 0;
+    Cutter cutter(parsed);
     forEachContentLine(text, [&](const QByteArray& line) {
         parsed.isLate = deadline.hasExpired();
         const QByteArray name = nameOf(line);
-        if (parsed.isLate || !isRead(name) || line.size() > MaxLine || line.contains('\0'))
-            return !parsed.isLate;
-        const bool isMark = name == "BEGIN" || name == "END";
-        depth += name == "BEGIN" ? 1 : name == "END" ? -1 : 0;
-        if (depth > 8)
-            return false;
-        if (isMark && line.toUpper().contains("VTIMEZONE"))
-            inZone = name == "BEGIN" ? 1 : 0;
-        if (inZone != 0 && name == "RRULE" && !isZoneRule(line))
-            return true;
-        QByteArray copy = line;
-        if (icalcomponent* whole = icalparser_add_line(parser, copy.data()))
-            parsed.calendars.emplace_back(whole);
-        return true;
+        if (!parsed.isLate && isRead(name) && line.size() <= MaxLine && !line.contains('\0'))
+            cutter.take(name, line);
+        return !parsed.isLate;
     });
-    if (icalcomponent* rest = icalparser_clean(parser))
-        parsed.calendars.emplace_back(rest);
-    icalparser_free(parser);
     return parsed;
-}
-
-template<typename Visit>
-void forEachComponent(const Parsed& parsed, icalcomponent_kind kind, const Visit& visit) {
-    const auto walk = [&](icalcomponent* calendar) {
-        for (icalcomponent* inner = icalcomponent_get_first_component(calendar, kind); inner;
-             inner = icalcomponent_get_next_component(calendar, kind))
-            visit(calendar, inner);
-    };
-    for (const Component& calendar : parsed.calendars) {
-        if (icalcomponent_isa(calendar.get()) == ICAL_VCALENDAR_COMPONENT) {
-            walk(calendar.get());
-            continue;
-        }
-        for (icalcomponent* inner =
-                 icalcomponent_get_first_component(calendar.get(), ICAL_VCALENDAR_COMPONENT);
-             inner; inner = icalcomponent_get_next_component(calendar.get(), ICAL_VCALENDAR_COMPONENT))
-            walk(inner);
-    }
 }
 
 icalproperty* propertyOf(icalcomponent* component, icalproperty_kind kind) {
@@ -376,18 +421,19 @@ void Reader::addOccurrence(FileEvent& event, icalcomponent* component, const Spa
 
 void Reader::collect(const Parsed& parsed) {
     QHash<QString, size_t> byUid;
-    forEachComponent(parsed, ICAL_VTIMEZONE_COMPONENT, [&](icalcomponent*, icalcomponent* zone) {
-        icalproperty* name = propertyOf(zone, ICAL_TZID_PROPERTY);
+    for (const Part& zone : parsed.zones) {
+        icalproperty* name = propertyOf(zone.component.get(), ICAL_TZID_PROPERTY);
         const char* text = name ? icalproperty_get_tzid(name) : nullptr;
         if (text)
-            m_zones.define(text, zone);
-    });
-    forEachComponent(parsed, ICAL_VEVENT_COMPONENT, [&](icalcomponent* calendar, icalcomponent* component) {
+            m_zones.define(text, zone.component.get());
+    }
+    for (const Part& part : parsed.events) {
+        icalcomponent* const component = part.component.get();
         const QString uid = textOf(component, ICAL_UID_PROPERTY, MaxUid + 1);
         if (uid.isEmpty() || uid.size() > MaxUid) {
             ignore(uid.left(MaxUid), uid.isEmpty() ? QStringLiteral("it has no UID")
                                                    : QStringLiteral("its UID is longer than 200 characters"));
-            return;
+            continue;
         }
         if (!byUid.contains(uid)) {
             byUid.insert(uid, m_events.size());
@@ -396,12 +442,11 @@ void Reader::collect(const Parsed& parsed) {
         Event& event = m_events[byUid.value(uid)];
         if (propertyOf(component, ICAL_RECURRENCEID_PROPERTY)) {
             event.overrides.push_back(component);
-            return;
+            continue;
         }
         event.master = component; // of two the later one
-        event.isCancelled = icalcomponent_get_status(component) == ICAL_STATUS_CANCELLED ||
-                            icalcomponent_get_method(calendar) == ICAL_METHOD_CANCEL;
-    });
+        event.isCancelled = part.isCancelled || icalcomponent_get_status(component) == ICAL_STATUS_CANCELLED;
+    }
 }
 
 bool Reader::isOver() {
@@ -443,9 +488,11 @@ void Reader::expand(const Event& event) {
         }
         replaced[start] = component;
     }
+    const bool recurs = event.master && (propertyOf(event.master, ICAL_RRULE_PROPERTY) ||
+                                         propertyOf(event.master, ICAL_RDATE_PROPERTY));
     for (const qint64 start : starts) {
         if (!replaced.count(start))
-            addOccurrence(expanded, event.master, *span, start, start);
+            addOccurrence(expanded, event.master, *span, start, recurs ? start : 0);
         if (isOver())
             return;
     }
@@ -469,12 +516,7 @@ CalendarFile Reader::read(const QByteArray& text) {
         return m_file;
     }
     const Parsed parsed = parse(text, m_deadline);
-    bool isCalendar = false;
-    for (const Component& calendar : parsed.calendars) {
-        const icalcomponent_kind kind = icalcomponent_isa(calendar.get());
-        isCalendar = isCalendar || kind == ICAL_VCALENDAR_COMPONENT || kind == ICAL_XROOT_COMPONENT;
-    }
-    if (!isCalendar && !parsed.isLate)
+    if (!parsed.isCalendar && !parsed.isLate)
         m_file.refusal = QStringLiteral("it is no calendar file");
     if (isOver())
         return m_file;

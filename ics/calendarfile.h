@@ -13,7 +13,7 @@
 struct FileOccurrence {
     qint64 first = 0;    ///< days since 1970-01-01
     qint64 last = 0;     ///< included
-    qint64 identity = 0; ///< the day by which the event names it; of an event that does not recur its first
+    qint64 identity = 0; ///< the day by which the event names it; 0 of an event that does not recur
     QString name;
 };
 

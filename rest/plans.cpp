@@ -8,17 +8,17 @@
 
 namespace {
 
-QJsonObject object(const Plan& plan) {
+QJsonObject object(const SchedulePlan& plan) {
     return {{QStringLiteral("id"), plan.id},
             {QStringLiteral("name"), plan.name},
             {QStringLiteral("exceptional"), plan.isExceptional}};
 }
 
-std::optional<std::optional<Plan>> named(const RestCall& call) {
+std::optional<std::optional<SchedulePlan>> named(const RestCall& call) {
     return findPlan(call.database(), ownerOf(call), call.id());
 }
 
-void readPlan(RestCall& call, Plan& plan) {
+void readPlan(RestCall& call, SchedulePlan& plan) {
     const Fields& body = call.body();
     plan.name = body.text("name", 1, LongestObjectName).value_or(plan.name);
     plan.isExceptional = body.flag("exceptional").value_or(plan.isExceptional);
@@ -30,11 +30,11 @@ RestAnswer listOfPlans(RestCall& call) {
     if (!call.fits())
         return call.misfit();
     return pageOf(page, listPlans(call.database(), ownerOf(call), page.afterId(), page.wanted()), object,
-                  [](const Plan& plan) { return plan.id; });
+                  [](const SchedulePlan& plan) { return plan.id; });
 }
 
 RestAnswer newPlan(RestCall& call) {
-    Plan plan;
+    SchedulePlan plan;
     plan.owner = call.caller().account;
     call.body().need({"name"});
     readPlan(call, plan);
@@ -47,11 +47,11 @@ RestAnswer newPlan(RestCall& call) {
 RestAnswer getPlan(RestCall& call) {
     if (!call.fits())
         return call.misfit();
-    return withObject(named(call), [](const Plan& plan) { return ok(object(plan)); });
+    return withObject(named(call), [](const SchedulePlan& plan) { return ok(object(plan)); });
 }
 
 RestAnswer editPlan(RestCall& call) {
-    return withObject(named(call), [&call](Plan plan) {
+    return withObject(named(call), [&call](SchedulePlan plan) {
         readPlan(call, plan);
         if (!call.fits())
             return call.misfit();
@@ -62,7 +62,7 @@ RestAnswer editPlan(RestCall& call) {
 RestAnswer deletePlan(RestCall& call) {
     if (!call.fits())
         return call.misfit();
-    return withObject(named(call), [&call](const Plan& plan) {
+    return withObject(named(call), [&call](const SchedulePlan& plan) {
         const auto isNamed = isPlanNamed(call.database(), plan.id);
         if (isNamed.value_or(false))
             return problem(409, QStringLiteral("a calendar's entry names the plan"));

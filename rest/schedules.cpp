@@ -180,8 +180,8 @@ bool readLinks(RestCall& call, Schedule& schedule) {
     const auto plan = body.integer("plan", 1, Most);
     const auto knownCalendar = calendar ? findCalendar(call.database(), schedule.owner, *calendar)
                                         : std::optional(std::optional<Calendar>());
-    const auto knownPlan =
-        plan ? findPlan(call.database(), schedule.owner, *plan) : std::optional(std::optional<Plan>());
+    const auto knownPlan = plan ? findPlan(call.database(), schedule.owner, *plan)
+                                : std::optional(std::optional<SchedulePlan>());
     if (!knownCalendar || !knownPlan)
         return false;
     if (calendar && !*knownCalendar)

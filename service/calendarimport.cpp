@@ -175,10 +175,10 @@ CalendarImport importCalendar(sqlite& database, qint64 calendar, const QByteArra
     return done;
 }
 
-int expandCalendars(sqlite& database) {
+bool expandCalendars(sqlite& database) {
     const qint64 today = localToday();
     const SqlResult stale = database.run(SelectStale, {named("@today", today)});
-    int expanded = 0;
+    bool isDone = stale.ok;
     for (const auto& row : stale.rows) {
         const qint64 calendar = row.first().toLongLong();
         const SqlResult body = database.run(SelectFile, {named("@calendar", calendar)});
@@ -186,13 +186,13 @@ int expandCalendars(sqlite& database) {
         if (!file.refusal.isEmpty())
             qWarning() << "calendar" << calendar << "could not be expanded:" << file.refusal;
         CalendarImport done;
-        const bool isDone = body.ok && database.transaction([&] {
+        const bool isExpanded = body.ok && database.transaction([&] {
             return (!file.refusal.isEmpty() || Merge(database, calendar, file).run(done)) &&
                    database.run(MarkExpanded, {named("@calendar", calendar), named("@today", today)}).ok;
         });
-        expanded += isDone ? 1 : 0;
+        isDone = isDone && isExpanded;
     }
-    return expanded;
+    return isDone;
 }
 
 std::optional<QByteArray> exportCalendar(sqlite& database, qint64 calendar, const QString& name) {

@@ -25,9 +25,9 @@ struct CalendarImport {
 /// an entry was given stays; a new occurrence of an event has the plan of its last one.
 CalendarImport importCalendar(sqlite& database, qint64 calendar, const QByteArray& text);
 
-/// Expands what recurs in imported files again, so that it reaches as far as ever. Once a day; what fails is
-/// tried again by the next call. Returns how many calendars changed their day.
-int expandCalendars(sqlite& database);
+/// Expands what recurs in imported files again, so that it reaches as far ahead as ever: once a day each.
+/// False when the database does not answer; what is missing is done by the next call.
+bool expandCalendars(sqlite& database);
 
 /// All entries as a calendar file; nothing when the database does not answer.
 std::optional<QByteArray> exportCalendar(sqlite& database, qint64 calendar, const QString& name);

@@ -25,12 +25,12 @@ SqlArg named(const char* name, qint64 value) {
     return {QLatin1String(name), value};
 }
 
-Plan planOf(const SqlResult& rows, int row) {
+SchedulePlan planOf(const SqlResult& rows, int row) {
     return {rows.value(row, "id").toLongLong(), rows.value(row, "userid").toLongLong(),
             rows.text(row, "groupname"), rows.integer(row, "exceptional") != 0};
 }
 
-bool storeRule(sqlite& database, const Plan& plan) {
+bool storeRule(sqlite& database, const SchedulePlan& plan) {
     return database.run(DeleteRule, {named("@id", plan.id)}).ok &&
            (!plan.isExceptional ||
             database.run(InsertRule, {named("@id", plan.id), named("@exceptional", 1)}).ok);
@@ -38,23 +38,24 @@ bool storeRule(sqlite& database, const Plan& plan) {
 
 } // namespace
 
-std::optional<std::vector<Plan>> listPlans(sqlite& database, const Owner& owner, qint64 after, int most) {
+std::optional<std::vector<SchedulePlan>> listPlans(sqlite& database, const Owner& owner, qint64 after,
+                                                   int most) {
     const SqlResult rows = database.run(
         SelectPlans, {named("@owner", owner.value_or(0)), named("@after", after), named("@most", most)});
-    std::vector<Plan> plans;
+    std::vector<SchedulePlan> plans;
     for (int row = 0; row < rows.rows.size(); ++row)
         plans.push_back(planOf(rows, row));
     return rows.ok ? std::optional(plans) : std::nullopt;
 }
 
-std::optional<std::optional<Plan>> findPlan(sqlite& database, const Owner& owner, qint64 id) {
+std::optional<std::optional<SchedulePlan>> findPlan(sqlite& database, const Owner& owner, qint64 id) {
     const SqlResult rows = database.run(SelectPlan, {named("@owner", owner.value_or(0)), named("@id", id)});
     if (!rows.ok)
         return std::nullopt;
-    return rows.isEmpty() ? std::optional<Plan>() : std::optional<Plan>(planOf(rows, 0));
+    return rows.isEmpty() ? std::optional<SchedulePlan>() : std::optional<SchedulePlan>(planOf(rows, 0));
 }
 
-bool storePlan(sqlite& database, Plan& plan) {
+bool storePlan(sqlite& database, SchedulePlan& plan) {
     return database.transaction([&] {
         const SqlArg name{QStringLiteral("@name"), plan.name};
         const SqlResult stored = plan.id == 0 ? database.run(InsertPlan, {named("@owner", plan.owner), name})

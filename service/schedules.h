@@ -55,6 +55,9 @@ Asked askStop(sqlite& database, const Schedule& schedule);
 std::optional<QSet<qint64>> soundsAmong(sqlite& database, const std::optional<QList<qint64>>& owners,
                                         const QList<qint64>& ids);
 
+/// Serials of the targets as they are now, as far as the account may play to them: for when a sound starts.
+std::optional<QStringList> speakersOf(sqlite& database, qint64 account, const Targets& targets);
+
 /// A bell that is to come.
 struct UpcomingBell {
     qint64 schedule = 0;

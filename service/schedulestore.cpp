@@ -2,8 +2,12 @@
 #include "service/schedules.h"
 
 #include "core/sql/sqlite.h"
+#include "service/caller.h"
+#include "service/reach.h"
+#include "service/speakers.h"
 
 #include <algorithm>
+#include <QHash>
 
 namespace {
 
@@ -31,8 +35,8 @@ const QString InsertSpeaker =
 const QString DeleteGroups = QStringLiteral("DELETE FROM taskaim WHERE taskid = @id ;");
 const QString InsertGroup = QStringLiteral("INSERT INTO taskaim (taskid, gid) VALUES (@id, @member) ;");
 const QString DeleteTask = QStringLiteral("DELETE FROM task WHERE id = @id ;");
-const QString SelectSpeakerIds =
-    QStringLiteral("SELECT id, device_seed FROM sbox_device_info WHERE device_seed IN ('@serials') ;");
+const QString SelectAccount =
+    QStringLiteral("SELECT master_id, mask, user_level FROM sbox_users WHERE id = @id ;");
 const QString SelectLengths = QStringLiteral("SELECT id, len FROM userfile WHERE id IN (@ids) ;");
 const QString SelectSounds = QStringLiteral("SELECT id, userid FROM userfile WHERE id IN (@ids) ;");
 
@@ -56,16 +60,18 @@ QString commaList(const QList<qint64>& ids) {
 }
 
 std::optional<QList<qint64>> speakerIds(sqlite& database, const QStringList& serials) {
-    const SqlResult rows = database.run(SelectSpeakerIds, {{QStringLiteral("@serials"), serials}});
+    const auto found = findSpeakers(database, serials);
+    if (!found)
+        return std::nullopt;
     QHash<QString, qint64> bySerial;
-    for (int row = 0; row < rows.rows.size(); ++row)
-        bySerial.insert(rows.text(row, "device_seed"), rows.value(row, "id").toLongLong());
+    for (const Speaker& speaker : *found)
+        bySerial.insert(speaker.serial, speaker.id);
     QList<qint64> ids;
     for (const QString& serial : serials) {
         if (bySerial.contains(serial))
             ids += bySerial.value(serial);
     }
-    return rows.ok ? std::optional(ids) : std::nullopt;
+    return ids;
 }
 
 /// What the sounds take, `repeat` times; 1 s at least.
@@ -182,4 +188,16 @@ std::optional<QSet<qint64>> soundsAmong(sqlite& database, const std::optional<QL
             found.insert(rows.value(row, "id").toLongLong());
     }
     return rows.ok ? std::optional(found) : std::nullopt;
+}
+
+std::optional<QStringList> speakersOf(sqlite& database, qint64 account, const Targets& targets) {
+    const SqlResult row = database.run(SelectAccount, {named("@id", account)});
+    if (!row.ok)
+        return std::nullopt;
+    Caller caller;
+    caller.account = account;
+    caller.master = row.value(0, "master_id").toLongLong();
+    caller.mask = row.text(0, "mask");
+    caller.isAdmin = row.integer(0, "user_level") == 1;
+    return resolve(database, playable(database, caller), targets);
 }

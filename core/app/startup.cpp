@@ -16,9 +16,11 @@
 #include "nodes/gate.h"
 #include "redis/fuck_redis.h"
 #include "rest/restrouter.h"
+#include "service/calendarkeeper.h"
 #include "service/filestore.h"
 #include "service/loginbrake.h"
 #include "service/passwords.h"
+#include "service/schedules.h"
 #include "service/speakerboard.h"
 #include "service/speakercommands.h"
 #include "service/tokens.h"
@@ -241,6 +243,10 @@ void Startup::createTasks() {
         kind, integer("taskstart"), integer("taskend"), nullptr,
         Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause"))});
     m_tasks->setRingsAfterGap(text("gapbells") == QLatin1String("after"));
+    m_tasks->setResolver([this](int userid, bool everyone, const QList<qint64>& groups) {
+        return speakersOf(*m_database, userid, {everyone, {}, groups});
+    });
+    m_calendars = std::make_unique<CalendarKeeper>(m_database.get());
 }
 
 void Startup::serveHttp() {

@@ -9,6 +9,7 @@
 #include <QTimer>
 
 class Alarmcast;
+class CalendarKeeper;
 class cmdthread6;
 class cmdthread;
 class FrontDoor;
@@ -76,9 +77,10 @@ private:
     std::unique_ptr<cmdthread> m_commands;
     std::unique_ptr<cmdthread6> m_commands6;
     std::unique_ptr<Alarmcast> m_alarms;
-    std::unique_ptr<sqlite> m_database;    ///< this and what follows: null in media-only mode
-    QTimer m_databaseTimer;                ///< while its speakers have not been read
-    std::unique_ptr<Task_workque> m_tasks; ///< null unless the database's kind has tasks
+    std::unique_ptr<sqlite> m_database;          ///< this and what follows: null in media-only mode
+    QTimer m_databaseTimer;                      ///< while its speakers have not been read
+    std::unique_ptr<CalendarKeeper> m_calendars; ///< likewise
+    std::unique_ptr<Task_workque> m_tasks;       ///< null unless the database's kind has tasks
     std::unique_ptr<QSettings> m_sessionsGroup;
     std::unique_ptr<QSettings> m_docrootGroup;
     std::unique_ptr<QSettings> m_listenerGroup;
