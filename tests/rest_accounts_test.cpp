@@ -300,7 +300,10 @@ private slots:
     void whatADeletedAccountHadIsItsMasters() {
         m_service->sql("INSERT INTO `sbox_device_info` (`id`, `user_id`, `device_seed`) VALUES (1, 16, 's')");
         QCOMPARE(ask("owner", "DELETE", "/accounts/16").status, 204);
-        QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info`").first()["user_id"].toInt(), 14);
+        QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info` WHERE `id` = 1")
+                     .first()["user_id"]
+                     .toInt(),
+                 14);
         QCOMPARE(ask("admin", "DELETE", "/accounts/14").status, 204); // has no master
         QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info`").first()["user_id"].toInt(), 11);
         QVERIFY(m_service->sql("SELECT * FROM `groupgrant`").isEmpty());
@@ -422,7 +425,7 @@ private:
             m_service->sql(
                 QString("INSERT INTO `sbox_device_info` (`id`, `device_seed`, `user_id`) VALUES (%1, "
                         "'%2', %3)")
-                    .arg(speaker)
+                    .arg(70 + speaker)
                     .arg(sn)
                     .arg(speaker == 3 ? 11 : 14));
             m_service->sql(QString("INSERT INTO `receipt` (`broadcast`, `serial`, `state`, `reason`, `sent`) "
