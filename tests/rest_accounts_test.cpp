@@ -63,7 +63,10 @@ class RestAccountsTest : public QObject {
 private slots:
     void initTestCase() {
         ServiceOptions options;
-        options.settings = {{"hashpasswords", true}, {"weborigins", "console.example"}};
+        options.settings = {{"hashpasswords", true},
+                            {"weborigins", "console.example"},
+                            {"journaldays", 0}, // its rows here have low numbers, which are old
+                            {"receiptdays", 0}};
         m_service = std::make_unique<Service>(options);
         QVERIFY(m_service->start());
     }
