@@ -5,7 +5,7 @@
 #include "tasks/alarms/baojingobject.h"
 #include "tools/mgpackager.h"
 #include "tools/mp3check.h"
-#include "tools/mp3frames.h"
+#include "core/mp3frames.h"
 
 #include <QFile>
 #include <QProcess>
