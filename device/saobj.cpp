@@ -40,6 +40,7 @@ void SAobj::wheelTimeout(int tag) {
 
 void SAobj::gonline(fortcpclient* connection, int kind) {
     letGo();
+    isOnSameLine = false;
     m_kind = kind;
     setleixing(kind);
     m_onlineState = Online;
@@ -68,6 +69,7 @@ void SAobj::goffline() {
         QObject::disconnect(m_client.release(), nullptr, nullptr, nullptr);
     m_statusTimer.reset();
     m_startCheckTimer.reset();
+    isOnSameLine = false;
     m_statusText = WentOffline;
     m_onlineState = Offline;
     setBusy(false);

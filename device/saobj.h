@@ -4,6 +4,7 @@
 #include "core/loop/fetch.h"
 #include "core/loop/pooled.h"
 #include "core/loop/timingwheel.h"
+#include "device/playwatch.h"
 #include "device/sessionenv.h"
 #include "device/speakerevents.h"
 #include "device/strangers.h"
@@ -32,6 +33,7 @@ class QUdpSocket;
 class SAobj : public QObject,
               public StrangerLink,
               public ChangeLink,
+              public PlayLink,
               private TimingWheel::Client,
               private DeviceSocket::Owner,
               public Pooled<SAobj> {
@@ -217,6 +219,9 @@ private:
             note(kind);
     }
     void setBusy(bool busy);
+    void noteReport(SpeakerEvents::Report::What what, const QString& path = {}) {
+        m_env.events.noteReport(*this, what, path);
+    }
     int command(const char* word, const QByteArray& rest = {});
     int pushContentServer(const char* word, const QString& url);
     void mirror(const char* field, const QVariant& value);

@@ -111,6 +111,7 @@ void SAobj::takeInfo(const QJsonObject& info) {
 void SAobj::reportConnectReply(const QByteArray& /*rest*/) {}
 
 void SAobj::reportPathDone(const QByteArray& /*rest*/) {
+    noteReport(SpeakerEvents::Report::What::Done);
     setBusy(false);
     m_playingPath = QStringLiteral("Nothing");
     mirror("Playing_local_path", m_playingPath);
@@ -118,6 +119,7 @@ void SAobj::reportPathDone(const QByteArray& /*rest*/) {
 
 void SAobj::reportPath(const QByteArray& path) {
     m_playingPath = QString::fromUtf8(path).left(MaxKeptText);
+    noteReport(SpeakerEvents::Report::What::Path, m_playingPath);
     mirror("Playing_local_path", path);
 }
 
@@ -127,14 +129,17 @@ void SAobj::reportLocalStatus(const QString& status, bool busy) {
 }
 
 void SAobj::reportPlaying(const QByteArray& /*rest*/) {
+    noteReport(SpeakerEvents::Report::What::Playing);
     reportLocalStatus(QStringLiteral("Local_PLAYING"), true);
 }
 
 void SAobj::reportWaiting(const QByteArray& /*rest*/) {
+    noteReport(SpeakerEvents::Report::What::Waiting);
     reportLocalStatus(QStringLiteral("Local_WAITING"), false);
 }
 
 void SAobj::reportPaused(const QByteArray& /*rest*/) {
+    noteReport(SpeakerEvents::Report::What::Paused);
     reportLocalStatus(QStringLiteral("Local_PLUSE"), false);
 }
 

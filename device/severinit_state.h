@@ -47,4 +47,5 @@ struct Severinit::State {
     const qint64 began = QDateTime::currentMSecsSinceEpoch(); ///< tells this run's marks from others'
     quint64 changes = 0;                                      ///< of the numbers of sessions, as far as seen
     std::unique_ptr<Dispatcher> dispatcher;
+    std::vector<PlayWatch*> playWatches; ///< not owned
 };
