@@ -51,7 +51,7 @@ public:
         const quint64 by = holder ? holder->order->id : 0;
         bool wins = order.priority > held || (order.priority == 255);
         wins = wins || (order.priority == held && order.whenBusy == WhenBusy::Interrupt);
-        wins = wins || (order.lastHolds && held < 224);
+        wins = wins || (order.lastHolds && (held < 224 || holder->order->lastHolds));
         if (!wins && order.whenBusy == WhenBusy::Queue) {
             tell(order, Fate::Waiting, by);
             wishes.push_back({&order, Wish::New, now + order.queueSpan});
@@ -70,15 +70,18 @@ public:
                 return endOne(i, fate, true, now);
         }
     }
-    void stopBelow(int priority, Time now) {
+    void stopYielding(Time now) {
+        const auto yields = [](const Order& order) {
+            return order.priority < 224 || order.lastHolds;
+        };
         for (size_t i = 0; i < wishes.size();) {
-            const bool isOver = wishes[i].state != Wish::Holding && wishes[i].order->priority < priority;
+            const bool isOver = wishes[i].state != Wish::Holding && yields(*wishes[i].order);
             if (isOver)
                 endOne(i, Fate::Stopped, true, now);
             else
                 ++i;
         }
-        if (const Wish* wish = holding(); wish && wish->order->priority < priority)
+        if (const Wish* wish = holding(); wish && yields(*wish->order))
             endOne(size_t(wish - wishes.data()), Fate::Stopped, true, now);
     }
     void began(Time now) {
@@ -205,6 +208,8 @@ private:
                 tell(*wish.order, Fate::BusyTooLong, wish.by);
             if (wish.state == Wish::Pushed)
                 tell(*wish.order, Fate::Overruled, wish.by);
+            if (wish.state == Wish::Broken)
+                tell(*wish.order, Fate::Lost, 0);
         }
     }
     void choose(const Order* sounding, Time now) {
@@ -403,7 +408,7 @@ private slots:
                 made.isDriven = upTo(5) == 0;
                 made.isStream = made.isDriven && upTo(2);
                 made.isSent = made.isDriven || upTo(6) == 0;
-                made.lastHolds = made.isSent && made.priority == 100;
+                made.lastHolds = made.isSent && upTo(2);
                 made.ends = upTo(4) ? Never : Time(std::chrono::seconds(5 + upTo(40)));
             }
             Zone zone;
@@ -435,7 +440,7 @@ private slots:
                 } else if (what <= 11) {
                     zone.returned(level, now, actions), model.returned(level, now);
                 } else if (what == 12 && upTo(3) == 0) {
-                    zone.stopBelow(224, now, actions), model.stopBelow(224, now);
+                    zone.stopYielding(now, actions), model.stopYielding(now);
                 } else {
                     zone.passed(now, actions), model.passed(now);
                 }

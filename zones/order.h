@@ -21,7 +21,8 @@ constexpr Time DeafTime = std::chrono::seconds(2);
 /// The volume that was there before may still be reported for so long after a new one was set.
 constexpr Time StaleVolume = std::chrono::seconds(3);
 
-/// From here on a claim yields to nothing but the rules: the last command of an older path does not take it.
+/// From here on a claim yields to nothing but the rules: the last command of an older path does not take it,
+/// unless the claim is such a path's itself.
 constexpr int Forced = 224;
 /// At the highest priority the newer claim always takes the speaker.
 constexpr int Highest = 255;
@@ -43,11 +44,13 @@ struct Order {
     Time ends = Never;                 ///< when its own time is over, whatever has interrupted it
     std::vector<Time> titles{Time(0)}; ///< lengths in order; 0: not known
     int rounds = 1;                    ///< how often the titles are played
-    bool lastHolds = false;            ///< an older path's: takes every speaker that is held below `Forced`
+    bool lastHolds = false;            ///< an older path's: see `Forced`
     bool isDriven = false;             ///< titles and end are told from outside, not by the zone
     bool isSent = false;               ///< whoever orders it sends the first play command too
     bool isStream = false; ///< fed over the data path: two of them, or two others, replace each other
 
+    /// Whether the last command of an older path takes what this order holds.
+    bool yieldsToLast() const { return lastHolds || priority < Forced; }
     int count() const { return static_cast<int>(titles.size()) * rounds; }
     Time length(int title) const { return titles[static_cast<size_t>(title) % titles.size()]; }
 };

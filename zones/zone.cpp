@@ -64,7 +64,7 @@ void Zone::tell(const Order& order, Fate fate, Actions& actions, quint64 by) {
 // --- who wants it ---
 
 bool Zone::takes(const Order& order, const Order& holder) {
-    if (order.lastHolds && holder.priority < Forced)
+    if (order.lastHolds && holder.yieldsToLast())
         return true;
     if (order.priority != holder.priority)
         return order.priority > holder.priority;
@@ -149,9 +149,9 @@ void Zone::end(quint64 order, Fate fate, Time now, Actions& actions) {
     tell(*ended, fate, actions);
 }
 
-void Zone::stopBelow(int priority, Time now, Actions& actions) {
-    const auto isStopped = [priority](const Claim& claim) {
-        return claim.order->priority < priority;
+void Zone::stopYielding(Time now, Actions& actions) {
+    const auto isStopped = [](const Claim& claim) {
+        return claim.order->yieldsToLast();
     };
     const auto stopped = std::stable_partition(m_rest.begin(), m_rest.end(), std::not_fn(isStopped));
     for (auto claim = stopped; claim != m_rest.end(); ++claim)
@@ -290,8 +290,8 @@ void Zone::expire(Time now, Actions& actions) {
     for (auto claim = over; claim != m_rest.end(); ++claim) {
         if (!claim->isInterrupted)
             tell(*claim->order, Fate::BusyTooLong, actions, claim->by);
-        else if (!claim->isLost)
-            tell(*claim->order, Fate::Overruled, actions, claim->by);
+        else
+            tell(*claim->order, claim->isLost ? Fate::Lost : Fate::Overruled, actions, claim->by);
     }
     m_rest.erase(over, m_rest.end());
 }

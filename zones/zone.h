@@ -15,7 +15,7 @@ enum class Fate : quint8 {
     Completed,     //
     Stopped,       //
     Overruled,     ///< by `by`, and not to go on
-    Lost,          ///< the connection broke
+    Lost,          ///< the connection broke; with a claim left it goes on when the speaker is back in time
     Busy,          ///< refused: it does not wait
     BusyTooLong,   ///< refused: it has waited for its time
     LowerPriority, ///< refused: it would have had to interrupt something higher
@@ -56,8 +56,8 @@ public:
     void want(const Order& order, Time now, Actions& actions);
     /// It does not want it any more: it is told as `fate`. Nothing happens when it has no claim.
     void end(quint64 order, Fate fate, Time now, Actions& actions);
-    /// Whatever has a claim below `priority` is stopped.
-    void stopBelow(int priority, Time now, Actions& actions);
+    /// An older path stops what its last command may: every claim that yields to it.
+    void stopYielding(Time now, Actions& actions);
 
     // --- what the speaker tells ---
     /// It has begun with what it was sent last.
