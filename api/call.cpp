@@ -71,11 +71,6 @@ QString commaList(const QList<qint64>& ids) {
     return texts.join(QLatin1Char(','));
 }
 
-bool isFullSerial(const QString& text) {
-    static const QRegularExpression serial(QStringLiteral("\\A[0-9a-f]{%1}\\z").arg(SerialLength));
-    return serial.match(text).hasMatch();
-}
-
 bool isOneLine(const QString& text) {
     return std::none_of(text.begin(), text.end(),
                         [](QChar c) { return c.category() == QChar::Other_Control; });

@@ -16,6 +16,8 @@ public:
         : site(database.site)
         , m_database(database) {}
 
+    /// Whether a statement with these values would be run; one that would not is logged.
+    bool takes(const SqlArgs& args, const QString& statement) const;
     ShownResult run(const QString& statement, const SqlArgs& args = {}) const;
     bool transaction(const std::function<bool()>& body) const { return m_database.transaction(body); }
     int runScript(const QString& script) const { return m_database.runScript(script); }
@@ -26,5 +28,6 @@ public:
     const sqlite::Site& site;
 
 private:
+    bool takes(const SqlArgs& args, const QString& statement, QString& error) const;
     sqlite& m_database;
 };

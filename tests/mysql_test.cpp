@@ -30,12 +30,18 @@ private slots:
     }
 
     void olderDatabasesAreBroughtUpToDate() {
+        const QByteArray columns = "SELECT table_name, column_name, column_type FROM "
+                                   "information_schema.columns WHERE table_schema = 'speakers' ORDER BY 1, 2";
+        const QByteArray whole = m_server.sql(columns);
         QVERIFY(m_db->runScript("DROP TABLE schema_version; DROP INDEX taskfile_list ON taskfile;"
+                                "DROP TABLE group_group; DROP TABLE speaker_disabled;"
                                 "CREATE INDEX taskfile_task ON taskfile (taskid, fileid)") >= 0);
         QString why;
         for (int time = 0; time < 2; ++time)
             QVERIFY2(migrateSchema(*m_db, why), qPrintable(why));
-        QCOMPARE(m_server.sql("SELECT MAX(version) FROM speakers.schema_version"), QByteArray("2\n"));
+        QCOMPARE(m_server.sql("SELECT MAX(version) FROM speakers.schema_version").trimmed(),
+                 QByteArray::number(newestSchemaVersion()));
+        QCOMPARE(m_server.sql(columns), whole); // by either road the same
         QCOMPARE(m_server.sql("SELECT DISTINCT index_name FROM information_schema.statistics WHERE "
                               "table_schema = 'speakers' AND index_name LIKE 'taskfile_%' ORDER BY 1"),
                  QByteArray("taskfile_file\ntaskfile_list\n"));
@@ -81,10 +87,10 @@ private slots:
 
         const QStringList tables =
             QString::fromUtf8(m_server.sql("SHOW TABLES FROM speakers")).split('\n', Qt::SkipEmptyParts);
-        QCOMPARE(tables.size(), 20);
+        QVERIFY(tables.size() >= 20);
         for (const QString& table : tables) {
-            if (table == "schema_version")
-                continue; // not a table of the interface
+            if (m_server.sql("SHOW COLUMNS FROM speakers." + table.toUtf8() + " LIKE 'id'").isEmpty())
+                continue; // not a table of the older paths
             QJsonArray rows[2];
             int side = 0;
             for (sqlite* db : {m_db.get(), &lite}) {
