@@ -34,7 +34,8 @@ std::optional<Announcement::Title> titleOf(const QJsonObject& object) {
     if (bytes == 0 || bytes > Announcement::MaxUrlBytes || !length)
         return std::nullopt;
     const bool isSeekable = object.value(QLatin1String("seekable")).toBool();
-    return Announcement::Title{url, zones::Time(*length), isSeekable};
+    return Announcement::Title{url, zones::Time(*length), isSeekable,
+                               object.value(QLatin1String("file")).toString()};
 }
 
 } // namespace
@@ -98,10 +99,14 @@ std::optional<Announcement> Announcement::read(const QJsonObject& request, QStri
 
 QJsonObject Announcement::write() const {
     QJsonArray list;
-    for (const Title& title : titles)
-        list.append(QJsonObject{{QStringLiteral("url"), title.url},
-                                {QStringLiteral("ms"), static_cast<qint64>(title.length.count())},
-                                {QStringLiteral("seekable"), title.isSeekable}});
+    for (const Title& title : titles) {
+        QJsonObject object{{QStringLiteral("url"), title.url},
+                           {QStringLiteral("ms"), static_cast<qint64>(title.length.count())},
+                           {QStringLiteral("seekable"), title.isSeekable}};
+        if (!title.ownFile.isEmpty())
+            object.insert(QStringLiteral("file"), title.ownFile);
+        list.append(object);
+    }
     return {{QStringLiteral("cmd"), QLatin1String(OrderWord)},
             {QStringLiteral("broadcast"), static_cast<double>(id)},
             {QStringLiteral("titles"), list},

@@ -16,6 +16,7 @@ struct Announcement {
         QString url;
         zones::Time length{0};   ///< 0: not known
         bool isSeekable = false; ///< a file of this service, which gives it from any second on
+        QString ownFile;         ///< made for this order alone, below the document root; may be empty
     };
     /// Bounds of what one order may hold: an hour's worth of short titles, and what a command line may be.
     static constexpr int MaxTitles = 1000;

@@ -135,6 +135,19 @@ void Orders::setTerms(quint64 id, const Terms& terms) {
         m_terms.insert(id, terms);
 }
 
+quint64 Orders::open(const Broadcast& broadcast) {
+    return m_ledger.begin(broadcast);
+}
+
+void Orders::markUnreached(quint64 id, const QStringList& serials) {
+    m_ledger.mark(id, serials, ReceiptState::Offline, QStringLiteral("the node does not answer"), 0);
+}
+
+void Orders::allGiven(quint64 id) {
+    if (m_running.count(id) == 0)
+        m_ledger.end(id, BroadcastState::Done, {});
+}
+
 // --- streams ---
 
 void Orders::beginStream(quint64 id, const Stream& stream, const QStringList& serials, Hears hears) {

@@ -48,6 +48,14 @@ public:
     };
     void setTerms(quint64 id, const Terms& terms);
 
+    // --- announcements that are given out from here ---
+    /// Opens a broadcast; returns its number.
+    quint64 open(const Broadcast& broadcast);
+    /// The node of these speakers does not answer.
+    void markUnreached(quint64 id, const QStringList& serials);
+    /// Every node has it. One that no speaker of this node wants is over here.
+    void allGiven(quint64 id);
+
     // --- what is fed over the data path: alarm files, live inputs ---
     /// Told when a speaker begins or ceases to hear it.
     using Hears = std::function<void(const QString& sn, bool hears)>;

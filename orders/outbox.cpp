@@ -16,6 +16,10 @@ QByteArray compact(const QJsonObject& request) {
     return QJsonDocument(request).toJson(QJsonDocument::Compact);
 }
 
+QString beforeMoment(const QString& url) {
+    return url.contains(QLatin1Char('?')) ? QStringLiteral("&from=") : QStringLiteral("?from=");
+}
+
 } // namespace
 
 void Outbox::flush() {
@@ -43,6 +47,9 @@ QString Outbox::from(const QString& url, std::chrono::milliseconds moment) {
     const qint64 hundredths = moment.count() / 10;
     if (hundredths <= 0)
         return url;
-    const QChar joint = url.contains(QLatin1Char('?')) ? QLatin1Char('&') : QLatin1Char('?');
-    return QStringLiteral("%1%2from=%3").arg(url, joint, QString::number(double(hundredths) / 100, 'f', 2));
+    return url + beforeMoment(url) + QString::number(double(hundredths) / 100, 'f', 2);
+}
+
+bool Outbox::isFrom(const QString& address, const QString& url) {
+    return address.startsWith(url + beforeMoment(url));
 }

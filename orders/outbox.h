@@ -25,6 +25,8 @@ public:
 
     /// The address of the file from a moment on; to the hundredth of a second, less than a frame.
     static QString from(const QString& url, std::chrono::milliseconds moment);
+    /// Whether `address` is one that from() has made of `url`.
+    static bool isFrom(const QString& address, const QString& url);
 
 private:
     Send m_send;
