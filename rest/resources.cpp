@@ -4,4 +4,7 @@ void addResources(RestRoutes& routes) {
     addSessionRoutes(routes);
     addTokenRoutes(routes);
     addAuditRoutes(routes);
+    addSpeakerRoutes(routes);
+    addGroupRoutes(routes);
+    addSoundRoutes(routes);
 }

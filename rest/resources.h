@@ -6,7 +6,10 @@ class RestRoutes;
 void addAccountRoutes(RestRoutes& routes);
 void addAuditRoutes(RestRoutes& routes);
 void addGrantRoutes(RestRoutes& routes);
+void addGroupRoutes(RestRoutes& routes);
 void addSessionRoutes(RestRoutes& routes);
+void addSoundRoutes(RestRoutes& routes);
+void addSpeakerRoutes(RestRoutes& routes);
 void addTokenRoutes(RestRoutes& routes);
 
 /// All of them.

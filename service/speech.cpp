@@ -5,6 +5,7 @@
 
 #include "core/sql/sqlite.h"
 
+#include <algorithm>
 #include <mutex>
 #include <QDir>
 #include <QFile>
@@ -71,6 +72,14 @@ std::vector<Voice> readVoices(const QByteArray& list) {
         found.push_back({language, QString(columns.at(3)).replace(QLatin1Char('_'), QLatin1Char(' ')),
                          language.section(QLatin1Char('-'), 0, 0)});
     }
+    const auto byId = [](const Voice& a, const Voice& b) {
+        return a.id < b.id;
+    };
+    std::stable_sort(found.begin(), found.end(), byId);
+    const auto isSame = [](const Voice& a, const Voice& b) {
+        return a.id == b.id;
+    };
+    found.erase(std::unique(found.begin(), found.end(), isSame), found.end());
     return found;
 }
 

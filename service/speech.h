@@ -28,5 +28,5 @@ struct Voice {
     QString name; ///< for people
     QString language;
 };
-/// The voices of the program, asked once and kept; empty when it can't be asked.
+/// The voices of the program by their ids, asked once and kept; empty when it can't be asked.
 std::vector<Voice> voices();

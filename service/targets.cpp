@@ -69,18 +69,22 @@ bool addNamed(sqlite& database, const Reachable& reachable, const Targets& targe
 
 } // namespace
 
-std::optional<Faults> faultsOf(sqlite& database, const Reachable& reachable, const Targets& targets) {
+std::optional<Faults> membersOutOf(sqlite& database, const Reachable& reachable, const Targets& targets) {
     Faults faults;
-    if (!findSpeakerFaults(database, reachable.speakers, targets.speakers, faults) ||
-        !findGroupFaults(database, reachable.groups, targets.groups, faults))
-        return std::nullopt;
-    if (!faults.empty())
+    const bool isKnown = findSpeakerFaults(database, reachable.speakers, targets.speakers, faults) &&
+                         findGroupFaults(database, reachable.groups, targets.groups, faults);
+    return isKnown ? std::optional(faults) : std::nullopt;
+}
+
+std::optional<Faults> faultsOf(sqlite& database, const Reachable& reachable, const Targets& targets) {
+    auto faults = membersOutOf(database, reachable, targets);
+    if (!faults || !faults->empty())
         return faults;
     const auto serials = resolve(database, reachable, targets);
     if (!serials)
         return std::nullopt;
     if (serials->isEmpty())
-        faults.push_back({QString(), QStringLiteral("names no speaker")});
+        faults->push_back({QString(), QStringLiteral("names no speaker")});
     return faults;
 }
 

@@ -17,7 +17,7 @@ struct Targets {
     QList<qint64> groups;
 };
 
-/// What the giver of an order may play to.
+/// What somebody may see, or the giver of an order play to.
 struct Reachable {
     Scope speakers; ///< ids of `sbox_device_info`
     Scope groups;   ///< ids of `sbox_group`
@@ -35,6 +35,10 @@ struct TargetFault {
 /// when an order is given.
 std::optional<std::vector<TargetFault>> faultsOf(sqlite& database, const Reachable& reachable,
                                                  const Targets& targets);
+
+/// The members that do not exist or are out of reach alone.
+std::optional<std::vector<TargetFault>> membersOutOf(sqlite& database, const Reachable& reachable,
+                                                     const Targets& targets);
 
 /// The serials of the targets as they are now, each once: groups with all within them, and what has gone or
 /// come out of reach since the order was given left out. Asked when its sound starts.

@@ -282,6 +282,7 @@ void Startup::createRouters() {
     Services services;
     services.database = m_database.get();
     services.devices = m_devices.get();
+    services.board = m_board.get();
     services.gate = m_gate.get();
     services.tasks = m_tasks.get();
     services.passwords = m_passwords.get();
