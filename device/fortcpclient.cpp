@@ -149,7 +149,7 @@ bool fortcpclient::dropPlays() {
 }
 
 int fortcpclient::putOff(const QByteArray& bytes) {
-    const bool isFirst = m_waiting && isStop(bytes) && dropPlays();
+    const bool isFirst = m_waiting && m_env.stopsFirst && isStop(bytes) && dropPlays();
     if (m_waiting &&
         (m_waiting->commands.size() >= MaxWaiting || m_waiting->bytes + bytes.size() > MaxWaitingBytes)) {
         qWarning().noquote() << "Too many commands wait, not sent:" << m_sn << bytes.left(2);

@@ -18,8 +18,7 @@
 /// owns it while it is bound; it schedules its own deletion when the connection is over.
 ///
 /// Commands are spaced by the environment's pause: the first is written at once, one that follows too soon
-/// waits. A stop drops the plays that still wait and goes before what else does. A connection without
-/// waiting commands has no deadline for them.
+/// waits. A connection without waiting commands has no deadline for them.
 class fortcpclient : public QObject,
                      private TimingWheel::Client,
                      private DeviceSocket::Owner,

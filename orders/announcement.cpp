@@ -48,6 +48,14 @@ std::optional<zones::Resume> resumeOf(const QString& word) {
     return valueOf<zones::Resume>(ResumeWords, word);
 }
 
+QStringList whenBusyWords() {
+    return {WhenBusyWords.begin(), WhenBusyWords.end()};
+}
+
+QStringList resumeWords() {
+    return {ResumeWords.begin(), ResumeWords.end()};
+}
+
 QString wordOf(zones::WhenBusy whenBusy) {
     return WhenBusyWords.at(static_cast<size_t>(whenBusy));
 }

@@ -49,5 +49,7 @@ constexpr char EndOrderWord[] = "ENDORDER";
 /// "interrupt", "queue", "skip" and "none", "start", "position".
 std::optional<zones::WhenBusy> whenBusyOf(const QString& word);
 std::optional<zones::Resume> resumeOf(const QString& word);
+QStringList whenBusyWords();
+QStringList resumeWords();
 QString wordOf(zones::WhenBusy whenBusy);
 QString wordOf(zones::Resume resume);

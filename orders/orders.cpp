@@ -176,7 +176,7 @@ void Orders::leaveStream(quint64 id, const QStringList& serials) {
 
 void Orders::endStream(quint64 id) {
     for (const QString& sn : m_spots.keys())
-        endClaim(sn, id, zones::Fate::Completed, Road::Outbox);
+        endClaim(sn, id, zones::Fate::Completed, Road::NoStops); // what it was sent last is still to be heard
     m_ended.insert(id);
     flush();
 }
@@ -260,11 +260,12 @@ void Orders::carryOut(const QString& sn, Spot& spot, const zones::Actions& actio
 }
 
 void Orders::silence(const QString& sn, quint64 order, Road road) {
-    if (const Running& running = m_running[order]; running.way == Way::Stream)
+    const Running& running = m_running[order];
+    if (running.way == Way::Stream && road != Road::NoStops)
         running.hears(sn, false);
-    else if (road == Road::Outbox)
+    else if (running.way != Way::Stream && road == Road::Outbox)
         m_outbox.silence(sn);
-    else if (road == Road::AtOnce)
+    else if (running.way != Way::Stream && road == Road::AtOnce)
         m_devices->session(sn)->stopcurl();
 }
 
@@ -310,7 +311,7 @@ void Orders::told(const QString& sn, const Action& action) {
     default:
         if (--running.claims <= 0)
             m_ended.insert(id);
-        if (running.way == Way::Stream && running.hears)
+        if (running.way == Way::Stream && action.fate != zones::Fate::Completed)
             running.hears(sn, false);
     }
     if (action.fate != zones::Fate::Lost && action.fate != zones::Fate::Completed)

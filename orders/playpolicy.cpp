@@ -29,9 +29,7 @@ Orders::Running* Orders::relayed(const PlayCommand& command) {
     const QString url = command.files.value(0);
     if (known != m_running.end()) {
         Running& running = known->second;
-        // An address with a moment behind it is what this object has sent itself.
-        if (running.way != Way::Announced &&
-            !(url.size() > running.url.size() && url.startsWith(running.url))) {
+        if (running.way != Way::Announced && !Outbox::isFrom(url, running.url)) {
             running.url = url;
             running.urlSince = now();
         }
@@ -131,6 +129,11 @@ void Orders::cameOf(const PlayCommand& command, const QString& sn, SAobj* /*sess
     if (spot == m_spots.end())
         return;
     if (command.kind == PlayKind::Play) {
+        // Who keeps the record takes what was sent to the speaker before for overruled, a title for refused.
+        spot->zone.tellInterrupted([&](quint64 order, quint64 by) {
+            m_tellings[{order, zones::Fate::Interrupted, by}] << sn;
+            m_soon.start(0);
+        });
         const bool isLost = fate == PlayWatch::Fate::Broken || fate == PlayWatch::Fate::Disabled;
         if (isLost && holder(sn) == command.order)
             endClaim(sn, command.order, zones::Fate::Lost, Road::NoStops);

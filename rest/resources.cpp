@@ -3,6 +3,7 @@
 void addResources(RestRoutes& routes) {
     addSessionRoutes(routes);
     addTokenRoutes(routes);
+    addAnnouncementRoutes(routes);
     addAuditRoutes(routes);
     addSpeakerRoutes(routes);
     addGroupRoutes(routes);

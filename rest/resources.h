@@ -4,6 +4,7 @@ class RestRoutes;
 
 /// Each resource adds its rows to the table; their files are named after them.
 void addAccountRoutes(RestRoutes& routes);
+void addAnnouncementRoutes(RestRoutes& routes);
 void addAuditRoutes(RestRoutes& routes);
 void addGrantRoutes(RestRoutes& routes);
 void addGroupRoutes(RestRoutes& routes);

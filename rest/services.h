@@ -1,7 +1,9 @@
 #pragma once
 
 class Gate;
+class Journal;
 class LoginBrake;
+class Orders;
 class Passwords;
 class Severinit;
 class SpeakerBoard;
@@ -17,6 +19,8 @@ struct Services {
     Severinit* devices = nullptr;     ///< main loop
     SpeakerBoard* board = nullptr;    ///< any thread
     Gate* gate = nullptr;             ///< any thread
+    Journal* journal = nullptr;       ///< main loop, but for what it says of itself; null when switched off
+    Orders* orders = nullptr;         ///< main loop; null without a journal
     Task_workque* tasks = nullptr;    ///< main loop; null for kinds without tasks
     Passwords* passwords = nullptr;   ///< any thread
     Tokens* tokens = nullptr;         ///< any thread

@@ -151,6 +151,8 @@ private:
     void bindLate(std::unique_ptr<Tasxkobj> play);
     void endLate(quint64 task);
     void markPlaying();
+    void record(Start& start);
+    void recordAbsent(const Tasxkobj& player, const QStringList& seeds);
     Node* node(const NodeAddress& address, bool nocdn = true);
     static QString nodeKey(const NodeAddress& address);
 

@@ -7,10 +7,13 @@
 #include "tasks/tasxkobj.h"
 
 #include "core/sql/sqlite.h"
+#include "journal/journal.h"
 
 #include <algorithm>
+#include <iterator>
 #include <QDebug>
 #include <QElapsedTimer>
+#include <QSet>
 #include <utility>
 
 namespace {
@@ -35,6 +38,25 @@ void moveFiles(Tasxkobj& player, const QString& from, const QString& to) {
         url.replace(url.indexOf(source), source.size(), QStringLiteral("//%1/").arg(to));
         player.fileLengths.insert(url, length);
     }
+}
+
+/// `due`: ms since 1970, 0 for a play that somebody has asked for.
+Broadcast broadcastOf(const Tasxkobj& player, qint64 due) {
+    Broadcast broadcast;
+    broadcast.kind = player.forcePlayAs   ? Broadcast::Kind::Alarm
+                     : player.isTemporary ? Broadcast::Kind::Direct
+                                          : Broadcast::Kind::Bell;
+    broadcast.name = player.name;
+    broadcast.owner = player.userid;
+    broadcast.due = due;
+    broadcast.endsByItself = false;
+    if (!player.isTemporary)
+        broadcast.origin.schedule = static_cast<qint64>(player.id);
+    if (due == 0 && !player.forcePlayAs)
+        broadcast.origin.account = player.userid;
+    if (player.forcePlayAs)
+        broadcast.origin.line = QStringLiteral("task");
+    return broadcast;
 }
 
 } // namespace
@@ -104,8 +126,11 @@ void Task_workque::bind(Start start) {
     }
     if (!target->nocdn)
         moveFiles(player, m_sourceHost, m_cdnHost);
+    record(start);
     if (start.isScheduled && m_latecomers && isThisNode(start.node)) {
+        const QStringList seeds = player.seeds;
         m_latecomers->keepAbsent(player);
+        recordAbsent(player, seeds);
         if (player.seeds.isEmpty())
             return;
     }
@@ -115,6 +140,44 @@ void Task_workque::bind(Start start) {
         m_bound.push_back(key);
     target->poller->insert(key, start.player.release());
     emit started(key);
+}
+
+/// Opens the play's broadcast, unless it goes on with one, and sees to its end.
+void Task_workque::record(Start& start) {
+    Journal* const journal = m_relay.journal;
+    if (!journal)
+        return;
+    Tasxkobj& player = *start.player;
+    if (player.order == 0) {
+        player.order = journal->begin(broadcastOf(player, start.isScheduled ? start.dueAt * 1000 : 0));
+        if (start.isScheduled)
+            journal->bell({static_cast<qint64>(player.id),
+                           player.name,
+                           start.dueAt * 1000,
+                           Journal::Bell::Outcome::Open,
+                           {},
+                           player.order,
+                           player.userid});
+    }
+    connect(&player, &Tasxkobj::Over, journal, [journal, &player] {
+        journal->end(player.order, player.wasStopped ? BroadcastState::Stopped : BroadcastState::Done);
+    });
+}
+
+/// Those of the speakers that are not there; if there are no others, the bell is over when none can come late
+/// any more.
+void Task_workque::recordAbsent(const Tasxkobj& player, const QStringList& seeds) {
+    Journal* const journal = m_relay.journal;
+    if (!journal || player.seeds.size() == seeds.size())
+        return;
+    const QSet<QString> present(player.seeds.begin(), player.seeds.end());
+    QStringList absent;
+    std::copy_if(seeds.begin(), seeds.end(), std::back_inserter(absent),
+                 [&](const QString& sn) { return !present.contains(sn); });
+    journal->mark(player.order, absent, ReceiptState::Offline);
+    if (player.seeds.isEmpty())
+        QTimer::singleShot(Latecomers::Window, journal,
+                           [journal, order = player.order] { journal->end(order); });
 }
 
 void Task_workque::refuse(const Tasxkobj& player, const char* why) {

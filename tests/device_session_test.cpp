@@ -113,7 +113,8 @@ private slots:
         QVERIFY(waitFor([&] { return m_speaker->reads().size() >= 3; }));
         QCOMPARE(m_speaker->reads(), (QByteArrayList{"A1a", "A5", "V\x03"}));
 
-        // A stop does not wait for a play that it would end at once.
+        // A stop does not wait for a play that it would end at once, when it may go first.
+        m_link->registry.setStopsFirst(true);
         session()->set_vol_V(4);
         session()->set_vol_V(5);
         session()->addMp3list("b");

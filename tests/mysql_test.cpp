@@ -96,6 +96,7 @@ private slots:
             for (sqlite* db : {m_db.get(), &lite}) {
                 db->exec("DELETE FROM " + table);
                 const QString key = table == "sbox_device_info" ? "(`id`, `device_seed`) VALUES (7, 'ab')"
+                                    : table == "receipt"        ? "(`broadcast`, `serial`) VALUES (7, 'ab')"
                                                                 : "(`id`) VALUES (7)";
                 QVERIFY2(db->run("INSERT INTO " + table + ' ' + key).ok, qPrintable(table));
                 QJsonObject row = db->run("SELECT * FROM " + table).object(0);

@@ -25,13 +25,16 @@ public:
               quint64 by) override {
         const QString text = QString::number(id) + ' ' + QString::number(int(state)) +
                              (by ? '/' + QString::number(by) : QString());
-        for (const QString& sn : serials)
-            marks[sn] << text;
+        for (const QString& sn : serials) {
+            if (std::exchange(lastMarks[sn][id], text) != text)
+                marks[sn] << text;
+        }
     }
     void end(quint64 id, BroadcastState how, const QString&) override { ended[id] = how; }
 
     QMap<quint64, Broadcast> known;
-    QMap<QString, QStringList> marks;
+    QMap<QString, QStringList> marks; ///< changes
+    QMap<QString, QMap<quint64, QString>> lastMarks;
     QMap<quint64, BroadcastState> ended;
     quint64 last = 100;
 };

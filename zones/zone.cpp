@@ -53,6 +53,13 @@ bool Zone::hasClaim(quint64 order) const {
                        [order](const Claim& claim) { return claim.order->id == order; });
 }
 
+void Zone::tellInterrupted(const std::function<void(quint64, quint64)>& tell) const {
+    for (const Claim& claim : m_rest) {
+        if (claim.isInterrupted && !claim.isLost)
+            tell(claim.order->id, claim.by);
+    }
+}
+
 void Zone::tell(const Order& order, Fate fate, Actions& actions, quint64 by) {
     Action action{Action::Tell};
     action.order = &order;

@@ -2,6 +2,7 @@
 
 #include "zones/order.h"
 
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -73,6 +74,8 @@ public:
 
     const Order* holder() const { return m_holder ? m_holder->order : nullptr; }
     bool hasClaim(quint64 order) const;
+    /// Calls `tell` with each order that was interrupted and is to go on, and with the one that did it.
+    void tellInterrupted(const std::function<void(quint64 order, quint64 by)>& tell) const;
     int claims() const { return static_cast<int>(m_rest.size()) + (m_holder ? 1 : 0); }
     /// The volume to go back to when no order has set one; 0: the present one.
     int base() const { return m_base; }

@@ -2,6 +2,7 @@
 
 #include "api/requestmapper.h"
 #include "core/app/frontdoor.h"
+#include "core/app/journalledger.h"
 #include "core/app/site.h"
 #include "core/sql/migrations.h"
 #include "core/sql/sqlite.h"
@@ -13,7 +14,10 @@
 #include "http/httpsessionstore.h"
 #include "http/staticfilecontroller.h"
 #include "http/templateloader.h"
+#include "journal/journal.h"
 #include "nodes/gate.h"
+#include "orders/levelstore.h"
+#include "orders/orders.h"
 #include "redis/fuck_redis.h"
 #include "rest/restrouter.h"
 #include "service/filestore.h"
@@ -31,6 +35,7 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QFile>
+#include <QHostAddress>
 #include <QJsonObject>
 #include <QNetworkInterface>
 #include <QSqlDatabase>
@@ -100,6 +105,8 @@ void Startup::run() {
     listenForCommands();
     if (!m_settings.flag("isonly_media")) {
         openDatabase();
+        startJournal();
+        createOrders();
         createTasks();
         createAccounts();
         serveHttp();
@@ -112,6 +119,9 @@ void Startup::end() {
     constexpr std::chrono::seconds limit{2};
     if (m_tasks)
         m_tasks->end(limit);
+    if (m_journal)
+        m_journal->note(Journal::NoteKind::Service, QStringLiteral("ended"),
+                        QStringLiteral("speakerd " SPEAKERD_VERSION));
 }
 
 // What anybody who reaches the ports may do as long as a secret is missing.
@@ -154,6 +164,7 @@ void Startup::createDevices() {
         integer("Pastcmd"));
     m_devices->bitrate = integer("bitrate");
     m_devices->setCommandGap(std::chrono::milliseconds(integer("cmdgap")));
+    m_devices->setStopsFirst(m_settings.flag("stopsfirst"));
     if (m_redis) {
         m_devices->setStateMirror(m_redis.get());
         QObject::connect(m_redis.get(), &fuck_redis::restored, m_devices.get(), &Severinit::remirror);
@@ -223,9 +234,56 @@ void Startup::awaitDatabase() {
         if (!loadStoredSpeakers())
             return;
         m_databaseTimer.stop();
+        if (m_orders)
+            m_orders->restore(LevelStore::load(*m_database));
         qInfo() << "database: ready";
     });
     m_databaseTimer.start(Pause);
+}
+
+void Startup::startJournal() {
+    if (!m_settings.flag("journal"))
+        return;
+    m_journal = std::make_unique<Journal>(m_devices.get(), m_database.get(), nodeNumber(),
+                                          Journal::Limits{integer("journaldays"), integer("receiptdays")});
+    m_alarms->setJournal(m_journal.get());
+    const auto note = [this](Journal::NoteKind kind, const char* state, const char* name) {
+        m_journal->note(kind, QLatin1String(state), QLatin1String(name));
+    };
+    note(Journal::NoteKind::Service, "started", "speakerd " SPEAKERD_VERSION);
+    if (!m_redis)
+        return;
+    QObject::connect(m_redis.get(), &fuck_redis::lost, m_journal.get(),
+                     [note] { note(Journal::NoteKind::Link, "lost", "redis"); });
+    QObject::connect(m_redis.get(), &fuck_redis::restored, m_journal.get(),
+                     [note] { note(Journal::NoteKind::Link, "back", "redis"); });
+}
+
+// What was left to be put back by an earlier run comes with the database.
+void Startup::createOrders() {
+    if (!m_journal)
+        return;
+    m_ledger = std::make_unique<JournalLedger>(*m_journal);
+    m_levels = std::make_unique<LevelStore>(*m_database);
+    const NodeAddress here{QStringLiteral("127.0.0.1"), integer("PS2")};
+    m_orders =
+        std::make_unique<Orders>(m_devices.get(), *m_ledger, m_levels.get(),
+                                 [this, here](const QByteArray& command) { m_gate->run(here, command); });
+    m_orders->setFilePrefix(text("preurl"));
+    m_alarms->setOrders(m_orders.get());
+    if (!m_databaseTimer.isActive())
+        m_orders->restore(LevelStore::load(*m_database));
+}
+
+// Of nodes in one network of 256 addresses, or on one machine with ports one after the other, each has
+// another.
+int Startup::nodeNumber() const {
+    constexpr int most = 255;
+    const int given = integer("nodenumber");
+    if (given >= 1 && given <= most)
+        return given;
+    const quint32 address = QHostAddress(text("LocalIP")).toIPv4Address();
+    return static_cast<int>((address + static_cast<quint32>(integer("PS2"))) & most);
 }
 
 void Startup::createTasks() {
@@ -239,7 +297,7 @@ void Startup::createTasks() {
         text("cdn_str"), nodeList(m_settings), m_application, text("Meida_ip"), integer("PS2"),
         text("task_username"), text("task_passwd"), text("basename"), m_database.get(), integer("sqltaskid"),
         kind, integer("taskstart"), integer("taskend"), nullptr,
-        Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause"))});
+        Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause")), m_journal.get()});
 }
 
 void Startup::serveHttp() {
@@ -278,12 +336,15 @@ void Startup::createRouters() {
                                                m_database.get(), m_devices.get(), m_tasks.get());
     m_router->setTemplates(m_templates.get());
     m_router->setGate(m_gate.get());
+    m_router->setJournal(m_journal.get());
     m_router->setAccounts(m_oldTokens.get(), m_passwords.get(), m_tokens.get());
     Services services;
     services.database = m_database.get();
     services.devices = m_devices.get();
     services.board = m_board.get();
     services.gate = m_gate.get();
+    services.journal = m_journal.get();
+    services.orders = m_orders.get();
     services.tasks = m_tasks.get();
     services.passwords = m_passwords.get();
     services.tokens = m_tokens.get();
