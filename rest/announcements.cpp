@@ -6,6 +6,7 @@
 
 #include "core/loop/mainloop.h"
 #include "core/sql/sqlite.h"
+#include "device/playwatch.h"
 #include "service/announcer.h"
 #include "service/filestore.h"
 #include "service/reach.h"
@@ -91,7 +92,10 @@ void readItem(const RestCall& call, const Fields& item, Wanted& wanted) {
     const auto url = item.text("url", 1, Announcement::MaxUrlBytes);
     const auto speech = item.object("speech");
     if (given != 1)
-        return item.refuse("", QStringLiteral("must be one of sound, url and speech"));
+        return item.refuse(given == 0           ? "sound"
+                           : item.has("speech") ? "speech"
+                                                : "url",
+                           QStringLiteral("one of sound, url and speech, and no other"));
     if (sound)
         readSound(call, item, *sound, wanted);
     else if (url)
@@ -192,8 +196,9 @@ RestAnswer addBroadcast(RestCall& call) {
 
 /// A number that a broadcast may have, of one that the caller may stop.
 std::optional<quint64> ownBroadcast(const RestCall& call) {
-    const qint64 id = call.id();
-    if (id <= 0)
+    bool isNumber = false;
+    const qint64 id = call.value("id").toLongLong(&isNumber); // larger than the numbers of other objects
+    if (!isNumber || !PlayOrders::isNumber(static_cast<double>(id)))
         return std::nullopt;
     const SqlResult rows =
         call.database().run(QStringLiteral("SELECT `owner` FROM `broadcast` WHERE `id` = @id LIMIT 1;"),

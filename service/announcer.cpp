@@ -73,6 +73,7 @@ Announcer::Outcome Announcer::announce(const Caller& caller, AnnouncementRequest
     broadcast.name = request.name;
     broadcast.priority = request.announcement.priority;
     broadcast.origin.account = caller.account;
+    broadcast.owner = caller.account;
     broadcast.endsByItself = false;
     id = callOnLoop(&m_orders, [&] { return m_orders.open(broadcast); });
     request.announcement.id = id;

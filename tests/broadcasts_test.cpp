@@ -14,10 +14,10 @@ private slots:
     void initTestCase() {
         m_service = std::make_unique<Service>();
         QVERIFY(m_service->start());
-        const Account owner = m_service->addAccount("owner");
+        m_owner = m_service->addAccount("owner");
         const QByteArray hash = QCryptographicHash::hash(Token, QCryptographicHash::Sha256).toHex();
         m_service->sql(QString("INSERT INTO `apitoken` (`account`, `hash`, `created`) VALUES (%1, '%2', 0)")
-                           .arg(owner.id)
+                           .arg(m_owner.id)
                            .arg(QString(hash)));
         for (int n = 0; n < Speakers; ++n)
             QCOMPARE(ask("POST", "/speakers", {{"serial", sn(n)}, {"name", "s"}}).status, 201);
@@ -89,7 +89,8 @@ private slots:
         row("a line's binding", {{"play", QJsonArray{QJsonObject{{"url", "http://x/y.mp3B"}}}}},
             "/play/0/url");
         row("two at once", {{"play", QJsonArray{QJsonObject{{"url", "http://x/"}, {"sound", 1}}}}},
-            "/play/0");
+            "/play/0/url");
+        row("none", {{"play", QJsonArray{QJsonObject()}}}, "/play/0/sound");
         row("nothing", {{"play", QJsonArray()}}, "/play");
         row("speech without text", {{"play", QJsonArray{QJsonObject{{"speech", QJsonObject()}}}}},
             "/play/0/speech/text");
@@ -132,10 +133,9 @@ private:
                     "application/json");
     }
     int upload(const QString& name, int seconds) {
-        const HttpReply reply = send("POST", "/sounds?name=" + name, makeMp3(seconds), "audio/mpeg");
-        if (reply.status != 201)
-            qWarning() << reply.status << reply.body;
-        return reply["id"].toInt();
+        m_service->http().postMultipart("/user/uploadfile", m_owner.params({{"filename", name}}), "file",
+                                        "upload.bin", makeMp3(seconds));
+        return m_service->sql("SELECT MAX(`id`) AS `id` FROM `userfile`").first().value("id").toInt();
     }
     qint64 announce(const QList<int>& speakers, int sound, QJsonObject order) {
         QJsonArray serials;
@@ -152,6 +152,7 @@ private:
 
     std::unique_ptr<Service> m_service;
     std::unique_ptr<sim::Fleet> m_fleet;
+    Account m_owner;
     int m_music = 0;
     int m_page = 0;
 };
