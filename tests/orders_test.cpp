@@ -69,8 +69,8 @@ struct Fleet {
     }
     /// "http://own/ID-0", "http://own/ID-1" ...
     QByteArray announce(quint64 id, const QList<int>& indexes, int priority, const char* resume = "none",
-                        int volume = 0, QList<int> lengths = {60'000}, const char* whenBusy = "interrupt",
-                        int queue = 60) {
+                        int volume = 0, const QList<int>& lengths = {60'000},
+                        const char* whenBusy = "interrupt", int queue = 60) {
         told.known[id] = broadcastOf(Broadcast::Kind::Announcement, false);
         QJsonArray titles;
         for (const int length : lengths)

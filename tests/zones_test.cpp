@@ -397,10 +397,10 @@ private slots:
         qint64 plays = 0;
         for (int history = 0; history < Histories; ++history) {
             std::vector<Order> orders(6);
+            quint64 id = 0;
             for (Order& made : orders) {
                 made = order(
-                    quint64(&made - orders.data() + 1),
-                    std::vector<int>{20, 60, 100, 224, 255}[size_t(upTo(5))], WhenBusy(upTo(3)),
+                    ++id, std::vector<int>{20, 60, 100, 224, 255}[size_t(upTo(5))], WhenBusy(upTo(3)),
                     Resume(upTo(3)), upTo(2) ? 5 + upTo(4) : 0,
                     std::vector<Time>(size_t(1 + upTo(2)), std::vector<Time>{0s, 3s, 8s}[size_t(upTo(3))]));
                 made.queueSpan = std::chrono::seconds(upTo(12));
