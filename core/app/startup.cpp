@@ -258,6 +258,14 @@ void Startup::startJournal() {
     m_journal = std::make_unique<Journal>(m_devices.get(), m_database.get(), nodeNumber(),
                                           Journal::Limits{integer("journaldays"), integer("receiptdays")});
     m_alarms->setJournal(m_journal.get());
+    QObject::connect(m_journal.get(), &Journal::heard, m_board.get(), &SpeakerBoard::setPlaying);
+    QObject::connect(m_journal.get(), &Journal::healthChanged, m_board.get(),
+                     [this](const QString& sn, SpeakerHealth health) {
+                         m_board->setHealth(sn, health == SpeakerHealth::Flaky ? SpeakerState::Health::Flaky
+                                                : health == SpeakerHealth::Silent
+                                                    ? SpeakerState::Health::Silent
+                                                    : SpeakerState::Health::Ok);
+                     });
     const auto note = [this](Journal::NoteKind kind, const char* state, const char* name) {
         m_journal->note(kind, QLatin1String(state), QLatin1String(name));
     };
