@@ -1,9 +1,9 @@
 #pragma once
 
 #include "api/call.h"
-#include "api/querytable.h"
 #include "api/strictsql.h"
 #include "http/httprequesthandler.h"
+#include "service/querytable.h"
 
 #include <chrono>
 #include <memory>

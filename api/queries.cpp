@@ -2,10 +2,10 @@
 #include "api/dumpcontroller_add_user.h"
 
 #include "api/findprogram.h"
-#include "api/querytable.h"
 #include "api/requestmapper.h"
 #include "api/strictsql.h"
 #include "device/severinit.h"
+#include "service/querytable.h"
 
 #include <algorithm>
 #include <optional>

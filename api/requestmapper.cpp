@@ -8,11 +8,11 @@
 #include "core/sql/sqlite.h"
 #include "http/httprequest.h"
 #include "http/httpresponse.h"
+#include "service/passwords.h"
 
 #include <algorithm>
 #include <array>
 #include <QDebug>
-#include <QRandomGenerator>
 #include <QThread>
 
 namespace {
@@ -64,7 +64,9 @@ RequestMapper::RequestMapper(QCoreApplication* /*application*/, int /*RDDATAPORT
     , m_devices(devices)
     , m_tasks(tasks)
     , m_planKeys(database->site.tokenpaths ? std::make_unique<PlanKeys>(database->site.waringdir) : nullptr)
-    , m_onlineList(devices) {
+    , m_onlineList(devices)
+    , m_ownPasswords(std::make_unique<Passwords>(false))
+    , m_passwords(m_ownPasswords.get()) {
     FileStore::removeLeftovers(database->site.runingdir);
     loadTokens(*database);
     qDebug("RequestMapper: created");
@@ -139,45 +141,9 @@ RequestMapper::Answer RequestMapper::post(const QByteArray& path,
     return answer;
 }
 
-QString RequestMapper::randomToken() {
-    std::array<quint32, 5> words{};
-    QRandomGenerator::system()->fillRange(words.data(), static_cast<qsizetype>(words.size()));
-    return QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(words.data()), sizeof words).toHex());
-}
-
-void RequestMapper::loadTokens(sqlite& database) {
-    const std::lock_guard refreshing(m_refreshing);
-    const SqlResult users = database.run(QStringLiteral("SELECT *  FROM `sbox_users`;"));
-    QHash<int, QString> tokens;
-    for (int row = 0; row < users.rows.size(); ++row) {
-        const int id = users.integer(row, "id");
-        QString token = users.text(row, "token");
-        if (token.isEmpty()) {
-            token = randomToken();
-            database.run(QStringLiteral("UPDATE  `sbox_users` SET `token`='@token' WHERE (`id`= '@userid')"),
-                         {{QStringLiteral("@token"), token}, {QStringLiteral("@userid"), id}});
-        }
-        tokens.insert(id, token);
-    }
-    const QWriteLocker locker(&m_lock);
+void RequestMapper::setAccounts(TokenTable* tokens, Passwords* passwords, Tokens* newTokens) {
     m_tokens = tokens;
-}
-
-std::optional<QString> RequestMapper::token(int userid) const {
-    const QReadLocker locker(&m_lock);
-    const auto found = m_tokens.constFind(userid);
-    return found == m_tokens.constEnd() ? std::nullopt : std::optional(*found);
-}
-
-void RequestMapper::refreshToken(sqlite& database, int userid) {
-    const std::lock_guard refreshing(m_refreshing);
-    const SqlResult user =
-        database.run(QStringLiteral("SELECT `token` FROM `sbox_users` WHERE (`id` = '@userid');"),
-                     {{QStringLiteral("@userid"), userid}});
-    const QString token = user.text(0, "token");
-    const QWriteLocker locker(&m_lock);
-    if (token.isEmpty()) // also when the database does not answer: then nobody comes in
-        m_tokens.remove(userid);
-    else
-        m_tokens.insert(userid, token);
+    m_passwords = passwords;
+    m_newTokens = newTokens;
+    loadTokens(*m_database);
 }

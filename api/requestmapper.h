@@ -3,24 +3,24 @@
 #include "api/onlinelist.h"
 #include "api/wronglogins.h"
 #include "http/httprequesthandler.h"
+#include "service/tokentable.h"
 
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <QHash>
 #include <QMap>
-#include <QReadWriteLock>
 #include <QString>
 
 class Gate;
+class Passwords;
 class PlanKeys;
 class QCoreApplication;
 class Severinit;
 class sqlite;
 class Task_workque;
 class TemplateLoader;
+class Tokens;
 
-/// Routes requests by path prefix and owns the token table. Built once, on the main loop, after the
+/// Routes requests by path prefix. Built once, on the main loop, after the
 /// database is open and its site settings are assigned; service() runs on the HTTP workers.
 class RequestMapper : public HttpRequestHandler {
     Q_OBJECT
@@ -59,14 +59,18 @@ public:
     void setGate(Gate* gate) { m_gate = gate; }
     Gate* gate() const { return m_gate; } ///< any thread
 
-    // Token table: user id to token. Any thread.
-    std::optional<QString> token(int userid) const; ///< nullopt for an unknown user; never an empty text
-    /// Takes over what the database has: after a login, a new password, a deletion. Whatever happens at the
-    /// same time, the last one to come reads what is valid. `database` is the calling thread's own.
-    void refreshToken(sqlite& database, int userid);
-    /// The same for all accounts; who has no token is given one.
-    void loadTokens(sqlite& database);
-    static QString randomToken(); ///< 40 random lower-case hexadecimal digits
+    /// What the older paths share with others; before the first request. Must outlive the router, which
+    /// has its own without them.
+    void setAccounts(TokenTable* tokens, Passwords* passwords, Tokens* newTokens);
+    Passwords& passwords() const { return *m_passwords; }
+    /// Tokens of the interface v1, which end with a password; null without any.
+    Tokens* newTokens() const { return m_newTokens; }
+
+    /// See TokenTable.
+    std::optional<QString> token(int userid) const { return m_tokens->token(userid); }
+    void refreshToken(sqlite& database, int userid) { m_tokens->refresh(database, userid); }
+    void loadTokens(sqlite& database) { m_tokens->load(database); }
+    static QString randomToken() { return TokenTable::randomToken(); }
 
     WrongLogins& wrongLogins() { return m_wrongLogins; }
     /// Random parts of the plans' call-back addresses; null when none are asked for. Any thread.
@@ -82,8 +86,10 @@ private:
     Gate* m_gate = nullptr;
     const std::unique_ptr<const PlanKeys> m_planKeys; ///< with the key `tokenpaths`
     OnlineList m_onlineList;
-    mutable QReadWriteLock m_lock;
-    QHash<int, QString> m_tokens; ///< guarded by m_lock
     WrongLogins m_wrongLogins;
-    std::mutex m_refreshing; ///< from reading the database to writing m_tokens
+    TokenTable m_ownTokens;
+    TokenTable* m_tokens = &m_ownTokens;
+    std::unique_ptr<Passwords> m_ownPasswords;
+    Passwords* m_passwords;
+    Tokens* m_newTokens = nullptr;
 };

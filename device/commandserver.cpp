@@ -40,8 +40,8 @@ void setOptions(int descriptor) {
 }
 
 CommandHandler handlerOf(Severinit* devices) {
-    return [devices](const QByteArray& request, const auto& reply) {
-        devices->runCommand(request, reply);
+    return [devices](const QByteArray& request, const QString& peer, const auto& reply) {
+        devices->runCommand(request, reply, peer);
     };
 }
 

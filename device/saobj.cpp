@@ -3,43 +3,20 @@
 #include "core/loop/devicesocket.h"
 #include "device/fortcpclient.h"
 
-#include <chrono>
 #include <QDateTime>
-
-using namespace std::chrono_literals;
-
-namespace {
-constexpr auto StartCheckDelay = 7261ms;
-} // namespace
 
 SAobj::SAobj(QString sn, SessionEnv& env, QObject* parent)
     : QObject(parent)
     , m_env(env)
-    , m_sn(std::move(sn))
-    , m_sourceName(QStringLiteral("oxiaom"))
-    , m_taskName(QStringLiteral("oxiaomtaskname")) {}
+    , m_sn(std::move(sn)) {}
 
 SAobj::~SAobj() {
     m_env.events.forget(*this);
 }
 
-void SAobj::wheelTimeout(int tag) {
-    switch (tag) {
-    case StatusTick:
-        return timeout();
-    case Heartbeat:
-        return mp3heat_();
-    case ConnectRetry:
-        return mp3recheck();
-    case StartCheck:
-        return _check_start_stream();
-    default:
-        return;
-    }
-}
-
 void SAobj::gonline(fortcpclient* connection, int kind) {
     letGo();
+    isOnSameLine = false;
     m_kind = kind;
     setleixing(kind);
     m_onlineState = Online;
@@ -52,26 +29,22 @@ void SAobj::gonline(fortcpclient* connection, int kind) {
     // A session that was never a receiver of signals is the smaller by what Qt keeps for one.
     connect(connection, &fortcpclient::backdata, connection,
             [this](const QByteArray& bytes) { sn_onlinebackdata(bytes); });
-    m_statusTimer.reset();
-    tickUnlessIdle();
     m_statusText = CameOnline;
-    resetMp3Path();
+    m_mp3.connected();
     mirror("Line", QStringLiteral("Online"));
     mirrorRegistration();
     get_devinfo();
-    m_startCheckTimer = m_env.wheel.once(StartCheckDelay, this, StartCheck);
     note(SpeakerEvents::Online);
 }
 
 void SAobj::goffline() {
     if (m_client)
         QObject::disconnect(m_client.release(), nullptr, nullptr, nullptr);
-    m_statusTimer.reset();
-    m_startCheckTimer.reset();
+    isOnSameLine = false;
     m_statusText = WentOffline;
     m_onlineState = Offline;
     setBusy(false);
-    resetMp3Path();
+    m_mp3.disconnected();
     mirror("Line", QStringLiteral("Offline"));
     note(SpeakerEvents::Offline);
 }
@@ -84,6 +57,28 @@ void SAobj::tellAgain() {
 void SAobj::setBusy(bool busy) {
     if (std::exchange(m_busy, busy) != busy)
         note(busy ? SpeakerEvents::Playing : SpeakerEvents::Idle);
+}
+
+void SAobj::streamChanged(Mp3Path::Speaker::Change change) {
+    switch (change) {
+    case Begun:
+        return note(SpeakerEvents::StreamBegun);
+    case Replaced:
+        return note(SpeakerEvents::StreamEnded);
+    case Taken:
+        return setBusy(false);
+    case Running:
+        m_onlineState = Streaming;
+        return note(SpeakerEvents::StreamBegun);
+    case Paused:
+        m_statusText = StreamOver;
+        m_onlineState = Online;
+        return note(SpeakerEvents::StreamEnded);
+    }
+}
+
+QString SAobj::taskId() const {
+    return m_mp3.isNamed() ? QString::number(streamId()) : QStringLiteral("fucktaskid");
 }
 
 /// A newer connection of the same speaker is about to be bound. One that was let go of before is closed now:

@@ -4,8 +4,10 @@
 #include "device/statemirror.h"
 
 #include <chrono>
+#include <QHash>
 #include <QString>
 
+class Mp3Feeder;
 class SpeakerEvents;
 
 /// What every session shares. Owned by the registry, outlives the sessions.
@@ -18,6 +20,7 @@ struct SessionEnv {
     std::chrono::milliseconds commandGap{0};
     /// What may wait unsent in a Wi-Fi speaker's socket, bytes; chunks beyond are lost.
     int wifiBacklog = 0;
+    QHash<int, Mp3Feeder*> feeders{}; ///< by the id of their streams; not owned
 
     /// The mirror while writes reach it, otherwise null.
     StateMirror* connectedMirror() const { return mirror && mirror->isConnected() ? mirror : nullptr; }

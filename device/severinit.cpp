@@ -238,6 +238,13 @@ SpeakerEvents& Severinit::events() {
     return m_state->events;
 }
 
+void Severinit::setMp3Feeder(int streamId, Mp3Feeder* feeder) {
+    if (feeder)
+        m_state->env.feeders.insert(streamId, feeder);
+    else
+        m_state->env.feeders.remove(streamId);
+}
+
 const SessionEnv& Severinit::env() const {
     return m_state->env;
 }

@@ -16,6 +16,8 @@
 
 class fortcpclient;
 class LicenceCheck;
+class Mp3Feeder;
+class PlayWatch;
 class QHostAddress;
 class SAobj;
 class SpeakerEvents;
@@ -97,6 +99,9 @@ public:
     TimingWheel& wheel();
     SpeakerEvents& events(); ///< what changes about speakers
     const SessionEnv& env() const;
+    /// Who feeds the streams of this id and is told which speakers have them; null: nobody any more. Not
+    /// owned.
+    void setMp3Feeder(int streamId, Mp3Feeder* feeder);
     QVector<OnlineDevice> onlineDevices() const;
     QSet<QString> onlineSerials() const;
     void printinfo();
@@ -123,9 +128,14 @@ public:
     /// of "snlist", or the expanded "group"; never empty), returns the reply object.
     using Command = std::function<QJsonObject(const QJsonObject& request, const QStringList& targets)>;
     void addCommand(const QString& word, const Command& command);
+    /// From now on the watch is asked of every play and stop, after those that came before it. Not owned;
+    /// before the first command.
+    void addPlayWatch(PlayWatch* watch);
+    const std::vector<PlayWatch*>& playWatches() const;
     /// Runs one request as Diamonds_jsondidocom() does, but a command to many speakers goes on over turns
-    /// of the loop; `reply` is called once, at once or later.
-    void runCommand(const QByteArray& request, const std::function<void(QByteArray)>& reply);
+    /// of the loop; `reply` is called once, at once or later. `peer`: address of who sent it.
+    void runCommand(const QByteArray& request, const std::function<void(QByteArray)>& reply,
+                    const QString& peer = {});
 
 public slots:
     /// Binds a connection to its session; a serial without a session drops the connection. `port` is

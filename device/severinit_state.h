@@ -30,7 +30,7 @@ struct Severinit::State {
     // --- registry ---
     TimingWheel wheel;
     SpeakerEvents events;
-    SessionEnv env{wheel, events, {}, nullptr, {}, 0};
+    SessionEnv env{wheel, events, {}, nullptr, {}, 0, {}};
     QMap<QString, SAobj*> sessions;  ///< in the order of the serials
     QHash<QString, SAobj*> bySerial; ///< the same; a command to a fleet looks every serial up
     QSet<QString> restricted;
@@ -47,4 +47,5 @@ struct Severinit::State {
     const qint64 began = QDateTime::currentMSecsSinceEpoch(); ///< tells this run's marks from others'
     quint64 changes = 0;                                      ///< of the numbers of sessions, as far as seen
     std::unique_ptr<Dispatcher> dispatcher;
+    std::vector<PlayWatch*> playWatches; ///< not owned
 };

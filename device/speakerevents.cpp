@@ -4,6 +4,7 @@
 #include "device/saobj.h"
 
 #include <exception>
+#include <QDateTime>
 #include <QDebug>
 #include <QElapsedTimer>
 #include <utility>
@@ -44,6 +45,16 @@ void SpeakerEvents::noteAlarm(SAobj& session, char first, char second) {
         qWarning().noquote() << "alarm inputs lost, too many at once:" << session.sn();
 }
 
+void SpeakerEvents::noteReport(SAobj& session, Report::What what, const QString& path) {
+    if (!(m_wanted & Reported))
+        return;
+    add(session, Reported);
+    if (m_reports.size() < MaxReports)
+        m_reports.push_back({session.sn(), what, path, QDateTime::currentMSecsSinceEpoch()});
+    else if (mayLog("reports lost", QString()))
+        qWarning().noquote() << "reports lost, too many at once:" << session.sn();
+}
+
 void SpeakerEvents::forget(const SAobj& session) {
     const ChangeLink& link = session;
     if (link.kinds != 0)
@@ -76,6 +87,8 @@ void SpeakerEvents::tell() {
     m_changed.clear();
     m_toldAlarms.clear();
     m_toldAlarms.swap(m_alarms);
+    m_toldReports.clear();
+    m_toldReports.swap(m_reports);
     for (const Entry& entry : m_listeners) {
         if (entry.context)
             tell(entry);
@@ -96,7 +109,10 @@ void SpeakerEvents::tell(const Entry& entry) {
     m_batch.alarms.clear();
     if (entry.kinds & AlarmInput)
         m_batch.alarms = m_toldAlarms;
-    if (m_batch.speakers.empty() && m_batch.alarms.empty())
+    m_batch.reports.clear();
+    if (entry.kinds & Reported)
+        m_batch.reports = m_toldReports;
+    if (m_batch.speakers.empty() && m_batch.alarms.empty() && m_batch.reports.empty())
         return;
     try {
         entry.listener(m_batch);

@@ -32,6 +32,7 @@ public:
         AlarmInput = 1 << 7,
         Information = 1 << 8, ///< anything else that it tells of itself, or that a command has set
         CommandAccepted = 1 << 9,
+        Reported = 1 << 10, ///< what it plays from its own store, see Report
     };
     using Kinds = quint16; ///< a set of them
 
@@ -44,14 +45,31 @@ public:
         char first; ///< second and third byte of the report, 0 where missing
         char second;
     };
+    /// A report of what the speaker plays from its own store.
+    struct Report {
+        enum class What : quint8 {
+            Done,    ///< "UA1": nothing plays any more
+            Path,    ///< "UA2": begins with `path`
+            Playing, ///< "UA3"
+            Waiting, ///< "UA4"
+            Paused,  ///< "UA5"
+        };
+        QString sn;
+        What what;
+        QString path; ///< as it told it, the path part of an address or the whole; at most 512 characters
+        qint64 at;    ///< when it arrived, ms since 1970-01-01 UTC
+    };
     struct Batch {
         std::vector<Change> speakers; ///< each once
         std::vector<Alarm> alarms;    ///< in their order
+        std::vector<Report> reports;  ///< in their order
     };
     using Listener = std::function<void(const Batch&)>;
 
     /// Alarms kept for one batch; what comes beyond is lost with a line in the log.
     static constexpr size_t MaxAlarms = 10'000;
+    /// The same of reports: a few of every speaker of the largest fleet.
+    static constexpr size_t MaxReports = 100'000;
 
     SpeakerEvents();
     /// Tells what is of these kinds until `context` is gone. A listener may do whatever may be done on the
@@ -64,6 +82,7 @@ public:
             add(session, kind);
     }
     void noteAlarm(SAobj& session, char first, char second);
+    void noteReport(SAobj& session, Report::What what, const QString& path = {});
     /// The session is about to be deleted: it leaves the batch.
     void forget(const SAobj& session);
 
@@ -84,9 +103,11 @@ private:
     // Gathered for the next batch.
     std::vector<SAobj*> m_changed; ///< null: it has ended
     std::vector<Alarm> m_alarms;
+    std::vector<Report> m_reports;
     // Being told.
     std::vector<Change> m_told;
     std::vector<Alarm> m_toldAlarms;
+    std::vector<Report> m_toldReports;
     Batch m_batch; ///< of these what one listener wants
     bool m_isTelling = false;
     QTimer m_timer;        ///< active from the first change to its batch

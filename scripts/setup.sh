@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 
 packages=(
   # to build
-  g++ cmake ninja-build pkg-config qtbase5-dev libqt5websockets5-dev libmicrohttpd-dev libmpg123-dev
+  g++ cmake ninja-build pkg-config qtbase5-dev libqt5websockets5-dev libmicrohttpd-dev libmpg123-dev libcrypt-dev
   # to run
   libqt5sql5-sqlite libqt5sql5-mysql lame ffmpeg espeak-ng nodejs npm ca-certificates
   # for the show

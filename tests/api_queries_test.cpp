@@ -1,5 +1,5 @@
 // Every command of the account-centred query sets: what it asks for, who may, what it gives and changes.
-#include "api/querytable.h"
+#include "service/querytable.h"
 #include "support/apiworld.h"
 #include "support/table.h"
 #include "support/testmain.h"

@@ -356,7 +356,7 @@ private slots:
         QVERIFY(told.empty()); // not before the loop's turn
         QVERIFY(waitFor([&] { return !told.empty(); }));
         QVERIFY(told.size() == 1 && told[0].session == session());
-        QCOMPARE(told[0].kinds, E::Kinds(E::Volume | E::Playing | E::AlarmInput));
+        QCOMPARE(told[0].kinds, E::Kinds(E::Volume | E::Playing | E::AlarmInput | E::Reported));
         QVERIFY(alarms.size() == 2 && alarms[0].first == '1' && alarms[0].second == 'a');
         QVERIFY(alarms[1].sn == sn() && alarms[1].first == '0' && alarms[1].second == 0);
         other.reset();

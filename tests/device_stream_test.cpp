@@ -68,6 +68,46 @@ private slots:
         }
     }
 
+    void whoeverFeedsIsTold() {
+        struct Feeder : Mp3Feeder {
+            void gainedSpeaker(const QString& sn, const Mp3Stream& stream) override { tell('+', sn, stream); }
+            void lostSpeaker(const QString& sn, const Mp3Stream& stream) override { tell('-', sn, stream); }
+            void tell(char what, const QString& sn, const Mp3Stream& stream) {
+                if (sn == QString(testSerial().toHex()) && stream.source == "source")
+                    told += QString("%1%2.%3 ").arg(what).arg(stream.id).arg(stream.sequence);
+            }
+            QString told;
+        } feeder;
+        for (const int id : {1, 2})
+            m_link->registry.setMp3Feeder(id, &feeder);
+        const auto told = [&] {
+            return std::exchange(feeder.told, {});
+        };
+        QCOMPARE(forward(1, 5, 1, "x", false), -1);
+        QCOMPARE(told(), "");
+        forward(1, 5, 1);
+        forward(1, 5, 1);
+        forward(2, 4, 2);
+        QCOMPARE(told(), "+1.1 ");
+        forward(1, 5, 2);
+        QCOMPARE(told(), "-1.1 +1.2 ");
+        forward(2, 6, 3);
+        QCOMPARE(told(), "-1.2 +2.3 ");
+        forward(1, 6, 4); // keeps the one that has it from going on, and is refused itself from its next on
+        QCOMPARE(told(), "-2.3 ");
+        forward(1, 7, 5);
+        session()->timeout();
+        forward(1, 7, 5);
+        QCOMPARE(told(), "+1.5 -1.5 +1.5 ");
+        m_speaker->close();
+        QVERIFY(waitFor([&] { return !session()->isBound(); }));
+        QCOMPARE(told(), "-1.5 ");
+        m_link->registry.setMp3Feeder(1, nullptr);
+        m_speaker = m_link->speaker(testSerial());
+        QCOMPARE(forward(1, 7, 5), 0);
+        QCOMPARE(told(), "");
+    }
+
     void refusedWithoutConnection() {
         m_speaker->close();
         QVERIFY(waitFor([&] { return !session()->isBound(); }));

@@ -2,6 +2,7 @@
 
 #include "api/filestore.h"
 #include "api/requestmapper.h"
+#include "core/app/frontdoor.h"
 #include "core/app/site.h"
 #include "core/sql/migrations.h"
 #include "core/sql/sqlite.h"
@@ -15,6 +16,11 @@
 #include "http/templateloader.h"
 #include "nodes/gate.h"
 #include "redis/fuck_redis.h"
+#include "rest/restrouter.h"
+#include "service/loginbrake.h"
+#include "service/passwords.h"
+#include "service/tokens.h"
+#include "service/tokentable.h"
 #include "tasks/alarms/alarmcast.h"
 #include "tasks/task_workque.h"
 
@@ -59,6 +65,14 @@ std::unique_ptr<QSettings> openGroup(const Settings& settings, const QString& gr
     std::exit(EXIT_FAILURE);
 }
 
+QStringList hostList(const QString& hosts) {
+    QStringList list;
+    const QStringList entries = hosts.split(QLatin1Char(','), Qt::SkipEmptyParts);
+    for (const QString& host : entries)
+        list.append(host.trimmed());
+    return list;
+}
+
 QStringList serialsOf(const SqlResult& result, const char* column) {
     QStringList serials;
     serials.reserve(result.rows.size());
@@ -85,6 +99,7 @@ void Startup::run() {
     if (!m_settings.flag("isonly_media")) {
         openDatabase();
         createTasks();
+        createAccounts();
         serveHttp();
         qDebug() << QSqlDatabase::drivers();
     }
@@ -238,16 +253,39 @@ void Startup::serveHttp() {
 
     m_front = std::make_unique<MainCellInit>(nullptr, text("ASKEY"), integer("Meida_port"), integer("wbport"),
                                              text("Meida_ip"));
+    createRouters();
+    m_front->setOrigins(text("weborigins"));
+    m_front->setRouter(m_router.get());
+
+    m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_frontDoor.get());
+    m_http->setStaticFiles(m_files.get());
+    m_http->listen();
+}
+
+void Startup::createAccounts() {
+    m_passwords = std::make_unique<Passwords>(m_settings.flag("hashpasswords"));
+    m_tokens = std::make_unique<Tokens>(std::chrono::hours(24) * qMax(1, integer("tokendays")));
+    m_oldTokens = std::make_unique<TokenTable>();
+    m_loginBrake = std::make_unique<LoginBrake>();
+}
+
+void Startup::createRouters() {
     m_router = std::make_unique<RequestMapper>(m_application, integer("RDDATAPORT"), text("Meida_ip"),
                                                m_database.get(), m_devices.get(), m_tasks.get());
     m_router->setTemplates(m_templates.get());
     m_router->setGate(m_gate.get());
-    m_front->setOrigins(text("weborigins"));
-    m_front->setRouter(m_router.get());
-
-    m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_router.get());
-    m_http->setStaticFiles(m_files.get());
-    m_http->listen();
+    m_router->setAccounts(m_oldTokens.get(), m_passwords.get(), m_tokens.get());
+    Services services;
+    services.database = m_database.get();
+    services.devices = m_devices.get();
+    services.gate = m_gate.get();
+    services.tasks = m_tasks.get();
+    services.passwords = m_passwords.get();
+    services.tokens = m_tokens.get();
+    services.oldTokens = m_oldTokens.get();
+    services.loginBrake = m_loginBrake.get();
+    m_restRouter = std::make_unique<RestRouter>(services, hostList(text("weborigins")));
+    m_frontDoor = std::make_unique<FrontDoor>(m_restRouter.get(), m_router.get());
 }
 
 // The one line that scripts wait for; ports as they were bound, and what is still to come.

@@ -11,19 +11,25 @@
 class Alarmcast;
 class cmdthread6;
 class cmdthread;
+class FrontDoor;
 class fuck_redis;
 class Gate;
 class HttpListener;
 class HttpSessionStore;
+class LoginBrake;
 class MainCellInit;
+class Passwords;
 class QCoreApplication;
 class RequestMapper;
+class RestRouter;
 class sever_listen;
 class Severinit;
 class sqlite;
 class StaticFileController;
 class Task_workque;
 class TemplateLoader;
+class TokenTable;
+class Tokens;
 
 /// Creates and wires the long-lived objects, each once, in the order in which they need each other, and
 /// holds them until the process ends (they go in reverse order). Main thread, before the event loop.
@@ -49,7 +55,9 @@ private:
     bool loadStoredSpeakers();
     void awaitDatabase();
     void createTasks();
+    void createAccounts();
     void serveHttp();
+    void createRouters();
     void logReady() const;
 
     QString text(const char* key) const { return m_settings.text(key); }
@@ -75,7 +83,13 @@ private:
     std::unique_ptr<HttpSessionStore> m_sessions;
     std::unique_ptr<StaticFileController> m_files;
     std::unique_ptr<TemplateLoader> m_templates;
+    std::unique_ptr<Passwords> m_passwords;
+    std::unique_ptr<Tokens> m_tokens;
+    std::unique_ptr<TokenTable> m_oldTokens;
+    std::unique_ptr<LoginBrake> m_loginBrake;
     std::unique_ptr<RequestMapper> m_router;
+    std::unique_ptr<RestRouter> m_restRouter;
+    std::unique_ptr<FrontDoor> m_frontDoor;
     std::unique_ptr<MainCellInit> m_front; ///< made before the router, ends before it
     std::unique_ptr<HttpListener> m_http;
 };

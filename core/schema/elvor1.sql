@@ -164,7 +164,7 @@ CREATE INDEX `group_seed_device` ON `group_seed` (`devid`);
 DROP TABLE IF EXISTS `sbox_users`;
 CREATE TABLE `sbox_users` (
   `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
-  `user_name` VARCHAR(191) NOT NULL DEFAULT '',
+  `user_name` VARCHAR(200) NOT NULL DEFAULT '',
   `user_pass` VARCHAR(255) NOT NULL DEFAULT '',
   `master_id` INT NOT NULL DEFAULT 0, -- the account that made this sub-account
   `mask` VARCHAR(8192) NOT NULL DEFAULT '', -- device ids that a sub-account sees
@@ -248,6 +248,55 @@ CREATE TABLE `rizhi` (
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
 CREATE INDEX `rizhi_owner` ON `rizhi` (`userid`);
 
+DROP TABLE IF EXISTS `apitoken`;
+CREATE TABLE `apitoken` (
+  `id` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `account` INT NOT NULL,         -- sbox_users.id
+  `name` VARCHAR(255) NOT NULL DEFAULT '',    -- of a program; empty: a login's
+  `hash` CHAR(64) NOT NULL,               -- SHA-256 of the token, hex
+  `created` BIGINT NOT NULL,         -- ms since 1970
+  `expires` BIGINT NOT NULL DEFAULT 0 -- the same, 0 never
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE UNIQUE INDEX `apitoken_hash` ON `apitoken` (`hash`);
+CREATE INDEX `apitoken_account` ON `apitoken` (`account`);
+CREATE INDEX `apitoken_expires` ON `apitoken` (`expires`);
+
+DROP TABLE IF EXISTS `groupgrant`;
+CREATE TABLE `groupgrant` (
+  `id` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `account` INT NOT NULL, -- sbox_users.id, who is given the right
+  `gid` INT NOT NULL,     -- sbox_group.id
+  `role` INT NOT NULL     -- 1 viewer, 2 operator
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE UNIQUE INDEX `groupgrant_once` ON `groupgrant` (`account`, `gid`);
+CREATE INDEX `groupgrant_group` ON `groupgrant` (`gid`);
+
+DROP TABLE IF EXISTS `audit`;
+CREATE TABLE `audit` (
+  `id` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `at` BIGINT NOT NULL, -- ms since 1970
+  `account` INT NOT NULL DEFAULT 0,
+  `address` VARCHAR(64) NOT NULL DEFAULT '',
+  `action` VARCHAR(255) NOT NULL,
+  `object` VARCHAR(255) NOT NULL DEFAULT '',
+  `detail` VARCHAR(255) NOT NULL DEFAULT ''
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `audit_at` ON `audit` (`at`);
+CREATE INDEX `audit_account` ON `audit` (`account`);
+
+DROP TABLE IF EXISTS `idempotency`;
+CREATE TABLE `idempotency` (
+  `account` INT NOT NULL,
+  `name` VARCHAR(100) NOT NULL,              -- the key that the client chose
+  `request` CHAR(64) NOT NULL,           -- SHA-256 of the request, hex
+  `status` INT NOT NULL,         -- of its answer, 0 while it is under way
+  `location` VARCHAR(255) NOT NULL DEFAULT '',
+  `body` MEDIUMTEXT,
+  `at` BIGINT NOT NULL,             -- ms since 1970
+  PRIMARY KEY (`account`, `name`)
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `idempotency_at` ON `idempotency` (`at`);
+
 INSERT INTO `sbox_node` (`id`, `node_name`) VALUES (1, 'node1');
 INSERT INTO `swap_info` (`type`) VALUES ('info');
 INSERT INTO `xieyi_mod` (`id`, `xieyi`) VALUES (1, '');
@@ -255,4 +304,4 @@ INSERT INTO `xieyi_mod` (`id`, `xieyi`) VALUES (1, '');
 -- The version of what stands above: the number of the newest step in migrations/.
 DROP TABLE IF EXISTS `schema_version`;
 CREATE TABLE `schema_version` (`version` INTEGER NOT NULL);
-INSERT INTO `schema_version` (`version`) VALUES (2);
+INSERT INTO `schema_version` (`version`) VALUES (3);

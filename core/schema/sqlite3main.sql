@@ -253,6 +253,55 @@ CREATE TABLE `rizhi` (
 );
 CREATE INDEX `rizhi_owner` ON `rizhi` (`userid`);
 
+DROP TABLE IF EXISTS `apitoken`;
+CREATE TABLE `apitoken` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `account` INTEGER NOT NULL,         -- sbox_users.id
+  `name` TEXT NOT NULL DEFAULT '',    -- of a program; empty: a login's
+  `hash` TEXT NOT NULL,               -- SHA-256 of the token, hex
+  `created` INTEGER NOT NULL,         -- ms since 1970
+  `expires` INTEGER NOT NULL DEFAULT 0 -- the same, 0 never
+);
+CREATE UNIQUE INDEX `apitoken_hash` ON `apitoken` (`hash`);
+CREATE INDEX `apitoken_account` ON `apitoken` (`account`);
+CREATE INDEX `apitoken_expires` ON `apitoken` (`expires`);
+
+DROP TABLE IF EXISTS `groupgrant`;
+CREATE TABLE `groupgrant` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `account` INTEGER NOT NULL, -- sbox_users.id, who is given the right
+  `gid` INTEGER NOT NULL,     -- sbox_group.id
+  `role` INTEGER NOT NULL     -- 1 viewer, 2 operator
+);
+CREATE UNIQUE INDEX `groupgrant_once` ON `groupgrant` (`account`, `gid`);
+CREATE INDEX `groupgrant_group` ON `groupgrant` (`gid`);
+
+DROP TABLE IF EXISTS `audit`;
+CREATE TABLE `audit` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `at` INTEGER NOT NULL, -- ms since 1970
+  `account` INTEGER NOT NULL DEFAULT 0,
+  `address` TEXT NOT NULL DEFAULT '',
+  `action` TEXT NOT NULL,
+  `object` TEXT NOT NULL DEFAULT '',
+  `detail` TEXT NOT NULL DEFAULT ''
+);
+CREATE INDEX `audit_at` ON `audit` (`at`);
+CREATE INDEX `audit_account` ON `audit` (`account`);
+
+DROP TABLE IF EXISTS `idempotency`;
+CREATE TABLE `idempotency` (
+  `account` INTEGER NOT NULL,
+  `name` TEXT NOT NULL,              -- the key that the client chose
+  `request` TEXT NOT NULL,           -- SHA-256 of the request, hex
+  `status` INTEGER NOT NULL,         -- of its answer, 0 while it is under way
+  `location` TEXT NOT NULL DEFAULT '',
+  `body` TEXT NOT NULL DEFAULT '',
+  `at` INTEGER NOT NULL,             -- ms since 1970
+  PRIMARY KEY (`account`, `name`)
+);
+CREATE INDEX `idempotency_at` ON `idempotency` (`at`);
+
 INSERT INTO `sbox_node` (`id`, `node_name`) VALUES (1, 'node1');
 INSERT INTO `swap_info` (`type`) VALUES ('info');
 INSERT INTO `xieyi_mod` (`id`, `xieyi`) VALUES (1, '');
@@ -260,4 +309,4 @@ INSERT INTO `xieyi_mod` (`id`, `xieyi`) VALUES (1, '');
 -- The version of what stands above: the number of the newest step in migrations/.
 DROP TABLE IF EXISTS `schema_version`;
 CREATE TABLE `schema_version` (`version` INTEGER NOT NULL);
-INSERT INTO `schema_version` (`version`) VALUES (2);
+INSERT INTO `schema_version` (`version`) VALUES (3);

@@ -46,9 +46,12 @@ Alarmcast::Alarmcast(Severinit* devices, QString runingdir, QObject* parent)
     devices->addCommand(
         QStringLiteral("STOPMG"),
         [this](const QJsonObject& /*request*/, const QStringList& targets) { return stop(targets); });
+    devices->setMp3Feeder(StreamId, this);
 }
 
-Alarmcast::~Alarmcast() = default;
+Alarmcast::~Alarmcast() {
+    m_devices->setMp3Feeder(StreamId, nullptr);
+}
 
 // --- commands ---
 
@@ -153,17 +156,39 @@ bool Alarmcast::start(const QStringList& files, const QStringList& targets, int 
 /// Every speaker shares the packet's one copy.
 void Alarmcast::feed(const Cast& cast, const QByteArray& packet) {
     const std::vector<SAobj*>& speakers = cast.speakers;
+    const Mp3Stream stream{StreamId, cast.level, cast.sequence, SourceName, cast.player->currentFile()};
     for (size_t i = 0; i < speakers.size(); ++i) {
         fetchAhead(speakers, i, std::mem_fn(&SAobj::fetch), std::mem_fn(&SAobj::fetchMp3Socket));
-        speakers[i]->send_mp3data_mut(SourceName, StreamId, cast.player->currentFile(), cast.level,
-                                      cast.sequence, true, packet);
+        speakers[i]->forward(stream, true, packet);
     }
 }
 
 /// The player may be the one that calls.
 void Alarmcast::endSoon(int sequence) {
     QMetaObject::invokeMethod(
-        this,
-        [this, sequence] { m_casts.remove_if([&](const Cast& cast) { return cast.sequence == sequence; }); },
-        Qt::QueuedConnection);
+        this, [this, sequence] { end(sequence); }, Qt::QueuedConnection);
+}
+
+void Alarmcast::end(int sequence) {
+    if (const Cast* const cast = castOf(sequence))
+        qInfo().noquote() << "PLAYMG over, sequence" << sequence << "begun on" << cast->gained
+                          << "speakers, lost" << cast->lost;
+    m_casts.remove_if([&](const Cast& cast) { return cast.sequence == sequence; });
+}
+
+/// Null: it is over.
+Alarmcast::Cast* Alarmcast::castOf(int sequence) {
+    const auto found = std::find_if(m_casts.begin(), m_casts.end(),
+                                    [&](const Cast& cast) { return cast.sequence == sequence; });
+    return found == m_casts.end() ? nullptr : &*found;
+}
+
+void Alarmcast::gainedSpeaker(const QString& /*sn*/, const Mp3Stream& stream) {
+    if (Cast* const cast = castOf(stream.sequence))
+        ++cast->gained;
+}
+
+void Alarmcast::lostSpeaker(const QString& /*sn*/, const Mp3Stream& stream) {
+    if (Cast* const cast = castOf(stream.sequence))
+        ++cast->lost;
 }

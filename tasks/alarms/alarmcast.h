@@ -1,5 +1,7 @@
 #pragma once
 
+#include "device/mp3path.h"
+
 #include <list>
 #include <memory>
 #include <QByteArray>
@@ -16,7 +18,7 @@ class Severinit;
 /// Feeds alarm files to speakers as a stream: the commands "PLAYMG" and "STOPMG". Each start is a cast
 /// of its own with a higher sequence than the one before; where casts meet on a speaker, the higher
 /// level plays, and of equal levels the newer. Main loop only. Owner: start-up.
-class Alarmcast : public QObject {
+class Alarmcast : public QObject, private Mp3Feeder {
     Q_OBJECT
 public:
     /// Casts at once: each is a timer and an open file. An installation has a handful of zones.
@@ -42,6 +44,8 @@ private:
     struct Cast {
         int sequence = 0;
         int level = 0;
+        int gained = 0;               ///< times that a speaker began to hear it
+        int lost = 0;                 ///< times that another stream or its connection took one away
         std::vector<SAobj*> speakers; ///< sessions, which live as long as the registry
         std::unique_ptr<Baojingobject> player;
     };
@@ -49,6 +53,10 @@ private:
     bool start(const QStringList& files, const QStringList& targets, int level);
     void feed(const Cast& cast, const QByteArray& packet);
     void endSoon(int sequence);
+    void end(int sequence);
+    Cast* castOf(int sequence);
+    void gainedSpeaker(const QString& sn, const Mp3Stream& stream) override;
+    void lostSpeaker(const QString& sn, const Mp3Stream& stream) override;
     QJsonObject outcome(const QStringList& targets) const;
 
     Severinit* m_devices;

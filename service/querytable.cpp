@@ -1,4 +1,4 @@
-#include "api/querytable.h"
+#include "service/querytable.h"
 
 #include <algorithm>
 #include <QDebug>

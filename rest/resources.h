@@ -1,0 +1,13 @@
+#pragma once
+
+class RestRoutes;
+
+/// Each resource adds its rows to the table; their files are named after them.
+void addAccountRoutes(RestRoutes& routes);
+void addAuditRoutes(RestRoutes& routes);
+void addGrantRoutes(RestRoutes& routes);
+void addSessionRoutes(RestRoutes& routes);
+void addTokenRoutes(RestRoutes& routes);
+
+/// All of them.
+void addResources(RestRoutes& routes);

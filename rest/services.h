@@ -1,0 +1,23 @@
+#pragma once
+
+class Gate;
+class LoginBrake;
+class Passwords;
+class Severinit;
+class sqlite;
+class Task_workque;
+class TokenTable;
+class Tokens;
+
+/// What the handlers work with; filled by start-up before the first request, owned by it. Main-loop objects
+/// only through callOnLoop() or the gate.
+struct Services {
+    const sqlite* database = nullptr; ///< the main loop's; a handler has its worker's own (RestCall)
+    Severinit* devices = nullptr;     ///< main loop
+    Gate* gate = nullptr;             ///< any thread
+    Task_workque* tasks = nullptr;    ///< main loop; null for kinds without tasks
+    Passwords* passwords = nullptr;   ///< any thread
+    Tokens* tokens = nullptr;         ///< any thread
+    TokenTable* oldTokens = nullptr;  ///< any thread
+    LoginBrake* loginBrake = nullptr; ///< any thread
+};
