@@ -1,6 +1,7 @@
 #include "rest/resources.h"
 
 void addResources(RestRoutes& routes) {
+    addAboutRoutes(routes);
     addSessionRoutes(routes);
     addTokenRoutes(routes);
     addAuditRoutes(routes);

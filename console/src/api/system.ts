@@ -7,7 +7,7 @@ export const system = (): Promise<System> => get('/system')
 /** What this service is: what it offers is what the page shows. */
 export interface About {
   version: string
-  events: { port: number } | null // the WebSocket front's port; null while it is closed
+  websocket: number | null // port of the WebSocket front; null while it is closed
   paths: string[] // "/speakers/{serial}"
 }
 

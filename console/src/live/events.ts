@@ -21,7 +21,7 @@ const pauses = [250, 500, 1_000, 2_000, 5_000, 10_000, 30_000] // ms, each up to
 const policyViolation = 1008
 
 interface Told {
-  event?: string
+  event?: string // none: the front answers, but knows no events
   topic?: Topic
   items?: unknown[]
   ids?: (string | number)[]
@@ -33,6 +33,7 @@ export class Events {
   private attempts = 0
   private timer = 0
   private ended = false
+  private isTold = false // this connection has brought something
 
   constructor(
     private readonly address: string,
@@ -69,6 +70,7 @@ export class Events {
   private connect(): void {
     const socket = new WebSocket(this.address)
     this.socket = socket
+    this.isTold = false
     socket.onopen = () => socket.send(JSON.stringify({ path, token: this.token, topics: this.topics }))
     socket.onmessage = ({ data }) => this.take(socket, data)
     socket.onclose = ({ code }) => this.lost(socket, code)
@@ -77,13 +79,14 @@ export class Events {
   private take(socket: WebSocket, data: unknown): void {
     if (socket !== this.socket || typeof data !== 'string') return
     const told: Told = JSON.parse(data)
-    if (told.event === 'error') {
+    if (!told.event || told.event === 'error') {
       this.attempts = pauses.length // no hurry: the answer will be the same
       this.handlers.refused()
       socket.close()
     } else if (told.topic && told.event === 'snapshot') {
       this.attempts = 0
-      this.handlers.connected(true)
+      if (!this.isTold) this.handlers.connected(true)
+      this.isTold = true
       this.handlers.snapshot(told.topic, told.items ?? [], told.more === true)
     } else if (told.topic && told.event === 'change') {
       this.handlers.change(told.topic, told.items ?? [])

@@ -43,7 +43,7 @@ function use(text: string): void {
 async function begin(me: api.Me): Promise<void> {
   const told = await about()
   state.paths = new Set(told.paths)
-  state.eventsPort = told.events?.port ?? 0
+  state.eventsPort = told.websocket ?? 0
   state.grants = state.paths.has('/grants') ? await grants() : []
   state.me = me
   state.ended = false
