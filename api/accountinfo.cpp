@@ -42,11 +42,7 @@ QJsonObject DumpController_add_user::accountInfo(const Call& call, const QString
     const auto refused = [](const char* word) {
         return QJsonObject{{QStringLiteral("res"), false}, {QStringLiteral("info"), QLatin1String(word)}};
     };
-    const SqlResult login = db().run(
-        QStringLiteral(
-            "SELECT * FROM  sbox_users where (`user_name` =  '@username' and  `user_pass`= '@passwd' );"),
-        {{QStringLiteral("@username"), call.text("username")},
-         {QStringLiteral("@passwd"), call.text("passwd")}});
+    const SqlResult login = findLogin(call);
     if (!login.ok)
         return refused("ER_EXE");
     if (login.isEmpty()) {

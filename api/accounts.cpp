@@ -4,6 +4,8 @@
 #include "api/requestmapper.h"
 #include "api/strictsql.h"
 #include "device/severinit.h"
+#include "service/accounts.h"
+#include "service/passwords.h"
 #include "tasks/task_workque.h"
 
 #include <QCryptographicHash>
@@ -27,14 +29,6 @@ QString newToken(const QString& username, const QString& passwd, bool withRandom
     return QString::fromLatin1(hash.result().toHex());
 }
 
-SqlResult findLogin(const StrictSql& database, const Call& call) {
-    return database.run(
-        QStringLiteral(
-            "select * from  `sbox_users` where ( `user_name` = '@username' and `user_pass` = '@passwd')"),
-        {{QStringLiteral("@username"), call.text("username")},
-         {QStringLiteral("@passwd"), call.text("passwd")}});
-}
-
 /// 0 is an account of its own, another number an existing account.
 bool isUsableMaster(const StrictSql& database, const Call& call) {
     if (call.text("preid").isEmpty() || call.text("preid") == QLatin1String("0"))
@@ -46,9 +40,18 @@ bool isUsableMaster(const StrictSql& database, const Call& call) {
 }
 } // namespace
 
+SqlResult DumpController_add_user::findLogin(const Call& call) const {
+    SqlResult account = db().run(
+        QStringLiteral("select * from  `sbox_users` where ( `user_name` = '@username' )"),
+        {{QStringLiteral("@username"), call.text("username")},
+         {QStringLiteral("@passwd"), call.text("passwd")}}); // not in the statement, but no quotes either
+    comparePassword(db(), m_mapper->passwords(), call.text("passwd"), account);
+    return account;
+}
+
 QByteArray DumpController_add_user::user_gtoken(const Call& call) {
     const QString token = newToken(call.text("username"), call.text("passwd"), db().site.randomtokens);
-    const SqlResult login = findLogin(db(), call);
+    const SqlResult login = findLogin(call);
     if (!login.ok && !login.refused)
         return refusal(QStringLiteral("ER_EXE"));
     if (login.isEmpty())
@@ -70,7 +73,7 @@ QByteArray DumpController_add_user::user_gtoken(const Call& call) {
 }
 
 QByteArray DumpController_add_user::user_onlygtoken(const Call& call) {
-    const SqlResult login = findLogin(db(), call);
+    const SqlResult login = findLogin(call);
     if (!login.ok)
         return refusal(QStringLiteral("ER_EXE"));
     if (login.isEmpty())
@@ -96,7 +99,7 @@ QByteArray DumpController_add_user::user_add_lite(const Call& call) {
         QStringLiteral("INSERT INTO  `sbox_users` (`user_name`, `user_pass`, `master_id`,`token`) VALUES "
                        "('@username', '@passwd', '@master_id', '@token')"),
         {{QStringLiteral("@username"), call.text("username")},
-         {QStringLiteral("@passwd"), call.text("passwd")},
+         {QStringLiteral("@passwd"), m_mapper->passwords().asStored(call.text("passwd"))},
          {QStringLiteral("@master_id"), call.number("preid")},
          {QStringLiteral("@token"), token}});
     if (!insert.ok)

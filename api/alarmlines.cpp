@@ -331,11 +331,7 @@ QByteArray DumpController_add_user::Startwaringtask(const Call& call) {
     for (const char* name : {"username", "passwd", "taskid"})
         if (!call.has(name))
             return refusal(QStringLiteral("Parer"));
-    const SqlResult account =
-        db().run(QStringLiteral("SELECT * FROM  sbox_users where `user_name`='@username' and "
-                                "`user_pass` = '@passwd';"),
-                 {{QStringLiteral("@username"), call.text("username")},
-                  {QStringLiteral("@passwd"), call.text("passwd")}});
+    const SqlResult account = findLogin(call);
     if (!account.ok || account.isEmpty())
         return refuseLogin(call, QStringLiteral("账号密码不正确"));
     if (call.has("token") && call.text("token") != account.text(0, "token"))

@@ -1,6 +1,7 @@
 #include "api/call.h"
 
 #include "api/requestmapper.h"
+#include "core/serial.h"
 #include "core/sql/sqlite.h"
 #include "http/httprequest.h"
 
@@ -72,8 +73,7 @@ QString commaList(const QList<qint64>& ids) {
 }
 
 bool isFullSerial(const QString& text) {
-    static const QRegularExpression serial(QStringLiteral("\\A[0-9a-f]{%1}\\z").arg(SerialLength));
-    return serial.match(text).hasMatch();
+    return isSerialOf(text, SerialLength);
 }
 
 bool isOneLine(const QString& text) {

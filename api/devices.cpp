@@ -108,13 +108,6 @@ QVector<LiveState> liveStates(Severinit* devices, const SqlResult& rows) {
     });
 }
 
-SqlResult webLogin(const StrictSql& database, const Call& call) {
-    return database.run(
-        QStringLiteral("SELECT * FROM  sbox_users where  user_name = '@username' and user_pass = '@passwd';"),
-        {{QStringLiteral("@username"), call.text("username")},
-         {QStringLiteral("@passwd"), call.text("passwd")}});
-}
-
 /// The steps that enabling and disabling share.
 template<typename Send>
 QByteArray switchDevices(const Call& call, Send send) {
@@ -211,7 +204,7 @@ QByteArray DumpController_add_user::user_LIST(const Call& /*call*/) {
 }
 
 QByteArray DumpController_add_user::get_devicelistweb(const Call& call) {
-    const SqlResult login = webLogin(db(), call);
+    const SqlResult login = findLogin(call);
     if (login.isEmpty())
         return login.ok ? refuseLogin(call) : refusal(QStringLiteral("ER_EXE"));
     const SqlResult rows =
@@ -226,7 +219,7 @@ QByteArray DumpController_add_user::get_devicelistweb(const Call& call) {
 }
 
 QByteArray DumpController_add_user::add_user_devices_cross(const Call& call) {
-    const SqlResult login = webLogin(db(), call);
+    const SqlResult login = findLogin(call);
     if (login.isEmpty())
         return login.ok ? refuseLogin(call) : refusal(QStringLiteral("ER_EXE"));
     const QString sn = call.text("sed");

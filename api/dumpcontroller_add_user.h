@@ -165,6 +165,9 @@ private:
     QStringList commandable(int userid, const QStringList& sns) const;
     /// The account with its node and the devices that `devices` selects. An object with "res": false
     /// when the login is refused.
+    /// The account "username" when "passwd" is its password: a row with every column, else none. What
+    /// StrictSql refuses is told in the result.
+    SqlResult findLogin(const Call&) const;
     QJsonObject accountInfo(const Call&, const QString& devices);
     /// The refusal of a name and password that are no account's.
     QByteArray refuseLogin(const Call& call, const QString& word = QStringLiteral("ER_REJECT"));

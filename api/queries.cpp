@@ -5,7 +5,10 @@
 #include "api/requestmapper.h"
 #include "api/strictsql.h"
 #include "device/severinit.h"
+#include "service/accounts.h"
+#include "service/passwords.h"
 #include "service/querytable.h"
+#include "service/tokens.h"
 
 #include <algorithm>
 #include <optional>
@@ -46,6 +49,7 @@ std::optional<SqlValue> convert(const QString& text, Type type, bool mayBeEmpty)
     case Type::Date:
         return startsWithDate(text) ? std::optional<SqlValue>(text) : std::nullopt;
     case Type::Text:
+    case Type::Password:
         break;
     }
     return mayBeEmpty || !text.isEmpty() ? std::optional<SqlValue>(text) : std::nullopt;
@@ -90,11 +94,13 @@ void take(const QueryTable::Step& step, const SqlResult& result, Values& values)
 }
 
 /// Returns the word that refuses, null when all went well.
-const char* runStep(const StrictSql& database, const QueryTable::Step& step, Values& values,
-                    SqlResult& result) {
+const char* runStep(const StrictSql& database, Passwords& passwords, const QueryTable::Step& step,
+                    Values& values, SqlResult& result) {
     result = database.run(step.statement, arguments(values));
     if (!result.ok)
         return "ER_EXE";
+    if (!step.password.isEmpty())
+        comparePassword(database, passwords, std::get<QString>(values.value(step.password)), result);
     if ((step.rows == QueryTable::Rows::Some && result.isEmpty()) ||
         (step.rows == QueryTable::Rows::None && !result.isEmpty()))
         return "ER_REJECT";
@@ -103,10 +109,10 @@ const char* runStep(const StrictSql& database, const QueryTable::Step& step, Val
 }
 
 /// Runs the steps one after the other, as runStep(); `result` is then the last step's.
-const char* runSteps(const StrictSql& database, const QueryTable::Command& command, Values values,
-                     SqlResult& result) {
+const char* runSteps(const StrictSql& database, Passwords& passwords, const QueryTable::Command& command,
+                     Values values, SqlResult& result) {
     for (const QueryTable::Step& step : command.steps) {
-        if (const char* const fault = runStep(database, step, values, result))
+        if (const char* const fault = runStep(database, passwords, step, values, result))
             return fault;
     }
     return command.writes && result.affected == 0 ? "ER_REJECT" : nullptr;
@@ -114,10 +120,11 @@ const char* runSteps(const StrictSql& database, const QueryTable::Command& comma
 
 /// Whether the caller may have the command: its checks alone, which is far less than starting a program for
 /// anybody.
-const char* runChecks(const StrictSql& database, const QueryTable::Command& command, Values values) {
+const char* runChecks(const StrictSql& database, Passwords& passwords, const QueryTable::Command& command,
+                      Values values) {
     SqlResult result;
     for (const QueryTable::Step& step : command.steps) {
-        const char* const fault = step.isCheck ? runStep(database, step, values, result) : nullptr;
+        const char* const fault = step.isCheck ? runStep(database, passwords, step, values, result) : nullptr;
         if (fault)
             return fault;
     }
@@ -149,11 +156,12 @@ QJsonArray visibleRows(const SqlResult& result) {
     return rows;
 }
 
-QByteArray runCommand(const StrictSql& database, const QueryTable::Command& command, const Values& values) {
+QByteArray runCommand(const StrictSql& database, Passwords& passwords, const QueryTable::Command& command,
+                      const Values& values) {
     SqlResult result;
     const char* fault = nullptr;
     const auto run = [&] {
-        fault = runSteps(database, command, values, result);
+        fault = runSteps(database, passwords, command, values, result);
         return fault == nullptr;
     };
     const bool finished = command.writes ? database.transaction(run) : run();
@@ -182,11 +190,28 @@ QByteArray refuseCommand(const QueryTable::Command& command, const Call& call, c
     return {};
 }
 
-QByteArray outputOf(const StrictSql& database, const QueryTable::Command& command, const Values& values,
-                    const Call& call) {
-    if (const char* const fault = runChecks(database, command, values))
+/// Hashes a new password where that is wanted: for those alone who may have the command, and before its
+/// transaction. Returns the word that refuses, null when all went well.
+const char* hashPassword(const StrictSql& database, Passwords& passwords, const QueryTable::Command& command,
+                         Values& values, Params& params) {
+    const auto password =
+        std::find_if(command.parameters.begin(), command.parameters.end(),
+                     [](const QueryTable::Parameter& parameter) { return parameter.type == Type::Password; });
+    if (password == command.parameters.end() || !passwords.hashes())
+        return nullptr;
+    if (const char* const fault = runChecks(database, passwords, command, values))
+        return fault;
+    const QString hash = passwords.hash(std::get<QString>(values.value(password->name)));
+    values.insert(password->name, hash);
+    params.insert(password->name.toUtf8(), hash.toUtf8());
+    return hash.isEmpty() ? "ER_EXE" : nullptr;
+}
+
+QByteArray outputOf(const StrictSql& database, Passwords& passwords, const QueryTable::Command& command,
+                    const Values& values, const QString& path, const Params& params) {
+    if (const char* const fault = runChecks(database, passwords, command, values))
         return refusal(QLatin1String(fault));
-    const std::optional<QByteArray> output = runFindProgram(database, call.path(), call.params());
+    const std::optional<QByteArray> output = runFindProgram(database, path, params);
     return output ? *output : refusal(QStringLiteral("exc_error_ext"));
 }
 } // namespace
@@ -199,8 +224,12 @@ QByteArray DumpController_add_user::runQuery(const QString& set, const Call& cal
     QByteArray refused = refuseCommand(*command, call, *m_devices, values);
     if (!refused.isEmpty())
         return refused;
-    const QByteArray answer =
-        inProcess ? runCommand(db(), *command, values) : outputOf(db(), *command, values, call);
+    Passwords& passwords = m_mapper->passwords();
+    Params params = call.params();
+    if (const char* const fault = hashPassword(db(), passwords, *command, values, params))
+        return refusal(QLatin1String(fault));
+    const QByteArray answer = inProcess ? runCommand(db(), passwords, *command, values)
+                                        : outputOf(db(), passwords, *command, values, call.path(), params);
     afterCommand(*command, call, answer);
     return answer;
 }
@@ -213,7 +242,10 @@ void DumpController_add_user::afterCommand(const QueryTable::Command& command, c
     if (command.voids.isEmpty())
         return;
     const QByteArray name = command.voids.toUtf8();
-    m_mapper->refreshToken(db(), call.number(call.has(name) ? name.constData() : "id"));
+    const int account = call.number(call.has(name) ? name.constData() : "id");
+    m_mapper->refreshToken(db(), account);
+    if (m_mapper->newTokens())
+        m_mapper->newTokens()->tellVoided(account);
 }
 
 QByteArray DumpController_add_user::user_nodejs(const Call& call) {

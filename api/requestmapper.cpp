@@ -100,8 +100,9 @@ JobLanes RequestMapper::lanes(const QByteArray& path, const Params& parameters) 
             {"encoding " + QByteArray::number(call.userid()), AtOnce, WaitingOfAccount}};
 }
 
-FileFate RequestMapper::fateOfFile(const QByteArray& path, const QByteArray& field,
+FileFate RequestMapper::fateOfFile(const HttpRequest& head, const QByteArray& field,
                                    const QMap<QByteArray, QByteArray>& parameters) const {
+    const QByteArray path = head.getPath();
     if (field != "file" || controllerFor(path) != Controller::Management ||
         !demandsOf(path, m_database->kind(), WithFile))
         return FileFate::Ignored;

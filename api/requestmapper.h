@@ -32,7 +32,7 @@ public:
     bool wants(const QByteArray& method, const QByteArray& path) const override;
     JobLanes lanes(const HttpRequest& request) const override;
     /// Uploads have one file, in the part "file"; whose it is, is known when "id" and "token" came first.
-    FileFate fateOfFile(const QByteArray& path, const QByteArray& field,
+    FileFate fateOfFile(const HttpRequest& head, const QByteArray& field,
                         const QMap<QByteArray, QByteArray>& parameters) const override;
     void service(HttpRequest& request, HttpResponse& response) override;
 

@@ -8,18 +8,22 @@
 namespace {
 
 /// Whether the text would have ended or escaped the literal that it stood in.
-bool leavesLiteral(const SqlArg& arg, SqlDialect dialect) {
-    const auto* text = std::get_if<QString>(&arg.value);
-    return text && (text->contains(QLatin1Char('\'')) || text->contains(QChar(u'\0')) ||
-                    (dialect == SqlDialect::Mysql && text->contains(QLatin1Char('\\'))));
+bool leavesLiteral(const QString& text, SqlDialect dialect) {
+    return text.contains(QLatin1Char('\'')) || text.contains(QChar(u'\0')) ||
+           (dialect == SqlDialect::Mysql && text.contains(QLatin1Char('\\')));
 }
 
 } // namespace
 
+bool StrictSql::takes(const QString& text) const {
+    return !leavesLiteral(text, m_database.dialect());
+}
+
 ShownResult StrictSql::run(const QString& statement, const SqlArgs& args) const {
     ShownResult result;
     const auto unfit = std::find_if(args.begin(), args.end(), [this](const SqlArg& arg) {
-        return leavesLiteral(arg, m_database.dialect());
+        const auto* text = std::get_if<QString>(&arg.value);
+        return text && !takes(*text);
     });
     if (unfit == args.end()) {
         static_cast<SqlResult&>(result) = m_database.run(statement, args);

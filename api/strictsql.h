@@ -17,6 +17,8 @@ public:
         , m_database(database) {}
 
     ShownResult run(const QString& statement, const SqlArgs& args = {}) const;
+    /// Whether the text may be a value.
+    bool takes(const QString& text) const;
     bool transaction(const std::function<bool()>& body) const { return m_database.transaction(body); }
     int runScript(const QString& script) const { return m_database.runScript(script); }
     int kind() const { return m_database.kind(); }

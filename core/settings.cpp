@@ -1,5 +1,7 @@
 #include "core/settings.h"
 
+#include <algorithm>
+#include <climits>
 #include <QDebug>
 #include <QFileInfo>
 #include <QHostAddress>
@@ -97,6 +99,9 @@ const std::vector<SettingKey> Keys = {
      "No task starts before this time of day, seconds since midnight."},
     {"Settings", "taskend", Type::Integer, "82800",
      "No task starts after this time of day, seconds since midnight."},
+    {"Settings", "gapbells", Type::Text, "skip",
+     "What a task does whose time the clock leaves out when summer time begins: \"skip\", or \"after\": it rings "
+     "at the first second after the gap."},
     {"Settings", "RDDATAPORT", Type::Integer, "7636",
      "No effect yet: port handed to the HTTP request router."},
     {"Settings", "runingdir", Type::Text, ".", "Working directory for files."},
@@ -170,7 +175,7 @@ QString fullName(const SettingKey& key) {
 QVariant converted(const SettingKey& key, const QString& text) {
     switch (key.type) {
     case Type::Integer:
-        return text.toInt();
+        return static_cast<int>(std::clamp<qint64>(text.toLongLong(), INT_MIN, INT_MAX));
     case Type::Flag:
         return QVariant(text).toBool();
     case Type::Text:

@@ -2,7 +2,6 @@
 
 #include "device/jsontext.h"
 #include "device/severinit_state.h"
-#include "device/statemirror.h"
 
 #include <algorithm>
 #include <QJsonArray>
@@ -182,8 +181,7 @@ TargetList Dispatcher::each(const QString& word, const Request& read) const {
 
 QStringList Dispatcher::expandGroup(const QJsonObject& request) const {
     const QString group = request.value(QLatin1String("group")).toString();
-    StateMirror* const mirror = m_devices.stateMirror();
-    return group.isEmpty() || !mirror ? QStringList() : mirror->backsnlist(group);
+    return group.isEmpty() ? QStringList() : m_devices.group(group);
 }
 
 // --- commands under way ---

@@ -92,7 +92,7 @@ public:
     int queuedChunks() const { return m_queue.size(); }
     /// Most chunks that wait; with one more all are dropped.
     void setLimit(int chunks) { m_limit = chunks; }
-    /// While set, chunks are discarded.
+    /// While set, chunks are discarded. Nothing here sets it.
     void setHold(bool hold) { m_hold = hold; }
 
     // --- the data connection ---

@@ -31,8 +31,6 @@ void SAobj::gonline(fortcpclient* connection, int kind) {
             [this](const QByteArray& bytes) { sn_onlinebackdata(bytes); });
     m_statusText = CameOnline;
     m_mp3.connected();
-    mirror("Line", QStringLiteral("Online"));
-    mirrorRegistration();
     get_devinfo();
     note(SpeakerEvents::Online);
 }
@@ -45,13 +43,12 @@ void SAobj::goffline() {
     m_onlineState = Offline;
     setBusy(false);
     m_mp3.disconnected();
-    mirror("Line", QStringLiteral("Offline"));
     note(SpeakerEvents::Offline);
 }
 
 void SAobj::tellAgain() {
     m_numbersChange = 0;
-    note(isOnline() ? SpeakerEvents::Online : SpeakerEvents::Offline);
+    note(SpeakerEvents::KnownAgain);
 }
 
 void SAobj::setBusy(bool busy) {
@@ -95,41 +92,9 @@ void SAobj::letGo() {
     m_client.release()->setParent(this);
 }
 
-void SAobj::mirror(const char* field, const QVariant& value) {
-    if (StateMirror* const target = m_env.connectedMirror())
-        target->Set_sn_key_value(m_sn, QLatin1String(field), value);
-}
-
-void SAobj::mirrorRegistration() {
-    StateMirror* const target = m_env.connectedMirror();
-    if (!target)
-        return;
-    target->online_newdevices(m_sn, m_kind, m_vol, m_micD, m_micE, m_localIp, m_remoteIp,
-                              registrationTime(QLatin1Char(' ')));
-}
-
 QString SAobj::registrationTime(QChar separator) const {
     const QDateTime registered = QDateTime::fromSecsSinceEpoch(m_registeredAt);
     return registered.toString(QStringLiteral("yyyy-MM-dd%1hh:mm:ss").arg(separator));
-}
-
-void SAobj::mirrorState() {
-    mirror("Line", isOnline() ? QStringLiteral("Online") : QStringLiteral("Offline"));
-    mirrorStatus();
-    mirror("vol", m_vol);
-    mirror("mic_d", m_micD);
-    mirror("mic_e", m_micE);
-    if (m_registeredAt == 0)
-        return;
-    mirror("sn", m_sn);
-    mirror("kindsk", m_kind);
-    mirror("l_ip", m_localIp);
-    mirror("r_ip", m_remoteIp);
-    mirror("Reg_Date", registrationTime(QLatin1Char('-')));
-}
-
-void SAobj::mirrorStatus() {
-    mirror("STATUS", statusWord());
 }
 
 quint64 SAobj::changeOfNumbers(quint64& changes) {

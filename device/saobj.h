@@ -184,13 +184,11 @@ public:
     /// Decodes a device information reply (one byte, then a JSON object) into the session; returns the
     /// object with "res" added: whether it could be read.
     QJsonObject dido(const QByteArray& reply);
-    /// Writes "Line", "STATUS", "vol", "mic_d" and "mic_e" to the mirror, and of a speaker that has
-    /// registered "sn", "kindsk", "l_ip", "r_ip" and "Reg_Date" too.
-    void mirrorState();
-    /// Writes "STATUS" alone.
-    void mirrorStatus();
     /// "OFFLINE", "ONLINE", "PLAYING1" or "PLAYING2".
     QString statusWord() const;
+    bool hasRegistered() const { return m_registeredAt != 0; } ///< since the service started
+    /// "yyyy-MM-dd hh:mm:ss" of its last registration, with the separator in the place of the blank.
+    QString registrationTime(QChar separator) const;
 
 public slots:
     /// One read's bytes from the control connection.
@@ -222,9 +220,7 @@ private:
     }
     int command(const words::Word& word, const QByteArray& argument = {});
     int pushContentServer(const words::Word& word, const QString& url);
-    void mirror(const char* field, const QVariant& value);
-    void mirrorRegistration();
-    QString registrationTime(QChar separator) const;
+    void mirror(const char* field, const QVariant& value) { m_env.events.noteDetail(*this, field, value); }
     void letGo();
     QString addressForSpeaker() const;
 

@@ -52,7 +52,7 @@ int SAobj::set_vol_V(int v) {
     const int written = command(words::Volume, byte(v));
     if (written > 0) {
         setVol(v);
-        mirror("vol", v);
+        note(SpeakerEvents::VolumeSet);
     }
     return written;
 }
@@ -62,8 +62,7 @@ int SAobj::set_Mic_V(int e, int d) {
     if (written > 0) {
         change(m_micE, e, SpeakerEvents::Information);
         change(m_micD, d, SpeakerEvents::Information);
-        mirror("mic_e", e);
-        mirror("mic_d", d);
+        note(SpeakerEvents::MicrophonesSet);
     }
     return written;
 }

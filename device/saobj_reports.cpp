@@ -12,10 +12,6 @@ namespace {
 /// Longest text of a report that a session keeps; a fleet of sessions pays for it.
 constexpr int MaxKeptText = 512;
 
-QString timeText() {
-    return QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd:hh:mm:ss"));
-}
-
 QString firstLine(const QJsonValue& value) {
     return value.toString().section(QLatin1Char('\n'), 0, 0).trimmed().left(MaxKeptText);
 }
@@ -70,8 +66,9 @@ void SAobj::reportDeviceForm(const QByteArray& form) {
     if (!fields.value(QLatin1String("res_____")).toBool())
         return;
     take(fields, "vol", m_vol, SpeakerEvents::Volume);
+    note(SpeakerEvents::VolumeSet);
     take(fields, "xuhao", m_xuhao);
-    for (const char* const field : {"status", "vol", "severip", "leixing", "xuhao", "severport"})
+    for (const char* const field : {"status", "severip", "leixing", "xuhao", "severport"})
         mirror(field, fields.value(QLatin1String(field)).toString());
     mirror("sn", m_sn);
 }
@@ -103,7 +100,7 @@ void SAobj::takeInfo(const QJsonObject& info) {
             note(SpeakerEvents::Information);
     }
     m_clockUnset = firstLine(info.value(QLatin1String("Date"))).contains(QLatin1String("1970"));
-    mirrorRegistration();
+    note(SpeakerEvents::Described);
     if (m_clockUnset)
         update_time();
 }
@@ -161,7 +158,8 @@ void SAobj::reportTaskList(const QByteArray& list) {
 }
 
 void SAobj::reportUpdate(const QByteArray& /*rest*/) {
-    mirror("Update_Time", timeText());
+    if (m_env.events.wants(SpeakerEvents::Detailed))
+        mirror("Update_Time", QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd:hh:mm:ss")));
 }
 
 void SAobj::reportVersion(const QByteArray& number) {
@@ -174,14 +172,6 @@ void SAobj::reportVersion(const QByteArray& number) {
 void SAobj::reportAlarm(const QByteArray& rest) {
     const char first = rest.isEmpty() ? '\0' : rest.at(0);
     const char second = rest.size() < 2 ? '\0' : rest.at(1);
-    if (StateMirror* const target = m_env.connectedMirror()) {
-        const QString time = timeText();
-        target->Set_sn_key_value(m_sn, QStringLiteral("Warming"), time);
-        if (first == '1')
-            target->Warmingup_push(m_sn, time);
-        else
-            target->Warmingdown_push(m_sn, time);
-    }
     m_env.events.noteAlarm(*this, first, second);
     emit sn_get_kg_back(m_sn, first, second);
 }

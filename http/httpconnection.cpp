@@ -42,12 +42,6 @@ void freeBody(void* body) {
     delete static_cast<HeldBody*>(body);
 }
 
-/// The text of a refusal's page: enough for who reads it in a terminal.
-QByteArray refusalPage(const Refusal& refusal) {
-    return QByteArray::number(refusal.status) + ' ' +
-           MHD_get_reason_phrase_for(static_cast<unsigned>(refusal.status)) + ": " + refusal.reason + '\n';
-}
-
 /// The exchanges of this engine thread whose head has begun and is not read yet.
 using Heads = std::unordered_set<HttpConnection*>;
 Heads& headsUnderWay() {
@@ -141,9 +135,12 @@ std::optional<Refusal> HttpConnection::readHead(const char* method, const char* 
     if (auto refusal = readTarget())
         return refusal;
     m_isForHandler = m_engine.handler()->wants(m_request.m_method, m_request.m_path);
-    return m_request.m_body.begin(m_request.getHeader("Content-Type"), *body, m_engine.settings().limits,
-                                  &m_engine.bodies,
-                                  [this](const QByteArray& field) { return fateOfFile(field); });
+    const auto judge = [this](const QByteArray& field) {
+        return fateOfFile(field);
+    };
+    const bool isFile = m_isForHandler && m_engine.handler()->takesFile(m_request.m_method, m_request.m_path);
+    return m_request.m_body.begin({m_request.getHeader("Content-Type"), *body, isFile},
+                                  m_engine.settings().limits, &m_engine.bodies, judge);
 }
 
 FileFate HttpConnection::fateOfFile(const QByteArray& field) const {
@@ -153,7 +150,7 @@ FileFate HttpConnection::fateOfFile(const QByteArray& field) const {
     const auto& fields = m_request.m_body.fields;
     for (auto known = fields.cbegin(); known != fields.cend(); ++known)
         parameters.insert(known.key(), known.value());
-    return m_engine.handler()->fateOfFile(m_request.m_path, field, parameters);
+    return m_engine.handler()->fateOfFile(m_request, field, parameters);
 }
 
 bool HttpConnection::isLayoutVerbatim(const char* method, const char* version) const {
@@ -235,9 +232,10 @@ void HttpConnection::tellBusy(const char* reason) {
     const Refusal busy{503, reason};
     m_engine.refusals().add(m_socket->peer, busy.status, busy.reason);
     m_response.setStatus(busy.status);
-    m_response.setHeader("Content-Type", "text/plain");
+    const auto page = m_engine.handler()->refusalPage(m_request.m_path, busy);
+    m_response.setHeader("Content-Type", page.type);
     m_response.setHeader("Retry-After", RetryAfter);
-    m_response.m_body = refusalPage(busy);
+    m_response.m_body = page.body;
 }
 
 void HttpConnection::resume() {
@@ -286,11 +284,12 @@ bool HttpConnection::refuse(const Refusal& refusal) {
     m_engine.refusals().add(m_socket->peer, refusal.status, refusal.reason);
     m_stage = Stage::Refused;
     m_response.setStatus(refusal.status);
-    m_response.setHeader("Content-Type", "text/plain");
+    const auto page = m_engine.handler()->refusalPage(m_request.m_path, refusal);
+    m_response.setHeader("Content-Type", page.type);
     m_response.setHeader("Connection", "close");
     if (refusal.status == 503)
         m_response.setHeader("Retry-After", RetryAfter);
-    m_response.write(refusalPage(refusal));
+    m_response.write(page.body);
     return answer();
 }
 
@@ -300,13 +299,15 @@ void HttpConnection::refuseAtOnce(const Refusal& refusal) {
     m_engine.refusals().add(m_socket->peer, refusal.status, refusal.reason);
     m_stage = Stage::Refused;
     m_socket->lingers = true;
-    const QByteArray page = refusalPage(refusal);
+    const auto page = m_engine.handler()->refusalPage(m_request.m_path, refusal);
     const QByteArray phrase = MHD_get_reason_phrase_for(static_cast<unsigned>(refusal.status));
     const QByteArray retry =
         refusal.status == 503 ? "\r\nRetry-After: " + QByteArray::number(RetryAfter) : QByteArray();
-    const QByteArray message = "HTTP/1.1 " + QByteArray::number(refusal.status) + ' ' + phrase + retry +
-                               "\r\nContent-Type: text/plain\r\nConnection: close\r\nContent-Length: " +
-                               QByteArray::number(page.size()) + "\r\n\r\n" + page;
+    const QByteArray message =
+        "HTTP/1.1 " + QByteArray::number(refusal.status) + ' ' + phrase + retry +
+        "\r\nContent-Type: " + page.type +
+        "\r\nConnection: close\r\nContent-Length: " + QByteArray::number(page.body.size()) + "\r\n\r\n" +
+        page.body;
     ::send(m_socket->descriptor, message.constData(), static_cast<std::size_t>(message.size()),
            MSG_NOSIGNAL | MSG_DONTWAIT);
 }

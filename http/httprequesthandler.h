@@ -21,10 +21,21 @@ public:
     /// Lanes in which the request must wait for others before service(). Called on a worker, for requests
     /// that service() wants.
     virtual JobLanes lanes(const HttpRequest& request) const;
-    /// What becomes of a file that the request for `path` carries in a part named `field`; `parameters`
-    /// are those of the query and of the parts before it. As it comes by default: nobody asked for it.
+    /// Whether a body that is not multipart is a file, kept on disk as if it were the part "file". Called on
+    /// an engine thread.
+    virtual bool takesFile(const QByteArray& method, const QByteArray& path) const;
+    /// What becomes of a file that the request carries in a part named `field`; of the request itself only
+    /// what its head says is known, `parameters` are those of the query and of the parts before it. As it
+    /// comes by default: nobody asked for it.
     /// Called on an engine thread: must be quick and const.
-    virtual FileFate fateOfFile(const QByteArray& path, const QByteArray& field,
+    virtual FileFate fateOfFile(const HttpRequest& head, const QByteArray& field,
                                 const QMap<QByteArray, QByteArray>& parameters) const;
+    /// The body with which a request for `path` is refused that never came to service(), and its type.
+    /// Plain text by default. Called on an engine thread.
+    struct Page {
+        QByteArray type;
+        QByteArray body;
+    };
+    virtual Page refusalPage(const QByteArray& path, const Refusal& refusal) const;
     virtual void service(HttpRequest& request, HttpResponse& response) = 0;
 };

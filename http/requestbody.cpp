@@ -54,27 +54,42 @@ RequestBody::~RequestBody() {
         m_budget->memory -= m_inMemory;
 }
 
-std::optional<Refusal> RequestBody::begin(const QByteArray& contentType, const BodyLength& length,
-                                          const BodyLimits& limits, BodyBudget* budget, FileJudge judge) {
+std::optional<Refusal> RequestBody::begin(const Announced& announced, const BodyLimits& limits,
+                                          BodyBudget* budget, FileJudge judge) {
     m_limits = limits;
     m_budget = budget;
     m_judge = std::move(judge);
-    const QByteArray type = contentType.split(';').first().trimmed().toLower();
+    const BodyLength& length = announced.length;
+    const QByteArray type = announced.contentType.split(';').first().trimmed().toLower();
     const bool isMultipart = type == "multipart/form-data";
-    m_isForm = type == "application/x-www-form-urlencoded";
-    if (!length.chunked && length.length > (isMultipart ? limits.multiPart : limits.request))
+    m_isFile = announced.isFile && !isMultipart && length.present();
+    m_isForm = !m_isFile && type == "application/x-www-form-urlencoded";
+    if (!length.chunked && length.length > (isMultipart || m_isFile ? limits.multiPart : limits.request))
         return TooLarge;
+    if (m_isFile)
+        return beginFile();
     if (!isMultipart || !length.present())
         return std::nullopt;
-    const QByteArray boundary = MultipartParser::boundaryOf(contentType);
+    const QByteArray boundary = MultipartParser::boundaryOf(announced.contentType);
     if (boundary.isEmpty())
         return Refusal{400, "multipart body without a boundary"};
     m_multipart = std::make_unique<MultipartParser>(boundary, static_cast<MultipartParser::Sink*>(this));
     return std::nullopt;
 }
 
+std::optional<Refusal> RequestBody::beginFile() {
+    m_partName = QByteArrayLiteral("file");
+    return refusalFor(fileBegins({}));
+}
+
+std::optional<Refusal> RequestBody::takeFile(const char* data, int size) {
+    return m_received > m_limits.multiPart ? std::optional(TooLarge) : refusalFor(partData(data, size));
+}
+
 std::optional<Refusal> RequestBody::feed(const char* data, int size) {
     m_received += size;
+    if (m_isFile)
+        return takeFile(data, size);
     if (m_multipart)
         return m_received > m_limits.multiPart ? std::optional(TooLarge)
                                                : refusalFor(m_multipart->feed(data, size));
@@ -97,6 +112,8 @@ std::optional<Refusal> RequestBody::finish() {
         return Refusal{400, "multipart body without its end"};
     if (m_isForm && !decodeForm(bytes, fields))
         return Refusal{400, "malformed form"};
+    if (m_isFile && m_partFile && !m_partFile->file->flush())
+        return refusalFor(507);
     for (auto& upload : uploads) {
         if (upload.second.file->isOpen())
             upload.second.file->seek(0);

@@ -77,14 +77,19 @@ public:
 
     /// Refused when the announced length is over the limit or the multipart type has no boundary.
     /// What it takes of `budget` is given back by the destructor.
-    std::optional<Refusal> begin(const QByteArray& contentType, const BodyLength& length,
-                                 const BodyLimits& limits, BodyBudget* budget, FileJudge judge);
+    struct Announced {
+        QByteArray contentType;
+        BodyLength length;
+        bool isFile = false; ///< unless it is multipart it is kept as the upload "file"
+    };
+    std::optional<Refusal> begin(const Announced& announced, const BodyLimits& limits, BodyBudget* budget,
+                                 FileJudge judge);
     std::optional<Refusal> feed(const char* data, int size);
     /// The body is whole: refused when its form is malformed or cut short.
     std::optional<Refusal> finish();
 
     // What was in it.
-    QByteArray bytes; ///< whole body unless it was multipart
+    QByteArray bytes; ///< whole body unless it was multipart or a file
     QMap<QByteArray, QByteArray> fields;
     std::map<QByteArray, Upload> uploads;
 
@@ -96,12 +101,15 @@ private:
 
     /// Takes memory for so many more bytes: 0, 413 over the request's limit or 503 over everybody's.
     int take(int size);
+    std::optional<Refusal> beginFile();
+    std::optional<Refusal> takeFile(const char* data, int size);
 
     BodyLimits m_limits;
     BodyBudget* m_budget = nullptr;
     qint64 m_received = 0;
     qint64 m_inMemory = 0;
     bool m_isForm = false;
+    bool m_isFile = false;
     std::unique_ptr<MultipartParser> m_multipart;
     QByteArray m_partName;
     QByteArray m_partValue;

@@ -43,6 +43,7 @@ function isDate(text) {
 const CONVERT = {
   int: wholeNumber,
   text: (text, mayBeEmpty) => (text !== '' || mayBeEmpty ? text : undefined),
+  password: (text) => (text !== '' ? text : undefined), // hashed by the service, where it is to be
   idtext: (text) => numbersIn(text).join(','),
   ids: (text) => (numbersIn(text).length > 0 ? numbersIn(text) : [0]),
   serial: (text) => (/^[0-9a-f]{32}$/.test(text) ? text : undefined),

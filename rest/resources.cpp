@@ -4,5 +4,7 @@ void addResources(RestRoutes& routes) {
     addAboutRoutes(routes);
     addSessionRoutes(routes);
     addTokenRoutes(routes);
+    addAccountRoutes(routes);
+    addGrantRoutes(routes);
     addAuditRoutes(routes);
 }

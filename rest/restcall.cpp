@@ -20,6 +20,13 @@ QList<QByteArray> knownParameters(const RestRoute& route) {
 
 } // namespace
 
+QByteArray bearerOf(const HttpRequest& request) {
+    constexpr char scheme[] = "bearer ";
+    const QByteArray given = request.getHeader("Authorization");
+    return given.left(sizeof scheme - 1).toLower() == scheme ? given.mid(sizeof scheme - 1).trimmed()
+                                                             : QByteArray();
+}
+
 RestCall::RestCall(const RestRoutes::Match& match, HttpRequest& request, const Services& services,
                    sqlite& database)
     : m_match(match)
@@ -75,11 +82,8 @@ QByteArray RestCall::header(const char* name) const {
 }
 
 QByteArray RestCall::bearer() const {
-    constexpr char scheme[] = "bearer ";
-    const QByteArray given = header("Authorization");
-    if (given.left(sizeof scheme - 1).toLower() == scheme)
-        return given.mid(sizeof scheme - 1).trimmed();
-    return route().traits & TokenInQuery ? m_request.getParameter("token") : QByteArray();
+    const QByteArray token = bearerOf(m_request);
+    return token.isEmpty() && (route().traits & TokenInQuery) ? m_request.getParameter("token") : token;
 }
 
 QByteArray RestCall::mediaType() const {

@@ -10,6 +10,9 @@
 class HttpRequest;
 class QTemporaryFile;
 
+/// The token of "Authorization: Bearer TOKEN"; empty without one.
+QByteArray bearerOf(const HttpRequest& request);
+
 /// One request to a route: who asks for what. Made by the router once the caller may use the route and the
 /// body can be read; belongs to the worker that serves it.
 class RestCall {

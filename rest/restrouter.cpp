@@ -90,11 +90,26 @@ JobLanes RestRouter::lanes(const HttpRequest& request) const {
     return {};
 }
 
-FileFate RestRouter::fateOfFile(const QByteArray& path, const QByteArray& field,
+bool RestRouter::takesFile(const QByteArray& method, const QByteArray& path) const {
+    const auto match = RestRoutes::all().find(method, path);
+    return match.route && match.route->takes == Takes::File;
+}
+
+// Whether the token holds is asked of the database later, on a worker; here only who was here before is told
+// from strangers, whose files share less room.
+FileFate RestRouter::fateOfFile(const HttpRequest& head, const QByteArray& field,
                                 const QMap<QByteArray, QByteArray>& /*parameters*/) const {
-    const auto match = RestRoutes::all().find("POST", path);
-    const bool isTaken = match.route && match.route->takes == Takes::File && field == "file";
-    return isTaken ? FileFate::FromStranger : FileFate::Ignored;
+    if (field != "file" || !takesFile(head.getMethod(), head.getRawPath()))
+        return FileFate::Ignored;
+    const QByteArray token = bearerOf(head);
+    if (token.isEmpty())
+        return FileFate::Refused;
+    return m_services.tokens->wasValid(token) ? FileFate::FromUser : FileFate::FromStranger;
+}
+
+RestRouter::Page RestRouter::refusalPage(const QByteArray& /*path*/, const Refusal& refusal) const {
+    const RestAnswer answer = problem(refusal.status, QString::fromUtf8(refusal.reason));
+    return {contentTypeOf(answer), bodyOf(answer)};
 }
 
 void RestRouter::service(HttpRequest& request, HttpResponse& response) {
@@ -114,6 +129,8 @@ RestAnswer RestRouter::answer(HttpRequest& request) const {
         return *refused;
     if (const auto unreadable = call.readBody())
         return *unreadable;
+    if (match.route->takes == Takes::Nothing && !call.fits())
+        return call.misfit();
     return serve(call);
 }
 

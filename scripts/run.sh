@@ -200,7 +200,7 @@ wait_until $deadline speakers_said "all $speakers speakers online" 1 || die "the
 echo "$speakers simulated speakers are online"
 
 # --- the show ---
-password=$(cat admin.password)
+password=$(cat admin.password 2>/dev/null) || die "$var/admin.password is not there; remove $var to begin anew"
 login=$(post /user/gtoken username=admin "passwd=$password")
 id=$(jq -r .userid <<<"$login")
 token=$(jq -r .token <<<"$login")

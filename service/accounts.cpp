@@ -134,33 +134,27 @@ AccountInfo accountAt(const SqlResult& rows, int row) {
     return info;
 }
 
-SqlResult findLogin(sqlite& database, Passwords& passwords, const QString& username,
-                    const QString& password) {
-    SqlResult account = database.run(FindByName, {{QStringLiteral("@username"), username}});
+void comparePassword(sqlite& database, Passwords& passwords, const QString& password, SqlResult& account) {
     if (account.isEmpty())
-        return account;
+        return;
     const QString stored = account.text(0, "user_pass");
+    const int id = account.integer(0, "id");
     if (!passwords.matches(password, stored))
         account.rows.clear();
     else if (passwords.hashes() && !Passwords::isHash(stored))
         database.run(Upgrade, {{QStringLiteral("@hash"), passwords.hash(password)},
-                               idArg(account.integer(0, "id")),
+                               idArg(id),
                                {QStringLiteral("@plain"), stored}});
-    return account;
 }
 
 Accounts::Login Accounts::login(sqlite& database, const QString& username, const QString& password) {
-    const SqlResult account = database.run(FindByName, {{QStringLiteral("@username"), username}});
+    SqlResult account = database.run(FindByName, {{QStringLiteral("@username"), username}});
     if (!account.ok)
         return {};
-    const QString stored = account.text(0, "user_pass");
-    if (account.isEmpty() || !Passwords::isHash(stored))
+    if (account.isEmpty() || !Passwords::isHash(account.text(0, "user_pass")))
         m_passwords.spendTime(password);
-    if (account.isEmpty() || !m_passwords.matches(password, stored))
-        return {true, std::nullopt};
-    if (m_passwords.hashes() && !Passwords::isHash(stored))
-        findLogin(database, m_passwords, username, password);
-    return {true, callerFrom(account)};
+    comparePassword(database, m_passwords, password, account);
+    return {true, account.isEmpty() ? std::nullopt : std::optional(callerFrom(account))};
 }
 
 SqlResult Accounts::list(sqlite& database, const Caller& caller, qint64 after, int limit) {

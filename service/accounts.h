@@ -69,6 +69,6 @@ private:
     TokenTable& m_oldTokens;
 };
 
-/// The account with that name, when the password is its: a row with every column of `sbox_users`, else none.
-/// A plain password becomes a hash where that is wanted (Passwords::hashes()).
-SqlResult findLogin(sqlite& database, Passwords& passwords, const QString& username, const QString& password);
+/// Drops the row of `sbox_users` in `account`, if there is one, unless the password is its. A plain one
+/// becomes a hash where that is wanted (Passwords::hashes()).
+void comparePassword(sqlite& database, Passwords& passwords, const QString& password, SqlResult& account);

@@ -1,5 +1,7 @@
 #include "service/loginbrake.h"
 
+#include "core/logthrottle.h"
+
 #include <algorithm>
 #include <QDebug>
 
@@ -42,7 +44,7 @@ void LoginBrake::failed(const QString& name, const QString& address, Clock::time
     m_places.insert(key, m_entries.begin());
     entry.last = now;
     entry.open = now + delayAfter(++entry.failures);
-    if (entry.failures == 1 || entry.failures == Free)
+    if ((entry.failures == 1 || entry.failures == Free) && mayLog("wrong login", address))
         qWarning() << "wrong login" << name.left(LongestName) << "from" << address << "count"
                    << entry.failures;
     makeRoom(now);

@@ -16,6 +16,7 @@ QueryTable::Type typeOf(const QJsonValue& name) {
         {QStringLiteral("serial"), QueryTable::Type::Serial},
         {QStringLiteral("date"), QueryTable::Type::Date},
         {QStringLiteral("random"), QueryTable::Type::Random},
+        {QStringLiteral("password"), QueryTable::Type::Password},
     };
     return types.value(name.toString(), QueryTable::Type::Text);
 }
@@ -42,7 +43,8 @@ void appendSteps(QueryTable::Command& command, const QJsonArray& definitions, bo
     for (const QJsonValue& definition : definitions) {
         QueryTable::Step step;
         step.statement = definition[QLatin1String("statement")].toString();
-        step.isCheck = areChecks;
+        step.password = definition[QLatin1String("password")].toString();
+        step.isCheck = areChecks || !step.password.isEmpty();
         step.rows = rowsOf(definition[QLatin1String("rows")]);
         const QJsonObject take = definition[QLatin1String("take")].toObject();
         for (auto column = take.begin(); column != take.end(); ++column)

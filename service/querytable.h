@@ -14,7 +14,7 @@ public:
     /// What "/user/fnokukei" serves: the commands of all sets but those that need the service key.
     static const QString& openSet();
 
-    enum class Type { Int, Text, IdText, Ids, Serial, Date, Random };
+    enum class Type { Int, Text, IdText, Ids, Serial, Date, Random, Password };
     enum class Rows { Any, Some, None };
 
     struct Parameter {
@@ -27,6 +27,7 @@ public:
         QString statement;
         bool isCheck = false; ///< asks who may, before the command's own
         Rows rows = Rows::Any;
+        QString password;         ///< value that must be the password of the account found; empty: none
         QMap<QString, Type> take; ///< column of the first row, which replaces the value of that name
     };
     struct Command {

@@ -87,7 +87,8 @@ std::optional<NewToken> Tokens::store(sqlite& database, qint64 account, const QS
 TokenCheck Tokens::check(sqlite& database, const QByteArray& text) const {
     if (text.size() != TextLength)
         return {true, std::nullopt};
-    const SqlResult row = database.run(Check, {{QStringLiteral("@hash"), hashOf(text)}});
+    const QString hash = hashOf(text);
+    const SqlResult row = database.run(Check, {{QStringLiteral("@hash"), hash}});
     if (!row.ok)
         return {false, std::nullopt};
     const qint64 expires = row.value(0, "expires").toLongLong();
@@ -95,7 +96,24 @@ TokenCheck Tokens::check(sqlite& database, const QByteArray& text) const {
         return {true, std::nullopt};
     if (row.text(0, "token_name").isEmpty())
         slide(database, row.integer(0, "token_id"), expires);
+    remember(hash);
     return {true, callerOf(row)};
+}
+
+bool Tokens::wasValid(const QByteArray& text) const {
+    const std::lock_guard lock(m_mutex);
+    const auto seen = m_seen.constFind(hashOf(text));
+    return seen != m_seen.constEnd() && std::chrono::steady_clock::now() < *seen;
+}
+
+void Tokens::remember(const QString& hash) const {
+    constexpr std::chrono::minutes life{10};
+    constexpr int most = 10'000;
+    const auto now = std::chrono::steady_clock::now();
+    const std::lock_guard lock(m_mutex);
+    if (m_seen.size() >= most)
+        m_seen.clear();
+    m_seen.insert(hash, now + life);
 }
 
 // One write in a hundredth of its life keeps a token in use.

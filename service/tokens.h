@@ -4,8 +4,10 @@
 
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <QByteArray>
+#include <QHash>
 #include <vector>
 
 struct SqlResult;
@@ -38,6 +40,9 @@ public:
                                       qint64 expires) const;
     TokenCheck check(sqlite& database, const QByteArray& text) const;
 
+    /// Whether such a token was valid within the last minutes, without asking the database.
+    bool wasValid(const QByteArray& text) const;
+
     /// Named ones of the account, by id from `after` on.
     SqlResult list(sqlite& database, qint64 account, qint64 after, int limit) const;
     /// One named token of the account. False when there is none of that number (or `result` is not ok).
@@ -58,6 +63,10 @@ private:
                                   qint64 expires) const;
     void slide(sqlite& database, qint64 id, qint64 expires) const;
 
+    void remember(const QString& hash) const;
+
     std::chrono::milliseconds m_life;
+    mutable std::mutex m_mutex;
+    mutable QHash<QString, std::chrono::steady_clock::time_point> m_seen; ///< by hash, until when
     std::vector<std::function<void(qint64)>> m_listeners;
 };

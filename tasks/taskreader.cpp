@@ -28,11 +28,6 @@ const QString SelectLength =
 
 } // namespace
 
-TaskTimes TaskReader::times(const SqlResult& tasks, int row) {
-    return {tasks.integer(row, "start_time"), tasks.value(row, "startdate").toLongLong(),
-            tasks.value(row, "enddate").toLongLong(), tasks.text(row, "week")};
-}
-
 std::unique_ptr<Tasxkobj> TaskReader::player(const SqlResult& tasks, int row) const {
     auto player = std::make_unique<Tasxkobj>(m_database);
     player->id = static_cast<quint64>(tasks.value(row, "id").toLongLong());

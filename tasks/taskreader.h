@@ -1,7 +1,6 @@
 #pragma once
 
 #include "nodes/nodeaddress.h"
-#include "tasks/schedule/schedule.h"
 
 #include <memory>
 #include <optional>
@@ -19,7 +18,6 @@ public:
     explicit TaskReader(sqlite* database)
         : m_database(database) {}
 
-    static TaskTimes times(const SqlResult& tasks, int row);
     std::unique_ptr<Tasxkobj> player(const SqlResult& tasks, int row) const;
     /// A temporary play as its request's row has it, without the lengths of its files.
     std::unique_ptr<Tasxkobj> temporaryPlayer(const SqlResult& requests, int row, quint64 key) const;

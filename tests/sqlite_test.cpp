@@ -52,7 +52,8 @@ private slots:
         for (int time = 0; time < 2; ++time)
             QVERIFY2(migrateSchema(*m_db, why), qPrintable(why));
         QCOMPARE(count("schema_version where version = 2"), 1);
-        QCOMPARE(count(QStringLiteral("schema_version where version = %1").arg(newestSchemaVersion())), 1);
+        QCOMPARE(count(qPrintable(QString("schema_version where version = %1").arg(newestSchemaVersion()))),
+                 1);
         QCOMPARE(count("sqlite_master where name in ('taskfile_list', 'taskfile_task')"), 1);
         QCOMPARE(count("taskfile"), 2);
         QVERIFY(QFileInfo(".Elvor.db.v1").size() > 0);

@@ -1,9 +1,12 @@
 #include "core/app/adduser.h"
 
-#include "api/requestmapper.h"
 #include "api/strictsql.h"
 #include "core/settings.h"
 #include "core/sql/sqlconnection.h"
+#include "service/accounts.h"
+#include "service/passwords.h"
+#include "service/tokens.h"
+#include "service/tokentable.h"
 
 #include <cstdio>
 #include <iostream>
@@ -59,7 +62,7 @@ void readPassword(NewAccount& account) {
     account.password = QString::fromUtf8(line.c_str()).trimmed();
     account.isMade = account.password.isEmpty();
     if (account.isMade)
-        account.password = RequestMapper::randomToken().left(MadeLength);
+        account.password = TokenTable::randomToken().left(MadeLength);
 }
 
 /// Empty when the database can be worked with.
@@ -73,30 +76,29 @@ QString troubleWith(const Settings& settings) {
     return {};
 }
 
-SqlResult insert(const StrictSql& database, const NewAccount& account) {
-    return database.run(
-        QStringLiteral("INSERT INTO `sbox_users` (`user_name`, `user_pass`, `user_level`, `token`) VALUES "
-                       "('@username', '@passwd', '@level', '@token')"),
-        {{QStringLiteral("@username"), account.name},
-         {QStringLiteral("@passwd"), account.password},
-         {QStringLiteral("@level"), account.isAdmin ? 1 : 0},
-         {QStringLiteral("@token"), RequestMapper::randomToken()}});
+QString reasonOf(Outcome outcome) {
+    return outcome == Outcome::Taken ? QStringLiteral("the name is taken")
+                                     : QStringLiteral("the database refuses it");
 }
 
-// As the logins compare them: what they refuse could never log in.
-int add(const StrictSql& database, const NewAccount& account) {
+int add(sqlite& database, const NewAccount& account) {
     if (account.name.size() > LongestText || account.password.size() > LongestText)
         return fail(QStringLiteral("the name or the password is longer than %1 characters").arg(LongestText));
-    const SqlResult known =
-        database.run(QStringLiteral("SELECT `id` FROM `sbox_users` WHERE (`user_name` = '@username')"),
-                     {{QStringLiteral("@username"), account.name}});
-    if (!known.isEmpty())
-        return fail(QStringLiteral("the name is taken by account %1").arg(known.integer(0, "id")));
-    const SqlResult added = known.ok ? insert(database, account) : known;
-    if (!added.ok)
-        return fail(added.error);
+    if (!StrictSql(database).takes(account.name) || !StrictSql(database).takes(account.password))
+        return fail(QStringLiteral("the older paths could not log in with a quote or a backslash"));
+    Passwords passwords(true);
+    Tokens tokens{std::chrono::hours(0)};
+    TokenTable oldTokens;
+    AccountChange wanted;
+    wanted.username = account.name;
+    wanted.password = account.password;
+    wanted.isAdmin = account.isAdmin;
+    qint64 id = 0;
+    const Outcome outcome = Accounts(passwords, tokens, oldTokens).add(database, wanted, 0, id);
+    if (outcome != Outcome::Done)
+        return fail(reasonOf(outcome));
     std::printf("Account %s has number %lld.\n", account.name.toUtf8().constData(),
-                static_cast<long long>(added.lastId));
+                static_cast<long long>(id));
     if (account.isMade)
         std::printf("Password: %s\n", account.password.toUtf8().constData());
     return 0;
@@ -121,5 +123,5 @@ int addUser(int argc, char** argv) {
     if (!database.get_is_aready())
         return fail(QStringLiteral("the database can't be opened"));
     readPassword(order->account);
-    return add(StrictSql(database), order->account);
+    return add(database, order->account);
 }

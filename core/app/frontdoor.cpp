@@ -19,9 +19,17 @@ JobLanes FrontDoor::lanes(const HttpRequest& request) const {
     return handlerFor(request.getPath())->lanes(request);
 }
 
-FileFate FrontDoor::fateOfFile(const QByteArray& path, const QByteArray& field,
+FileFate FrontDoor::fateOfFile(const HttpRequest& head, const QByteArray& field,
                                const QMap<QByteArray, QByteArray>& parameters) const {
-    return handlerFor(path)->fateOfFile(path, field, parameters);
+    return handlerFor(head.getPath())->fateOfFile(head, field, parameters);
+}
+
+bool FrontDoor::takesFile(const QByteArray& method, const QByteArray& path) const {
+    return handlerFor(path)->takesFile(method, path);
+}
+
+FrontDoor::Page FrontDoor::refusalPage(const QByteArray& path, const Refusal& refusal) const {
+    return handlerFor(path)->refusalPage(path, refusal);
 }
 
 void FrontDoor::service(HttpRequest& request, HttpResponse& response) {

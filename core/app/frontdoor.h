@@ -11,8 +11,10 @@ public:
 
     bool wants(const QByteArray& method, const QByteArray& path) const override;
     JobLanes lanes(const HttpRequest& request) const override;
-    FileFate fateOfFile(const QByteArray& path, const QByteArray& field,
+    FileFate fateOfFile(const HttpRequest& head, const QByteArray& field,
                         const QMap<QByteArray, QByteArray>& parameters) const override;
+    bool takesFile(const QByteArray& method, const QByteArray& path) const override;
+    Page refusalPage(const QByteArray& path, const Refusal& refusal) const override;
     void service(HttpRequest& request, HttpResponse& response) override;
 
 private:

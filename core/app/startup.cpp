@@ -16,6 +16,7 @@
 #include "http/templateloader.h"
 #include "nodes/gate.h"
 #include "redis/fuck_redis.h"
+#include "redis/speakermirror.h"
 #include "rest/restrouter.h"
 #include "service/loginbrake.h"
 #include "service/passwords.h"
@@ -50,13 +51,6 @@ QJsonArray nodeList(const Settings& settings) {
     return {QJsonObject{{QStringLiteral("nodeip"), settings.text("LocalIP")},
                         {QStringLiteral("nodeport3"), settings.integer("PS2")},
                         {QStringLiteral("nocdn"), settings.flag("nocdn")}}};
-}
-
-std::unique_ptr<QSettings> openGroup(const Settings& settings, const QString& group) {
-    auto file = std::make_unique<QSettings>(settings.iniPath(), QSettings::IniFormat);
-    file->setIniCodec("UTF-8");
-    file->beginGroup(group);
-    return file;
 }
 
 // Without its command servers nothing could ask the service for anything: who starts it shall hear so.
@@ -153,8 +147,9 @@ void Startup::createDevices() {
     m_devices->bitrate = integer("bitrate");
     m_devices->setCommandGap(std::chrono::milliseconds(integer("cmdgap")));
     if (m_redis) {
-        m_devices->setStateMirror(m_redis.get());
-        QObject::connect(m_redis.get(), &fuck_redis::restored, m_devices.get(), &Severinit::remirror);
+        m_devices->setGroupReader([this](const QString& group) { return m_redis->backsnlist(group); });
+        m_mirror = std::make_unique<SpeakerMirror>(*m_devices, *m_redis);
+        QObject::connect(m_redis.get(), &fuck_redis::restored, m_mirror.get(), &SpeakerMirror::remirror);
         m_redis->try_connect(text("RedisIP"), integer("RedisPort"), text("RedisAUTH"));
     }
     m_devices->init_vison();
@@ -236,16 +231,14 @@ void Startup::createTasks() {
         text("task_username"), text("task_passwd"), text("basename"), m_database.get(), integer("sqltaskid"),
         kind, integer("taskstart"), integer("taskend"), nullptr,
         Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause"))});
+    m_tasks->setRingsAfterGap(text("gapbells") == QLatin1String("after"));
 }
 
 void Startup::serveHttp() {
-    m_sessionsGroup = openGroup(m_settings, QStringLiteral("sessions"));
-    m_docrootGroup = openGroup(m_settings, QStringLiteral("docroot"));
-    m_listenerGroup = openGroup(m_settings, QStringLiteral("listener"));
-    m_sessions = std::make_unique<HttpSessionStore>(m_sessionsGroup.get());
-    m_files = std::make_unique<StaticFileController>(m_docrootGroup.get());
+    m_sessions = std::make_unique<HttpSessionStore>(SessionStoreSettings::of(m_settings));
+    m_files = std::make_unique<StaticFileController>(DocrootSettings::of(m_settings));
     m_files->setUploads(FileStore::uploadPaths());
-    m_templates = std::make_unique<TemplateLoader>(openGroup(m_settings, QStringLiteral("templates")).get());
+    m_templates = std::make_unique<TemplateLoader>(TemplateSettings::of(m_settings));
     const char* const key = text("ASKEY").isEmpty() ? "(no key)" : "(key)";
     qDebug().noquote() << text("Meida_ip") << integer("Meida_port") << integer("wbport") << key;
     qDebug().noquote() << "warningurl" << m_database->site.warningurl;
@@ -257,7 +250,8 @@ void Startup::serveHttp() {
     m_front->setOrigins(text("weborigins"));
     m_front->setRouter(m_router.get());
 
-    m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_frontDoor.get());
+    m_http = std::make_unique<HttpListener>(m_database.get(), HttpListenerSettings::of(m_settings),
+                                            m_frontDoor.get());
     m_http->setStaticFiles(m_files.get());
     m_http->listen();
 }

@@ -4,7 +4,6 @@
 
 #include <memory>
 #include <QJsonArray>
-#include <QSettings>
 #include <QString>
 #include <QTimer>
 
@@ -24,6 +23,7 @@ class RequestMapper;
 class RestRouter;
 class sever_listen;
 class Severinit;
+class SpeakerMirror;
 class sqlite;
 class StaticFileController;
 class Task_workque;
@@ -69,6 +69,7 @@ private:
     // In the order of their making; destroyed from the last to the first.
     std::unique_ptr<fuck_redis> m_redis; ///< null with Redis disabled
     std::unique_ptr<Severinit> m_devices;
+    std::unique_ptr<SpeakerMirror> m_mirror; ///< null with Redis disabled
     std::unique_ptr<Gate> m_gate;
     std::unique_ptr<sever_listen> m_speakerListener;
     std::unique_ptr<cmdthread> m_commands;
@@ -77,9 +78,6 @@ private:
     std::unique_ptr<sqlite> m_database;    ///< this and what follows: null in media-only mode
     QTimer m_databaseTimer;                ///< while its speakers have not been read
     std::unique_ptr<Task_workque> m_tasks; ///< null unless the database's kind has tasks
-    std::unique_ptr<QSettings> m_sessionsGroup;
-    std::unique_ptr<QSettings> m_docrootGroup;
-    std::unique_ptr<QSettings> m_listenerGroup;
     std::unique_ptr<HttpSessionStore> m_sessions;
     std::unique_ptr<StaticFileController> m_files;
     std::unique_ptr<TemplateLoader> m_templates;

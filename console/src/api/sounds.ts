@@ -1,4 +1,4 @@
-import { all, get, patch, post, remove } from './http'
+import { all, patch, post, remove } from './http'
 
 export interface Sound {
   id: number
@@ -12,13 +12,13 @@ export interface Sound {
 export interface Speech {
   text: string
   voice?: string
-  speed?: number
+  speed?: number // percent of the usual
 }
 
 export interface Voice {
-  id?: string
+  id: string
   name: string
-  language?: string
+  language: string
 }
 
 const slow = { patience: 180_000 } // encoding a long recording
@@ -30,8 +30,4 @@ export const speak = (speech: Speech & { name: string }): Promise<Sound> => post
 export const renameSound = (id: number, name: string): Promise<Sound> => patch(`/sounds/${id}`, { name })
 export const removeSound = (id: number): Promise<void> => remove(`/sounds/${id}`)
 
-/** Names of the voices; a list of objects or of plain names. */
-export async function voices(): Promise<string[]> {
-  const told = await get<{ items: (Voice | string)[] }>('/voices')
-  return told.items.map((voice) => (typeof voice === 'string' ? voice : (voice.id ?? voice.name)))
-}
+export const voices = (): Promise<Voice[]> => all('/voices')

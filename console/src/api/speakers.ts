@@ -16,7 +16,7 @@ export interface Speaker {
   groups: number[]
   since: string | null
   lastSeen: string | null
-  playing: { broadcast: number; name: string } | null
+  playing: { broadcast: number | null; name: string } | null
   node: number | string | null
   health?: Health
 }
@@ -36,7 +36,7 @@ export const setVolume = (targets: Targets, volume: number): Promise<{ targets: 
 export interface Group {
   id: number
   name: string
-  owner?: number | null
+  owner: number
   speakers: string[]
   groups: number[]
 }

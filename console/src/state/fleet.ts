@@ -103,9 +103,10 @@ export const mayPlay = (speaker: Speaker): boolean =>
   !speaker.groups.some((id) => viewed.value.has(id))
 
 export const mayManageGroup = (group: Group): boolean =>
-  session.isAdmin.value || !(operated.value.has(group.id) || viewed.value.has(group.id))
+  session.isAdmin.value || group.owner === session.me.value?.id
 
-export const mayPlayGroup = (group: Group): boolean => mayManageGroup(group) || operated.value.has(group.id)
+export const mayPlayGroup = (group: Group): boolean =>
+  mayManageGroup(group) || operated.value.has(group.id) || !viewed.value.has(group.id)
 
 /** Whether there is anything that the account may play to; without it no page offers to play. */
 export const playsAnything = computed(() => {

@@ -28,7 +28,10 @@ export const session = {
 }
 
 /** Whether the service has such a path ("/schedules/upcoming"); what it lacks is not shown. */
-export const offers = (path: string): boolean => state.paths.has(path)
+export const offers = (path: string): boolean => state.paths.has(nameless(path))
+
+// What the parts that differ are called does not matter: "/speakers/{}".
+const nameless = (path: string): string => path.replace(/{\w*}/g, '{}')
 
 /** Runs each time somebody has logged in or out. */
 export const whenSessionChanges = (handler: () => void): void => void listeners.add(handler)
@@ -42,7 +45,7 @@ function use(text: string): void {
 
 async function begin(me: api.Me): Promise<void> {
   const told = await about()
-  state.paths = new Set(told.paths)
+  state.paths = new Set(told.paths.map(nameless))
   state.eventsPort = told.websocket ?? 0
   state.grants = state.paths.has('/grants') ? await grants() : []
   state.me = me
