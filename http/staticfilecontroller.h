@@ -29,6 +29,7 @@ private:
     bool isUpload(const QByteArray& path) const;
     int openRoot();
     int openFile(const QByteArray& path);
+    int packedInstead(int plain, const QByteArray& path, const HttpRequest& request, HttpResponse& response);
     int openBelow(int directory, const QByteArray& name);
     void sendFile(int descriptor, const QByteArray& name, const FileQuery& query,
                   HttpResponse& response) const;

@@ -40,7 +40,7 @@ export interface Order {
   play: Title[]
   name: string
   repeat: number
-  volume: number | null
+  volume?: number
   priority: number
   whenBusy: 'interrupt' | 'queue' | 'skip'
   queueSeconds: number

@@ -12,7 +12,7 @@ export interface Sound {
 export interface Speech {
   text: string
   voice?: string
-  speed?: number // percent of the usual
+  speed?: number // 0 to 100; 50 is the usual one
 }
 
 export interface Voice {

@@ -33,7 +33,7 @@ export const en = {
   },
   stop: {
     button: 'Stop everything', title: 'Stop everything that plays?',
-    text: (n: number) => `${many(n, 'broadcast', 'broadcasts')} will be stopped on all their speakers, waiting ones too. They do not go on by themselves.`,
+    text: (n: number) => `${many(n, 'broadcast', 'broadcasts')} will be stopped on all speakers, waiting ones too. What is stopped does not go on by itself.`,
     none: 'Nothing plays as far as this page knows. Whatever the service finds playing will be stopped.',
     yes: 'Stop now', what: 'Stop everything', stopped: (n: number) => `${many(n, 'broadcast', 'broadcasts')} stopped.`,
     failed: (n: number) => `${many(n, 'broadcast', 'broadcasts')} could not be stopped.`, nothing: 'Nothing was playing.',
@@ -88,7 +88,7 @@ export const en = {
   },
   announce: {
     title: 'Announce', what: 'What', text: 'Text to speak', file: 'File', sound: 'Stored sound', url: 'Address', textHint: 'Attention please …', voice: 'Voice', standard: 'Standard',
-    speed: 'Speed', chooseFile: 'Audio file', chooseSound: 'Sound', urlHint: 'http://…', how: 'How', chime: 'Chime before it', noChime: 'No chime', volume: 'Volume', asIs: 'As each speaker has it',
+    speed: 'Speed', speeds: { slow: 'Slow', usual: 'Usual', fast: 'Fast' }, chooseFile: 'Audio file', chooseSound: 'Sound', urlHint: 'http://…', how: 'How', chime: 'Chime before it', noChime: 'No chime', volume: 'Volume', asIs: 'As each speaker has it',
     priority: 'Priority', levels: { background: 'Background', normal: 'Normal', urgent: 'Urgent', emergency: 'Emergency' } as Record<string, string>, busy: 'When a speaker is busy',
     interrupt: 'Interrupt', queue: 'Wait', skip: 'Leave it out', resume: 'What was interrupted', none: 'Does not go on', start: 'Begins again', position: 'Goes on where it was', repeat: 'Times',
     name: 'Name in the journal', start_: (n: number) => `Announce to ${speakers(n)}`, what_: 'Announce', uploading: 'Storing the file …', noTarget: 'Choose who should hear it.', noContent: 'Say what should be heard.',

@@ -47,7 +47,7 @@ export const zh: Texts = {
   },
   targets: { title: '目标', all: '所有音箱', search: '搜索分组和音箱', groups: '分组', speakers: '音箱', chosen: (n) => `已选 ${speakers(n)}`, none: '尚未选择', first: (n) => `仅显示前 ${n} 个；其余请搜索。`, clear: '清除', single: '搜索单个音箱。' },
   announce: {
-    title: '广播', what: '内容', text: '朗读文字', file: '文件', sound: '已存音频', url: '地址', textHint: '请注意…', voice: '声音', standard: '标准', speed: '语速', chooseFile: '音频文件', chooseSound: '音频', urlHint: 'http://…', how: '方式', chime: '前置提示音', noChime: '无提示音', volume: '音量', asIs: '保持各音箱音量', priority: '优先级',
+    title: '广播', what: '内容', text: '朗读文字', file: '文件', sound: '已存音频', url: '地址', textHint: '请注意…', voice: '声音', standard: '标准', speed: '语速', speeds: { slow: '慢', usual: '正常', fast: '快' }, chooseFile: '音频文件', chooseSound: '音频', urlHint: 'http://…', how: '方式', chime: '前置提示音', noChime: '无提示音', volume: '音量', asIs: '保持各音箱音量', priority: '优先级',
     levels: { background: '背景', normal: '普通', urgent: '紧急', emergency: '应急' }, busy: '音箱忙时', interrupt: '打断', queue: '等待', skip: '跳过', resume: '被打断的内容', none: '不再继续', start: '重新开始', position: '从原处继续', repeat: '次数', name: '日志中的名称', start_: (n) => `向 ${speakers(n)}广播`, what_: '广播', uploading: '正在保存文件…',
     noTarget: '请选择收听者。', noContent: '请说明播放内容。', defaultName: '广播', again: '再做一次广播', more: '更多设置', waitAtMost: '最多等待（秒）',
   },
