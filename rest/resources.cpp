@@ -1,7 +1,7 @@
 #include "rest/resources.h"
 
 void addResources(RestRoutes& routes) {
-    addAboutRoutes(routes);
+    addServiceRoutes(routes);
     addSessionRoutes(routes);
     addTokenRoutes(routes);
     addAccountRoutes(routes);

@@ -3,7 +3,7 @@
 class RestRoutes;
 
 /// Each resource adds its rows to the table; their files are named after them.
-void addAboutRoutes(RestRoutes& routes);
+void addServiceRoutes(RestRoutes& routes);
 void addAccountRoutes(RestRoutes& routes);
 void addAuditRoutes(RestRoutes& routes);
 void addGrantRoutes(RestRoutes& routes);

@@ -28,6 +28,6 @@ RestAnswer getAbout(RestCall& call) {
 
 } // namespace
 
-void addAboutRoutes(RestRoutes& routes) {
+void addServiceRoutes(RestRoutes& routes) {
     routes.add({{"GET", "/about", getAbout}});
 }
