@@ -72,10 +72,6 @@ QString commaList(const QList<qint64>& ids) {
     return texts.join(QLatin1Char(','));
 }
 
-bool isFullSerial(const QString& text) {
-    return isSerialOf(text, SerialLength);
-}
-
 bool isOneLine(const QString& text) {
     return std::none_of(text.begin(), text.end(),
                         [](QChar c) { return c.category() == QChar::Other_Control; });

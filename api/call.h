@@ -1,5 +1,7 @@
 #pragma once
 
+#include "service/serial.h"
+
 #include <optional>
 #include <QByteArray>
 #include <QJsonObject>
@@ -11,6 +13,7 @@
 class HttpRequest;
 class QTemporaryFile;
 class RequestMapper;
+struct StoreResult;
 
 /// Parameters of one request: name to value, both as bytes.
 using Params = QMap<QByteArray, QByteArray>;
@@ -22,6 +25,8 @@ QByteArray success(QJsonObject more = {});
 /// {"res": false, "info": word}, with "code" when it is not 0.
 QByteArray refusal(const QString& word, int code = 0);
 
+/// The refusal of a sound that could not be stored.
+QByteArray storeRefusal(const StoreResult& result);
 /// The refusal of an empty list of speakers.
 QByteArray noTargets();
 
@@ -35,10 +40,6 @@ QList<qint64> numbersIn(const QString& list);
 /// The same where all must be ids: nullopt when one is not a positive number.
 std::optional<QList<qint64>> idList(const QString& list);
 QString commaList(const QList<qint64>& ids);
-
-constexpr int SerialLength = 32;
-/// 32 lower-case hexadecimal digits, as an account stores a speaker's serial.
-bool isFullSerial(const QString& text);
 
 /// Whether no character of the text is a control character: no line break, no tabulator, no NUL.
 bool isOneLine(const QString& text);

@@ -7,55 +7,39 @@
 #include "device/saobj.h"
 #include "device/severinit.h"
 #include "redis/core_corss.h"
+#include "service/speakercommands.h"
+#include "service/speakers.h"
 
 #include <algorithm>
 #include <QVector>
 
 namespace {
-/// `iswarning` of a speaker that takes part in alarms.
-constexpr int AlarmDevice = 99;
-
 /// The word that refuses a serial number; null when it is fit.
-const char* serialFault(const QString& sn, const Severinit& devices) {
-    if (sn.isEmpty())
+const char* wordOf(SerialFault fault) {
+    switch (fault) {
+    case SerialFault::None:
+        break;
+    case SerialFault::Missing:
         return "_FALSE2";
-    if (sn.size() != SerialLength)
+    case SerialFault::Length:
         return "_FALSE3";
-    if (!isFullSerial(sn))
+    case SerialFault::Digits:
         return "_FALSE4";
-    return devices.serialAllowed(sn) ? nullptr : "_FALSE1";
+    case SerialFault::Blocked:
+        return "_FALSE1";
+    }
+    return nullptr;
 }
 
 /// Refusal that names the first unfit serial; empty when all are fit.
 QByteArray refusedSerial(const QStringList& sns, const Severinit& devices) {
     for (const QString& sn : sns) {
-        if (const char* fault = serialFault(sn, devices))
+        if (const char* fault = wordOf(serialFault(sn, devices)))
             return reply({{QStringLiteral("res"), false},
                           {QStringLiteral("sn"), sn},
                           {QStringLiteral("info"), QLatin1String(fault)}});
     }
     return {};
-}
-
-/// Key that ties a speaker to its account.
-QString accountSerial(int userid, const QString& sn) {
-    return QString::number(userid) + sn;
-}
-
-SqlResult insertDevice(const StrictSql& database, int userid, const QString& name, const QString& sn,
-                       int iswarning) {
-    return database.run(
-        QStringLiteral(
-            "INSERT INTO  `sbox_device_info` (`user_id`, `device_name`, `device_code`, `device_seed`, "
-            "`node_id`, `userid_seed`, `kind`, `iswarning`)   VALUES ('@user_id', '@device_name', "
-            "'@device_code', '@device_seed', 1, '@userid_seed', @kind , @iswarning )"),
-        {{QStringLiteral("@user_id"), userid},
-         {QStringLiteral("@device_name"), name},
-         {QStringLiteral("@device_code"), sn},
-         {QStringLiteral("@device_seed"), sn},
-         {QStringLiteral("@userid_seed"), accountSerial(userid, sn)},
-         {QStringLiteral("@kind"), 1},
-         {QStringLiteral("@iswarning"), iswarning}});
 }
 
 /// Reply of a statement that acts on one row; `nothing` is the word when it met none.
@@ -65,23 +49,6 @@ QByteArray changed(const SqlResult& result, int userid, const char* nothing) {
     if (result.affected <= 0)
         return refusal(QLatin1String(nothing));
     return success({{QStringLiteral("userid"), userid}, {QStringLiteral("EF"), result.affected}});
-}
-
-/// The serial of a stored device; empty when there is none of this id.
-QString serialOf(const StrictSql& database, int id) {
-    const SqlResult row =
-        database.run(QStringLiteral("SELECT `device_seed` FROM `sbox_device_info` WHERE `id` = '@id' ;"),
-                     {{QStringLiteral("@id"), id}});
-    return row.isEmpty() ? QString() : row.text(0, "device_seed");
-}
-
-/// The registry treats a serial that no account has any more as a stranger's.
-void tellIfForgotten(const StrictSql& database, Severinit& devices, const QString& sn) {
-    const SqlResult rows = database.run(
-        QStringLiteral("SELECT `id` FROM `sbox_device_info` WHERE `device_seed` = '@sn' limit 1 ;"),
-        {{QStringLiteral("@sn"), sn}});
-    if (rows.ok && rows.rows.isEmpty())
-        devices.forgetStored(sn);
 }
 
 /// What the registry knows of a speaker that is not only a stored record.
@@ -124,15 +91,11 @@ QByteArray DumpController_add_user::user_add_dev(const Call& call) {
     QByteArray refused = refusedSerial(sns, *m_devices);
     if (!refused.isEmpty())
         return refused;
-    const int iswarning = call.number("device_kind") == 1 ? AlarmDevice : 0;
-    const bool stored = db().transaction([&] {
-        return std::all_of(sns.begin(), sns.end(), [&](const QString& sn) {
-            return insertDevice(db(), call.userid(), call.text("name"), sn, iswarning).ok;
-        });
-    });
-    if (!stored)
+    const NewSpeakers added{call.userid(), call.text("name"), sns,
+                            call.number("device_kind") == 1 ? AlarmSpeaker : 0};
+    if (!db().takes(added.name) ||
+        !addSpeakers(db(), *m_devices, added))
         return refusal(QStringLiteral("ER_EXE"));
-    m_devices->tellAgain(sns); // they may have been online before anybody owned them
     return success({{QStringLiteral("userid"), call.userid()}});
 }
 
@@ -192,7 +155,10 @@ QByteArray DumpController_add_user::user_resndevs(const Call& call) {
 }
 
 QByteArray DumpController_add_user::user_enable_device(const Call& call) {
-    return switchDevices(call, [this](const QStringList& sns) { commands()->enable_device(sns); });
+    return switchDevices(call, [this](const QStringList& sns) {
+        forgetDisabled(db(), sns);
+        commands()->enable_device(sns);
+    });
 }
 
 QByteArray DumpController_add_user::user_disable_device(const Call& call) {

@@ -2,12 +2,12 @@
 
 #include "api/requestmapper.h"
 #include "api/routes.h"
-#include "api/speakernodes.h"
 #include "core/sql/sqlite.h"
 #include "device/severinit.h"
 #include "http/httprequest.h"
 #include "http/httpresponse.h"
 #include "redis/core_corss.h"
+#include "service/speakernodes.h"
 
 #include <optional>
 

@@ -1,11 +1,12 @@
-#include "api/audio.h"
 #include "api/dumpcontroller_add_user.h"
-#include "api/filestore.h"
 #include "api/requestmapper.h"
 
 #include "api/strictsql.h"
 #include "device/severinit.h"
 #include "http/httprequest.h"
+#include "service/audio.h"
+#include "service/filestore.h"
+#include "service/sounds.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -77,16 +78,28 @@ void listFolder(const FileStore& store, const QString& folder, QJsonArray& files
 
 } // namespace
 
+QByteArray storeRefusal(const StoreResult& result) {
+    const char* word = "ER_EXE";
+    if (result.fault == StoreFault::Undecodable)
+        word = "Decode_error";
+    else if (result.fault == StoreFault::NotStored)
+        word = "exc_error_ext";
+    QJsonObject object{{QStringLiteral("res"), false}, {QStringLiteral("info"), QLatin1String(word)}};
+    if (!result.sql.isEmpty())
+        object.insert(QStringLiteral("sqline"), result.sql);
+    return reply(object);
+}
+
 QByteArray DumpController_add_user::storeUploadedAudio(const Call& call, const char* sizeKey) {
     const FileStore store(db());
     const auto work = store.workDirectory();
     const QString source = work->filePath(QStringLiteral("upload"));
     if (!work->isValid() || !FileStore::copyTo(*call.file(), source))
         return refusal(QStringLiteral("exc_error_ext"));
-    const StoreResult result =
-        storeAudio(db(), store, {call.userid(), call.fileName(), m_devices->bitrate, true}, source, *work);
+    const StoreResult result = storeAudio(
+        db(), store, {call.userid(), call.fileName(), m_devices->bitrate, Keep::ByCleanName}, source, *work);
     if (!result.stored)
-        return result.refusalReply();
+        return storeRefusal(result);
     QJsonObject object = storedReply(*result.stored, store);
     object.insert(QString::fromLatin1(sizeKey), result.stored->measure.bytes);
     return reply(object);

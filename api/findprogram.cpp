@@ -1,7 +1,7 @@
 #include "api/findprogram.h"
 
-#include "api/program.h"
 #include "core/sql/sqlite.h"
+#include "service/program.h"
 
 #include <QJsonDocument>
 

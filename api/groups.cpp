@@ -3,6 +3,7 @@
 
 #include "api/requestmapper.h"
 #include "api/strictsql.h"
+#include "service/groups.h"
 
 #include <QHash>
 
@@ -154,11 +155,6 @@ QByteArray DumpController_add_user::user_rmgrep(const Call& call) {
     const QByteArray refused = refusedGroup(call, db());
     if (!refused.isEmpty())
         return refused;
-    const bool removed = db().transaction([&] {
-        return deleteMembers(db(), call).ok &&
-               db().run(QStringLiteral("DELETE FROM  `sbox_group` WHERE (`id` = '@gid');"),
-                        {{QStringLiteral("@gid"), call.number("gid")}})
-                   .ok;
-    });
+    const bool removed = removeGroup(db(), call.number("gid"));
     return removed ? success() : failed();
 }

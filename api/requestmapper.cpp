@@ -2,18 +2,18 @@
 
 #include "api/dumpcontroller_add_user.h"
 #include "api/examplecontrollers.h"
-#include "api/filestore.h"
 #include "api/plankeys.h"
 #include "api/routes.h"
 #include "core/sql/sqlite.h"
 #include "http/httprequest.h"
 #include "http/httpresponse.h"
+#include "service/filestore.h"
+#include "service/lanes.h"
 #include "service/passwords.h"
 
 #include <algorithm>
 #include <array>
 #include <QDebug>
-#include <QThread>
 
 namespace {
 enum class Controller { None, Dump, Template, Management };
@@ -43,11 +43,6 @@ Controller controllerFor(const QByteArray& path) {
                                      [&](const Prefix& prefix) { return path.startsWith(prefix.path); });
     return found == prefixes.end() ? Controller::None : found->controller;
 }
-
-constexpr int AtOnce = 2;             ///< encodings of an account, and programs of the query sets
-constexpr int WaitingEncodings = 256; ///< in all; each is an upload on the disk
-constexpr int WaitingOfAccount = 16;
-constexpr int WaitingQueries = 64; ///< a few seconds' worth
 
 /// Which of these a path's row demands.
 unsigned demandsOf(const QByteArray& path, int kind, unsigned which) {
@@ -92,12 +87,11 @@ JobLanes RequestMapper::lanes(const HttpRequest& request) const {
 JobLanes RequestMapper::lanes(const QByteArray& path, const Params& parameters) const {
     const unsigned work = demandsOf(path, m_database->kind(), Encodes | RunsQuery);
     if (work == RunsQuery)
-        return {{QByteArrayLiteral("query"), AtOnce, WaitingQueries}};
+        return queryLanes();
     Call call(parameters, *this);
     if (work != Encodes || !call.authenticate())
         return {}; // refused at once
-    return {{QByteArrayLiteral("encoding"), qMax(1, QThread::idealThreadCount()), WaitingEncodings},
-            {"encoding " + QByteArray::number(call.userid()), AtOnce, WaitingOfAccount}};
+    return encodingLanes(call.userid());
 }
 
 FileFate RequestMapper::fateOfFile(const HttpRequest& head, const QByteArray& field,

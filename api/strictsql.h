@@ -16,6 +16,8 @@ public:
         : site(database.site)
         , m_database(database) {}
 
+    /// Whether a statement with these values would be run; one that would not is logged.
+    bool takes(const SqlArgs& args, const QString& statement) const;
     ShownResult run(const QString& statement, const SqlArgs& args = {}) const;
     /// Whether the text may be a value.
     bool takes(const QString& text) const;
@@ -28,5 +30,6 @@ public:
     const sqlite::Site& site;
 
 private:
+    bool takes(const SqlArgs& args, const QString& statement, QString& error) const;
     sqlite& m_database;
 };

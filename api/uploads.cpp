@@ -1,9 +1,9 @@
-#include "api/audio.h"
 #include "api/dumpcontroller_add_user.h"
-#include "api/filestore.h"
 
 #include "api/strictsql.h"
 #include "http/httprequest.h"
+#include "service/audio.h"
+#include "service/filestore.h"
 
 #include <QJsonObject>
 #include <QRegularExpression>

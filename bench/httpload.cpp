@@ -5,8 +5,12 @@
 //   httpload --port P [--path /song.mp3] [--readers 2000] [--rate 16384] [--seconds 10]
 //            [--pid PID]... [--api /user/test]
 //
-// Prints one line: CPU and threads of the server's processes, bytes read, readers that fell behind,
+//   httpload --port P --ask PATH [--token TOKEN] [--connections 1] [--seconds 10]
+//
+// asks for a path over and over on some connections, see httpload_ask.h. Otherwise
+// prints one line: CPU and threads of the server's processes, bytes read, readers that fell behind,
 // and the API's answer times.
+#include "httpload_ask.h"
 #include "process.h"
 
 #include <algorithm>
@@ -39,6 +43,7 @@ struct Options {
     std::string path = "/song.mp3";
     std::string api; ///< posted to; empty: no API requests
     std::vector<int> pids;
+    AskOptions ask; ///< with a path: this and nothing else
 };
 
 struct Reader {
@@ -228,14 +233,24 @@ Options parse(int argc, char** argv) {
             options.path = value;
         else if (key == "--api")
             options.api = value;
+        else if (key == "--ask")
+            options.ask.path = value;
+        else if (key == "--token")
+            options.ask.token = value;
+        else if (key == "--connections")
+            options.ask.connections = std::max(1, std::atoi(value));
         else if (key == "--pid")
             options.pids.push_back(std::atoi(value));
     }
     if (options.port == 0) {
         std::fprintf(stderr, "usage: httpload --port P [--path /song.mp3] [--readers 2000] [--rate 16384] "
-                             "[--seconds 10] [--pid PID]... [--api /user/test]\n");
+                             "[--seconds 10] [--pid PID]... [--api /user/test]\n"
+                             "       httpload --port P --ask PATH [--token TOKEN] [--connections 1] "
+                             "[--seconds 10]\n");
         std::exit(2);
     }
+    options.ask.port = options.port;
+    options.ask.seconds = std::max(1, options.seconds);
     return options;
 }
 
@@ -243,6 +258,8 @@ Options parse(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     const Options options = parse(argc, argv);
+    if (!options.ask.path.empty())
+        return ask(options.ask);
     rlimit descriptors{};
     ::getrlimit(RLIMIT_NOFILE, &descriptors);
     descriptors.rlim_cur = descriptors.rlim_max;

@@ -57,7 +57,10 @@ public:
     bool isBound() const { return m_client != nullptr; }
     bool isBusy() const { return m_busy; } ///< plays from its own store
     bool isEnabled() const { return m_enabled; }
-    void setEnabled(bool enabled) { m_enabled = enabled; }
+    void setEnabled(bool enabled) {
+        if (std::exchange(m_enabled, enabled) != enabled)
+            note(SpeakerEvents::Information);
+    }
     int kind() const { return m_kind; } ///< kind code as the speaker reports it
     int leixing() const { return m_mp3.kind(); }
     /// How the speaker takes MP3; decides for the next data connection.
@@ -68,6 +71,7 @@ public:
     int micE() const { return m_micE; }
     int debugState() const { return m_debugState; } ///< 0 unknown, 1 on, 2 off
     int voltage() const { return m_voltage; }       ///< 0 until the speaker reports it
+    int version() const { return m_version; }       ///< of its program; 0 until the speaker reports it
     int xuhao() const { return m_xuhao; }           ///< number that the speaker gives itself
     void setXuhao(int xuhao) { change(m_xuhao, xuhao, SpeakerEvents::Information); }
     const QString& localIp() const { return m_localIp; } ///< the speaker's own address as it reports it
@@ -259,6 +263,7 @@ private:
     int m_micE = 0;
     int m_debugState = 0;
     int m_voltage = 0;
+    int m_version = 0;
     int m_xuhao = 0;
     QString m_sn;
     QString m_name;

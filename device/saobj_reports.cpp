@@ -165,8 +165,10 @@ void SAobj::reportUpdate(const QByteArray& /*rest*/) {
 void SAobj::reportVersion(const QByteArray& number) {
     bool isNumber = false;
     const int version = number.trimmed().toInt(&isNumber, 10);
-    if (isNumber)
-        mirror("Version", version);
+    if (!isNumber)
+        return;
+    change(m_version, version, SpeakerEvents::Information);
+    mirror("Version", version);
 }
 
 void SAobj::reportAlarm(const QByteArray& rest) {

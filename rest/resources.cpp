@@ -1,10 +1,13 @@
 #include "rest/resources.h"
 
 void addResources(RestRoutes& routes) {
-    addServiceRoutes(routes);
+    addAboutRoutes(routes);
     addSessionRoutes(routes);
     addTokenRoutes(routes);
     addAccountRoutes(routes);
     addGrantRoutes(routes);
     addAuditRoutes(routes);
+    addSpeakerRoutes(routes);
+    addGroupRoutes(routes);
+    addSoundRoutes(routes);
 }

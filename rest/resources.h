@@ -3,11 +3,14 @@
 class RestRoutes;
 
 /// Each resource adds its rows to the table; their files are named after them.
-void addServiceRoutes(RestRoutes& routes);
+void addAboutRoutes(RestRoutes& routes);
 void addAccountRoutes(RestRoutes& routes);
 void addAuditRoutes(RestRoutes& routes);
 void addGrantRoutes(RestRoutes& routes);
+void addGroupRoutes(RestRoutes& routes);
 void addSessionRoutes(RestRoutes& routes);
+void addSoundRoutes(RestRoutes& routes);
+void addSpeakerRoutes(RestRoutes& routes);
 void addTokenRoutes(RestRoutes& routes);
 
 /// All of them.

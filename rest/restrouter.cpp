@@ -16,6 +16,8 @@ namespace {
 
 constexpr int WaitingHashes = 256;
 constexpr int WaitingEncodings = 256; // in all; each is an upload on the disk
+constexpr int EncodingsOfToken = 2;   // at once
+constexpr int WaitingOfToken = 16;
 
 RestAnswer unauthorized() {
     return problem(401, QStringLiteral("a valid token is needed, as \"Authorization: Bearer TOKEN\""))
@@ -85,8 +87,10 @@ JobLanes RestRouter::lanes(const HttpRequest& request) const {
     const int processors = qMax(1, QThread::idealThreadCount());
     if (traits & Hashes)
         return {{QByteArrayLiteral("passwords"), processors, WaitingHashes}};
-    if (traits & Encodes)
-        return {{QByteArrayLiteral("encoding"), processors, WaitingEncodings}};
+    const QByteArray token = bearerOf(request);
+    if ((traits & Encodes) && m_services.tokens->wasValid(token)) // others are refused at once
+        return {{QByteArrayLiteral("encoding"), processors, WaitingEncodings},
+                {"encoding " + token, EncodingsOfToken, WaitingOfToken}};
     return {};
 }
 

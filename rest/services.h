@@ -4,6 +4,7 @@ class Gate;
 class LoginBrake;
 class Passwords;
 class Severinit;
+class SpeakerBoard;
 class sqlite;
 class Task_workque;
 class TokenTable;
@@ -14,6 +15,7 @@ class Tokens;
 struct Services {
     const sqlite* database = nullptr; ///< the main loop's; a handler has its worker's own (RestCall)
     Severinit* devices = nullptr;     ///< main loop
+    SpeakerBoard* board = nullptr;    ///< any thread
     Gate* gate = nullptr;             ///< any thread
     Task_workque* tasks = nullptr;    ///< main loop; null for kinds without tasks
     Passwords* passwords = nullptr;   ///< any thread

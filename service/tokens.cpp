@@ -81,7 +81,10 @@ std::optional<NewToken> Tokens::store(sqlite& database, qint64 account, const QS
                                                    {QStringLiteral("@hash"), hashOf(text)},
                                                    {QStringLiteral("@now"), now()},
                                                    {QStringLiteral("@expires"), expires}});
-    return stored.ok ? std::optional(NewToken{stored.lastId, text, expires}) : std::nullopt;
+    if (!stored.ok)
+        return std::nullopt;
+    remember(hashOf(text));
+    return NewToken{stored.lastId, text, expires};
 }
 
 TokenCheck Tokens::check(sqlite& database, const QByteArray& text) const {

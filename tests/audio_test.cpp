@@ -1,6 +1,6 @@
-#include "api/audio.h"
-#include "api/filestore.h"
-#include "api/program.h"
+#include "service/audio.h"
+#include "service/filestore.h"
+#include "service/program.h"
 #include "support/table.h"
 
 #include <QElapsedTimer>

@@ -349,12 +349,20 @@ private slots:
     void secondDataConnectionReplaces() {
         const auto first = m_link->attach(testSerial());
         session()->push_mp3("a");
-        QVERIFY(first->waitReceived("a"));
+        session()->push_mp3("x");
+        first->send("12345123"); // a request and more than half of the next
+        QVERIFY(first->waitReceived("ax"));
         RawConnection second(m_link->dataPort(), sim::registrationPacket(testSerial(), 20));
         QVERIFY(first->waitClosed());
         QVERIFY(session()->isMp3Connected());
-        session()->push_mp3("b"); // what the first was last sent no longer counts
+        for (const char* const chunk :
+             {"b", "c"}) // what the first was last sent, and asked, no longer counts
+            session()->push_mp3(chunk);
+        second.send("12");
         QVERIFY(second.waitReceived("b"));
+        QVERIFY(holdsFor([&] { return second.received() == "b"; }, 30ms));
+        second.send("345");
+        QVERIFY(second.waitReceived("bc"));
     }
 
     void endOfTheDataConnection() {

@@ -5,9 +5,11 @@
 #include "support/testmain.h"
 #include "support/waitfor.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
+#include <QRegularExpression>
 
 class MysqlTest : public QObject {
     Q_OBJECT
@@ -30,13 +32,24 @@ private slots:
     }
 
     void olderDatabasesAreBroughtUpToDate() {
+        const QByteArray columns = "SELECT table_name, column_name, column_type FROM "
+                                   "information_schema.columns WHERE table_schema = 'speakers' ORDER BY 1, 2";
+        const QByteArray whole = m_server.sql(columns);
+        const QRegularExpression made("CREATE TABLE IF NOT EXISTS `(\\w+)`");
+        for (const QFileInfo& step : QDir(":/etc/ttys/migrations").entryInfoList({"*.mysql.sql"})) {
+            QFile file(step.filePath());
+            QVERIFY(file.open(QIODevice::ReadOnly));
+            for (auto table = made.globalMatch(file.readAll()); table.hasNext();)
+                QVERIFY(m_db->exec("DROP TABLE " + table.next().captured(1)));
+        }
         QVERIFY(m_db->runScript("DROP TABLE schema_version; DROP INDEX taskfile_list ON taskfile;"
                                 "CREATE INDEX taskfile_task ON taskfile (taskid, fileid)") >= 0);
         QString why;
         for (int time = 0; time < 2; ++time)
             QVERIFY2(migrateSchema(*m_db, why), qPrintable(why));
-        QCOMPARE(m_server.sql("SELECT MAX(version) FROM speakers.schema_version"),
-                 QByteArray::number(newestSchemaVersion()) + "\n");
+        QCOMPARE(m_server.sql("SELECT MAX(version) FROM speakers.schema_version").trimmed(),
+                 QByteArray::number(newestSchemaVersion()));
+        QCOMPARE(m_server.sql(columns), whole); // by either road the same
         QCOMPARE(m_server.sql("SELECT DISTINCT index_name FROM information_schema.statistics WHERE "
                               "table_schema = 'speakers' AND index_name LIKE 'taskfile_%' ORDER BY 1"),
                  QByteArray("taskfile_file\ntaskfile_list\n"));
@@ -88,12 +101,12 @@ private slots:
                 continue;
             QJsonArray rows[2];
             int side = 0;
-            for (sqlite* db : {m_db.get(), &lite}) {
+            for (sqlite* db : {&lite, m_db.get()}) {
                 db->exec("DELETE FROM " + table);
                 const QString key = table == "sbox_device_info" ? "(`id`, `device_seed`) VALUES (7, 'ab')"
                                                                 : "(`id`) VALUES (7)";
                 if (!db->run("INSERT INTO " + table + ' ' + key).ok)
-                    continue; // none of the older paths' tables: it has columns that must be given
+                    break; // none of the older paths' tables: it has columns that must be given
                 QJsonObject row = db->run("SELECT * FROM " + table).object(0);
                 for (const char* time : {"ctime", "changetime", "updatetime", "time"}) {
                     if (row.contains(time)) {
@@ -104,8 +117,9 @@ private slots:
                 }
                 rows[side++].append(row);
             }
-            QCOMPARE(QJsonDocument(rows[0]).toJson(), QJsonDocument(rows[1]).toJson());
             checked += side == 2 ? 1 : 0;
+            if (side > 0)
+                QCOMPARE(QJsonDocument(rows[0]).toJson(), QJsonDocument(rows[1]).toJson());
         }
         QVERIFY(checked >= 19);
     }

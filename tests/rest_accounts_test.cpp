@@ -28,8 +28,11 @@ struct Policy {
     QByteArray body = {};
 };
 
+constexpr char SpeakerPath[] = "/speakers/aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
+
 /// Every route of the table has its row here: who may what. A route without one fails.
 const QList<Policy> Policies{
+    {"GET /openapi.json", "200 200 200 200 200 200"},
     {"POST /login", "200 200 200 200 200 200", nullptr, R"({"username":"owner","password":"correct horse"})"},
     {"POST /logout", "401 204 204 204 204 204"},
     {"GET /me", "401 200 200 200 200 200"},
@@ -50,6 +53,27 @@ const QList<Policy> Policies{
     {"DELETE /grants/{id}", "401 403 404 204 404 204", "/grants/60"},
     {"GET /about", "401 200 200 200 200 200"},
     {"GET /audit", "401 200 200 200 200 200"},
+    {"GET /speakers", "401 200 200 200 200 200"},
+    {"POST /speakers", "401 201 201 201 201 201", nullptr,
+     R"({"serial":"cccccccccccccccccccccccccccccccc","name":"x"})"},
+    {"POST /speakers/volume", "401 422 202 202 422 202", nullptr,
+     R"({"targets":{"speakers":["aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"]},"volume":5})"},
+    {"GET /speakers/{serial}", "401 200 200 200 404 200", SpeakerPath},
+    {"PATCH /speakers/{serial}", "401 403 403 200 404 200", SpeakerPath, R"({"name":"x"})"},
+    {"DELETE /speakers/{serial}", "401 403 403 204 404 204", SpeakerPath},
+    {"GET /groups", "401 200 200 200 200 200"},
+    {"POST /groups", "401 201 201 201 201 201", nullptr, R"({"name":"x"})"},
+    {"GET /groups/{id}", "401 200 200 200 404 200", "/groups/70"},
+    {"PATCH /groups/{id}", "401 403 403 200 404 200", "/groups/70", R"({"name":"x"})"},
+    {"DELETE /groups/{id}", "401 403 403 204 404 204", "/groups/70"},
+    {"GET /groups/{id}/speakers", "401 200 200 200 404 200", "/groups/70/speakers"},
+    {"GET /sounds", "401 200 200 200 200 200"},
+    {"POST /sounds", "401 422 422 422 422 422", "/sounds?name=x", "no sound"},
+    {"POST /sounds/speech", "401 422 422 422 422 422", nullptr, R"({"text":" "})"},
+    {"GET /sounds/{id}", "401 404 200 200 404 200", "/sounds/90"},
+    {"PATCH /sounds/{id}", "401 404 403 200 404 200", "/sounds/90", R"({"name":"x"})"},
+    {"DELETE /sounds/{id}", "401 404 403 204 404 204", "/sounds/90"},
+    {"GET /voices", "401 200 200 200 200 200"},
 };
 
 } // namespace
@@ -93,6 +117,11 @@ private slots:
         row("others' grants", "other", "/grants", "");
         row("tokens", "owner", "/tokens", "50");
         row("others' tokens", "admin", "/tokens", "");
+        row("own groups", "owner", "/groups", "70");
+        row("groups to see", "viewer", "/groups", "70");
+        row("others' groups", "other", "/groups", "");
+        row("sounds to play", "operator", "/sounds", "90");
+        row("sounds of what is only seen", "viewer", "/sounds", "");
     }
     void listsHoldWhatTheCallerMaySee() {
         QFETCH(QByteArray, caller);
@@ -272,7 +301,7 @@ private slots:
     }
 
     void whatADeletedAccountHadIsItsMasters() {
-        m_service->sql("INSERT INTO `sbox_device_info` (`id`, `user_id`, `device_seed`) VALUES (1, 16, 's')");
+        m_service->sql("UPDATE `sbox_device_info` SET `user_id` = 16");
         QCOMPARE(ask("owner", "DELETE", "/accounts/16").status, 204);
         QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info`").first()["user_id"].toInt(), 14);
         QCOMPARE(ask("admin", "DELETE", "/accounts/14").status, 204); // has no master
@@ -368,7 +397,7 @@ private:
     /// Accounts 11 to 16, a group of the owner's (70), a grant (60) and a named token (50) of its.
     void reset() {
         for (const char* table : {"sbox_users", "apitoken", "groupgrant", "audit", "idempotency",
-                                  "sbox_group", "sbox_device_info"})
+                                  "sbox_group", "sbox_device_info", "group_seed", "userfile"})
             m_service->sql(QString("DELETE FROM `%1`").arg(table));
         int id = 11;
         for (const char* name : {"admin", "viewer", "operator", "owner", "other", "sub"}) {
@@ -383,6 +412,13 @@ private:
         }
         addToken(50, 14, "program", tokenOf("program"));
         m_service->sql("INSERT INTO `sbox_group` (`id`, `userid`, `group_name`) VALUES (70, 14, 'hall')");
+        m_service->sql(
+            "INSERT INTO `sbox_device_info` (`id`, `user_id`, `device_name`, `device_seed`) VALUES "
+            "(80, 14, 'gate', 'aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa')");
+        m_service->sql("INSERT INTO `group_seed` (`gid`, `seed`, `userid`, `devid`) VALUES "
+                       "(70, 'aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa', 14, 80)");
+        m_service->sql("INSERT INTO `userfile` (`id`, `userid`, `filename`, `url`, `len`) VALUES "
+                       "(90, 14, 'Zg==', 'mp3/none.mp3', 20)");
         m_service->sql("INSERT INTO `groupgrant` (`id`, `account`, `gid`, `role`) VALUES (60, 12, 70, 1), "
                        "(61, 13, 70, 2)");
     }

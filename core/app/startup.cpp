@@ -1,6 +1,5 @@
 #include "core/app/startup.h"
 
-#include "api/filestore.h"
 #include "api/requestmapper.h"
 #include "core/app/frontdoor.h"
 #include "core/app/site.h"
@@ -18,8 +17,11 @@
 #include "redis/fuck_redis.h"
 #include "redis/speakermirror.h"
 #include "rest/restrouter.h"
+#include "service/filestore.h"
 #include "service/loginbrake.h"
 #include "service/passwords.h"
+#include "service/speakerboard.h"
+#include "service/speakercommands.h"
 #include "service/tokens.h"
 #include "service/tokentable.h"
 #include "tasks/alarms/alarmcast.h"
@@ -153,6 +155,7 @@ void Startup::createDevices() {
         m_redis->try_connect(text("RedisIP"), integer("RedisPort"), text("RedisAUTH"));
     }
     m_devices->init_vison();
+    m_board = std::make_unique<SpeakerBoard>(m_devices.get());
     m_gate =
         std::make_unique<Gate>(m_devices.get(), text("LocalIP"), QList<int>{integer("PS1"), integer("PS2")});
 }
@@ -191,8 +194,8 @@ void Startup::openDatabase() {
         awaitDatabase();
 }
 
-// Every speaker that an account owns has a session from the start; one whose service period ran out
-// starts disabled.
+// Every speaker that an account owns has a session from the start; one whose service period ran out or that
+// somebody has disabled for good starts disabled.
 bool Startup::loadStoredSpeakers() {
     QString why;
     if (!migrateSchema(*m_database, why))
@@ -201,9 +204,10 @@ bool Startup::loadStoredSpeakers() {
     const auto expired = m_database->run(QStringLiteral("SELECT sn FROM snover where ( `statu` = 2 ) ;"));
     if (!stored.ok)
         return false;
-    m_devices->setStoredSerials(serialsOf(stored, "device_seed"), serialsOf(expired, "sn"));
+    const QStringList restricted = serialsOf(expired, "sn") + disabledSpeakers(*m_database);
+    m_devices->setStoredSerials(serialsOf(stored, "device_seed"), restricted);
     m_devices->init_vison();
-    for (const QString& sn : serialsOf(expired, "sn"))
+    for (const QString& sn : restricted)
         m_devices->setRestricted(sn, true);
     return true;
 }
@@ -272,6 +276,7 @@ void Startup::createRouters() {
     Services services;
     services.database = m_database.get();
     services.devices = m_devices.get();
+    services.board = m_board.get();
     services.gate = m_gate.get();
     services.tasks = m_tasks.get();
     services.passwords = m_passwords.get();

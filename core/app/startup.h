@@ -24,6 +24,7 @@ class RestRouter;
 class sever_listen;
 class Severinit;
 class SpeakerMirror;
+class SpeakerBoard;
 class sqlite;
 class StaticFileController;
 class Task_workque;
@@ -70,6 +71,7 @@ private:
     std::unique_ptr<fuck_redis> m_redis; ///< null with Redis disabled
     std::unique_ptr<Severinit> m_devices;
     std::unique_ptr<SpeakerMirror> m_mirror; ///< null with Redis disabled
+    std::unique_ptr<SpeakerBoard> m_board;
     std::unique_ptr<Gate> m_gate;
     std::unique_ptr<sever_listen> m_speakerListener;
     std::unique_ptr<cmdthread> m_commands;

@@ -161,6 +161,19 @@ CREATE INDEX `group_seed_group` ON `group_seed` (`gid`, `userid`);
 CREATE INDEX `group_seed_owner` ON `group_seed` (`userid`);
 CREATE INDEX `group_seed_device` ON `group_seed` (`devid`);
 
+DROP TABLE IF EXISTS `group_group`;
+CREATE TABLE `group_group` (
+  `gid` INT NOT NULL,    -- sbox_group.id
+  `member` INT NOT NULL, -- sbox_group.id of a group within it
+  PRIMARY KEY (`gid`, `member`)
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `group_group_member` ON `group_group` (`member`);
+
+DROP TABLE IF EXISTS `speaker_disabled`;
+CREATE TABLE `speaker_disabled` (
+  `serial` VARCHAR(64) NOT NULL PRIMARY KEY -- over a restart
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+
 DROP TABLE IF EXISTS `sbox_users`;
 CREATE TABLE `sbox_users` (
   `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,

@@ -166,6 +166,17 @@ CREATE INDEX `group_seed_group` ON `group_seed` (`gid`, `userid`);
 CREATE INDEX `group_seed_owner` ON `group_seed` (`userid`);
 CREATE INDEX `group_seed_device` ON `group_seed` (`devid`);
 
+DROP TABLE IF EXISTS `group_group`;
+CREATE TABLE `group_group` (
+  `gid` INTEGER NOT NULL,    -- sbox_group.id
+  `member` INTEGER NOT NULL, -- sbox_group.id of a group within it
+  PRIMARY KEY (`gid`, `member`)
+) WITHOUT ROWID;
+CREATE INDEX `group_group_member` ON `group_group` (`member`);
+
+DROP TABLE IF EXISTS `speaker_disabled`;
+CREATE TABLE `speaker_disabled` (`serial` TEXT NOT NULL PRIMARY KEY) WITHOUT ROWID; -- over a restart
+
 DROP TABLE IF EXISTS `sbox_users`;
 CREATE TABLE `sbox_users` (
   `id` INTEGER PRIMARY KEY AUTOINCREMENT,

@@ -1,11 +1,26 @@
-// What this service is and offers, so that a client shows what there is and nothing else.
+// What the interface tells about itself.
 #include "rest/resources.h"
 #include "rest/restcall.h"
 
+#include <QFile>
 #include <QJsonArray>
 #include <set>
 
+/// Outside any namespace, as the macro asks.
+static void registerResources() {
+    Q_INIT_RESOURCE(openapi);
+}
+
 namespace {
+
+RestAnswer getDocument(RestCall& /*call*/) {
+    static const QByteArray document = [] {
+        registerResources();
+        QFile file(QStringLiteral(":/rest/openapi.json"));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }();
+    return bytesAnswer("application/json", document);
+}
 
 QJsonArray offeredPaths() {
     std::set<QString> paths;
@@ -17,6 +32,7 @@ QJsonArray offeredPaths() {
     return list;
 }
 
+/// So that a client shows what there is, and nothing else.
 RestAnswer getAbout(RestCall& call) {
     if (!call.fits())
         return call.misfit();
@@ -28,6 +44,9 @@ RestAnswer getAbout(RestCall& call) {
 
 } // namespace
 
-void addServiceRoutes(RestRoutes& routes) {
-    routes.add({{"GET", "/about", getAbout}});
+void addAboutRoutes(RestRoutes& routes) {
+    routes.add({
+        {"GET", "/about", getAbout},
+        {"GET", "/openapi.json", getDocument, Who::Anybody},
+    });
 }

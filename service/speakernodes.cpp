@@ -1,4 +1,4 @@
-#include "api/speakernodes.h"
+#include "service/speakernodes.h"
 
 #include "core/sql/sqlite.h"
 #include "nodes/gate.h"
@@ -16,7 +16,7 @@ const QString SelectElsewhere =
     QStringLiteral("SELECT `device_seed`, `node_id` FROM `sbox_device_info` WHERE ( `device_seed` in "
                    "('@serials') and `node_id` in ( @nodes ) );");
 
-QMap<int, NodeAddress> otherNodes(sqlite& database, const Gate& gate) {
+QMap<int, NodeAddress> addressesOfOthers(sqlite& database, const Gate& gate) {
     QMap<int, NodeAddress> nodes;
     const SqlResult rows = database.run(SelectNodes);
     for (int i = 0; i < rows.rows.size(); ++i)
@@ -48,7 +48,7 @@ QHash<QString, int> elsewhere(sqlite& database, const QStringList& sns, const QL
 
 std::vector<NodeShare> splitByNode(sqlite& database, const Gate& gate, const NodeAddress& own,
                                    const QStringList& sns) {
-    const QMap<int, NodeAddress> nodes = otherNodes(database, gate);
+    const QMap<int, NodeAddress> nodes = addressesOfOthers(database, gate);
     const QHash<QString, int> away = elsewhere(database, sns, nodes.keys());
     NodeShare here{own, {}};
     QMap<int, NodeShare> shares;
@@ -64,4 +64,9 @@ std::vector<NodeShare> splitByNode(sqlite& database, const Gate& gate, const Nod
         all.push_back(here);
     all.insert(all.end(), shares.begin(), shares.end());
     return all;
+}
+
+QSet<int> otherNodes(sqlite& database, const Gate& gate) {
+    const QList<int> numbers = addressesOfOthers(database, gate).keys();
+    return QSet<int>(numbers.begin(), numbers.end());
 }

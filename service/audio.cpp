@@ -1,6 +1,6 @@
-#include "api/audio.h"
+#include "service/audio.h"
 
-#include "api/program.h"
+#include "service/program.h"
 
 #include <memory>
 #include <mpg123.h>

@@ -2,6 +2,7 @@
 
 #include "nodes/nodeaddress.h"
 
+#include <QSet>
 #include <vector>
 
 class Gate;
@@ -13,3 +14,6 @@ class sqlite;
 /// and port, else 1. Any thread, on its own database object.
 std::vector<NodeShare> splitByNode(sqlite& database, const Gate& gate, const NodeAddress& own,
                                    const QStringList& sns);
+
+/// Numbers of the nodes that are not this one, as above. Any thread, on its own database object.
+QSet<int> otherNodes(sqlite& database, const Gate& gate);

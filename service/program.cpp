@@ -1,4 +1,4 @@
-#include "api/program.h"
+#include "service/program.h"
 
 #include <QDeadlineTimer>
 #include <QDebug>

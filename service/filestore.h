@@ -1,18 +1,14 @@
 #pragma once
 
-#include "api/audio.h"
 #include "core/fileaddress.h"
 
 #include <memory>
-#include <optional>
 #include <QString>
 #include <QTemporaryDir>
 
 class Call;
-class HttpRequest;
 class QIODevice;
 class sqlite;
-class StrictSql;
 
 /// Where uploaded files live below the working directory `runingdir`, and how they get there. The
 /// document root is `runingdir`/etc/docroot; addresses are relative to it. One object for one
@@ -54,31 +50,3 @@ private:
     QString m_root;
     QString m_preurl;
 };
-
-/// A stored audio file: what the caller is told and the table holds.
-struct StoredAudio {
-    qint64 id = 0; ///< row of `userfile`; 0 when no row was asked for
-    QString url;
-    audio::Measure measure{};
-};
-
-/// Outcome of storing audio: the file, or the reply's word ("Decode_error", "exc_error_ext", "ER_EXE").
-struct StoreResult {
-    std::optional<StoredAudio> stored;
-    QString word;
-    QString sql; ///< of a failed statement
-    QByteArray refusalReply() const;
-};
-
-/// What is to be stored.
-struct AudioUpload {
-    int userid;
-    QString name; ///< as the user gave it, not cleaned
-    int bitrate;  ///< kbit/s
-    bool withRow; ///< false: the file alone, as without a database of files
-};
-
-/// Encodes `source` (in `work`), installs it and writes its row of `userfile`. A file of the same name
-/// and user is replaced, and its row keeps its id, so that tasks which play it go on with the new one.
-StoreResult storeAudio(const StrictSql& database, const FileStore& store, const AudioUpload& upload,
-                       const QString& source, const QTemporaryDir& work);
