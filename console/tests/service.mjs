@@ -98,10 +98,15 @@ path=etc/docroot
   async speakers(count, ...more) {
     const token = await this.token('admin')
     for (let i = 0; i < count; i++) await this.call(token, 'POST', '/speakers', { serial: serialAt(i), name: `Room ${i + 1}` })
+    await this.connect(count, ...more)
+  }
+
+  /** Simulated speakers come online. */
+  async connect(count, ...more) {
     this.fleet = spawn(join(binaries, 'speaker-sim'), ['--count', String(count), '--first-sn', firstSerial, '--server', `127.0.0.1:${this.ports.device}`, ...more], { stdio: ['pipe', 'pipe', 'inherit'] })
     let told = ''
     this.fleet.stdout.on('data', (data) => (told += data))
-    await until('the speakers', () => told.includes(`all ${count} speakers online`))
+    await until('the speakers', () => told.includes(`all ${count} speakers online`), 120_000)
   }
 
   async token(username, secret = password) {
