@@ -11,6 +11,7 @@
 #include <QString>
 
 class Gate;
+class Journal;
 class Passwords;
 class PlanKeys;
 class QCoreApplication;
@@ -58,6 +59,9 @@ public:
     /// they go over TCP.
     void setGate(Gate* gate) { m_gate = gate; }
     Gate* gate() const { return m_gate; } ///< any thread
+    /// Where plays are recorded; null: nowhere. Not owned; before the listener starts.
+    void setJournal(Journal* journal) { m_journal = journal; }
+    Journal* journal() const { return m_journal; } ///< any thread
 
     /// What the older paths share with others; before the first request. Must outlive the router, which
     /// has its own without them.
@@ -83,6 +87,7 @@ private:
     Severinit* m_devices;
     Task_workque* m_tasks;
     const TemplateLoader* m_templates = nullptr;
+    Journal* m_journal = nullptr;
     Gate* m_gate = nullptr;
     const std::unique_ptr<const PlanKeys> m_planKeys; ///< with the key `tokenpaths`
     OnlineList m_onlineList;

@@ -1,5 +1,6 @@
 #include "device/playwatch.h"
 
+#include <algorithm>
 #include <cmath>
 #include <QJsonArray>
 #include <QJsonValue>
@@ -45,6 +46,10 @@ QJsonValue PlayOrders::write() const {
     for (const auto& [order, count] : m_runs)
         list.append(QJsonArray{static_cast<double>(order), count});
     return list;
+}
+
+bool PlayOrders::namesAny() const {
+    return std::any_of(m_runs.begin(), m_runs.end(), [](const auto& run) { return run.first != 0; });
 }
 
 PlayKind PlayOrders::kindOf(PlayKind kind) const {

@@ -16,6 +16,8 @@ struct PlayCommand {
     quint64 order = 0; ///< number of the broadcast that it belongs to; 0: it names none
     QStringList files; ///< "filelist" of a play
     QString peer;      ///< address of who sent it; empty: this service itself
+    /// A stop that comes because the order's time is over ("over" of the command).
+    bool isOver = false;
 };
 
 /// Asked before a play or a stop goes to a speaker, and told afterwards what came of it. The registry may
@@ -72,6 +74,7 @@ public:
     /// What can't be read names no order.
     static PlayOrders read(const QJsonValue& value);
     QJsonValue write() const;
+    bool namesAny() const; ///< an order by its number
 
     /// The kind that a command of this kind is with this key.
     PlayKind kindOf(PlayKind kind) const;

@@ -21,6 +21,7 @@ struct Broadcast {
     qint64 due = 0; ///< when it was to sound, ms since 1970-01-01 UTC; 0: at once
     /// It is over when no speaker plays it any more; otherwise Journal::end() says when.
     bool endsByItself = true;
+    qint64 owner = 0; ///< account whose order or schedule it is; 0: nobody's
 };
 
 /// What became of an order at one speaker.

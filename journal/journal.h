@@ -2,6 +2,7 @@
 
 #include "device/playwatch.h"
 #include "journal/broadcast.h"
+#include "journal/health.h"
 
 #include <chrono>
 #include <memory>
@@ -14,13 +15,11 @@
 class Severinit;
 class sqlite;
 
-/// What the health of a speaker is. See health.h.
-enum class SpeakerHealth : quint8 { Ok, Flaky, Silent, Offline };
-
 /// The record of what was played where, and what was not: every order to play is a broadcast with a receipt
 /// for each of its speakers (docs/journal.md). It watches the commands for speakers and their reports, and
 /// has a thread of its own that writes to the database; nothing here waits for that. Lives on the main loop;
-/// begin(), note(), bell(), health() and settle() may be called from any thread. Owner: start-up.
+/// begin(), sentElsewhere(), note(), bell(), health() and settle() may be called from any thread. Owner:
+/// start-up.
 class Journal : public QObject {
     Q_OBJECT
 public:
@@ -64,7 +63,7 @@ public:
     /// Writes what is left, for two seconds at most.
     ~Journal() override;
 
-    // --- broadcasts ---
+    // --- broadcasts; main loop but for begin() and sentElsewhere() ---
     /// Opens a broadcast and returns its number, 1 to 2^53 - 1: later ones are higher, and no two nodes give
     /// out the same. Commands carry it as "order"; their speakers' receipts come about by themselves.
     quint64 begin(const Broadcast& broadcast);
@@ -74,6 +73,8 @@ public:
     /// broadcast `by`, sent over a data path ... One that was no target becomes one.
     void mark(quint64 id, const QStringList& serials, ReceiptState state, const QString& reason = {},
               quint64 by = 0);
+    /// Its first bytes have left for speakers of another node, which writes their receipts.
+    void sentElsewhere(quint64 id);
     /// Its time is over. `Done` lets every speaker's last report come in; `Stopped` and `Failed` hold
     /// at once, with a reason in words.
     void end(quint64 id, BroadcastState how = BroadcastState::Done, const QString& reason = {});

@@ -57,6 +57,7 @@ public slots:
     void test();
 
 signals:
+    void lost(); ///< the connection to it
     /// The server is back, or there for the first time after a start without it, or it takes writes again
     /// after it refused more than could be kept: what it holds may be old or gone, and wants to be
     /// written again.

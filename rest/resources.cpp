@@ -10,4 +10,6 @@ void addResources(RestRoutes& routes) {
     addSpeakerRoutes(routes);
     addGroupRoutes(routes);
     addSoundRoutes(routes);
+    addBroadcastRoutes(routes);
+    addJournalRoutes(routes);
 }

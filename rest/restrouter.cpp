@@ -65,7 +65,7 @@ void audit(const RestCall& call, const RestAnswer& answer) {
 }
 
 RestAnswer run(RestCall& call) {
-    const RestAnswer answer = call.route().handler(call);
+    RestAnswer answer = call.route().handler(call);
     audit(call, answer);
     return answer;
 }

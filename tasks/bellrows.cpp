@@ -4,8 +4,8 @@
 
 namespace {
 
-const QString SelectBetween = selectBells(
-    "WHERE task.start_time >= '@first' and task.start_time <= '@last' and task.enable != 0 ;");
+const QString SelectBetween =
+    selectBells("WHERE task.start_time >= '@first' and task.start_time <= '@last' and task.enable != 0 ;");
 const QString SelectCalendars = QStringLiteral("SELECT id, name FROM calendar WHERE id IN (@ids) ;");
 const QString SelectEntries =
     QStringLiteral("SELECT id, calendarid, firstday, lastday, planid FROM calendarentry WHERE calendarid IN "
@@ -29,7 +29,8 @@ QString selectBells(const char* where) {
     return QStringLiteral(
                "SELECT task.*, taskrule.calendarid, taskrule.missed, taskrule.localdates, taskrule.everyone, "
                "taskrule.whole, taskrule.volume, taskrule.priority, planrule.exceptional FROM task LEFT JOIN "
-               "taskrule ON taskrule.taskid = task.id LEFT JOIN planrule ON planrule.planid = task.groupid ") +
+               "taskrule ON taskrule.taskid = task.id LEFT JOIN planrule ON planrule.planid = "
+               "task.groupid ") +
            QLatin1String(where);
 }
 

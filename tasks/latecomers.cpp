@@ -26,6 +26,7 @@ std::unique_ptr<Tasxkobj> playFor(const Tasxkobj& player, const QStringList& see
     play->seeds = seeds;
     play->files = player.files;
     play->fileLengths = player.fileLengths;
+    play->order = player.order;
     return play;
 }
 

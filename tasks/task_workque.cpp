@@ -52,7 +52,7 @@ Task_workque::Task_workque(Severinit* devices, int DPort, int DataPort, int PS1,
     , m_database(database)
     , m_devices(devices)
     , m_ownGate(relay.gate ? nullptr : std::make_unique<Gate>(nullptr, QString(), QList<int>()))
-    , m_relay{relay.gate ? relay.gate : m_ownGate.get(), relay.pause}
+    , m_relay{relay.gate ? relay.gate : m_ownGate.get(), relay.pause, relay.journal}
     , m_sourceHost(std::move(src_ipstr))
     , m_cdnHost(std::move(cdn_str))
     , m_house{{taskstart, taskend}, false}

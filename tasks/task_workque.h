@@ -160,6 +160,8 @@ private:
     void bindLate(std::unique_ptr<Tasxkobj> play);
     void endLate(quint64 task);
     void markPlaying();
+    bool record(Start& start);
+    void recordAbsent(const Tasxkobj& player, const QStringList& seeds, std::chrono::milliseconds wait);
     Node* node(const NodeAddress& address, bool nocdn = true);
     static QString nodeKey(const NodeAddress& address);
 

@@ -7,11 +7,13 @@
 #include "tasks/tasxkobj.h"
 
 #include "core/sql/sqlite.h"
+#include "journal/journal.h"
 
 #include <algorithm>
 #include <iterator>
 #include <QDebug>
 #include <QElapsedTimer>
+#include <QSet>
 #include <utility>
 
 namespace {
@@ -38,6 +40,25 @@ void moveFiles(Tasxkobj& player, const QString& from, const QString& to) {
         url.replace(url.indexOf(source), source.size(), QStringLiteral("//%1/").arg(to));
         player.fileLengths.insert(url, length);
     }
+}
+
+/// `due`: ms since 1970, 0 for a play that somebody has asked for.
+Broadcast broadcastOf(const Tasxkobj& player, qint64 due) {
+    Broadcast broadcast;
+    broadcast.kind = player.forcePlayAs   ? Broadcast::Kind::Alarm
+                     : player.isTemporary ? Broadcast::Kind::Direct
+                                          : Broadcast::Kind::Bell;
+    broadcast.name = player.name;
+    broadcast.owner = player.userid;
+    broadcast.due = due;
+    broadcast.endsByItself = false;
+    if (!player.isTemporary)
+        broadcast.origin.schedule = static_cast<qint64>(player.id);
+    if (due == 0 && !player.forcePlayAs)
+        broadcast.origin.account = player.userid;
+    if (player.forcePlayAs)
+        broadcast.origin.line = QStringLiteral("task");
+    return broadcast;
 }
 
 } // namespace
@@ -151,9 +172,13 @@ void Task_workque::bind(Start start) {
     }
     if (!target->nocdn)
         moveFiles(player, m_sourceHost, m_cdnHost);
-    tell(start);
+    if (!record(start))
+        tell(start);
     if (start.isScheduled() && m_latecomers && isThisNode(start.node)) {
-        m_latecomers->keepAbsent(player, timeLeft(start));
+        const QStringList seeds = player.seeds;
+        const auto wait = timeLeft(start);
+        m_latecomers->keepAbsent(player, wait);
+        recordAbsent(player, seeds, wait.value_or(Latecomers::Window));
         if (player.seeds.isEmpty())
             return;
     }
@@ -161,8 +186,54 @@ void Task_workque::bind(Start start) {
             << player.files.size();
     if (!player.isTemporary)
         m_bound.push_back(key);
+    if (Journal* const journal = m_relay.journal) // one that finds nothing to play is dropped without an end
+        connect(&player, &QObject::destroyed, journal, [journal, order = player.order] {
+            if (const auto standing = journal->standing(order);
+                standing && standing->state == BroadcastState::Waiting)
+                journal->end(order);
+        });
     target->poller->insert(key, start.player.release());
     emit started(key);
+}
+
+/// Opens the play's broadcast, unless it goes on with one, and sees to its end. False without a journal,
+/// which tells by the first byte whether a bell was in time.
+bool Task_workque::record(Start& start) {
+    Journal* const journal = m_relay.journal;
+    if (!journal)
+        return false;
+    Tasxkobj& player = *start.player;
+    if (player.order == 0) {
+        player.order = journal->begin(broadcastOf(player, start.isScheduled() ? start.dueAt * 1000 : 0));
+        if (start.isScheduled())
+            journal->bell({static_cast<qint64>(player.id),
+                           player.name,
+                           start.dueAt * 1000,
+                           Journal::Bell::Outcome::Open,
+                           {},
+                           player.order,
+                           player.userid});
+    }
+    connect(&player, &Tasxkobj::Over, journal, [journal, &player] {
+        journal->end(player.order, player.wasStopped ? BroadcastState::Stopped : BroadcastState::Done);
+    });
+    return true;
+}
+
+/// Those of the speakers that are not there; if there are no others, the bell is over when none can come late
+/// any more.
+void Task_workque::recordAbsent(const Tasxkobj& player, const QStringList& seeds,
+                                std::chrono::milliseconds wait) {
+    Journal* const journal = m_relay.journal;
+    if (!journal || player.seeds.size() == seeds.size())
+        return;
+    const QSet<QString> present(player.seeds.begin(), player.seeds.end());
+    QStringList absent;
+    std::copy_if(seeds.begin(), seeds.end(), std::back_inserter(absent),
+                 [&](const QString& sn) { return !present.contains(sn); });
+    journal->mark(player.order, absent, ReceiptState::Offline);
+    if (player.seeds.isEmpty())
+        QTimer::singleShot(wait, journal, [journal, order = player.order] { journal->end(order); });
 }
 
 void Task_workque::refuse(const Start& start, const char* why, const QString& reason) {

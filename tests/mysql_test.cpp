@@ -104,6 +104,7 @@ private slots:
             for (sqlite* db : {&lite, m_db.get()}) {
                 db->exec("DELETE FROM " + table);
                 const QString key = table == "sbox_device_info" ? "(`id`, `device_seed`) VALUES (7, 'ab')"
+                                    : table == "receipt"        ? "(`broadcast`, `serial`) VALUES (7, 'ab')"
                                                                 : "(`id`) VALUES (7)";
                 if (!db->run("INSERT INTO " + table + ' ' + key).ok)
                     break; // none of the older paths' tables: it has columns that must be given

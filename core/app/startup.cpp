@@ -13,6 +13,7 @@
 #include "http/httpsessionstore.h"
 #include "http/staticfilecontroller.h"
 #include "http/templateloader.h"
+#include "journal/journal.h"
 #include "nodes/gate.h"
 #include "redis/fuck_redis.h"
 #include "redis/speakermirror.h"
@@ -32,6 +33,7 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QFile>
+#include <QHostAddress>
 #include <QJsonObject>
 #include <QNetworkInterface>
 #include <QSqlDatabase>
@@ -77,6 +79,20 @@ QStringList serialsOf(const SqlResult& result, const char* column) {
     return serials;
 }
 
+Journal::Bell bellOf(const BellOutcome& outcome) {
+    using State = BellOutcome::State;
+    Journal::Bell bell;
+    bell.schedule = outcome.schedule;
+    bell.name = outcome.name;
+    bell.due = outcome.due * 1000;
+    bell.outcome = outcome.state == State::Played ? Journal::Bell::Outcome::Played
+                   : outcome.state == State::Late ? Journal::Bell::Outcome::Late
+                                                  : Journal::Bell::Outcome::Skipped;
+    bell.reason = outcome.reason;
+    bell.account = outcome.userid;
+    return bell;
+}
+
 } // namespace
 
 Startup::Startup(QCoreApplication* application, Settings settings)
@@ -94,6 +110,7 @@ void Startup::run() {
     listenForCommands();
     if (!m_settings.flag("isonly_media")) {
         openDatabase();
+        startJournal();
         createTasks();
         createAccounts();
         serveHttp();
@@ -106,6 +123,9 @@ void Startup::end() {
     constexpr std::chrono::seconds limit{2};
     if (m_tasks)
         m_tasks->end(limit);
+    if (m_journal)
+        m_journal->note(Journal::NoteKind::Service, QStringLiteral("ended"),
+                        QStringLiteral("speakerd " SPEAKERD_VERSION));
 }
 
 // What anybody who reaches the ports may do as long as a secret is missing.
@@ -223,6 +243,35 @@ void Startup::awaitDatabase() {
     m_databaseTimer.start(Pause);
 }
 
+void Startup::startJournal() {
+    if (!m_settings.flag("journal"))
+        return;
+    m_journal = std::make_unique<Journal>(m_devices.get(), m_database.get(), nodeNumber(),
+                                          Journal::Limits{integer("journaldays"), integer("receiptdays")});
+    m_alarms->setJournal(m_journal.get());
+    const auto note = [this](Journal::NoteKind kind, const char* state, const char* name) {
+        m_journal->note(kind, QLatin1String(state), QLatin1String(name));
+    };
+    note(Journal::NoteKind::Service, "started", "speakerd " SPEAKERD_VERSION);
+    if (!m_redis)
+        return;
+    QObject::connect(m_redis.get(), &fuck_redis::lost, m_journal.get(),
+                     [note] { note(Journal::NoteKind::Link, "lost", "redis"); });
+    QObject::connect(m_redis.get(), &fuck_redis::restored, m_journal.get(),
+                     [note] { note(Journal::NoteKind::Link, "back", "redis"); });
+}
+
+// Of nodes in one network of 256 addresses, or on one machine with ports one after the other, each has
+// another.
+int Startup::nodeNumber() const {
+    constexpr int most = 255;
+    const int given = integer("nodenumber");
+    if (given >= 1 && given <= most)
+        return given;
+    const quint32 address = QHostAddress(text("LocalIP")).toIPv4Address();
+    return static_cast<int>((address + static_cast<quint32>(integer("PS2"))) & most);
+}
+
 void Startup::createTasks() {
     const int kind = integer("dbk");
     if (!m_database->get_is_aready())
@@ -234,7 +283,9 @@ void Startup::createTasks() {
         text("cdn_str"), nodeList(m_settings), m_application, text("Meida_ip"), integer("PS2"),
         text("task_username"), text("task_passwd"), text("basename"), m_database.get(), integer("sqltaskid"),
         kind, integer("taskstart"), integer("taskend"), nullptr,
-        Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause"))});
+        Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause")), m_journal.get()});
+    if (m_journal)
+        m_tasks->setBellSink([this](const BellOutcome& bell) { m_journal->bell(bellOf(bell)); });
     m_tasks->setRingsAfterGap(text("gapbells") == QLatin1String("after"));
 }
 
@@ -272,6 +323,7 @@ void Startup::createRouters() {
                                                m_database.get(), m_devices.get(), m_tasks.get());
     m_router->setTemplates(m_templates.get());
     m_router->setGate(m_gate.get());
+    m_router->setJournal(m_journal.get());
     m_router->setAccounts(m_oldTokens.get(), m_passwords.get(), m_tokens.get());
     Services services;
     services.database = m_database.get();
@@ -279,6 +331,7 @@ void Startup::createRouters() {
     services.board = m_board.get();
     services.gate = m_gate.get();
     services.tasks = m_tasks.get();
+    services.journal = m_journal.get();
     services.passwords = m_passwords.get();
     services.tokens = m_tokens.get();
     services.oldTokens = m_oldTokens.get();

@@ -15,6 +15,7 @@ class fuck_redis;
 class Gate;
 class HttpListener;
 class HttpSessionStore;
+class Journal;
 class LoginBrake;
 class MainCellInit;
 class Passwords;
@@ -55,6 +56,8 @@ private:
     void openDatabase();
     bool loadStoredSpeakers();
     void awaitDatabase();
+    void startJournal();
+    int nodeNumber() const;
     void createTasks();
     void createAccounts();
     void serveHttp();
@@ -79,6 +82,7 @@ private:
     std::unique_ptr<Alarmcast> m_alarms;
     std::unique_ptr<sqlite> m_database;    ///< this and what follows: null in media-only mode
     QTimer m_databaseTimer;                ///< while its speakers have not been read
+    std::unique_ptr<Journal> m_journal;    ///< null when it is switched off
     std::unique_ptr<Task_workque> m_tasks; ///< null unless the database's kind has tasks
     std::unique_ptr<HttpSessionStore> m_sessions;
     std::unique_ptr<StaticFileController> m_files;
