@@ -69,7 +69,7 @@ console() {
   [ -f $built ] && [ -z "$(find console -path console/node_modules -prune -o -path console/tests -prune -o -type f -newer $built -print -quit)" ] && return
   modules console || return
   echo "Building the console"
-  (cd console && npm run --silent check && npm run --silent build -- --logLevel warn) || return
+  (cd console && npm run --silent check && npm run --silent build) || return
 }
 
 failed=0

@@ -18,7 +18,7 @@ const page = (path: string, name: keyof Texts['nav'], needs: string | null, comp
 
 export const routes: RouteRecordRaw[] = [
   page('/', 'overview', null, OverviewPage),
-  page('/announce', 'announce', '/broadcasts', () => import('./pages/AnnouncePage.vue'), { plays: true }),
+  page('/announce', 'announce', '/broadcasts/{id}/stop', () => import('./pages/AnnouncePage.vue'), { plays: true }),
   page('/speakers', 'speakers', '/speakers', () => import('./pages/SpeakersPage.vue')),
   page('/speakers/:serial', 'speaker', '/speakers/{serial}', () => import('./pages/SpeakerPage.vue'), { inMenu: false }),
   page('/groups/:id?', 'groups', '/groups', () => import('./pages/GroupsPage.vue')),

@@ -140,7 +140,7 @@ test('a viewer sees no button that he may not use', async (t) => {
 })
 
 test('an announcement to the whole fleet is heard, and told speaker by speaker', async (t) => {
-  const needed = lacks('/broadcasts', '/broadcasts/{id}/receipts', '/sounds/speech')
+  const needed = lacks('/broadcasts/{id}/stop', '/broadcasts/{id}/receipts', '/sounds/speech')
   if (needed) return t.skip(needed)
   const page = await visit('admin')
   await goTo(page, '/announce')
