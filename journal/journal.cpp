@@ -45,8 +45,7 @@ Journal::Journal(Severinit* devices, sqlite* database, int node, Limits limits, 
     if (!database)
         return;
     m_state->writer = std::make_unique<JournalWriter>(
-        *database, node, JournalWriter::Keep{limits.journalDays, limits.receiptDays},
-        [this](quint64 last) { m_state->numbers.raise(last); });
+        *database, node, JournalWriter::Keep{limits.journalDays, limits.receiptDays}, m_state->numbers);
     connect(m_state->writer.get(), &JournalWriter::linkChanged, this, [this](bool isUp) {
         note(NoteKind::Link, isUp ? QStringLiteral("back") : QStringLiteral("lost"),
              QStringLiteral("database"));

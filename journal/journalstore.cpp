@@ -117,22 +117,20 @@ bool JournalStore::write(const std::vector<EntryRow>& rows) {
 
 // --- after a start ---
 
-std::optional<quint64> JournalStore::recover() {
+bool JournalStore::recover(BroadcastNumbers& numbers) {
     const SqlResult highest = m_database.run(Highest);
     const SqlResult highestEntry = m_database.run(HighestEntry);
     const SqlResult open = m_database.run(LeftOpen, {{QStringLiteral("@node"), m_node}});
     if (!highest.ok || !highestEntry.ok || !open.ok)
-        return std::nullopt;
-    quint64 last = std::max(highest.value(0, "id").toULongLong(), highestEntry.value(0, "id").toULongLong());
+        return false;
+    numbers.raise(std::max(highest.value(0, "id").toULongLong(), highestEntry.value(0, "id").toULongLong()));
     if (open.isEmpty())
-        return last;
+        return true;
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
-    BroadcastNumbers numbers(m_node);
-    numbers.raise(last);
-    const bool isDone = m_database.transaction([&] {
+    return m_database.transaction([&] {
         for (int row = 0; row < open.rows.size(); ++row) {
             EntryRow entry;
-            entry.id = last = numbers.next(now);
+            entry.id = numbers.next(now);
             entry.at = now;
             entry.kind = open.text(row, "kind");
             entry.state = nameOf(BroadcastState::Failed);
@@ -147,7 +145,6 @@ std::optional<quint64> JournalStore::recover() {
         }
         return true;
     });
-    return isDone ? std::optional(last) : std::nullopt;
 }
 
 bool JournalStore::failOne(quint64 id, const EntryRow& entry) {

@@ -5,6 +5,7 @@
 #include <optional>
 #include <vector>
 
+class BroadcastNumbers;
 class sqlite;
 
 /// The statements of the journal's tables. Belongs to the thread of its database.
@@ -19,9 +20,9 @@ public:
     bool write(const std::vector<BroadcastRow>& rows);
     bool write(const std::vector<EntryRow>& rows);
 
-    /// What an earlier run of this node left as playing has failed. The highest number that the tables hold;
-    /// nothing when the database can't be read or written.
-    std::optional<quint64> recover();
+    /// What an earlier run of this node left as playing has failed; from then on `numbers` are higher than
+    /// those in the tables. False when the database can't be read or written.
+    bool recover(BroadcastNumbers& numbers);
     /// Deletes some of what is older; whether there may be more.
     bool removeOld(int journalDays, int receiptDays);
 

@@ -35,12 +35,11 @@ void putFirst(std::deque<Row>& rows, std::vector<Row>& taken) {
 
 } // namespace
 
-JournalWriter::JournalWriter(const sqlite& database, int node, Keep keep,
-                             std::function<void(quint64)> firstFree)
+JournalWriter::JournalWriter(const sqlite& database, int node, Keep keep, BroadcastNumbers& numbers)
     : m_source(database)
     , m_node(node)
     , m_keep(keep)
-    , m_firstFree(std::move(firstFree)) {
+    , m_numbers(numbers) {
     setObjectName(QStringLiteral("journal"));
 }
 
@@ -117,12 +116,10 @@ void JournalWriter::run() {
     database->logFailuresEvery(FailureLog);
     JournalStore store(*database, m_node);
     while (true) {
-        const auto recovered = store.recover();
-        noteSuccess(recovered.has_value());
-        if (recovered) {
-            m_firstFree(*recovered);
+        const bool isRecovered = store.recover(m_numbers);
+        noteSuccess(isRecovered);
+        if (isRecovered)
             break;
-        }
         pause(RetryPause);
         const std::lock_guard lock(m_mutex);
         if (m_isStopping)

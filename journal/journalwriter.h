@@ -13,6 +13,7 @@
 #include <QThread>
 #include <vector>
 
+class BroadcastNumbers;
 class JournalStore;
 class sqlite;
 
@@ -34,9 +35,8 @@ public:
         int receiptDays = 14;
     };
 
-    /// Works on a clone of `database`. `firstFree` is told once what the database holds: the numbers from
-    /// there on are free.
-    JournalWriter(const sqlite& database, int node, Keep keep, std::function<void(quint64)> firstFree);
+    /// Works on a clone of `database`. `numbers` go on from what the database holds.
+    JournalWriter(const sqlite& database, int node, Keep keep, BroadcastNumbers& numbers);
     /// Writes what is left, at most for two seconds.
     ~JournalWriter() override;
 
@@ -80,7 +80,7 @@ private:
     const sqlite& m_source;
     const int m_node;
     const Keep m_keep;
-    const std::function<void(quint64)> m_firstFree;
+    BroadcastNumbers& m_numbers;
 
     std::mutex m_mutex; ///< guards all that follows
     std::condition_variable m_wake;

@@ -12,4 +12,7 @@ void addResources(RestRoutes& routes) {
     addSoundRoutes(routes);
     addBroadcastRoutes(routes);
     addJournalRoutes(routes);
+    addScheduleRoutes(routes);
+    addPlanRoutes(routes);
+    addCalendarRoutes(routes);
 }

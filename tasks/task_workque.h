@@ -66,6 +66,10 @@ public:
     void setClock(TaskClock clock);
     /// Times that the clock skips ring at the first second after the gap.
     void setRingsAfterGap(bool rings) { m_house.ringsAfterGap = rings; }
+    /// What holds for every bell; any thread, once start-up is over.
+    const HouseRules& house() const { return m_house; }
+    /// Who tells which speakers the groups of a task hold.
+    void setResolver(TaskReader::Resolve resolve) { m_reader.setResolver(std::move(resolve)); }
     /// Who is told what became of each bell.
     void setBellSink(BellSink sink) { m_tellBell = std::move(sink); }
     /// The player that runs under this key on any node; null when there is none.

@@ -14,6 +14,8 @@ const QString InsertRun =
     QStringLiteral("INSERT OR IGNORE INTO taskrun (taskid, due) VALUES (@taskid, @due) ;");
 const QString InsertRunMysql =
     QStringLiteral("INSERT IGNORE INTO taskrun (taskid, due) VALUES (@taskid, @due) ;");
+const QString UpdateLate =
+    QStringLiteral("UPDATE taskrun SET late = @late WHERE taskid = @taskid and due = @due ;");
 const QString DeleteFrom = QStringLiteral("DELETE FROM taskrun WHERE due >= @due ;");
 const QString DeleteBefore = QStringLiteral("DELETE FROM taskrun WHERE due < @due ;");
 
@@ -67,6 +69,12 @@ bool TaskRuns::write(const std::vector<Run>& runs, std::vector<bool>& isOurs) {
     if (isDone)
         isOurs = written;
     return isDone;
+}
+
+void TaskRuns::noteLate(const Run& run, qint64 late) {
+    SqlArgs args = argsOf(run);
+    args.emplace_back(QStringLiteral("@late"), late);
+    m_writeBack->append(sqlLine(UpdateLate, args));
 }
 
 void TaskRuns::forgetFrom(qint64 epoch) {

@@ -28,6 +28,8 @@ public:
     /// Notes the bells in one transaction; true for each that had no start before. While the database does
     /// not answer it is asked once a tick.
     std::vector<bool> claim(const std::vector<Run>& runs);
+    /// It rang so many seconds after its time.
+    void noteLate(const Run& run, qint64 late);
     void beginTick() { m_isAway = false; }
     void forgetFrom(qint64 epoch);   ///< what a wrong clock rang ahead of time
     void forgetBefore(qint64 epoch); ///< what is too old to come again

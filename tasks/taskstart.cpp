@@ -254,9 +254,13 @@ std::optional<std::chrono::milliseconds> Task_workque::timeLeft(const Start& sta
 
 /// Without a reason it rings now.
 void Task_workque::tell(const Start& start, const QString& reason) {
-    if (!m_tellBell || !start.isScheduled())
+    if (!start.isScheduled())
         return;
     const qint64 lateMs = m_clock.epochMs() - start.dueAt * 1000;
+    if (reason.isEmpty() && lateMs > InTimeMs)
+        m_runs.noteLate({static_cast<qint64>(start.player->id), start.due}, lateMs / 1000);
+    if (!m_tellBell)
+        return;
     BellOutcome outcome{static_cast<qint64>(start.player->id),
                         start.player->name,
                         start.player->userid,

@@ -18,9 +18,11 @@
 #include "redis/fuck_redis.h"
 #include "redis/speakermirror.h"
 #include "rest/restrouter.h"
+#include "service/calendarkeeper.h"
 #include "service/filestore.h"
 #include "service/loginbrake.h"
 #include "service/passwords.h"
+#include "service/schedules.h"
 #include "service/speakerboard.h"
 #include "service/speakercommands.h"
 #include "service/tokens.h"
@@ -287,6 +289,10 @@ void Startup::createTasks() {
     if (m_journal)
         m_tasks->setBellSink([this](const BellOutcome& bell) { m_journal->bell(bellOf(bell)); });
     m_tasks->setRingsAfterGap(text("gapbells") == QLatin1String("after"));
+    m_tasks->setResolver([this](int userid, bool everyone, const QList<qint64>& groups) {
+        return speakersOf(*m_database, userid, {everyone, {}, groups});
+    });
+    m_calendars = std::make_unique<CalendarKeeper>(m_database.get());
 }
 
 void Startup::serveHttp() {

@@ -8,6 +8,7 @@
 #include <QTimer>
 
 class Alarmcast;
+class CalendarKeeper;
 class cmdthread6;
 class cmdthread;
 class FrontDoor;
@@ -80,10 +81,11 @@ private:
     std::unique_ptr<cmdthread> m_commands;
     std::unique_ptr<cmdthread6> m_commands6;
     std::unique_ptr<Alarmcast> m_alarms;
-    std::unique_ptr<sqlite> m_database;    ///< this and what follows: null in media-only mode
-    QTimer m_databaseTimer;                ///< while its speakers have not been read
-    std::unique_ptr<Journal> m_journal;    ///< null when it is switched off
-    std::unique_ptr<Task_workque> m_tasks; ///< null unless the database's kind has tasks
+    std::unique_ptr<sqlite> m_database;          ///< this and what follows: null in media-only mode
+    QTimer m_databaseTimer;                      ///< while its speakers have not been read
+    std::unique_ptr<Journal> m_journal;          ///< null when it is switched off
+    std::unique_ptr<CalendarKeeper> m_calendars; ///< null unless the database's kind has tasks
+    std::unique_ptr<Task_workque> m_tasks;       ///< likewise
     std::unique_ptr<HttpSessionStore> m_sessions;
     std::unique_ptr<StaticFileController> m_files;
     std::unique_ptr<TemplateLoader> m_templates;

@@ -446,6 +446,7 @@ DROP TABLE IF EXISTS `taskrun`;
 CREATE TABLE `taskrun` (
   `taskid` INTEGER NOT NULL, -- task.id
   `due` INTEGER NOT NULL, -- seconds since 1970-01-01 UTC
+  `late` INTEGER NOT NULL DEFAULT 0, -- s
   PRIMARY KEY (`taskid`, `due`)
 );
 CREATE INDEX `taskrun_due` ON `taskrun` (`due`);

@@ -50,6 +50,7 @@ BellPlan::BellPlan(const std::vector<BellRule>& rules, const CalendarDays& calen
 
 std::vector<Bell> BellPlan::on(const LocalDay& day) const {
     std::vector<Bell> bells;
+    bells.reserve(m_entries.size());
     const int weekday = weekdayOf(day.day);
     for (const Entry& entry : m_entries)
         addBell(bells, entry, day, weekday);

@@ -54,6 +54,7 @@ CREATE TABLE IF NOT EXISTS `calendarfile` (
 CREATE TABLE IF NOT EXISTS `taskrun` (
   `taskid` INT NOT NULL, -- task.id
   `due` BIGINT NOT NULL, -- seconds since 1970-01-01 UTC
+  `late` INT NOT NULL DEFAULT 0, -- s
   PRIMARY KEY (`taskid`, `due`)
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
 CREATE INDEX IF NOT EXISTS `taskrun_due` ON `taskrun` (`due`);

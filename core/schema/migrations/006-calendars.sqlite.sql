@@ -54,6 +54,7 @@ CREATE TABLE IF NOT EXISTS `calendarfile` (
 CREATE TABLE IF NOT EXISTS `taskrun` (
   `taskid` INTEGER NOT NULL, -- task.id
   `due` INTEGER NOT NULL, -- seconds since 1970-01-01 UTC
+  `late` INTEGER NOT NULL DEFAULT 0, -- s
   PRIMARY KEY (`taskid`, `due`)
 );
 CREATE INDEX IF NOT EXISTS `taskrun_due` ON `taskrun` (`due`);
