@@ -11,7 +11,7 @@ const offered = new Set()
 
 before(async () => {
   service = await Service.make()
-  await service.speakers(fleet, '--play-fast', '4')
+  await service.speakers(fleet)
   token = await service.token('admin')
   for (const path of (await service.call(token, 'GET', '/about')).paths) offered.add(path)
   browser = await launch()
@@ -51,11 +51,6 @@ test('every page is accessible, in both colours and widths', async () => {
       await goTo(page, path)
       await page.waitForLoadState('networkidle')
       assert.deepEqual(await faults(page), [], `${path}, ${colorScheme}, ${width}`)
-    }
-    if (process.env.CONSOLE_PICTURE && width === 1280 && colorScheme === 'light') {
-      await goTo(page, '/')
-      await page.waitForLoadState('networkidle')
-      await page.screenshot({ path: process.env.CONSOLE_PICTURE })
     }
   }
 })
@@ -145,14 +140,29 @@ test('an announcement to the whole fleet is heard, and told speaker by speaker',
   const page = await visit('admin')
   await goTo(page, '/announce')
   await page.getByLabel('All speakers').check()
-  await page.getByRole('textbox', { name: 'Text to speak' }).fill('Attention please. This is a test of the public address system.')
+  await page.getByRole('textbox', { name: 'Text to speak' }).fill('Attention please. This is a test of the public address system. '.repeat(20))
+  await page.getByRole('button', { name: 'More settings' }).or(page.getByText('More settings')).click()
+  await page.getByLabel('Name in the journal').fill('Fire drill')
   await page.getByRole('button', { name: `Announce to ${fleet} speakers` }).click()
   await page.getByText(`${fleet} of ${fleet} speakers play or have played it`).waitFor()
   await page.getByRole('table', { name: 'Receipt' }).getByText('Room 1', { exact: true }).waitFor()
-  await page.getByRole('button', { name: 'Again' }).click()
+  const first = page.url().match(/\d+$/)[0]
+
+  await goTo(page, '/')
+  await page.locator('.figures .play strong').filter({ hasText: String(fleet) }).waitFor()
+  await page.getByRole('link', { name: 'Fire drill' }).waitFor()
+  if (process.env.CONSOLE_PICTURE) await page.screenshot({ path: process.env.CONSOLE_PICTURE })
   await page.getByRole('button', { name: 'Stop everything' }).click() // one click, and one to be sure
   await page.getByRole('button', { name: 'Stop now' }).click()
+  await shown(page, '1 broadcast stopped.')
   await until('silence', async () => (await speakers()).every(({ state }) => state === 'idle'))
+  assert.equal((await service.call(token, 'GET', `/broadcasts/${first}`)).state, 'stopped')
+
+  await goTo(page, `/broadcasts/${first}`)
+  await page.getByRole('button', { name: 'Again' }).click()
+  await until('another broadcast', () => !page.url().endsWith(first))
+  await page.getByRole('button', { name: 'Stop Fire drill' }).click()
+  await until('its end', async () => (await service.call(token, 'GET', `/broadcasts/${page.url().match(/\d+$/)[0]}`)).state === 'stopped')
 })
 
 test('a bell is moved and rings at its new time; a calendar silences its day', async (t) => {
