@@ -164,6 +164,10 @@ function begin(): void {
 }
 
 whenSessionChanges(begin)
+addEventListener('offline', () => {
+  if (session.me.value) state.value = 'lost'
+  events?.drop()
+})
 whenAnswered((reached) => {
   if (!session.me.value) return
   if (!reached) state.value = 'lost'
