@@ -72,10 +72,14 @@ const handlers = {
   },
   gone: (topic: Topic, ids: (string | number)[]): void => tableOf(topic)?.gone(ids),
   connected(yes: boolean): void {
-    forgetPending()
-    state.value = yes ? 'live' : 'lost'
-    if (yes) stopAsking()
-    else startAsking()
+    if (yes || !asking) forgetPending()
+    if (yes) {
+      stopAsking()
+      state.value = 'live'
+    } else if (!asking) {
+      if (state.value === 'live') state.value = 'lost'
+      startAsking()
+    }
   },
   refused: (): void => void me().catch(() => {}), // ends the session when the token is void
 }
