@@ -82,6 +82,8 @@ public:
     std::optional<ReceiptState> receipt(quint64 id, const QString& sn) const;
     std::optional<Standing> standing(quint64 id) const; ///< nothing once it is over and stored
     std::vector<Standing> running() const;
+    /// Whether another node has begun it: little more than its number is known here.
+    bool isForeign(quint64 id) const;
 
     // --- entries ---
     void bell(const Bell& bell);

@@ -3,6 +3,7 @@
 class Gate;
 class Journal;
 class LoginBrake;
+class Orders;
 class Passwords;
 class Severinit;
 class SpeakerBoard;
@@ -19,6 +20,7 @@ struct Services {
     SpeakerBoard* board = nullptr;    ///< any thread
     Gate* gate = nullptr;             ///< any thread
     Journal* journal = nullptr;       ///< null when it is switched off; begin(), settle() any thread
+    Orders* orders = nullptr;         ///< main loop; null without a journal
     Task_workque* tasks = nullptr;    ///< main loop; null for kinds without tasks
     Passwords* passwords = nullptr;   ///< any thread
     Tokens* tokens = nullptr;         ///< any thread

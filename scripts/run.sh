@@ -75,6 +75,7 @@ ASKEY=$(random_hex 20)
 PayKey=$(random_hex 20)
 ; The safe ways, where they differ from what older clients were written for; commands go out without a pause.
 hardened=true
+stopsfirst=true
 relaypause=0
 ; Where uploads are stored and where the outside programs are.
 runingdir=.
