@@ -26,4 +26,5 @@ struct Services {
     Tokens* tokens = nullptr;         ///< any thread
     TokenTable* oldTokens = nullptr;  ///< any thread
     LoginBrake* loginBrake = nullptr; ///< any thread
+    int webSocketPort = 0;            ///< 0: the WebSocket front is closed
 };

@@ -375,6 +375,7 @@ void Startup::createRouters() {
     services.tokens = m_tokens.get();
     services.oldTokens = m_oldTokens.get();
     services.loginBrake = m_loginBrake.get();
+    services.webSocketPort = integer("wbport");
     m_restRouter = std::make_unique<RestRouter>(services, hostList(text("weborigins")));
     m_frontDoor = std::make_unique<FrontDoor>(m_restRouter.get(), m_router.get());
 }
