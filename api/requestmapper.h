@@ -10,6 +10,7 @@
 #include <QMap>
 #include <QString>
 
+class ChangeCounter;
 class Gate;
 class Passwords;
 class PlanKeys;
@@ -59,6 +60,10 @@ public:
     void setGate(Gate* gate) { m_gate = gate; }
     Gate* gate() const { return m_gate; } ///< any thread
 
+    /// Told when names, owners or groups of speakers change; before the first request. May be null.
+    void setChanges(ChangeCounter* changes) { m_changes = changes; }
+    ChangeCounter* changes() const { return m_changes; }
+
     /// What the older paths share with others; before the first request. Must outlive the router, which
     /// has its own without them.
     void setAccounts(TokenTable* tokens, Passwords* passwords, Tokens* newTokens);
@@ -84,6 +89,7 @@ private:
     Task_workque* m_tasks;
     const TemplateLoader* m_templates = nullptr;
     Gate* m_gate = nullptr;
+    ChangeCounter* m_changes = nullptr;
     const std::unique_ptr<const PlanKeys> m_planKeys; ///< with the key `tokenpaths`
     OnlineList m_onlineList;
     WrongLogins m_wrongLogins;

@@ -1,5 +1,6 @@
 #pragma once
 
+class ChangeCounter;
 class Gate;
 class LoginBrake;
 class Passwords;
@@ -22,4 +23,5 @@ struct Services {
     Tokens* tokens = nullptr;         ///< any thread
     TokenTable* oldTokens = nullptr;  ///< any thread
     LoginBrake* loginBrake = nullptr; ///< any thread
+    ChangeCounter* changes = nullptr; ///< any thread
 };
