@@ -210,7 +210,7 @@ QByteArray DumpController_add_user::user_reg_DOPane(const Call& call) {
                                                         plan.text(0, "name"), call.userid(), line});
     if (!stored.ok)
         return refusal(QStringLiteral("exec_error"));
-    commands()->WarningAS(sn, address + line);
+    commands(call)->WarningAS(sn, address + line);
     return done();
 }
 
@@ -231,9 +231,9 @@ QByteArray DumpController_add_user::user_reg_DOFile(const Call& call) {
                       {QStringLiteral("info"), QStringLiteral("exec_error")},
                       {QStringLiteral("sqline"), stored.sql}});
     if (line == QLatin1String("B"))
-        commands()->WarningB(sn, call.text("url"));
+        commands(call)->WarningB(sn, call.text("url"));
     else
-        commands()->WarningF(sn, call.text("url"));
+        commands(call)->WarningF(sn, call.text("url"));
     return done();
 }
 
@@ -263,7 +263,7 @@ QByteArray DumpController_add_user::user_unreg_DO(const Call& call) {
     if (!gone.ok || gone.affected < 1)
         return refusal(QStringLiteral("exec_error"));
     if (own) {
-        clearLine(*commands(), sn, line);
+        clearLine(*commands(call), sn, line);
     }
     return reply({{QStringLiteral("res"), true},
                   {QStringLiteral("info"), QStringLiteral("done")},
@@ -276,7 +276,7 @@ QByteArray DumpController_add_user::user_unreg_DO_foce(const Call& call) {
         return refusal(QStringLiteral("Paruser"));
     if (!isOwnSpeaker(db(), call.userid(), call.text("sn")))
         return refusal(QStringLiteral("exec_error"));
-    clearLine(*commands(), call.text("sn"), line);
+    clearLine(*commands(call), call.text("sn"), line);
     return done();
 }
 
@@ -298,7 +298,7 @@ QByteArray DumpController_add_user::setwaringlinetaskid(const Call& call) {
     const QString address = taskAddress(call, secret);
     if (!bindings.write({call.userid(), lineid, serials, call.number("taskid"), address, secret}))
         return refusal(QStringLiteral("exec_error"));
-    commands()->play_urlsetwarning(serials, lineid, address);
+    commands(call)->play_urlsetwarning(serials, lineid, address);
     return done();
 }
 
@@ -311,7 +311,7 @@ QByteArray DumpController_add_user::rmwaringlinetaskid(const Call& call) {
     if (isOthers(bindings.read(lineid), call.userid(), *m_mapper) ||
         !areOwnSpeakers(db(), call.userid(), serials) || !bindings.remove(lineid))
         return refusal(QStringLiteral("exec_error"));
-    commands()->play_urlrmwarning(serials, lineid);
+    commands(call)->play_urlrmwarning(serials, lineid);
     return done();
 }
 

@@ -1,6 +1,7 @@
 #include "api/call.h"
 
 #include "api/requestmapper.h"
+#include "core/serial.h"
 #include "core/sql/sqlite.h"
 #include "http/httprequest.h"
 

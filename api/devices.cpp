@@ -155,14 +155,15 @@ QByteArray DumpController_add_user::user_resndevs(const Call& call) {
 }
 
 QByteArray DumpController_add_user::user_enable_device(const Call& call) {
-    return switchDevices(call, [this](const QStringList& sns) {
+    return switchDevices(call, [this, &call](const QStringList& sns) {
         forgetDisabled(db(), sns);
-        commands()->enable_device(sns);
+        commands(call)->enable_device(sns);
     });
 }
 
 QByteArray DumpController_add_user::user_disable_device(const Call& call) {
-    return switchDevices(call, [this](const QStringList& sns) { commands()->disable_device(sns); });
+    return switchDevices(call,
+                         [this, &call](const QStringList& sns) { commands(call)->disable_device(sns); });
 }
 
 QByteArray DumpController_add_user::user_LIST(const Call& /*call*/) {

@@ -6,6 +6,7 @@
 #include "device/severinit.h"
 #include "http/httprequest.h"
 #include "http/httpresponse.h"
+#include "journal/journal.h"
 #include "redis/core_corss.h"
 #include "service/changecounter.h"
 #include "service/speakernodes.h"
@@ -90,7 +91,7 @@ QByteArray DumpController_add_user::dbtest(const Call& /*call*/) {
     return QByteArrayLiteral("dbtest");
 }
 
-std::unique_ptr<Core_corss> DumpController_add_user::commands() const {
+std::unique_ptr<Core_corss> DumpController_add_user::commands(const Call& call, int alarmOf) const {
     const NodeAddress own{QStringLiteral("127.0.0.1"), m_devices->ps2};
     auto sender = std::make_unique<Core_corss>(own.host, own.port);
     sender->setGate(m_mapper->gate());
@@ -99,5 +100,18 @@ std::unique_ptr<Core_corss> DumpController_add_user::commands() const {
     });
     sender->setSilentClip(db().site.silentclip);
     sender->setWarningFetch(db().site.waringfetch);
+    if (Journal* const journal = m_mapper->journal()) {
+        const bool isAlarm = alarmOf != 0;
+        Broadcast play;
+        play.kind = isAlarm ? Broadcast::Kind::Alarm : Broadcast::Kind::Direct;
+        play.origin.account = isAlarm ? 0 : call.userid();
+        play.origin.line = isAlarm ? call.text("pltid") : QString();
+        play.origin.path = call.path();
+        play.owner = isAlarm ? alarmOf : call.userid();
+        sender->setOrders([journal, play](const QString& url) mutable {
+            play.name = url.section(QLatin1Char('/'), -1);
+            return journal->begin(play);
+        });
+    }
     return sender;
 }

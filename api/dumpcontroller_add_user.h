@@ -175,7 +175,8 @@ private:
     void afterCommand(const QueryTable::Command& command, const Call&, const QByteArray& answer);
     StrictSql db() const { return StrictSql(*m_database); } ///< this worker's own
     /// Sends commands to the nodes that their speakers are on.
-    std::unique_ptr<Core_corss> commands() const;
+    /// `call`: whose request the plays are. `alarmOf`: the account whose line has asked for them; 0: none.
+    std::unique_ptr<Core_corss> commands(const Call& call, int alarmOf = 0) const;
     /// The audio uploads' common body; `sizeKey` is the key that carries the size in bytes.
     QByteArray storeUploadedAudio(const Call&, const char* sizeKey);
     /// Replaces the picture at `url` (relative to the document root) by the uploaded one.

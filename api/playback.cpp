@@ -35,36 +35,36 @@ QStringList DumpController_add_user::commandable(int userid, const QStringList& 
 
 QByteArray DumpController_add_user::user_play_file(const Call& call) {
     return commandSpeakers(call,
-                           [&](const QStringList& sns) { commands()->play_url(sns, call.text("url")); });
+                           [&](const QStringList& sns) { commands(call)->play_url(sns, call.text("url")); });
 }
 
 QByteArray DumpController_add_user::user_play_fileq39(const Call& call) {
-    return commandSpeakers(call,
-                           [&](const QStringList& sns) { commands()->play_urlq39(sns, call.text("url")); });
+    return commandSpeakers(
+        call, [&](const QStringList& sns) { commands(call)->play_urlq39(sns, call.text("url")); });
 }
 
 QByteArray DumpController_add_user::user_stop_file(const Call& call) {
-    return commandSpeakers(call, [&](const QStringList& sns) { commands()->Stop_url(sns); });
+    return commandSpeakers(call, [&](const QStringList& sns) { commands(call)->Stop_url(sns); });
 }
 
 QByteArray DumpController_add_user::user_stop_fileq39(const Call& call) {
-    return commandSpeakers(call, [&](const QStringList& sns) { commands()->Stop_urlq39(sns); });
+    return commandSpeakers(call, [&](const QStringList& sns) { commands(call)->Stop_urlq39(sns); });
 }
 
 QByteArray DumpController_add_user::user_edit_vols(const Call& call) {
-    return commandSpeakers(call,
-                           [&](const QStringList& sns) { commands()->edit_vols(sns, call.number("vol")); });
+    return commandSpeakers(
+        call, [&](const QStringList& sns) { commands(call)->edit_vols(sns, call.number("vol")); });
 }
 
 QByteArray DumpController_add_user::user_edit_debug(const Call& call) {
     for (const QString& sn : commandable(call.userid(), {call.text("sn")}))
-        commands()->Debug_(sn, call.number("dsv"));
+        commands(call)->Debug_(sn, call.number("dsv"));
     return done();
 }
 
 /// Reached by no route, and unguarded therefore.
 QByteArray DumpController_add_user::user_edit_alldebug(const Call& call) {
-    commands()->Debugkillall_(call.number("dsv"));
+    commands(call)->Debugkillall_(call.number("dsv"));
     return done();
 }
 
@@ -80,6 +80,6 @@ QByteArray DumpController_add_user::user_play_wplant(const Call& call) {
         return refusal(QStringLiteral("Paruser"));
     const QStringList own = commandable(plan.integer(0, "userid"), sns.split(QLatin1Char('|')));
     if (!own.isEmpty())
-        commands()->play_urlq39(own, plan.text(0, "url"));
+        commands(call, plan.integer(0, "userid"))->play_urlq39(own, plan.text(0, "url"));
     return done();
 }

@@ -228,8 +228,8 @@ QByteArray DumpController_add_user::runQuery(const QString& set, const Call& cal
     Params params = call.params();
     if (const char* const fault = hashPassword(db(), passwords, *command, values, params))
         return refusal(QLatin1String(fault));
-    const QByteArray answer = inProcess ? runCommand(db(), passwords, *command, values)
-                                        : outputOf(db(), passwords, *command, values, call.path(), params);
+    QByteArray answer = inProcess ? runCommand(db(), passwords, *command, values)
+                                  : outputOf(db(), passwords, *command, values, call.path(), params);
     afterCommand(*command, call, answer);
     return answer;
 }

@@ -12,6 +12,7 @@
 
 class ChangeCounter;
 class Gate;
+class Journal;
 class Passwords;
 class PlanKeys;
 class QCoreApplication;
@@ -59,6 +60,9 @@ public:
     /// they go over TCP.
     void setGate(Gate* gate) { m_gate = gate; }
     Gate* gate() const { return m_gate; } ///< any thread
+    /// Where plays are recorded; null: nowhere. Not owned; before the listener starts.
+    void setJournal(Journal* journal) { m_journal = journal; }
+    Journal* journal() const { return m_journal; } ///< any thread
 
     /// Told when names, owners or groups of speakers change; before the first request. May be null.
     void setChanges(ChangeCounter* changes) { m_changes = changes; }
@@ -88,6 +92,7 @@ private:
     Severinit* m_devices;
     Task_workque* m_tasks;
     const TemplateLoader* m_templates = nullptr;
+    Journal* m_journal = nullptr;
     Gate* m_gate = nullptr;
     ChangeCounter* m_changes = nullptr;
     const std::unique_ptr<const PlanKeys> m_planKeys; ///< with the key `tokenpaths`

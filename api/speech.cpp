@@ -55,7 +55,7 @@ QByteArray DumpController_add_user::user_play_tts(const Call& call) {
         return storeRefusal(result);
     const QStringList own = commandable(call.userid(), speakers);
     if (!own.isEmpty())
-        commands()->play_url(own, store.playUrl(result.stored->url));
+        commands(call)->play_url(own, store.playUrl(result.stored->url));
     QJsonObject object = spokenReply(*result.stored, store, call.userid());
     if (lite)
         object.insert(QStringLiteral("info"), QStringLiteral("Lite mode suc"));

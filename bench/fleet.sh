@@ -52,6 +52,7 @@ start() {
     tuned) start_mosquitto "allow_duplicate_messages true" "set_tcp_nodelay true" ;;
     raw) start_raw ;;
     speakerd) start_service ;;
+    unrecorded) start_service journal=false ;; # the same without the journal
     redis) start_redis_server; start_service EnableRedis=true RedisPort="$redis_port" ;;
     *) echo "unknown target $1" >&2; exit 2 ;;
   esac

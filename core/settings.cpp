@@ -1,5 +1,7 @@
 #include "core/settings.h"
 
+#include <algorithm>
+#include <climits>
 #include <QDebug>
 #include <QFileInfo>
 #include <QHostAddress>
@@ -97,6 +99,10 @@ const std::vector<SettingKey> Keys = {
      "No task starts before this time of day, seconds since midnight."},
     {"Settings", "taskend", Type::Integer, "82800",
      "No task starts after this time of day, seconds since midnight."},
+    {"Settings", "gapbells", Type::Text, "skip",
+     "What a task does whose time the clock leaves out when summer time begins: \"skip\", or \"after\": it "
+     "rings "
+     "at the first second after the gap."},
     {"Settings", "RDDATAPORT", Type::Integer, "7636",
      "No effect yet: port handed to the HTTP request router."},
     {"Settings", "runingdir", Type::Text, ".", "Working directory for files."},
@@ -119,6 +125,15 @@ const std::vector<SettingKey> Keys = {
      "Pause between two commands to one speaker, ms: a speaker tells commands apart by its reads. 0: none."},
     {"Settings", "relaypause", Type::Integer, "100",
      "Pause between two commands of tasks to one node, ms. 0, the fast way: none."},
+    {"Settings", "journal", Type::Flag, "true",
+     "What was played where is recorded in the database (docs/journal.md)."},
+    {"Settings", "journaldays", Type::Integer, "90",
+     "Broadcasts and journal entries are kept for so many days; 0: always."},
+    {"Settings", "receiptdays", Type::Integer, "14",
+     "What became of a broadcast at each speaker is kept for so many days; 0: always."},
+    {"Settings", "nodenumber", Type::Integer, "0",
+     "1 to 255, in the numbers of broadcasts: each node that shares a database or speakers has another. 0: "
+     "from the last number of LocalIP, and PS2."},
     {"Settings", "keepbound", Type::Flag, "false",
      "A speaker that was heard of within 10 s is not taken by a registration from another address."},
     {"Settings", "weborigins", Type::Text, "",
@@ -170,7 +185,7 @@ QString fullName(const SettingKey& key) {
 QVariant converted(const SettingKey& key, const QString& text) {
     switch (key.type) {
     case Type::Integer:
-        return text.toInt();
+        return static_cast<int>(std::clamp<qint64>(text.toLongLong(), INT_MIN, INT_MAX));
     case Type::Flag:
         return QVariant(text).toBool();
     case Type::Text:

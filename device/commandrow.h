@@ -1,5 +1,7 @@
 #pragma once
 
+#include "device/playwatch.h"
+
 #include <functional>
 #include <optional>
 #include <QByteArray>
@@ -87,6 +89,7 @@ struct CommandRow {
     void (*entry)(QByteArray& list, const SAobj&) = nullptr;
     /// Done with each serial, whether it has a session or not.
     void (*mark)(Severinit&, const QString& sn) = nullptr;
+    PlayKind play = PlayKind::None; ///< what it does to what its targets play
 };
 
 /// Every command of the device room, in the order in which a request is compared with them.

@@ -41,6 +41,18 @@ void TargetList::prepareCount() {
         m_hashes.push_back(qHash(at(i)));
 }
 
+int TargetList::indexOf(const QString& sn, int from) {
+    prepareCount();
+    const uint wanted = qHash(sn);
+    auto place = m_hashes.begin() + from;
+    for (; (place = std::find(place, m_hashes.end(), wanted)) != m_hashes.end(); ++place) {
+        const int index = static_cast<int>(place - m_hashes.begin());
+        if (at(index) == sn)
+            return index;
+    }
+    return -1;
+}
+
 int TargetList::count(const QString& sn, int from) {
     prepareCount();
     int found = 0;
@@ -63,6 +75,35 @@ CommandRun::CommandRun(Severinit& devices, const CommandRow& row, SessionCall ca
     m_isForAll = true;
 }
 
+void CommandRun::watch(const PlayCommand& command, const PlayOrders& orders) {
+    if (m_devices.playWatches().empty())
+        return;
+    m_command = command;
+    m_orders = orders;
+}
+
+/// Makes the order the one that is being served.
+void CommandRun::enterOrder(quint64 order) {
+    const auto known = m_begun.constFind(order);
+    if (known != m_begun.constEnd()) {
+        m_command.order = *known;
+        return;
+    }
+    m_command.order = order;
+    for (PlayWatch* const watch : m_devices.playWatches())
+        m_command.order = watch->begin(m_command);
+    m_begun.insert(order, m_command.order);
+}
+
+void CommandRun::endOrders() {
+    for (const quint64 order : std::as_const(m_begun)) {
+        m_command.order = order;
+        for (PlayWatch* const watch : m_devices.playWatches())
+            watch->end(m_command);
+    }
+    m_begun.clear();
+}
+
 int CommandRun::size() const {
     return m_isForAll ? m_devices.sessions().size() : m_targets.size();
 }
@@ -80,6 +121,7 @@ bool CommandRun::proceed(const QDeadlineTimer& until) {
 
 void CommandRun::serveBlock() {
     const bool isFirst = m_served == 0;
+    const int first = m_next;
     const QStringList serials = m_isForAll ? QStringList() : nextSerials();
     const std::vector<SAobj*> sessions = m_isForAll ? nextSessions() : sessionsOf(serials);
     for (size_t i = 0; i < sessions.size(); ++i) {
@@ -87,8 +129,11 @@ void CommandRun::serveBlock() {
             fetchSessions(sessions, i);
         const QString& sn = m_isForAll ? sessions[i]->sn() : serials.at(static_cast<int>(i));
         const auto early = m_early.constFind(sn);
-        note(sn, sessions[i], early == m_early.cend() ? serve(sn, sessions[i]) : *early);
+        note(sn, sessions[i],
+             early == m_early.cend() ? serve(sn, sessions[i], first + static_cast<int>(i)) : *early);
     }
+    if (m_isOver)
+        endOrders();
     if (isFirst && m_served > 0) // the list will be as long in proportion, or a little longer
         m_list.reserve(static_cast<int>(m_list.size() * 1.1 / m_served * size()));
 }
@@ -131,16 +176,31 @@ void CommandRun::serveEarly(const QString& sn) {
     SAobj* const session = m_devices.session(sn);
     const bool isLeft = session && !(sn < m_nextSerial);
     for (int times = m_isForAll ? isLeft : m_targets.count(sn, m_next); times > 0; --times)
-        m_early.insert(sn, serve(sn, session));
+        m_early.insert(sn, serve(sn, session, m_isForAll ? 0 : m_targets.indexOf(sn, m_next)));
 }
 
-CommandRun::Fate CommandRun::serve(const QString& sn, SAobj* session) {
+CommandRun::Fate CommandRun::serve(const QString& sn, SAobj* session, int place) {
     if (m_row.mark)
         m_row.mark(m_devices, sn);
-    return attempt(session);
+    return m_command.kind == PlayKind::None ? attempt(session) : attemptWatched(sn, session, place);
 }
 
-CommandRun::Fate CommandRun::attempt(SAobj* session) const {
+CommandRun::Fate CommandRun::attemptWatched(const QString& sn, SAobj* session, int place) {
+    static constexpr PlayWatch::Fate Told[] = {PlayWatch::Fate::Sent,    PlayWatch::Fate::Offline,
+                                               PlayWatch::Fate::Unknown, PlayWatch::Fate::Disabled,
+                                               PlayWatch::Fate::Broken,  PlayWatch::Fate::Refused};
+    enterOrder(m_orders.at(place));
+    const std::vector<PlayWatch*>& watches = m_devices.playWatches();
+    const PlayWatch::Refusal* refusal = nullptr;
+    for (auto watch = watches.begin(); session && !refusal && watch != watches.end(); ++watch)
+        refusal = (*watch)->refusal(m_command, *session);
+    const Fate fate = refusal ? Fate::Refused : attempt(session);
+    for (PlayWatch* const watch : watches)
+        watch->cameOf(m_command, sn, session, Told[static_cast<int>(fate)], refusal);
+    return fate;
+}
+
+CommandRun::Fate CommandRun::attempt(SAobj* session) {
     if (!session)
         return Fate::Unknown;
     if (!m_call)
@@ -178,6 +238,7 @@ const char* CommandRun::wordOf(Fate fate) const {
     case Fate::Unknown:
         return m_row.words.unknown;
     case Fate::Disabled:
+    case Fate::Refused:
         return m_row.words.disabled;
     case Fate::Broken:
         return m_row.words.broken;

@@ -5,6 +5,7 @@
 #include <QDeadlineTimer>
 #include <QHash>
 #include <QJsonArray>
+#include <vector>
 
 /// The serials that a command is for, in their order.
 class TargetList {
@@ -25,6 +26,8 @@ public:
     void prepareCount();
     /// How often the serial stands from the place `from` on.
     int count(const QString& sn, int from);
+    /// The first place from there on where it stands; -1: none.
+    int indexOf(const QString& sn, int from);
 
 private:
     QStringList m_serials;
@@ -44,6 +47,9 @@ public:
     /// Every session of the registry.
     CommandRun(Severinit& devices, const CommandRow& row, SessionCall call);
 
+    /// It is a play or a stop, of which the registry's watches are asked and told. Before the first speaker.
+    void watch(const PlayCommand& command, const PlayOrders& orders);
+
     int size() const;
     QStringList serials() const;
     /// Neither sends nor changes anything.
@@ -55,13 +61,16 @@ public:
     QByteArray reply() const;
 
 private:
-    enum class Fate { Done, Offline, Unknown, Disabled, Broken };
+    enum class Fate { Done, Offline, Unknown, Disabled, Broken, Refused };
     void serveBlock();
     QStringList nextSerials();
     std::vector<SAobj*> sessionsOf(const QStringList& serials) const;
     std::vector<SAobj*> nextSessions();
-    Fate serve(const QString& sn, SAobj* session);
-    Fate attempt(SAobj* session) const;
+    Fate serve(const QString& sn, SAobj* session, int place);
+    Fate attempt(SAobj* session);
+    Fate attemptWatched(const QString& sn, SAobj* session, int place);
+    void enterOrder(quint64 order);
+    void endOrders();
     void note(const QString& sn, const SAobj* session, Fate fate);
     void addToList(const QString& sn, const char* word);
     const char* wordOf(Fate fate) const;
@@ -76,6 +85,9 @@ private:
     int m_next = 0;               ///< place of the first target that has not had its turn
     QString m_nextSerial;         ///< its serial, when it is for every session
     QHash<QString, Fate> m_early; ///< served before their turn
+    PlayCommand m_command;        ///< with the order of the speaker that is being served
+    PlayOrders m_orders;
+    QHash<quint64, quint64> m_begun; ///< the watches' number of each order that the command names
     // For the reply.
     const char* m_word;
     int m_served = 0;

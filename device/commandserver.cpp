@@ -27,7 +27,7 @@ QHostAddress peerOf(int descriptor) {
     socklen_t size = sizeof address;
     if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&address), &size) != 0)
         return {};
-    return plainAddress(QHostAddress(reinterpret_cast<const sockaddr*>(&address)));
+    return plainAddress(address);
 }
 
 void setOptions(int descriptor) {
@@ -40,8 +40,8 @@ void setOptions(int descriptor) {
 }
 
 CommandHandler handlerOf(Severinit* devices) {
-    return [devices](const QByteArray& request, const auto& reply) {
-        devices->runCommand(request, reply);
+    return [devices](const QByteArray& request, const QString& peer, const auto& reply) {
+        devices->runCommand(request, reply, peer);
     };
 }
 

@@ -151,7 +151,7 @@ void didocmd::answer(const QByteArray& request) {
     m_running = request.size();
     m_reader->setEnabled(false);
     const QPointer<didocmd> self(this);
-    m_handler(request, [self, timer](QByteArray reply) {
+    m_handler(request, m_peer.toString(), [self, timer](QByteArray reply) {
         if (self)
             self->answered(std::move(reply), timer.elapsed());
     });

@@ -16,8 +16,8 @@ class QSocketNotifier;
 
 /// Runs one JSON request and gives the reply, compact JSON, to `reply`, at once or later. May run a nested
 /// event loop.
-using CommandHandler =
-    std::function<void(const QByteArray& request, const std::function<void(QByteArray reply)>& reply)>;
+using CommandHandler = std::function<void(const QByteArray& request, const QString& peer,
+                                          const std::function<void(QByteArray reply)>& reply)>;
 
 class didocmd;
 

@@ -2,7 +2,6 @@
 
 #include "device/jsontext.h"
 #include "device/severinit_state.h"
-#include "device/statemirror.h"
 
 #include <algorithm>
 #include <QJsonArray>
@@ -33,8 +32,17 @@ QByteArray Severinit::Diamonds_jsondidocom(const QByteArray& request) {
     return m_state->dispatcher->run(request);
 }
 
-void Severinit::runCommand(const QByteArray& request, const std::function<void(QByteArray)>& reply) {
-    m_state->dispatcher->run(request, reply);
+void Severinit::runCommand(const QByteArray& request, const std::function<void(QByteArray)>& reply,
+                           const QString& peer) {
+    m_state->dispatcher->run(request, reply, peer);
+}
+
+void Severinit::addPlayWatch(PlayWatch* watch) {
+    m_state->playWatches.push_back(watch);
+}
+
+const std::vector<PlayWatch*>& Severinit::playWatches() const {
+    return m_state->playWatches;
 }
 
 Dispatcher::Dispatcher(Severinit& devices)
@@ -58,21 +66,22 @@ QByteArray Dispatcher::reply(const char* word, const QString& info) {
 
 Dispatcher::Request Dispatcher::read(const QByteArray& bytes) {
     if (bytes.size() > MaxValues && isTooMuch(bytes))
-        return {{}, reply("json_error", QStringLiteral("too many values")), {}};
+        return {{}, reply("json_error", QStringLiteral("too many values")), {}, {}};
     QJsonParseError error{};
     const QJsonDocument document = QJsonDocument::fromJson(bytes, &error);
     if (error.error != QJsonParseError::NoError)
         return {
             {},
             reply("json_error", QStringLiteral("%1 at byte %2").arg(error.errorString()).arg(error.offset)),
+            {},
             {}};
     if (!document.isObject())
-        return {{}, reply("json_error", QStringLiteral("not a JSON object")), {}};
+        return {{}, reply("json_error", QStringLiteral("not a JSON object")), {}, {}};
     const QJsonObject json = document.object();
     TargetList listed(json.value(QLatin1String("snlist")).toArray());
     if (bytes.size() > ReadHereBytes)
         listed.prepareCount();
-    return {json, {}, std::move(listed)};
+    return {json, {}, std::move(listed), {}};
 }
 
 bool Dispatcher::isTooMuch(const QByteArray& bytes) {
@@ -117,7 +126,20 @@ Dispatcher::Command Dispatcher::rowCommand(const CommandRow& row, const Request&
     auto run = row.targets == Targets::All
                    ? std::make_unique<CommandRun>(m_devices, row, std::move(call))
                    : std::make_unique<CommandRun>(m_devices, row, std::move(call), std::move(targets));
+    watch(*run, row, read);
     return {{}, std::move(run), nullptr, {}};
+}
+
+void Dispatcher::watch(CommandRun& run, const CommandRow& row, const Request& read) const {
+    if (row.play == PlayKind::None)
+        return;
+    const PlayOrders orders = PlayOrders::read(read.json.value(QLatin1String("order")));
+    PlayCommand command;
+    command.kind = orders.kindOf(row.play);
+    command.files = Arguments(read.json).files();
+    command.peer = read.peer;
+    command.isOver = read.json.value(QLatin1String("over")).toBool();
+    run.watch(command, orders);
 }
 
 Dispatcher::Command Dispatcher::addedCommand(const QString& word, const Request& read) {
@@ -160,8 +182,7 @@ TargetList Dispatcher::each(const QString& word, const Request& read) const {
 
 QStringList Dispatcher::expandGroup(const QJsonObject& request) const {
     const QString group = request.value(QLatin1String("group")).toString();
-    StateMirror* const mirror = m_devices.stateMirror();
-    return group.isEmpty() || !mirror ? QStringList() : mirror->backsnlist(group);
+    return group.isEmpty() ? QStringList() : m_devices.group(group);
 }
 
 // --- commands under way ---
@@ -178,10 +199,13 @@ QByteArray Dispatcher::run(const QByteArray& request) {
     return command.reply;
 }
 
-void Dispatcher::run(const QByteArray& request, const Reply& reply) {
-    if (request.size() <= ReadHereBytes)
-        return begin(read(request), request.size(), reply);
-    m_unread.push_back({request, reply});
+void Dispatcher::run(const QByteArray& request, const Reply& reply, const QString& peer) {
+    if (request.size() <= ReadHereBytes) {
+        Request here = read(request);
+        here.peer = peer;
+        return begin(here, request.size(), reply);
+    }
+    m_unread.push_back({request, reply, peer});
     readNext();
 }
 
@@ -270,8 +294,9 @@ void Dispatcher::readNext() {
     if (m_reading || m_unread.empty() || m_bytesUnderWay > MaxBytesUnderWay)
         return;
     m_reading = true;
-    m_reader.start([this, bytes = m_unread.front().request] {
+    m_reader.start([this, bytes = m_unread.front().request, peer = m_unread.front().peer] {
         const auto request = std::make_shared<Request>(read(bytes));
+        request->peer = peer;
         QMetaObject::invokeMethod(
             &m_turn,
             [this, request] {

@@ -33,7 +33,7 @@ public:
     /// To its end at once, whatever its size. May wait in a nested loop for a group.
     QByteArray run(const QByteArray& request);
     /// In as many turns of the loop as it takes; `reply` is called once, at once or later.
-    void run(const QByteArray& request, const Reply& reply);
+    void run(const QByteArray& request, const Reply& reply, const QString& peer = {});
 
     // --- for commands that answer by themselves ---
     Severinit& devices() { return m_devices; }
@@ -48,6 +48,7 @@ private:
         QJsonObject json;
         QByteArray refusal; ///< the reply, when there is no object
         TargetList listed;  ///< "snlist"
+        QString peer;       ///< who sent it
     };
     /// What a request has come to: its reply, targets to serve, or one piece of work.
     struct Command {
@@ -64,12 +65,14 @@ private:
     struct Unread {
         QByteArray request;
         Reply reply;
+        QString peer;
     };
 
     static Request read(const QByteArray& bytes);
     static bool isTooMuch(const QByteArray& bytes);
     Command commandOf(const Request& request);
     Command rowCommand(const CommandRow& row, const Request& request);
+    void watch(CommandRun& run, const CommandRow& row, const Request& request) const;
     Command addedCommand(const QString& word, const Request& request);
     TargetList resolve(Targets targets, const QString& word, const Request& request) const;
     TargetList each(const QString& word, const Request& request) const;

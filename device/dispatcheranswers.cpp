@@ -1,5 +1,6 @@
 #include "device/dispatcheranswers.h"
 
+#include "core/serial.h"
 #include "device/dispatcher.h"
 #include "device/jsontext.h"
 #include "device/licence.h"
@@ -35,11 +36,9 @@ QString speakers(int count) {
     return QStringLiteral("%1 speakers").arg(count);
 }
 
-bool isSerial(const QString& text) {
-    return (text.size() == 32 || text.size() == 24) && std::all_of(text.begin(), text.end(), [](QChar c) {
-               return (c >= QLatin1Char('0') && c <= QLatin1Char('9')) ||
-                      (c >= QLatin1Char('a') && c <= QLatin1Char('f'));
-           });
+/// Of a registration or of the long status form.
+bool isRegistered(const QString& text) {
+    return isSerialOf(text, 32) || isSerialOf(text, 24);
 }
 
 QStringList serials(const QJsonObject& request) {
@@ -50,7 +49,7 @@ QStringList serials(const QJsonObject& request) {
 }
 
 void setEnabled(Severinit& devices, const QString& sn, bool isEnabled) {
-    if (isSerial(sn) || devices.session(sn))
+    if (isRegistered(sn) || devices.session(sn))
         devices.setRestricted(sn, !isEnabled);
 }
 
@@ -68,7 +67,7 @@ Plan guard(const Severinit& devices, const QJsonObject& request) {
     if (!devices.licence().mayRegister(arguments.text("seed").value_or(QString()),
                                        arguments.text("key").value_or(QString())))
         return Plan::refused("Data_error_7", QStringLiteral("the licence does not allow it"));
-    if (!std::all_of(named.begin(), named.end(), isSerial))
+    if (!std::all_of(named.begin(), named.end(), isRegistered))
         return Plan::refused("out_of_range",
                              QStringLiteral("a serial is not 24 or 32 lower-case hexadecimal digits"));
     return nullptr;

@@ -304,6 +304,16 @@ constexpr ResultWords AlwaysDone{"success90008", nullptr, nullptr, nullptr, null
 constexpr ResultWords AlwaysDoneGpio{"success90718", nullptr, nullptr, nullptr, nullptr};
 constexpr ResultWords Gpio{"success90708", "unline90708", "out_of_range90008", "unline90718", "unline90718"};
 
+CommandRow play(CommandRow row) {
+    row.play = PlayKind::Play;
+    return row;
+}
+
+CommandRow stop(CommandRow row) {
+    row.play = PlayKind::Stop;
+    return row;
+}
+
 } // namespace
 
 const std::vector<CommandRow>& commandTable() {
@@ -321,26 +331,26 @@ const std::vector<CommandRow>& commandTable() {
         {"FUCKALL", 0, T::All, commandLine, AlwaysDone},
         {"GPIOALL", 0, T::All, withInteger<&SAobj::set_GPIO_ks, DevKs>, AlwaysDoneGpio},
         {"GPIO", 0, T::One, withInteger<&SAobj::set_GPIO_ks, DevKs>, Gpio},
-        {"PLAYTTS", 0, T::List, withText<&SAobj::PLAY_TTS, TtString>, Usual},
+        play({"PLAYTTS", 0, T::List, withText<&SAobj::PLAY_TTS, TtString>, Usual}),
         {"TEST", 0, T::List, rawTest, Usual},
-        {"PLAYOFF", 0, T::Each, withList<&SAobj::addMp3list>, Well},
-        {"PLAYOFF_G", 0, T::Each, withList<&SAobj::addMp3list>, Well},
+        play({"PLAYOFF", 0, T::Each, withList<&SAobj::addMp3list>, Well}),
+        play({"PLAYOFF_G", 0, T::Each, withList<&SAobj::addMp3list>, Well}),
         {"GPIO_132", 0, T::List, gpioList<Gpio132On>, Well},
         {"GPIO_133", 0, T::List, gpioList<Gpio133On>, Well},
         {"GPIOS_132", 0, T::List, gpioList<Gpio132Off>, Well},
         {"GPIOS_133", 0, T::List, gpioList<Gpio133Off>, Well},
-        {"PLAYAS", 0, T::Each, playStreams, WellStreams},
+        play({"PLAYAS", 0, T::Each, playStreams, WellStreams}),
         {"PLAYASCMD", 0, T::Each, playCommands, Usual},
-        {"PLAYA7", 0, T::Each, playUnbuffered, Usual},
-        {"FORCESTOP7", 0, T::Each, plain<&SAobj::stopcurl2>, Usual},
-        {"PLAYOFF_START", 0, T::Each, withList<&SAobj::Play_Mp3_url>, Usual},
-        {"PLAYOFF_START_G", 0, T::Each, withList<&SAobj::Play_Mp3_url>, Usual},
+        play({"PLAYA7", 0, T::Each, playUnbuffered, Usual}),
+        stop({"FORCESTOP7", 0, T::Each, plain<&SAobj::stopcurl2>, Usual}),
+        play({"PLAYOFF_START", 0, T::Each, withList<&SAobj::Play_Mp3_url>, Usual}),
+        play({"PLAYOFF_START_G", 0, T::Each, withList<&SAobj::Play_Mp3_url>, Usual}),
         {"PURGEFILE", 0, T::Each, withList<&SAobj::NewMp3list_start>, Usual},
         {"PURGEFILE_G", 0, T::Each, withList<&SAobj::NewMp3list_start>, Usual},
         {"PRECACHE", 0, T::Each, withList<&SAobj::exec_Mp3_url>, Usual},
         {"PRECACHE_G", 0, T::Each, withList<&SAobj::exec_Mp3_url>, Usual},
-        {"FORCESTOP", 0, T::Each, plain<&SAobj::stopcurl>, Usual},
-        {"FORCESTOP_G", 0, T::Each, plain<&SAobj::stopcurl>, Usual},
+        stop({"FORCESTOP", 0, T::Each, plain<&SAobj::stopcurl>, Usual}),
+        stop({"FORCESTOP_G", 0, T::Each, plain<&SAobj::stopcurl>, Usual}),
         {"MDIFYCENTER", 0, T::Each, withText<&SAobj::cdn_url, OriginUrl>, Usual},
         {"MDIFYCENTER_G", 0, T::Each, withText<&SAobj::cdn_url, OriginUrl>, Usual},
         {"MDIFYCENTERS", 0, T::Each, withText<&SAobj::cdn_url2, OriginUrl>, Usual},

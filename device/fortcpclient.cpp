@@ -2,6 +2,7 @@
 
 #include "core/logthrottle.h"
 #include "core/loop/fetch.h"
+#include "device/words.h"
 
 #include <chrono>
 #include <QDebug>
@@ -72,7 +73,7 @@ void fortcpclient::sn_heartbeat() {
 /// Close behind a command it would be read with it, so it waits as one does; commands that wait already
 /// show the speaker as well that somebody is there.
 bool fortcpclient::writeBeat() {
-    static const QByteArray beat = QByteArrayLiteral("OKOK");
+    static const QByteArray beat = words::KeepAlive;
     if (m_waiting)
         return true;
     return (isPausing() ? putOff(beat) : m_socket->write(beat)) > 0;

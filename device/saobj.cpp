@@ -3,43 +3,20 @@
 #include "core/loop/devicesocket.h"
 #include "device/fortcpclient.h"
 
-#include <chrono>
 #include <QDateTime>
-
-using namespace std::chrono_literals;
-
-namespace {
-constexpr auto StartCheckDelay = 7261ms;
-} // namespace
 
 SAobj::SAobj(QString sn, SessionEnv& env, QObject* parent)
     : QObject(parent)
     , m_env(env)
-    , m_sn(std::move(sn))
-    , m_sourceName(QStringLiteral("oxiaom"))
-    , m_taskName(QStringLiteral("oxiaomtaskname")) {}
+    , m_sn(std::move(sn)) {}
 
 SAobj::~SAobj() {
     m_env.events.forget(*this);
 }
 
-void SAobj::wheelTimeout(int tag) {
-    switch (tag) {
-    case StatusTick:
-        return timeout();
-    case Heartbeat:
-        return mp3heat_();
-    case ConnectRetry:
-        return mp3recheck();
-    case StartCheck:
-        return _check_start_stream();
-    default:
-        return;
-    }
-}
-
 void SAobj::gonline(fortcpclient* connection, int kind) {
     letGo();
+    isOnSameLine = false;
     m_kind = kind;
     setleixing(kind);
     m_onlineState = Online;
@@ -52,38 +29,53 @@ void SAobj::gonline(fortcpclient* connection, int kind) {
     // A session that was never a receiver of signals is the smaller by what Qt keeps for one.
     connect(connection, &fortcpclient::backdata, connection,
             [this](const QByteArray& bytes) { sn_onlinebackdata(bytes); });
-    m_statusTimer.reset();
-    tickUnlessIdle();
     m_statusText = CameOnline;
-    resetMp3Path();
-    mirror("Line", QStringLiteral("Online"));
-    mirrorRegistration();
+    m_mp3.connected();
     get_devinfo();
-    m_startCheckTimer = m_env.wheel.once(StartCheckDelay, this, StartCheck);
     note(SpeakerEvents::Online);
 }
 
 void SAobj::goffline() {
     if (m_client)
         QObject::disconnect(m_client.release(), nullptr, nullptr, nullptr);
-    m_statusTimer.reset();
-    m_startCheckTimer.reset();
+    isOnSameLine = false;
     m_statusText = WentOffline;
     m_onlineState = Offline;
     setBusy(false);
-    resetMp3Path();
-    mirror("Line", QStringLiteral("Offline"));
+    m_mp3.disconnected();
     note(SpeakerEvents::Offline);
 }
 
 void SAobj::tellAgain() {
     m_numbersChange = 0;
-    note(isOnline() ? SpeakerEvents::Online : SpeakerEvents::Offline);
+    note(SpeakerEvents::KnownAgain);
 }
 
 void SAobj::setBusy(bool busy) {
     if (std::exchange(m_busy, busy) != busy)
         note(busy ? SpeakerEvents::Playing : SpeakerEvents::Idle);
+}
+
+void SAobj::streamChanged(Mp3Path::Speaker::Change change) {
+    switch (change) {
+    case Begun:
+        return note(SpeakerEvents::StreamBegun);
+    case Replaced:
+        return note(SpeakerEvents::StreamEnded);
+    case Taken:
+        return setBusy(false);
+    case Running:
+        m_onlineState = Streaming;
+        return note(SpeakerEvents::StreamBegun);
+    case Paused:
+        m_statusText = StreamOver;
+        m_onlineState = Online;
+        return note(SpeakerEvents::StreamEnded);
+    }
+}
+
+QString SAobj::taskId() const {
+    return m_mp3.isNamed() ? QString::number(streamId()) : QStringLiteral("fucktaskid");
 }
 
 /// A newer connection of the same speaker is about to be bound. One that was let go of before is closed now:
@@ -100,41 +92,9 @@ void SAobj::letGo() {
     m_client.release()->setParent(this);
 }
 
-void SAobj::mirror(const char* field, const QVariant& value) {
-    if (StateMirror* const target = m_env.connectedMirror())
-        target->Set_sn_key_value(m_sn, QLatin1String(field), value);
-}
-
-void SAobj::mirrorRegistration() {
-    StateMirror* const target = m_env.connectedMirror();
-    if (!target)
-        return;
-    target->online_newdevices(m_sn, m_kind, m_vol, m_micD, m_micE, m_localIp, m_remoteIp,
-                              registrationTime(QLatin1Char(' ')));
-}
-
 QString SAobj::registrationTime(QChar separator) const {
     const QDateTime registered = QDateTime::fromSecsSinceEpoch(m_registeredAt);
     return registered.toString(QStringLiteral("yyyy-MM-dd%1hh:mm:ss").arg(separator));
-}
-
-void SAobj::mirrorState() {
-    mirror("Line", isOnline() ? QStringLiteral("Online") : QStringLiteral("Offline"));
-    mirrorStatus();
-    mirror("vol", m_vol);
-    mirror("mic_d", m_micD);
-    mirror("mic_e", m_micE);
-    if (m_registeredAt == 0)
-        return;
-    mirror("sn", m_sn);
-    mirror("kindsk", m_kind);
-    mirror("l_ip", m_localIp);
-    mirror("r_ip", m_remoteIp);
-    mirror("Reg_Date", registrationTime(QLatin1Char('-')));
-}
-
-void SAobj::mirrorStatus() {
-    mirror("STATUS", statusWord());
 }
 
 quint64 SAobj::changeOfNumbers(quint64& changes) {

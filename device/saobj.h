@@ -1,9 +1,9 @@
 #pragma once
 
-#include "core/loop/devicesocket.h"
 #include "core/loop/fetch.h"
 #include "core/loop/pooled.h"
-#include "core/loop/timingwheel.h"
+#include "device/mp3path.h"
+#include "device/playwatch.h"
 #include "device/sessionenv.h"
 #include "device/speakerevents.h"
 #include "device/strangers.h"
@@ -13,16 +13,18 @@
 #include <QByteArray>
 #include <QDateTime>
 #include <QJsonObject>
-#include <QList>
 #include <QObject>
 #include <QString>
 #include <utility>
 
 class fortcpclient;
 class QUdpSocket;
+namespace words {
+struct Word;
+}
 
 /// One speaker's session, known by its serial number; it outlives the speaker's connections. Commands
-/// are built here, reports arrive here, and it owns the MP3 data path. Main loop only. Owner: the
+/// are built here, reports arrive here, and it owns the speaker's MP3 path. Main loop only. Owner: the
 /// registry or the listener, whichever created it; while the service runs only a session that makes room for
 /// another (see Strangers) is deleted, from a registration.
 ///
@@ -32,21 +34,16 @@ class QUdpSocket;
 class SAobj : public QObject,
               public StrangerLink,
               public ChangeLink,
-              private TimingWheel::Client,
-              private DeviceSocket::Owner,
+              private Mp3Path::Speaker,
+              public PlayLink,
               public Pooled<SAobj> {
     Q_OBJECT
 public:
     enum OnlineState { Offline = 0, Online = 1, Streaming = 2 };
     /// A speaker takes MP3 by asking for each chunk over the data connection, or, with Wi-Fi, as it comes.
-    enum Kind { PullKind = 1, WifiKind = 2 };
-    /// Bytes of a request for a chunk on the data connection.
-    static constexpr int RequestLength = 5;
+    enum Kind { PullKind = Mp3Path::Pull, WifiKind = Mp3Path::Wifi };
+    static constexpr int RequestLength = Mp3Path::RequestLength;
     static constexpr int NotBound = -99;
-    /// Refusals of send_mp3data_mut().
-    static constexpr int LowerPriority = -3;
-    static constexpr int StaleSequence = -6;
-    static constexpr int NotAllowed = -1;
 
     SAobj(QString sn, SessionEnv& env, QObject* parent);
     ~SAobj() override;
@@ -65,9 +62,9 @@ public:
             note(SpeakerEvents::Information);
     }
     int kind() const { return m_kind; } ///< kind code as the speaker reports it
-    int leixing() const { return m_leixing; }
+    int leixing() const { return m_mp3.kind(); }
     /// How the speaker takes MP3; decides for the next data connection.
-    void setleixing(int kind) { m_leixing = static_cast<quint8>(kind); }
+    void setleixing(int kind) { m_mp3.setKind(kind); }
     int vol() const { return m_vol; } ///< as the speaker or the last command gave it
     void setVol(int vol) { change(m_vol, vol, SpeakerEvents::Volume); }
     int micD() const { return m_micD; }
@@ -84,7 +81,10 @@ public:
     const QString& playingPath() const { return m_playingPath; } ///< last "UA1"/"UA2"; "Nothing" at rest
     bool isClockUnset() const { return m_clockUnset; }
     const SessionSettings& settings() const { return m_settings; }
-    void setSettings(const SessionSettings& settings) { m_settings = settings; }
+    void setSettings(const SessionSettings& settings) {
+        m_settings = settings;
+        m_mp3.setLimit(settings.AryLen);
+    }
     void setDatagramSocket(QUdpSocket* socket) { m_datagramSocket = socket; }
     QUdpSocket* datagramSocket() const { return m_datagramSocket; }
 
@@ -110,7 +110,7 @@ public:
     void fetch() const { fetchObject(this); }
     void fetchConnection() const { fetchObject(m_client.get()); }
     void fetchSocket() const;
-    void fetchMp3Socket() const { fetchObject(m_mp3Socket.get()); }
+    void fetchMp3Socket() const { m_mp3.fetchSocket(); }
 
     // --- commands ---
     int get_baojing(int a, int b);
@@ -154,48 +154,45 @@ public:
     // NOLINTEND(bugprone-reserved-identifier)
     int QT_test(const QByteArray& bytes);
 
-    // --- MP3 path ---
-    /// Forwards one chunk of a stream under the preemption rule. Returns 0; -3 refused (lower
-    /// priority than the active stream), -6 stale sequence of another stream, -1 not allowed or not
-    /// bound.
+    // --- MP3 path (see Mp3Path) ---
+    int forward(const Mp3Stream& stream, bool allowed, const QByteArray& chunk) {
+        return m_mp3.forward(stream, allowed, chunk);
+    }
     int send_mp3data_mut(const QString& sourceName, int streamId, const QString& taskName, int priority,
-                         int sequence, bool allowed, const QByteArray& chunk);
+                         int sequence, bool allowed, const QByteArray& chunk) {
+        return forward({streamId, priority, sequence, sourceName, taskName}, allowed, chunk);
+    }
     /// The same for a source without a name.
     int send_mp3data(int streamId, const QString& taskName, int priority, int sequence, bool allowed,
-                     const QByteArray& chunk);
-    void push_mp3(const QByteArray& chunk);
-    void wifi_push_mp3(const QByteArray& chunk);
-    /// Clears the MP3 queue when `id` is the current stream's.
-    void clear_que(int id);
-    /// While set, chunks are discarded.
-    void setHold(bool hold) { m_hold = hold; }
-    /// Takes over an accepted data connection, replacing one that was there.
-    void setmp3tcpsocket(std::unique_ptr<DeviceSocket> socket);
-    /// The speaker sent so many bytes on its data connection: RequestLength are one request for a chunk.
-    void mp3_rdy(int bytes);
-    bool isMp3Connected() const { return m_mp3Socket != nullptr; }
-    bool isStreamActive() const { return m_streamActive; }
-    int queuedChunks() const { return m_queue.size(); }
-    int streamPriority() const { return m_priority; }
-    int streamSequence() const { return m_sequence; }
-    int streamId() const { return m_streamId; }
-    const QString& streamSource() const { return m_sourceName; }
-    const QString& taskName() const { return m_taskName; }
+                     const QByteArray& chunk) {
+        return send_mp3data_mut(streamSource(), streamId, taskName, priority, sequence, allowed, chunk);
+    }
+    void push_mp3(const QByteArray& chunk) { m_mp3.push(chunk); }
+    void wifi_push_mp3(const QByteArray& chunk) { m_mp3.pushWifi(chunk); }
+    void clear_que(int id) { m_mp3.clear(id); }
+    void setHold(bool hold) { m_mp3.setHold(hold); }
+    void setmp3tcpsocket(std::unique_ptr<DeviceSocket> socket) { m_mp3.attach(std::move(socket)); }
+    void mp3_rdy(int bytes) { m_mp3.asked(bytes); }
+    bool isMp3Connected() const { return m_mp3.isAttached(); }
+    bool isStreamActive() const { return m_mp3.isActive(); }
+    int queuedChunks() const { return m_mp3.queuedChunks(); }
+    int streamPriority() const { return m_mp3.stream().priority; }
+    int streamSequence() const { return m_mp3.stream().sequence; }
+    int streamId() const { return m_mp3.stream().id; }
+    const QString& streamSource() const { return m_mp3.stream().source; }
+    const QString& taskName() const { return m_mp3.stream().task; }
     QString taskId() const;
-    /// The status tick, every 2000 ms while bound and not idle; an idle session's would do nothing.
-    void timeout();
+    void timeout() { m_mp3.tick(); }
 
     // --- reports ---
     /// Decodes a device information reply (one byte, then a JSON object) into the session; returns the
     /// object with "res" added: whether it could be read.
     QJsonObject dido(const QByteArray& reply);
-    /// Writes "Line", "STATUS", "vol", "mic_d" and "mic_e" to the mirror, and of a speaker that has
-    /// registered "sn", "kindsk", "l_ip", "r_ip" and "Reg_Date" too.
-    void mirrorState();
-    /// Writes "STATUS" alone.
-    void mirrorStatus();
     /// "OFFLINE", "ONLINE", "PLAYING1" or "PLAYING2".
     QString statusWord() const;
+    bool hasRegistered() const { return m_registeredAt != 0; } ///< since the service started
+    /// "yyyy-MM-dd hh:mm:ss" of its last registration, with the separator in the place of the blank.
+    QString registrationTime(QChar separator) const;
 
 public slots:
     /// One read's bytes from the control connection.
@@ -207,13 +204,14 @@ signals:
 
 private:
     enum StatusText : quint8 { NeverOnline, CameOnline, WentOffline, StreamOver };
-    enum Deadline { StatusTick, Heartbeat, ConnectRetry, StartCheck };
     struct Report;
     static const Report Reports[];
 
-    void wheelTimeout(int tag) override;
-    void socketRead(const char* bytes, int size) override;
-    void socketEnded() override { mp3_disconnect(); }
+    const QString& serial() const override { return m_sn; }
+    bool hasConnection() const override { return isBound(); }
+    bool mayBeWrittenTo() const override { return isBound() && m_enabled; }
+    int askForDataConnection() override;
+    void streamChanged(Mp3Path::Speaker::Change change) override;
     void note(SpeakerEvents::Kind kind) { m_env.events.note(*this, kind); }
     /// Notes the kind when the value is another than before.
     void change(int& value, int to, SpeakerEvents::Kind kind) {
@@ -221,11 +219,12 @@ private:
             note(kind);
     }
     void setBusy(bool busy);
-    int command(const char* word, const QByteArray& rest = {});
-    int pushContentServer(const char* word, const QString& url);
-    void mirror(const char* field, const QVariant& value);
-    void mirrorRegistration();
-    QString registrationTime(QChar separator) const;
+    void noteReport(SpeakerEvents::Report::What what, const QString& path = {}) {
+        m_env.events.noteReport(*this, what, path);
+    }
+    int command(const words::Word& word, const QByteArray& argument = {});
+    int pushContentServer(const words::Word& word, const QString& url);
+    void mirror(const char* field, const QVariant& value) { m_env.events.noteDetail(*this, field, value); }
     void letGo();
     QString addressForSpeaker() const;
 
@@ -249,49 +248,17 @@ private:
     void reportAlarm(const QByteArray& rest);
     void reportLocalStatus(const QString& status, bool busy);
 
-    void takeSpeaker(const QString& sourceName, int streamId, const QString& taskName, int priority);
-    void nameStream(const QString& sourceName, int streamId, const QString& taskName);
-    bool isIdle() const;
-    void tickUnlessIdle();
-    void requestConnection();
-    void enqueue(const QByteArray& chunk);
-    QByteArray pop_mp3();
-    bool wirteMp3(const QByteArray& chunk);
-    void writeChunk(const QByteArray& chunk);
-    void writeWaiting();
-    void answerRequest();
-    void lookForRequest();
-    void mp3_disconnect();
-    void mp3heat_();
-    void mp3recheck();
-    void _check_start_stream();
-    void dropMp3Socket();
-    void resetMp3Path();
-    bool lacksConnection() const;
-
     SessionEnv& m_env;
     // What every tick and every command of a fleet touches stands together, next to the object's head.
     std::unique_ptr<fortcpclient> m_client; ///< bound while not null
-    std::unique_ptr<DeviceSocket> m_mp3Socket;
-    int m_chunkCounter = 0;
-    quint8 m_leixing = PullKind;
     quint8 m_onlineState = Offline;
     bool m_enabled = true;
-    bool m_streamActive = false;
     bool m_busy = false;
-    bool m_hold = false;
-    bool m_writeInProgress = false;
-    bool m_needConnect = true;
-    quint8 m_requestBytes = 0; ///< of a request for a chunk that has arrived in part
     StatusText m_statusText = NeverOnline;
     bool m_clockUnset = false;
-    bool m_isStreamNamed = false; ///< a stream has been forwarded since the start
     int m_vol = 0;
     int m_kind = PullKind;
-    QList<QByteArray> m_queue;
-    int m_priority = 0;
-    int m_sequence = 0;
-    int m_streamId = 0;
+    Mp3Path m_mp3{*this, m_env};
     int m_micD = 0;
     int m_micE = 0;
     int m_debugState = 0;
@@ -303,12 +270,6 @@ private:
     QString m_localIp;
     QString m_remoteIp;
     QString m_playingPath;
-    QString m_sourceName;
-    QString m_taskName;
-    TimingWheel::Handle m_statusTimer;
-    TimingWheel::Handle m_heartbeatTimer;
-    TimingWheel::Handle m_retryTimer;
-    TimingWheel::Handle m_startCheckTimer;
     QUdpSocket* m_datagramSocket = nullptr;
     quint64 m_numbersChange = 0;
     Numbers m_numbersSeen{};

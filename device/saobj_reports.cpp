@@ -1,5 +1,6 @@
 #include "device/packets.h"
 #include "device/saobj.h"
+#include "device/words.h"
 
 #include <optional>
 #include <QDateTime>
@@ -10,10 +11,6 @@
 namespace {
 /// Longest text of a report that a session keeps; a fleet of sessions pays for it.
 constexpr int MaxKeptText = 512;
-
-QString timeText() {
-    return QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd:hh:mm:ss"));
-}
 
 QString firstLine(const QJsonValue& value) {
     return value.toString().section(QLatin1Char('\n'), 0, 0).trimmed().left(MaxKeptText);
@@ -35,19 +32,19 @@ struct SAobj::Report {
 
 // The first row that fits takes the report; what fits none may be device information.
 const SAobj::Report SAobj::Reports[] = {
-    {"DEIFS", 0, &SAobj::reportDeviceForm}, {"DEIF:", 0, &SAobj::reportDeviceForm},
-    {"DEIF", 0, &SAobj::reportDeviceForm},  {"K", 3, &SAobj::reportConnectReply},
-    {"UA1", 0, &SAobj::reportPathDone},     {"UA2", 0, &SAobj::reportPath},
-    {"UA3", 0, &SAobj::reportPlaying},      {"UA4", 0, &SAobj::reportWaiting},
-    {"UA5", 0, &SAobj::reportPaused},       {"UB1", 0, &SAobj::reportPreloaded},
-    {"UC1", 0, &SAobj::reportPurged},       {"UD1", 0, &SAobj::reportTimeWanted},
-    {"UT1", 0, &SAobj::reportTaskList},     {"UT2", 0, &SAobj::reportUpdate},
-    {"UV", 0, &SAobj::reportVersion},       {"Y", 0, &SAobj::reportAlarm},
-    {"U", 0, &SAobj::reportUpdate},
+    {words::StatusFormS, 0, &SAobj::reportDeviceForm}, {words::StatusFormColon, 0, &SAobj::reportDeviceForm},
+    {words::StatusForm, 0, &SAobj::reportDeviceForm},  {words::Connecting, 3, &SAobj::reportConnectReply},
+    {words::PathDone, 0, &SAobj::reportPathDone},      {words::Path, 0, &SAobj::reportPath},
+    {words::Playing, 0, &SAobj::reportPlaying},        {words::Waiting, 0, &SAobj::reportWaiting},
+    {words::Paused, 0, &SAobj::reportPaused},          {words::Preloaded, 0, &SAobj::reportPreloaded},
+    {words::Purged, 0, &SAobj::reportPurged},          {words::TimeWanted, 0, &SAobj::reportTimeWanted},
+    {words::Tasks, 0, &SAobj::reportTaskList},         {words::Updated, 0, &SAobj::reportUpdate},
+    {words::Version, 0, &SAobj::reportVersion},        {words::Alarm, 0, &SAobj::reportAlarm},
+    {words::OtherUpdate, 0, &SAobj::reportUpdate},
 };
 
 void SAobj::sn_onlinebackdata(const QByteArray& bytes) {
-    if (bytes.contains("MP__3"))
+    if (bytes.contains(words::Mp3Path))
         return reportMp3Path(bytes);
     // Binary, so its first byte may be any letter: it is known by its length and end.
     const QByteArray trailer = packets::statusTrailer();
@@ -61,7 +58,7 @@ void SAobj::sn_onlinebackdata(const QByteArray& bytes) {
 }
 
 void SAobj::reportMp3Path(const QByteArray& /*rest*/) {
-    answerRequest();
+    m_mp3.answerRequest();
 }
 
 void SAobj::reportDeviceForm(const QByteArray& form) {
@@ -69,8 +66,9 @@ void SAobj::reportDeviceForm(const QByteArray& form) {
     if (!fields.value(QLatin1String("res_____")).toBool())
         return;
     take(fields, "vol", m_vol, SpeakerEvents::Volume);
+    note(SpeakerEvents::VolumeSet);
     take(fields, "xuhao", m_xuhao);
-    for (const char* const field : {"status", "vol", "severip", "leixing", "xuhao", "severport"})
+    for (const char* const field : {"status", "severip", "leixing", "xuhao", "severport"})
         mirror(field, fields.value(QLatin1String(field)).toString());
     mirror("sn", m_sn);
 }
@@ -102,7 +100,7 @@ void SAobj::takeInfo(const QJsonObject& info) {
             note(SpeakerEvents::Information);
     }
     m_clockUnset = firstLine(info.value(QLatin1String("Date"))).contains(QLatin1String("1970"));
-    mirrorRegistration();
+    note(SpeakerEvents::Described);
     if (m_clockUnset)
         update_time();
 }
@@ -111,6 +109,7 @@ void SAobj::takeInfo(const QJsonObject& info) {
 void SAobj::reportConnectReply(const QByteArray& /*rest*/) {}
 
 void SAobj::reportPathDone(const QByteArray& /*rest*/) {
+    noteReport(SpeakerEvents::Report::What::Done);
     setBusy(false);
     m_playingPath = QStringLiteral("Nothing");
     mirror("Playing_local_path", m_playingPath);
@@ -118,6 +117,7 @@ void SAobj::reportPathDone(const QByteArray& /*rest*/) {
 
 void SAobj::reportPath(const QByteArray& path) {
     m_playingPath = QString::fromUtf8(path).left(MaxKeptText);
+    noteReport(SpeakerEvents::Report::What::Path, m_playingPath);
     mirror("Playing_local_path", path);
 }
 
@@ -127,14 +127,17 @@ void SAobj::reportLocalStatus(const QString& status, bool busy) {
 }
 
 void SAobj::reportPlaying(const QByteArray& /*rest*/) {
+    noteReport(SpeakerEvents::Report::What::Playing);
     reportLocalStatus(QStringLiteral("Local_PLAYING"), true);
 }
 
 void SAobj::reportWaiting(const QByteArray& /*rest*/) {
+    noteReport(SpeakerEvents::Report::What::Waiting);
     reportLocalStatus(QStringLiteral("Local_WAITING"), false);
 }
 
 void SAobj::reportPaused(const QByteArray& /*rest*/) {
+    noteReport(SpeakerEvents::Report::What::Paused);
     reportLocalStatus(QStringLiteral("Local_PLUSE"), false);
 }
 
@@ -155,7 +158,8 @@ void SAobj::reportTaskList(const QByteArray& list) {
 }
 
 void SAobj::reportUpdate(const QByteArray& /*rest*/) {
-    mirror("Update_Time", timeText());
+    if (m_env.events.wants(SpeakerEvents::Detailed))
+        mirror("Update_Time", QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd:hh:mm:ss")));
 }
 
 void SAobj::reportVersion(const QByteArray& number) {
@@ -170,14 +174,6 @@ void SAobj::reportVersion(const QByteArray& number) {
 void SAobj::reportAlarm(const QByteArray& rest) {
     const char first = rest.isEmpty() ? '\0' : rest.at(0);
     const char second = rest.size() < 2 ? '\0' : rest.at(1);
-    if (StateMirror* const target = m_env.connectedMirror()) {
-        const QString time = timeText();
-        target->Set_sn_key_value(m_sn, QStringLiteral("Warming"), time);
-        if (first == '1')
-            target->Warmingup_push(m_sn, time);
-        else
-            target->Warmingdown_push(m_sn, time);
-    }
     m_env.events.noteAlarm(*this, first, second);
     emit sn_get_kg_back(m_sn, first, second);
 }

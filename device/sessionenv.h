@@ -1,26 +1,24 @@
 #pragma once
 
 #include "core/loop/timingwheel.h"
-#include "device/statemirror.h"
 
 #include <chrono>
+#include <QHash>
 #include <QString>
 
+class Mp3Feeder;
 class SpeakerEvents;
 
 /// What every session shares. Owned by the registry, outlives the sessions.
 struct SessionEnv {
     TimingWheel& wheel;
     SpeakerEvents& events;
-    QString serverAddress;         ///< dotted IPv4 that speakers connect back to; may be empty
-    StateMirror* mirror = nullptr; ///< not owned; null without Redis
+    QString serverAddress; ///< dotted IPv4 that speakers connect back to; may be empty
     /// Between two commands to one speaker, which tells them apart by its reads; 0: none.
     std::chrono::milliseconds commandGap{0};
     /// What may wait unsent in a Wi-Fi speaker's socket, bytes; chunks beyond are lost.
     int wifiBacklog = 0;
-
-    /// The mirror while writes reach it, otherwise null.
-    StateMirror* connectedMirror() const { return mirror && mirror->isConnected() ? mirror : nullptr; }
+    QHash<int, Mp3Feeder*> feeders{}; ///< by the id of their streams; not owned
 };
 
 /// Tuning values of the installation that the registry hands to each session.

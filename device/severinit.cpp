@@ -20,8 +20,6 @@ using namespace std::chrono_literals;
 namespace {
 constexpr auto RefreshInterval = 1563ms;
 const QString BlockListFile = QStringLiteral("unuse.conf");
-/// Sessions written to the mirror in one turn of the loop: a few milliseconds.
-constexpr int SweepBatch = 1000;
 
 /// Chunks that may wait for a speaker at most, whatever is configured: a minute and more.
 constexpr int MaxAryLen = 1000;
@@ -33,24 +31,6 @@ int number(const QJsonObject& description, QLatin1String key) {
 
 /// Sessions that make room for each line of the log that tells of it.
 constexpr int EvictionsALine = 1000;
-
-/// Before a sweep looks again whether a mirror that has fallen behind has caught up.
-constexpr auto SweepPause = 5ms;
-
-/// Visits the sessions from serial `from` on, a batch now and the rest in the loop's next turns; the
-/// map may grow meanwhile. `done` follows the last.
-void sweep(QObject* context, const QMap<QString, SAobj*>& sessions, const QString& from,
-           void (*visit)(SAobj&), const std::function<void()>& done, const StateMirror* paceOf = nullptr) {
-    auto entry = sessions.lowerBound(from);
-    const bool pause = paceOf && paceOf->isBacklogged();
-    for (int i = 0; !pause && i < SweepBatch && entry != sessions.constEnd(); ++i, ++entry)
-        visit(**entry);
-    if (entry == sessions.constEnd())
-        return done();
-    const QString next = entry.key();
-    QTimer::singleShot(pause ? SweepPause : 0ms, context,
-                       [=, &sessions] { sweep(context, sessions, next, visit, done, paceOf); });
-}
 } // namespace
 
 Severinit::Severinit(QString updateListPath, QString upstreamcdn, QString localcdn,
@@ -122,16 +102,12 @@ void Severinit::setStoredSerials(const QStringList& serials, const QStringList& 
 }
 
 void Severinit::init_vison() {
-    StateMirror* const mirror = stateMirror();
-    for (const QString& sn : std::as_const(m_state->storedSerials)) {
-        SAobj* const session = addSession(sn, this);
-        if (!session)
-            continue;
-        session->tellAgain();
-        if (!session->isOnline() && mirror) // it may have registered before it was known
-            mirror->Set_sn_key_value(sn, QStringLiteral("Line"), QStringLiteral("Offline"));
+    const QStringList serials = std::exchange(m_state->storedSerials, {});
+    for (const QString& sn : serials) {
+        if (SAobj* const session = addSession(sn, this))
+            session->tellAgain();
     }
-    m_state->storedSerials.clear();
+    emit storedKnown(serials);
 }
 
 SAobj* Severinit::addSession(const QString& sn, QObject* parent) {
@@ -195,12 +171,12 @@ void Severinit::removeSessionsOf(const QObject* parent) {
         delete qobject_cast<SAobj*>(child);
 }
 
-void Severinit::setStateMirror(StateMirror* mirror) {
-    m_state->env.mirror = mirror;
+void Severinit::setGroupReader(std::function<QStringList(const QString&)> reader) {
+    m_state->groupReader = std::move(reader);
 }
 
-StateMirror* Severinit::stateMirror() const {
-    return m_state->env.connectedMirror();
+QStringList Severinit::group(const QString& name) const {
+    return m_state->groupReader ? m_state->groupReader(name) : QStringList();
 }
 
 const QMap<QString, SAobj*>& Severinit::sessions() const {
@@ -236,6 +212,13 @@ TimingWheel& Severinit::wheel() {
 
 SpeakerEvents& Severinit::events() {
     return m_state->events;
+}
+
+void Severinit::setMp3Feeder(int streamId, Mp3Feeder* feeder) {
+    if (feeder)
+        m_state->env.feeders.insert(streamId, feeder);
+    else
+        m_state->env.feeders.remove(streamId);
 }
 
 const SessionEnv& Severinit::env() const {
@@ -375,23 +358,6 @@ void Severinit::sasn_offline(const QString& sn) {
         qInfo().noquote() << "off line" << sn;
 }
 
-// --- mirroring ---
-
 void Severinit::init_redis() {
     m_state->refreshTimer.start(RefreshInterval);
-}
-
-void Severinit::reflushredis() {
-    if (!stateMirror() || std::exchange(m_state->refreshing, true))
-        return;
-    sweep(
-        this, m_state->sessions, {}, [](SAobj& session) { session.mirrorStatus(); },
-        [this] { m_state->refreshing = false; });
-}
-
-void Severinit::remirror() {
-    sweep(
-        this, m_state->sessions, {}, [](SAobj& session) { session.mirrorState(); },
-        [this] { qInfo() << "redis: sessions written again:" << m_state->sessions.size(); },
-        m_state->env.mirror);
 }

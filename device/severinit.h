@@ -16,10 +16,11 @@
 
 class fortcpclient;
 class LicenceCheck;
+class Mp3Feeder;
+class PlayWatch;
 class QHostAddress;
 class SAobj;
 class SpeakerEvents;
-class StateMirror;
 struct SessionEnv;
 
 /// What is told of a speaker that is online.
@@ -47,7 +48,7 @@ public:
     // --- settings assigned by start-up before the loop runs; read-only afterwards, from any thread ---
     int bitrate = 128;  ///< MP3 bit rate, kbit/s
     int ps2 = 6006;     ///< port of the second command server, this node's `nodeport3`
-    bool quiet = false; ///< keeps printinfo() silent
+    bool quiet = false; ///< keeps printinfo() silent; nothing here sets it
     /// Pause between two commands to one speaker; none before it is set.
     void setCommandGap(std::chrono::milliseconds gap);
 
@@ -76,9 +77,10 @@ public:
     /// those in `restricted` start disabled.
     void setStoredSerials(const QStringList& serials, const QStringList& restricted);
     void init_vison();
-    void init_redis();
-    void setStateMirror(StateMirror* mirror); ///< not owned; null without Redis
-    StateMirror* stateMirror() const;         ///< null, or the mirror while it is connected
+    void init_redis(); ///< from now on reflushredis() is called regularly
+    /// Reads a command's "group": its serials, none when there is no such group. Without it there are none.
+    void setGroupReader(std::function<QStringList(const QString& group)> reader);
+    QStringList group(const QString& name) const;
     /// The serial's session, created as a child of `parent` when there is none; null when the serial
     /// is not allowed or there are too many. At the limit the session that has been offline for the longest
     /// time makes room, unless the database knows its serial.
@@ -97,9 +99,12 @@ public:
     TimingWheel& wheel();
     SpeakerEvents& events(); ///< what changes about speakers
     const SessionEnv& env() const;
+    /// Who feeds the streams of this id and is told which speakers have them; null: nobody any more. Not
+    /// owned.
+    void setMp3Feeder(int streamId, Mp3Feeder* feeder);
     QVector<OnlineDevice> onlineDevices() const;
     QSet<QString> onlineSerials() const;
-    void printinfo();
+    void printinfo(); ///< for a debugger: nothing here calls it
 
     /// What of the registry is new to somebody who asks again and again.
     struct Changes {
@@ -123,9 +128,14 @@ public:
     /// of "snlist", or the expanded "group"; never empty), returns the reply object.
     using Command = std::function<QJsonObject(const QJsonObject& request, const QStringList& targets)>;
     void addCommand(const QString& word, const Command& command);
+    /// From now on the watch is asked of every play and stop, after those that came before it. Not owned;
+    /// before the first command.
+    void addPlayWatch(PlayWatch* watch);
+    const std::vector<PlayWatch*>& playWatches() const;
     /// Runs one request as Diamonds_jsondidocom() does, but a command to many speakers goes on over turns
-    /// of the loop; `reply` is called once, at once or later.
-    void runCommand(const QByteArray& request, const std::function<void(QByteArray)>& reply);
+    /// of the loop; `reply` is called once, at once or later. `peer`: address of who sent it.
+    void runCommand(const QByteArray& request, const std::function<void(QByteArray)>& reply,
+                    const QString& peer = {});
 
 public slots:
     /// Binds a connection to its session; a serial without a session drops the connection. `port` is
@@ -134,11 +144,8 @@ public slots:
     /// The same for a serial on the restricted list; `flag` becomes the session's enable flag.
     void sasn_online_CL(const QString& sn, fortcpclient* client, unsigned port, bool flag);
     void sasn_offline(const QString& sn);
-    /// Writes every session's "STATUS" to the mirror, a batch a turn of the loop.
-    void reflushredis();
-    /// Writes what is known of every session likewise, no faster than the mirror takes it: it is back
-    /// and may have lost what it had.
-    void remirror();
+    /// It is time that every session's status is mirrored.
+    void reflushredis() { emit refreshDue(); }
     /// Runs one JSON request; returns the reply as compact JSON, without "\r\n". Never fails: what
     /// does not parse is answered with "json_error", an unknown word with "unknown_cmd".
     QByteArray Diamonds_jsondidocom(const QByteArray& request);
@@ -146,6 +153,9 @@ public slots:
 signals:
     /// A speaker has registered and is bound to its session; commands reach it from now on.
     void registered(const QString& sn);
+    /// These stored serials have their sessions from now on.
+    void storedKnown(const QStringList& serials);
+    void refreshDue(); ///< see reflushredis()
 
 private:
     SAobj* bindable(const QString& sn, fortcpclient* client) const;

@@ -8,6 +8,7 @@
 #include "device/speakerevents.h"
 #include "device/strangers.h"
 
+#include <functional>
 #include <QDateTime>
 #include <QHash>
 #include <QMap>
@@ -30,7 +31,7 @@ struct Severinit::State {
     // --- registry ---
     TimingWheel wheel;
     SpeakerEvents events;
-    SessionEnv env{wheel, events, {}, nullptr, {}, 0};
+    SessionEnv env{wheel, events, {}, {}, 0, {}};
     QMap<QString, SAobj*> sessions;  ///< in the order of the serials
     QHash<QString, SAobj*> bySerial; ///< the same; a command to a fleet looks every serial up
     QSet<QString> restricted;
@@ -41,10 +42,11 @@ struct Severinit::State {
     QSet<QString> blocked; ///< guarded by blockedLock
     QStringList storedSerials;
     QTimer refreshTimer;
-    bool refreshing = false; ///< a refresh has begun and not reached the last session
+    std::function<QStringList(const QString&)> groupReader;
 
     // --- dispatcher ---
     const qint64 began = QDateTime::currentMSecsSinceEpoch(); ///< tells this run's marks from others'
     quint64 changes = 0;                                      ///< of the numbers of sessions, as far as seen
     std::unique_ptr<Dispatcher> dispatcher;
+    std::vector<PlayWatch*> playWatches; ///< not owned
 };

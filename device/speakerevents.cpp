@@ -4,6 +4,7 @@
 #include "device/saobj.h"
 
 #include <exception>
+#include <QDateTime>
 #include <QDebug>
 #include <QElapsedTimer>
 #include <utility>
@@ -39,9 +40,33 @@ void SpeakerEvents::noteAlarm(SAobj& session, char first, char second) {
         return;
     add(session, AlarmInput);
     if (m_alarms.size() < MaxAlarms)
-        m_alarms.push_back({session.sn(), first, second});
+        m_alarms.push_back({session.sn(), first, second, QDateTime::currentMSecsSinceEpoch()});
     else if (mayLog("alarm inputs lost", QString()))
         qWarning().noquote() << "alarm inputs lost, too many at once:" << session.sn();
+}
+
+void SpeakerEvents::noteDetail(SAobj& session, const char* name, const QVariant& value) {
+    if (!wants(Detailed))
+        return;
+    add(session, Detailed);
+    const qint64 bytes =
+        value.type() == QVariant::ByteArray ? value.toByteArray().size() : value.toString().size() * 2;
+    if (m_details.size() < MaxDetails && m_detailBytes + bytes <= MaxDetailBytes) {
+        m_details.push_back({session.sn(), name, value});
+        m_detailBytes += bytes;
+    } else if (mayLog("details lost", QString())) {
+        qWarning().noquote() << "reports lost, too many at once:" << session.sn() << name;
+    }
+}
+
+void SpeakerEvents::noteReport(SAobj& session, Report::What what, const QString& path) {
+    if (!(m_wanted & Reported))
+        return;
+    add(session, Reported);
+    if (m_reports.size() < MaxReports)
+        m_reports.push_back({session.sn(), what, path, QDateTime::currentMSecsSinceEpoch()});
+    else if (mayLog("reports lost", QString()))
+        qWarning().noquote() << "reports lost, too many at once:" << session.sn();
 }
 
 void SpeakerEvents::forget(const SAobj& session) {
@@ -76,6 +101,11 @@ void SpeakerEvents::tell() {
     m_changed.clear();
     m_toldAlarms.clear();
     m_toldAlarms.swap(m_alarms);
+    m_toldDetails.clear();
+    m_toldDetails.swap(m_details);
+    m_detailBytes = 0;
+    m_toldReports.clear();
+    m_toldReports.swap(m_reports);
     for (const Entry& entry : m_listeners) {
         if (entry.context)
             tell(entry);
@@ -96,7 +126,14 @@ void SpeakerEvents::tell(const Entry& entry) {
     m_batch.alarms.clear();
     if (entry.kinds & AlarmInput)
         m_batch.alarms = m_toldAlarms;
-    if (m_batch.speakers.empty() && m_batch.alarms.empty())
+    m_batch.details.clear();
+    if (entry.kinds & Detailed)
+        m_batch.details = m_toldDetails;
+    m_batch.reports.clear();
+    if (entry.kinds & Reported)
+        m_batch.reports = m_toldReports;
+    if (m_batch.speakers.empty() && m_batch.alarms.empty() && m_batch.details.empty() &&
+        m_batch.reports.empty())
         return;
     try {
         entry.listener(m_batch);

@@ -147,7 +147,7 @@ bool HttpEngine::libraryIsStrict() {
     return isStrict;
 }
 
-HttpEngine::HttpEngine(int listenSocket, const Settings& settings, HttpRequestHandler* handler,
+HttpEngine::HttpEngine(int listenSocket, const HttpListenerSettings& settings, HttpRequestHandler* handler,
                        HttpRequestHandler* files, const sqlite* database)
     : m_settings(settings)
     , m_handler(handler)

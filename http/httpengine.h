@@ -1,6 +1,7 @@
 #pragma once
 
 #include "http/connectionguard.h"
+#include "http/httpsettings.h"
 #include "http/lateanswers.h"
 #include "http/refusallog.h"
 #include "http/requestbody.h"
@@ -35,12 +36,6 @@ unsigned int httpConnectionLimit();
 /// the connection guard beside them. Started by the constructor, ended by the destructor.
 class HttpEngine {
 public:
-    struct Settings {
-        std::chrono::milliseconds readTimeout{60'000};
-        BodyLimits limits;
-        WorkerPool::Settings workers;
-    };
-
     static constexpr unsigned int Threads = 2;
     /// Per connection, for the request head and the answer's head; a longer request head is refused.
     static constexpr std::size_t ConnectionMemory = 8 * 1024;
@@ -54,7 +49,7 @@ public:
     static constexpr std::chrono::seconds FlushTime{1};
 
     /// `listenSocket` is taken over, whether or not the engine starts. `files` may be null.
-    HttpEngine(int listenSocket, const Settings& settings, HttpRequestHandler* handler,
+    HttpEngine(int listenSocket, const HttpListenerSettings& settings, HttpRequestHandler* handler,
                HttpRequestHandler* files, const sqlite* database);
     /// Main loop, which goes on serving what running handlers ask of it.
     ~HttpEngine();
@@ -67,7 +62,7 @@ public:
     static bool libraryIsStrict();
 
     // For connections, on engine threads.
-    const Settings& settings() const { return m_settings; }
+    const HttpListenerSettings& settings() const { return m_settings; }
     HttpRequestHandler* handler() const { return m_handler; }
     HttpRequestHandler* files() const { return m_files; }
     WorkerPool& workers() { return m_workers; }
@@ -82,7 +77,7 @@ public:
     std::atomic<int> inFlight{0}; ///< requests given to the workers and not yet answered in full
 
 private:
-    const Settings m_settings;
+    const HttpListenerSettings m_settings;
     const unsigned int m_connectionLimit = httpConnectionLimit();
     std::atomic<int> m_connections{0};
     HttpRequestHandler* m_handler;

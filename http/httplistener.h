@@ -1,10 +1,11 @@
 #pragma once
 
+#include "http/httpsettings.h"
+
 #include <memory>
 #include <QObject>
 
 class HttpRequestHandler;
-class QSettings;
 class sqlite;
 class StaticFileController;
 
@@ -15,10 +16,8 @@ class StaticFileController;
 class HttpListener : public QObject {
     Q_OBJECT
 public:
-    /// Reads the keys of the group that `settings` stands in: `host`, `port`, `minThreads`,
-    /// `maxThreads`, `cleanupInterval` (ms), `readTimeout` (ms), `maxRequestSize` and
-    /// `maxMultiPartSize` (bytes). `database` may be null.
-    HttpListener(sqlite* database, const QSettings* settings, HttpRequestHandler* requestHandler,
+    /// `database` may be null.
+    HttpListener(sqlite* database, const HttpListenerSettings& settings, HttpRequestHandler* requestHandler,
                  QObject* parent = nullptr);
     ~HttpListener() override;
 

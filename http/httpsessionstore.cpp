@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <QRandomGenerator>
-#include <QSettings>
 
 namespace {
 
@@ -18,11 +17,10 @@ QByteArray randomId() {
 
 } // namespace
 
-HttpSessionStore::HttpSessionStore(const QSettings* settings, QObject* parent)
+HttpSessionStore::HttpSessionStore(const SessionStoreSettings& settings, QObject* parent)
     : QObject(parent)
-    , m_expirationTime(settings->value(QStringLiteral("expirationTime"), 3'600'000).toLongLong())
-    , m_cookieName(
-          settings->value(QStringLiteral("cookieName"), QStringLiteral("sessionid")).toString().toLatin1()) {}
+    , m_expirationTime(settings.expirationTime)
+    , m_cookieName(settings.cookieName) {}
 
 QByteArray HttpSessionStore::getSessionId(const HttpRequest& request) {
     return getSession(request.getCookie(m_cookieName)).getId();

@@ -1,16 +1,17 @@
 #pragma once
 
 #include "http/httpsession.h"
+#include "http/httpsettings.h"
 
 #include <QHash>
 #include <QObject>
 
 class HttpRequest;
 class HttpResponse;
-class QSettings;
 
 /// The sessions of all browsers, found by a cookie. A session ends when it was not used for
-/// `expirationTime` ms. Thread-safe; owned by start-up.
+/// `expirationTime` ms. Thread-safe; owned by start-up. None of today's endpoints needs one: they go by
+/// tokens.
 class HttpSessionStore : public QObject {
     Q_OBJECT
 public:
@@ -18,9 +19,7 @@ public:
     /// can't make the service remember without end.
     static constexpr int MaxSessions = 10'000;
 
-    /// Reads `expirationTime` (ms, default an hour) and `cookieName` (default "sessionid") of the group
-    /// that `settings` stands in.
-    explicit HttpSessionStore(const QSettings* settings, QObject* parent = nullptr);
+    explicit HttpSessionStore(const SessionStoreSettings& settings, QObject* parent = nullptr);
 
     /// Id of the live session that the request's cookie names; empty when there is none.
     QByteArray getSessionId(const HttpRequest& request);

@@ -11,21 +11,12 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <QDebug>
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
-#include <QSettings>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
-
-QByteArray resolvedPath(const QSettings& settings) {
-    const QString path = settings.value(QStringLiteral("path"), QStringLiteral("etc/docroot")).toString();
-    const QDir base(QFileInfo(settings.fileName()).absolutePath());
-    return QFile::encodeName(QDir::cleanPath(base.absoluteFilePath(path)));
-}
 
 /// Whether a path may be looked up at all: no step upwards, nothing hidden but a sound without a name.
 bool isServable(const QByteArray& path) {
@@ -87,11 +78,11 @@ void failToOpen(HttpResponse& response, int error) {
 
 } // namespace
 
-StaticFileController::StaticFileController(const QSettings* settings, QObject* parent)
+StaticFileController::StaticFileController(const DocrootSettings& settings, QObject* parent)
     : HttpRequestHandler(parent)
-    , m_path(resolvedPath(*settings))
-    , m_encoding(settings->value(QStringLiteral("encoding"), QStringLiteral("UTF-8")).toString().toLatin1())
-    , m_maxAgeSeconds(settings->value(QStringLiteral("maxAge"), 60'000).toInt() / 1000) {
+    , m_path(settings.path)
+    , m_encoding(settings.encoding)
+    , m_maxAgeSeconds(settings.maxAgeSeconds) {
     const int root = openRoot();
     const int probe = root < 0 ? -1 : openBelow(root, QByteArrayLiteral("."));
     if (probe < 0) {

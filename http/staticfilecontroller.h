@@ -1,12 +1,12 @@
 #pragma once
 
 #include "http/httprequesthandler.h"
+#include "http/httpsettings.h"
 
 #include <atomic>
 #include <QByteArray>
 #include <QList>
 
-class QSettings;
 struct FileQuery;
 
 /// Serves the files below the document root, straight from their descriptors. Files are opened beneath
@@ -16,10 +16,7 @@ struct FileQuery;
 class StaticFileController : public HttpRequestHandler {
     Q_OBJECT
 public:
-    /// Reads `path` (relative to the INI file; default "docroot"), `encoding` (charset of text files;
-    /// default UTF-8) and `maxAge` (ms that a client may keep a file; default 60000) of the group that
-    /// `settings` stands in.
-    explicit StaticFileController(const QSettings* settings, QObject* parent = nullptr);
+    explicit StaticFileController(const DocrootSettings& settings, QObject* parent = nullptr);
     ~StaticFileController() override;
 
     void service(HttpRequest& request, HttpResponse& response) override;

@@ -1,10 +1,7 @@
 #include "http/templateloader.h"
 
 #include <algorithm>
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
-#include <QSettings>
 #include <QTextCodec>
 
 namespace {
@@ -22,14 +19,10 @@ bool isName(const QByteArray& name) {
 
 } // namespace
 
-TemplateLoader::TemplateLoader(const QSettings* settings)
-    : m_suffix(settings->value(QStringLiteral("suffix"), QStringLiteral(".tpl")).toString()) {
-    const QDir base(QFileInfo(settings->fileName()).absolutePath());
-    m_directory =
-        base.absoluteFilePath(settings->value(QStringLiteral("path"), QStringLiteral(".")).toString());
-    const QByteArray encoding =
-        settings->value(QStringLiteral("encoding"), QStringLiteral("UTF-8")).toByteArray();
-    m_codec = QTextCodec::codecForName(encoding);
+TemplateLoader::TemplateLoader(const TemplateSettings& settings)
+    : m_directory(settings.directory)
+    , m_suffix(settings.suffix)
+    , m_codec(QTextCodec::codecForName(settings.encoding)) {
     if (!m_codec)
         m_codec = QTextCodec::codecForName("UTF-8");
 }

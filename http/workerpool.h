@@ -20,9 +20,9 @@ class WorkerDatabase;
 class WorkerPool {
 public:
     struct Settings {
-        int minThreads = 4;
-        int maxThreads = 100;
-        std::chrono::milliseconds idleTime{60'000};
+        int minThreads = 1;
+        int maxThreads = 1;
+        std::chrono::milliseconds idleTime{0}; ///< after which one beyond the least ends
     };
 
     /// Exactly one of the two is called, once, from any thread. The owner keeps the job until then.

@@ -60,11 +60,11 @@ QByteArray Core_corss::edit_vols(const QStringList& sns, int vol) {
 }
 
 QByteArray Core_corss::play_url(const QStringList& sns, const QString& url) {
-    return onSpeakers(sns, withFile("PLAYOFF", url));
+    return onSpeakers(sns, play("PLAYOFF", url));
 }
 
 QByteArray Core_corss::play_urlq39(const QStringList& sns, const QString& url) {
-    return onSpeakers(sns, withFile("PLAYAS", url + QLatin1Char('A')));
+    return onSpeakers(sns, play("PLAYAS", url + QLatin1Char('A')));
 }
 
 QByteArray Core_corss::play_urlsetwarning(const QStringList& sns, const QString& target,
@@ -87,7 +87,7 @@ QByteArray Core_corss::Stop_url(const QStringList& sns) {
 }
 
 QByteArray Core_corss::Stop_urlq39(const QStringList& sns) {
-    return onSpeakers(sns, withFile("PLAYAS", m_silentClip + QLatin1Char('5')));
+    return onSpeakers(sns, noPlay(m_silentClip + QLatin1Char('5'), "stop"));
 }
 
 QByteArray Core_corss::Debug_(const QString& sn, int v) {
@@ -104,23 +104,38 @@ QByteArray Core_corss::Debugkillall_(int v) {
 }
 
 void Core_corss::WarningF(const QString& sn, const QString& file) {
-    onSpeakers({sn}, withFile("PLAYAS", file + QLatin1Char('F')), Wait::No);
+    onSpeakers({sn}, noPlay(file + QLatin1Char('F')), Wait::No);
 }
 
 void Core_corss::WarningF_NONE(const QString& sn) {
-    onSpeakers({sn}, withFile("PLAYAS", QStringLiteral("F_NONE.mp3")), Wait::No);
+    onSpeakers({sn}, noPlay(QStringLiteral("F_NONE.mp3")), Wait::No);
 }
 
 void Core_corss::WarningB(const QString& sn, const QString& file) {
-    onSpeakers({sn}, withFile("PLAYAS", file + QLatin1Char('B')), Wait::No);
+    onSpeakers({sn}, noPlay(file + QLatin1Char('B')), Wait::No);
 }
 
 void Core_corss::WarningB_NONE(const QString& sn) {
-    onSpeakers({sn}, withFile("PLAYAS", QStringLiteral("B_NONE.mp3")), Wait::No);
+    onSpeakers({sn}, noPlay(QStringLiteral("B_NONE.mp3")), Wait::No);
 }
 
 void Core_corss::WarningAS(const QString& sn, const QString& file) {
-    onSpeakers({sn}, withFile("PLAYAS", file), Wait::No);
+    onSpeakers({sn}, noPlay(file), Wait::No);
+}
+
+QJsonObject Core_corss::play(const char* word, const QString& file) const {
+    QJsonObject request = withFile(word, file);
+    if (m_begin)
+        request.insert(QStringLiteral("order"), static_cast<double>(m_begin(file)));
+    return request;
+}
+
+/// A "PLAYAS" that binds a line or silences.
+QJsonObject Core_corss::noPlay(const QString& file, const char* what) const {
+    QJsonObject request = withFile("PLAYAS", file);
+    if (m_begin)
+        request.insert(QStringLiteral("order"), QLatin1String(what));
+    return request;
 }
 
 std::vector<NodeShare> Core_corss::sharesOf(const QStringList& sns) const {

@@ -27,6 +27,10 @@ public:
     /// Where the speakers of a list are. Without it all are on the node of the constructor.
     using Whereabouts = std::function<std::vector<NodeShare>(const QStringList& sns)>;
     void setWhereabouts(Whereabouts whereabouts) { m_whereabouts = std::move(whereabouts); }
+    /// From now on commands tell what broadcast they belong to: `begin` opens one for a play of this address
+    /// and returns its number.
+    using BeginOrder = std::function<quint64(const QString& url)>;
+    void setOrders(BeginOrder begin) { m_begin = std::move(begin); }
     void setSilentClip(const QString& url) { m_silentClip = url; }
     void setWarningFetch(const QString& url) { m_warningFetch = url; }
 
@@ -59,9 +63,12 @@ private:
     };
     std::vector<NodeShare> sharesOf(const QStringList& sns) const;
     QByteArray onSpeakers(const QStringList& sns, const QJsonObject& request, Wait wait = Wait::Yes);
+    QJsonObject play(const char* word, const QString& file) const;
+    QJsonObject noPlay(const QString& file, const char* what = "none") const;
     QByteArray send(const std::vector<Order>& orders, Wait wait);
     const NodeAddress m_node;
     Whereabouts m_whereabouts;
+    BeginOrder m_begin;
     Gate* m_gate = nullptr;
     QString m_silentClip;
     QString m_warningFetch;

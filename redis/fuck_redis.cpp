@@ -127,6 +127,8 @@ void fuck_redis::settle(bool up) {
 void fuck_redis::goAway(const QString& reason) {
     if (m_phase == Phase::Idle || m_phase == Phase::Away)
         return;
+    if (m_phase == Phase::Ready)
+        emit lost();
     m_phase = Phase::Away;
     m_writer.close();
     for (QtRedis* client : {m_redis.get(), m_spare.get()})

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "device/statemirror.h"
 #include "redis/qtredis.h"
+#include "redis/statemirror.h"
 #include "redis/writelink.h"
 
 #include <memory>
@@ -45,7 +45,9 @@ public slots:
     void Warmingdown_push(const QString& sn, const QString& time) override;
     /// Writes to the list "Warmingdown".
     void Warmingup_push(const QString& sn, const QString& time) override;
-    QStringList backsnlist(const QString& key) override;
+    /// Serials of a group kept as a list; empty when the list is missing, empty or unreachable. Waits for the
+    /// answer in a nested event loop.
+    QStringList backsnlist(const QString& key);
     void online_newdevices(const QString& sn, int kindsk, int vol, int mic_d, int mic_e, const QString& l_ip,
                            const QString& r_ip, const QString& regDate) override;
     /// Without registration time and "Line", with "S_ip".
@@ -55,6 +57,7 @@ public slots:
     void test();
 
 signals:
+    void lost(); ///< the connection to it
     /// The server is back, or there for the first time after a start without it, or it takes writes again
     /// after it refused more than could be kept: what it holds may be old or gone, and wants to be
     /// written again.

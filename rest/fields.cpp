@@ -44,16 +44,16 @@ std::optional<qint64> wholeNumber(const QJsonValue& value, qint64 least, qint64 
 } // namespace
 
 bool isCleanText(const QString& text, Fields::Lines lines) {
+    const auto mayStand = [lines](QChar c) {
+        const bool isLineEnd = c == u'\n' || c == u'\r';
+        return !isControl(c) || (lines == Fields::Lines::Many && isLineEnd);
+    };
     for (int at = 0; at < text.size(); ++at) {
         const QChar c = text.at(at);
-        if (c.isHighSurrogate()) {
-            if (++at == text.size() || !text.at(at).isLowSurrogate())
-                return false;
-        } else if (c.isLowSurrogate()) {
+        const bool isPair = c.isHighSurrogate() && at + 1 < text.size() && text.at(at + 1).isLowSurrogate();
+        if ((c.isSurrogate() && !isPair) || !mayStand(c))
             return false;
-        } else if (isControl(c) && (lines == Fields::Lines::One || (c != u'\n' && c != u'\r'))) {
-            return false;
-        }
+        at += isPair ? 1 : 0;
     }
     return true;
 }

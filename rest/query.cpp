@@ -11,7 +11,7 @@ std::optional<QString> Query::given(const char* name) const {
 }
 
 std::optional<QString> Query::text(const char* name, int longest) const {
-    const auto text = given(name);
+    auto text = given(name);
     if (!text || (text->size() <= longest && isCleanText(*text)))
         return text;
     refuse(name, QStringLiteral("must be a text of at most %1 characters").arg(longest));
@@ -34,7 +34,7 @@ std::optional<qint64> Query::id(const char* name) const {
 }
 
 std::optional<QString> Query::word(const char* name, const QStringList& words) const {
-    const auto text = given(name);
+    auto text = given(name);
     if (!text || words.contains(*text))
         return text;
     refuse(name, QStringLiteral("must be one of: ") + words.join(QLatin1String(", ")));

@@ -10,4 +10,9 @@ void addResources(RestRoutes& routes) {
     addSpeakerRoutes(routes);
     addGroupRoutes(routes);
     addSoundRoutes(routes);
+    addBroadcastRoutes(routes);
+    addJournalRoutes(routes);
+    addScheduleRoutes(routes);
+    addPlanRoutes(routes);
+    addCalendarRoutes(routes);
 }

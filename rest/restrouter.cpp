@@ -66,7 +66,7 @@ void audit(const RestCall& call, const RestAnswer& answer) {
 }
 
 RestAnswer run(RestCall& call) {
-    const RestAnswer answer = call.route().handler(call);
+    RestAnswer answer = call.route().handler(call);
     if ((call.route().traits & Renames) && answer.isSuccess())
         call.services().changes->count();
     audit(call, answer);

@@ -2,6 +2,7 @@
 
 class ChangeCounter;
 class Gate;
+class Journal;
 class LoginBrake;
 class Passwords;
 class Severinit;
@@ -18,6 +19,7 @@ struct Services {
     Severinit* devices = nullptr;     ///< main loop
     SpeakerBoard* board = nullptr;    ///< any thread
     Gate* gate = nullptr;             ///< any thread
+    Journal* journal = nullptr;       ///< null when it is switched off; begin(), settle() any thread
     Task_workque* tasks = nullptr;    ///< main loop; null for kinds without tasks
     Passwords* passwords = nullptr;   ///< any thread
     Tokens* tokens = nullptr;         ///< any thread

@@ -6,14 +6,15 @@ cd "$(dirname "$0")/.."
 
 packages=(
   # to build
-  g++ cmake ninja-build pkg-config qtbase5-dev libqt5websockets5-dev libmicrohttpd-dev libmpg123-dev libcrypt-dev
+  g++ cmake ninja-build pkg-config qtbase5-dev libqt5websockets5-dev libmicrohttpd-dev libmpg123-dev libical-dev
+  libcrypt-dev
   # to run
   libqt5sql5-sqlite libqt5sql5-mysql lame ffmpeg espeak-ng nodejs npm ca-certificates
   # for the show
   sox sqlite3 curl jq
 )
 if [ "${1:-run}" = test ]; then
-  packages+=(redis-server mariadb-server faketime ccache git clang clang-format clang-tidy libclang-rt-14-dev)
+  packages+=(redis-server mariadb-server faketime python3-dateutil ccache git clang clang-format clang-tidy libclang-rt-14-dev)
 fi
 
 has() {

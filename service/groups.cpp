@@ -31,8 +31,8 @@ const QString RenameGroup =
 const QString DeleteGroup = QStringLiteral("DELETE FROM `sbox_group` WHERE ( `id` = @id );");
 const QString DeleteSpeakers = QStringLiteral("DELETE FROM `group_seed` WHERE ( `gid` = @id );");
 const QString DeleteInner = QStringLiteral("DELETE FROM `group_group` WHERE ( `gid` = @id );");
-const QString DeleteOuter = QStringLiteral("DELETE FROM `group_group` WHERE ( `member` = @id );");
 const QString DeleteGrants = QStringLiteral("DELETE FROM `groupgrant` WHERE ( `gid` = @id );");
+const QString DeleteOuter = QStringLiteral("DELETE FROM `group_group` WHERE ( `member` = @id );");
 const QString SelectDevices = QStringLiteral(
     "SELECT `id`, `device_seed` FROM `sbox_device_info` WHERE ( `device_seed` in ('@serials') );");
 const QString InsertSpeaker = QStringLiteral(

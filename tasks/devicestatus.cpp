@@ -19,7 +19,8 @@ const QString FixedUpdate =
     QStringLiteral("UPDATE `sbox_device_info` SET `vol` = '@vol', `status` = '@status', `kind` = '@kind' "
                    "WHERE (`device_seed` = '@sn' and `id` > 0 );");
 
-constexpr SpeakerEvents::Kinds Registration = SpeakerEvents::Online | SpeakerEvents::Offline;
+constexpr SpeakerEvents::Kinds Registration =
+    SpeakerEvents::Online | SpeakerEvents::Offline | SpeakerEvents::KnownAgain;
 constexpr SpeakerEvents::Kinds InRow = Registration | SpeakerEvents::Volume | SpeakerEvents::StreamBegun |
                                        SpeakerEvents::StreamEnded | SpeakerEvents::Information;
 

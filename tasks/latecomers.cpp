@@ -4,6 +4,7 @@
 
 #include "device/severinit.h"
 
+#include <algorithm>
 #include <QDebug>
 #include <utility>
 
@@ -25,6 +26,7 @@ std::unique_ptr<Tasxkobj> playFor(const Tasxkobj& player, const QStringList& see
     play->seeds = seeds;
     play->files = player.files;
     play->fileLengths = player.fileLengths;
+    play->order = player.order;
     return play;
 }
 
@@ -34,18 +36,17 @@ Latecomers::Latecomers(Severinit* devices, StartPlay start, QObject* parent)
     : QObject(parent)
     , m_devices(devices)
     , m_start(std::move(start)) {
-    m_window.setSingleShot(true);
+    m_close.setSingleShot(true);
     m_gather.setSingleShot(true);
     connect(m_devices, &Severinit::registered, this, &Latecomers::arrive);
     connect(&m_gather, &QTimer::timeout, this, &Latecomers::startPlays);
-    connect(&m_window, &QTimer::timeout, this, &Latecomers::close);
-    m_window.start(Window);
+    connect(&m_close, &QTimer::timeout, this, &Latecomers::closeOver);
 }
 
 Latecomers::~Latecomers() = default;
 
-void Latecomers::keepAbsent(Tasxkobj& player) {
-    if (!m_window.isActive())
+void Latecomers::keepAbsent(Tasxkobj& player, std::optional<std::chrono::milliseconds> wait) {
+    if (m_window.hasExpired())
         return;
     Bell bell;
     QStringList present;
@@ -59,13 +60,15 @@ void Latecomers::keepAbsent(Tasxkobj& player) {
     if (bell.absent.isEmpty())
         return;
     bell.play = playFor(player, {});
+    bell.until = wait ? QDeadlineTimer(*wait) : m_window;
     qInfo() << "task waits for speakers" << player.name << player.id << bell.absent.size();
     m_bells[player.id] = std::move(bell);
+    closeOver();
 }
 
 void Latecomers::arrive(const QString& sn) {
     for (auto& [taskid, bell] : m_bells) {
-        if (!bell.absent.remove(sn))
+        if (bell.until.hasExpired() || !bell.absent.remove(sn))
             continue;
         bell.here += sn;
         if (!m_gather.isActive())
@@ -80,14 +83,21 @@ void Latecomers::startPlays() {
     }
 }
 
-void Latecomers::close() {
-    m_gather.stop();
-    startPlays();
-    for (const auto& [taskid, bell] : m_bells) {
-        if (!bell.absent.isEmpty())
-            qWarning() << "task start error" << bell.play->name << taskid
-                       << "speakers that did not register:" << bell.absent.size();
+void Latecomers::closeOver() {
+    std::optional<qint64> next; // ms
+    for (auto bell = m_bells.begin(); bell != m_bells.end();) {
+        const auto& [taskid, kept] = *bell;
+        if (!kept.until.hasExpired() || !kept.here.isEmpty()) {
+            const qint64 left = std::max<qint64>(kept.until.remainingTime(), Gather.count());
+            next = std::min(next.value_or(left), left);
+            ++bell;
+            continue;
+        }
+        if (!kept.absent.isEmpty())
+            qWarning() << "task start error" << kept.play->name << taskid
+                       << "speakers that did not register:" << kept.absent.size();
+        bell = m_bells.erase(bell);
     }
-    m_bells.clear();
-    disconnect(m_devices, nullptr, this, nullptr);
+    if (next)
+        m_close.start(std::chrono::milliseconds(*next));
 }

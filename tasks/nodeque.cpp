@@ -6,6 +6,7 @@
 
 #include "core/sql/sqlite.h"
 #include "device/severinit.h"
+#include "journal/journal.h"
 #include "nodes/gate.h"
 
 #include <algorithm>
@@ -184,7 +185,19 @@ void Nodeque::fuckmg(const QByteArray& command) {
         m_relay.gate->run(m_node, command, {}, RelayLimits);
     else if (m_relay.gate->runAndWait(m_node, command, Gate::Until::Written, limits).isLost())
         return;
+    noteSent(command);
     qInfo() << "writedata" << m_node.host << m_node.port << command.size() << command.left(LoggedBytes);
+}
+
+/// What this machine's speakers get the journal sees itself.
+void Nodeque::noteSent(const QByteArray& command) const {
+    if (!m_relay.journal || m_relay.gate->isThisNode(m_node))
+        return;
+    const QJsonObject document = QJsonDocument::fromJson(command).object();
+    for (const auto& [order, count] : PlayOrders::read(document.value(QLatin1String("order"))).runs()) {
+        if (order != 0 && document.contains(QLatin1String("filelist")))
+            m_relay.journal->sentElsewhere(order);
+    }
 }
 
 // --- alarm sources ---

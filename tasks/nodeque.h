@@ -13,6 +13,7 @@
 #include <vector>
 
 class Gate;
+class Journal;
 class Severinit;
 class sqlite;
 class Tasxkobj;
@@ -29,6 +30,7 @@ public:
     struct Relay {
         Gate* gate = nullptr;                 ///< outlives this object
         std::chrono::milliseconds pause{100}; ///< between two commands of a node
+        Journal* journal = nullptr;           ///< null: nothing is recorded
     };
     static constexpr std::chrono::milliseconds PollInterval{5171};
     /// What waits for a node that can't be reached: a day of it must not eat the machine's memory.
@@ -85,6 +87,7 @@ private:
     void collect();
     void waitForCommands();
     void pause();
+    void noteSent(const QByteArray& command) const;
 
     Severinit* m_devices;
     sqlite* m_database;

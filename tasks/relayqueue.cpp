@@ -11,6 +11,7 @@
 namespace {
 
 const auto SpeakersKey = QStringLiteral("snlist");
+const auto OrderKey = QStringLiteral("order");
 
 bool isOneOf(const QString& word, std::initializer_list<const char*> words) {
     return std::any_of(words.begin(), words.end(),
@@ -30,6 +31,7 @@ void RelayQueue::add(const Command& command) {
     const QString word = entry.document.value(QLatin1String("cmd")).toString();
     const bool hasFiles = entry.document.contains(QLatin1String("filelist"));
     const QJsonArray speakers = entry.document.take(SpeakersKey).toArray();
+    entry.orders = PlayOrders::read(entry.document.take(OrderKey));
     if (speakers.isEmpty() || !isOneOf(word, {"FORCESTOP", "PLAYAS", "PLAYOFF"}))
         entry.payload = command.payload;
     else if (word == QLatin1String("FORCESTOP") || !hasFiles)
@@ -139,6 +141,7 @@ QByteArray RelayQueue::joined(Number first) {
     Entry& entry = m_waiting.at(first);
     QSet<QString> known;
     QJsonArray speakers;
+    PlayOrders orders;
     for (auto& [number, other] : m_waiting) {
         const bool mayGo = entry.kind == Kind::Stop ? !other.isBehindPlay : !other.isBehindAny;
         if (number != first &&
@@ -146,12 +149,17 @@ QByteArray RelayQueue::joined(Number first) {
             continue;
         other.isDone = true;
         for (const QString& sn : other.speakers) {
-            if (!known.contains(sn))
+            const int place = static_cast<int>(&sn - other.speakers.data());
+            if (!known.contains(sn)) {
                 speakers.append(sn);
+                orders.append(other.orders.at(place), 1);
+            }
             known.insert(sn);
         }
     }
     QJsonObject document = entry.document;
     document.insert(SpeakersKey, speakers);
+    if (orders.namesAny())
+        document.insert(OrderKey, orders.write());
     return QJsonDocument(document).toJson(QJsonDocument::Compact);
 }

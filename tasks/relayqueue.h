@@ -1,5 +1,7 @@
 #pragma once
 
+#include "device/playwatch.h"
+
 #include <chrono>
 #include <map>
 #include <optional>
@@ -39,6 +41,7 @@ private:
         QJsonObject document;          ///< a play's or stop's, without its speakers
         QByteArray payload;            ///< of Kind::Other
         std::vector<QString> speakers; ///< of the document
+        PlayOrders orders;             ///< of the document; equal ones may belong to different orders
         int account = 0;
         Time over{};
         qint64 bytes = 0;

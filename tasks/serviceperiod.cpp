@@ -1,6 +1,6 @@
 #include "tasks/serviceperiod.h"
 
-#include "tasks/serial.h"
+#include "core/serial.h"
 
 #include "core/sql/sqlite.h"
 

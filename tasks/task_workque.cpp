@@ -1,6 +1,7 @@
 #include "tasks/task_workque.h"
 
 #include "tasks/arrivals.h"
+#include "tasks/bellrows.h"
 #include "tasks/devicestatus.h"
 #include "tasks/latecomers.h"
 #include "tasks/nodeque.h"
@@ -23,8 +24,13 @@ constexpr auto WriteBackInterval = 707ms;
 constexpr int EmptyRequestsAt = 10;                        ///< second of the day
 const QString HandledName = QStringLiteral(".Elvor.rung"); // beside the database file
 
-const QString SelectDue =
-    QStringLiteral("SELECT  *  FROM   task   where  start_time = '@StartTime' and enable != 0 ;");
+// The clock is put back by so much by hand: who has heard a bell then does not want it again, though the date
+// changes once more.
+constexpr qint64 ByHand = 2 * 3600;
+constexpr qint64 JumpMs = 2000;        ///< that the wall clock gains on the steady one: it was set
+constexpr qint64 KeepHandledEach = 60; ///< s between two notes of the last second in the database
+
+const QString KeepHandled = QStringLiteral("UPDATE taskclock SET handled = @second WHERE id = 1 ;");
 } // namespace
 
 TaskClock TaskClock::system() {
@@ -46,10 +52,10 @@ Task_workque::Task_workque(Severinit* devices, int DPort, int DataPort, int PS1,
     , m_database(database)
     , m_devices(devices)
     , m_ownGate(relay.gate ? nullptr : std::make_unique<Gate>(nullptr, QString(), QList<int>()))
-    , m_relay{relay.gate ? relay.gate : m_ownGate.get(), relay.pause}
+    , m_relay{relay.gate ? relay.gate : m_ownGate.get(), relay.pause, relay.journal}
     , m_sourceHost(std::move(src_ipstr))
     , m_cdnHost(std::move(cdn_str))
-    , m_span{taskstart, taskend}
+    , m_house{{taskstart, taskend}, false}
     , m_DPort(DPort)
     , m_PS1(PS1)
     , m_PS2(PS2)
@@ -57,10 +63,15 @@ Task_workque::Task_workque(Severinit* devices, int DPort, int DataPort, int PS1,
     , m_ownAddress(nodeList.first().toObject().value(QLatin1String("nodeip")).toString())
     , m_clock(TaskClock::system())
     , m_handledFile(HandledName)
-    , m_handled(m_handledFile.read())
-    , m_seconds(m_handled.last().value_or(m_clock.epochMs() / 1000))
+    , m_seconds(m_clock.epochMs() / 1000)
     , m_reader(database)
-    , m_writeBack(database) {
+    , m_writeBack(database)
+    , m_runs(database, &m_writeBack) {
+    m_absences.note(m_seconds.last(), Absence::NotRunning);
+    if (const auto handled = m_handledFile.read()) {
+        m_isHandledKnown = true;
+        m_seconds.handled(*handled);
+    }
     connect(m_database, &sqlite::error, this, &Task_workque::sqlerror);
     if (m_devices) {
         m_arrivals = std::make_unique<Arrivals>(m_devices);
@@ -98,8 +109,8 @@ void Task_workque::sqlerror() {
 void Task_workque::setClock(TaskClock clock) {
     m_clock = std::move(clock);
     m_seconds = SecondSequence(m_clock.epochMs() / 1000);
-    m_handled = {};
-    m_lost.clear();
+    m_absences.clear();
+    m_lastWall = 0;
     m_tickTimer.stop();
     scheduleTick();
 }
@@ -120,14 +131,17 @@ void Task_workque::scheduleTick() {
 
 void Task_workque::forqueout() {
     scheduleTick();
-    if (!prepare())
+    if (!prepare()) {
+        m_isUnread = true;
         return;
+    }
     m_tickStarted = m_clock.steadyMs();
+    m_runs.beginTick();
     const qint64 now = m_clock.epochMs() / 1000;
     handleSeconds(now);
     m_reader.forgetNodes();
     pending.merge(m_retrying);
-    if (m_span.strictlyContains(m_localTime.at(now).secondOfDay)) {
+    if (m_house.span.strictlyContains(m_localTime.at(now).secondOfDay)) {
         takeStarts();
         takeStops();
     }
@@ -137,50 +151,59 @@ void Task_workque::forqueout() {
         m_emptyRequests = false;
     endStopping();
     startPending();
-    m_handledFile.write(m_handled);
+    keepHandled();
 }
 
 void Task_workque::handleSeconds(qint64 now) {
     const SecondSequence::Due due = m_seconds.due(now);
     if (due.setBack != 0)
-        qWarning() << "task clock: jumped by" << -due.setBack << "s, going on at"
-                   << timeOfSeconds(m_localTime.at(now).secondOfDay);
-    lose(due.lostFirst, due.lostLast);
-    for (qint64 second = due.first; second <= due.last; ++second) {
-        if (!handleSecond(m_localTime.at(second)))
-            return; // the next tick goes on here
-        m_seconds.handled(second);
-        m_handled.add(second);
+        setBack(due.setBack, now);
+    noteAbsence(now);
+    if (due.first > due.last)
+        return;
+    const auto bells = readDueBells(*m_database, m_localTime, m_house, due.first, due.last);
+    m_isUnread = !bells;
+    if (!bells)
+        return; // the next tick begins with the same second
+    for (const Bell& bell : bells->bells)
+        judge(*bells, bell, now);
+    if (bells->passes(EmptyRequestsAt)) {
+        m_emptyRequests = true;
+        m_runs.forgetBefore(now - TaskRuns::Kept);
     }
-    nameLost();
+    if (due.forgotten != 0)
+        qWarning() << "task clock: seconds lost:" << due.forgotten;
+    m_seconds.handled(due.last);
+    m_absences.forgetUntil(due.last);
 }
 
-bool Task_workque::handleSecond(const ScheduleSecond& second) {
-    const SqlResult tasks = m_database->run(SelectDue, {{QStringLiteral("@StartTime"), second.secondOfDay}});
-    if (!tasks.ok)
-        return false;
-    logSkipped(second);
-    startDue(tasks, second);
-    m_emptyRequests = m_emptyRequests || second.secondOfDay == EmptyRequestsAt;
-    return true;
+void Task_workque::setBack(qint64 by, qint64 now) {
+    qWarning() << "task clock: jumped by" << -by << "s, going on at"
+               << timeOfSeconds(m_localTime.at(now).secondOfDay);
+    m_absences.clear();
+    if (by > ByHand)
+        m_runs.forgetFrom(m_localTime.days(now, now).back().stretches.back().last + 1);
 }
 
-void Task_workque::startDue(const SqlResult& tasks, const ScheduleSecond& second) {
-    const bool working = m_span.contains(second.secondOfDay);
-    if (!working)
-        qDebug() << "outside the working span:" << timeOfSeconds(second.secondOfDay);
-    for (int row = 0; row < tasks.rows.size(); ++row) {
-        if (!isDue(TaskReader::times(tasks, row), second))
-            continue;
-        auto player = m_reader.player(tasks, row);
-        if (!working)
-            qWarning() << "task not started outside the working span:" << player->name << player->id;
-        else if (second.firstPass && m_handled.contains(*second.firstPass))
-            qInfo() << "task already had its start before the clock went back:" << player->name << player->id;
-        else if (!m_guard.admit(static_cast<int>(player->id), second.secondOfDay, second.localDay,
-                                m_clock.steadyMs()))
-            qWarning() << "task already had its start today:" << player->name << player->id;
-        else
-            addPending({std::move(player), {}, 0, second.epoch, true});
-    }
+void Task_workque::noteAbsence(qint64 now) {
+    const qint64 wall = m_clock.epochMs();
+    const qint64 steady = m_clock.steadyMs();
+    const bool isFirst = m_lastWall == 0;
+    if (m_isUnread)
+        m_absences.note(now, Absence::DatabaseAway);
+    else if (!isFirst && (wall - m_lastWall) - (steady - m_lastSteady) > JumpMs)
+        m_absences.note(now, Absence::SetForward);
+    else
+        m_absences.note(now, Absence::HeldUp);
+    m_lastWall = wall;
+    m_lastSteady = steady;
+}
+
+void Task_workque::keepHandled() {
+    const qint64 last = m_seconds.last();
+    m_handledFile.write(last);
+    if (std::abs(last - m_handledKept) < KeepHandledEach)
+        return;
+    m_handledKept = last;
+    instsqk(sqlLine(KeepHandled, {{QStringLiteral("@second"), last}}));
 }

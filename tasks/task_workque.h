@@ -1,9 +1,12 @@
 #pragma once
 
-#include "tasks/handledseconds.h"
+#include "tasks/belloutcome.h"
+#include "tasks/handledfile.h"
 #include "tasks/nodeque.h"
+#include "tasks/schedule/handling.h"
 #include "tasks/schedule/schedule.h"
 #include "tasks/taskreader.h"
+#include "tasks/taskruns.h"
 #include "tasks/writeback.h"
 
 #include <chrono>
@@ -25,8 +28,8 @@ class Latecomers;
 class QCoreApplication;
 class Severinit;
 class sqlite;
-struct SqlResult;
 class Tasxkobj;
+struct DueBells;
 
 /// The clocks that the task queue goes by.
 struct TaskClock {
@@ -61,6 +64,14 @@ public:
     /// Goes by other clocks from now on; counting begins again at their present second, and what was
     /// handled by the clock before is forgotten.
     void setClock(TaskClock clock);
+    /// Times that the clock skips ring at the first second after the gap.
+    void setRingsAfterGap(bool rings) { m_house.ringsAfterGap = rings; }
+    /// What holds for every bell; any thread, once start-up is over.
+    const HouseRules& house() const { return m_house; }
+    /// Who tells which speakers the groups of a task hold.
+    void setResolver(TaskReader::Resolve resolve) { m_reader.setResolver(std::move(resolve)); }
+    /// Who is told what became of each bell.
+    void setBellSink(BellSink sink) { m_tellBell = std::move(sink); }
     /// The player that runs under this key on any node; null when there is none.
     Tasxkobj* runningPlayer(quint64 key) const;
     /// The tables have been tidied up: from now on bells ring.
@@ -97,17 +108,14 @@ private:
         NodeAddress node;   ///< given by a temporary play; read for a task
         qint64 askedAt = 0; ///< steady ms
         qint64 dueAt = 0;   ///< second of the epoch; earlier ones start first
-        bool isScheduled = false;
+        qint64 due = 0;     ///< of a bell: the second that names it; 0: somebody asked for the start
+        MissedPolicy missed;
+        bool isScheduled() const { return due != 0; }
     };
     /// A play of another process, and who still plays it.
     struct Interrupted {
         NodeAddress node;
         QStringList seeds;
-    };
-    /// Seconds whose bells are lost and not yet named.
-    struct Lost {
-        qint64 first;
-        qint64 last;
     };
     static constexpr int MaxNodes = 256; ///< each has a thread
     struct Node {
@@ -117,21 +125,21 @@ private:
 
     void scheduleTick();
     void handleSeconds(qint64 now);
-    bool handleSecond(const ScheduleSecond& second);
-    void startDue(const SqlResult& tasks, const ScheduleSecond& second);
+    void setBack(qint64 by, qint64 now);
+    void noteAbsence(qint64 now);
+    void keepHandled();
+
+    // taskbells.cpp
+    void judge(const DueBells& due, const Bell& bell, qint64 now);
+    void skip(const DueBells& due, const Bell& bell, int row, const QString& reason);
 
     // taskready.cpp
     bool prepare();
+    bool readHandled();
     bool emptyRequests();
     std::optional<std::vector<Interrupted>> interruptedPlays();
     void silence(const std::vector<Interrupted>& plays);
     bool isThisNode(const NodeAddress& address) const;
-
-    // tasklost.cpp
-    void logSkipped(const ScheduleSecond& second);
-    void lose(qint64 first, qint64 last);
-    void nameLost();
-    bool nameLost(const LocalStretch& stretch);
 
     // taskrequests.cpp
     void takeStarts();
@@ -143,14 +151,21 @@ private:
 
     // taskstart.cpp
     void addPending(Start start);
+    std::vector<quint64> pendingOrder() const;
     void startPending();
-    void startOne(quint64 key);
+    std::vector<Start> fillNext(const std::vector<quint64>& keys);
     bool fill(Start& start);
-    void refuse(const Tasxkobj& player, const char* why);
+    void giveUpOrRetry(quint64 key, Start start);
+    void claim(std::vector<Start>& starts);
+    void refuse(const Start& start, const char* why, const QString& reason = {});
+    std::optional<std::chrono::milliseconds> timeLeft(const Start& start) const;
+    void tell(const Start& start, const QString& reason = {});
     void bind(Start start);
     void bindLate(std::unique_ptr<Tasxkobj> play);
     void endLate(quint64 task);
     void markPlaying();
+    bool record(Start& start);
+    void recordAbsent(const Tasxkobj& player, const QStringList& seeds, std::chrono::milliseconds wait);
     Node* node(const NodeAddress& address, bool nocdn = true);
     static QString nodeKey(const NodeAddress& address);
 
@@ -162,7 +177,7 @@ private:
     const Nodeque::Relay m_relay;
     const QString m_sourceHost;
     const QString m_cdnHost;
-    const WorkingSpan m_span;
+    HouseRules m_house;
     const int m_DPort;
     const int m_PS1;
     const int m_PS2;
@@ -173,10 +188,14 @@ private:
     TaskClock m_clock;
     LocalTime m_localTime;
     HandledFile m_handledFile;
-    HandledSeconds m_handled;
+    bool m_isHandledKnown = false; ///< the file told it
     SecondSequence m_seconds;
-    StartGuard m_guard;
-    std::vector<Lost> m_lost;
+    Absences m_absences;
+    bool m_isUnread = false;  ///< the last tick could not read the schedules
+    qint64 m_lastWall = 0;    ///< of the last tick, ms
+    qint64 m_lastSteady = 0;  ///< the same
+    qint64 m_handledKept = 0; ///< the last second that the database was told
+    BellSink m_tellBell;
     bool m_emptyRequests = false; ///< it is time to, and the database has not let it yet
     qint64 m_tickStarted = 0;     ///< steady ms
     QTimer m_tickTimer;           ///< aligned to the wall clock's seconds
@@ -184,6 +203,7 @@ private:
 
     TaskReader m_reader;
     WriteBack m_writeBack;
+    TaskRuns m_runs;
     std::map<quint64, Start> pending;    ///< created and not yet started, by key
     std::map<quint64, Start> m_retrying; ///< could not be read from the database: the next tick tries again
     std::vector<quint64> stopping;       ///< keys of the players to end in this tick

@@ -31,7 +31,7 @@ void Task_workque::endTask(quint64 key) {
         const auto waiting = starts->find(key);
         if (waiting == starts->end())
             continue;
-        refuse(*waiting->second.player, "deleted before it started");
+        refuse(waiting->second, "deleted before it started");
         starts->erase(waiting);
     }
     if (Tasxkobj* player = runningPlayer(key))
@@ -48,6 +48,8 @@ void Task_workque::end(std::chrono::milliseconds limit) {
         ended += node.poller->endAll();
         node.poller->hurry();
     }
+    m_handledKept = 0;
+    keepHandled();
     fndout();
     if (ended == 0 && hasRelayedAll())
         return;

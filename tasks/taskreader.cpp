@@ -17,6 +17,8 @@ const QString SelectNode = QStringLiteral("SELECT * FROM  sbox_node where id = '
 const QString SelectSeeds = QStringLiteral(
     "SELECT sbox_device_info.device_seed as seed   FROM taskseed ,sbox_device_info where "
     "taskseed.taskid = @taskid and taskseed.devseedid = sbox_device_info.id  order by taskseed.id ;");
+const QString SelectEveryone = QStringLiteral("SELECT everyone FROM taskrule WHERE taskid = @taskid ;");
+const QString SelectGroups = QStringLiteral("SELECT gid FROM taskaim WHERE taskid = @taskid ORDER BY id ;");
 const QString SelectFiles =
     QStringLiteral("SELECT userfile.url as url ,userfile.len as len FROM  taskfile , userfile where "
                    "taskfile.taskid = @taskid and taskfile.fileid = userfile.id order by taskfile.id ;");
@@ -27,11 +29,6 @@ const QString SelectLength =
     QStringLiteral("SELECT `len` FROM `userfile` WHERE (`url` = '@url' and `userid` = '@userid');");
 
 } // namespace
-
-TaskTimes TaskReader::times(const SqlResult& tasks, int row) {
-    return {tasks.integer(row, "start_time"), tasks.value(row, "startdate").toLongLong(),
-            tasks.value(row, "enddate").toLongLong(), tasks.text(row, "week")};
-}
 
 std::unique_ptr<Tasxkobj> TaskReader::player(const SqlResult& tasks, int row) const {
     auto player = std::make_unique<Tasxkobj>(m_database);
@@ -84,11 +81,29 @@ bool TaskReader::readSeeds(Tasxkobj& player) const {
         player.seeds.reserve(found.rows.size());
         for (const auto& row : found.rows)
             player.seeds += row.first().toString();
-        if (!keepOwnSeeds(player))
+        if (!keepOwnSeeds(player) || !addGroups(player))
             return false;
     }
     player.seeds.removeDuplicates(); // a speaker named twice plays once
     return true;
+}
+
+/// What the groups hold is asked when the sound starts, not before.
+bool TaskReader::addGroups(Tasxkobj& player) const {
+    const SqlArgs task{{QStringLiteral("@taskid"), static_cast<qint64>(player.id)}};
+    const SqlResult rule = m_database->run(SelectEveryone, task);
+    const SqlResult rows = m_database->run(SelectGroups, task);
+    if (!rule.ok || !rows.ok)
+        return false;
+    QList<qint64> groups;
+    for (const auto& row : rows.rows)
+        groups += row.first().toLongLong();
+    const bool everyone = rule.integer(0, "everyone") != 0;
+    if (!m_resolve || (!everyone && groups.isEmpty()))
+        return true;
+    const auto serials = m_resolve(player.userid, everyone, groups);
+    player.seeds += serials.value_or(QStringList());
+    return serials.has_value();
 }
 
 bool TaskReader::keepOwnSeeds(Tasxkobj& player) const {

@@ -23,6 +23,7 @@ const QString SelectPlaying = QStringLiteral("SELECT  *  FROM  task   where  sta
 const QString SelectPlayingRequests =
     QStringLiteral("SELECT * FROM  taskpop where status = '11' and kind = '2' ;");
 const QString TasksIdle = QStringLiteral("UPDATE  `task` SET `statu` = '0' where id > 0 ;");
+const QString SelectHandled = QStringLiteral("SELECT handled FROM taskclock where id = 1 ;");
 const QString EmptyRequests = QStringLiteral("DELETE FROM taskpop  WHERE (`id` > 0)");
 const QString RearmCommands =
     QStringLiteral("UPDATE  `taskpop` SET `status` = '0' WHERE (`id` > '0') and (`status` = '11');");
@@ -45,11 +46,23 @@ bool Task_workque::prepare() {
     const auto tidyUp = [this] {
         return m_database->run(TasksIdle).ok && emptyRequests() && systeminit();
     };
-    if (!interrupted || !m_database->transaction(tidyUp))
+    if (!interrupted || !readHandled() || !m_database->transaction(tidyUp))
         return false;
     silence(*interrupted);
     m_isReady = true;
     qInfo() << "task queue: ready";
+    return true;
+}
+
+/// What rang before, and until when.
+bool Task_workque::readHandled() {
+    const SqlResult kept = m_database->run(SelectHandled);
+    if (!kept.ok || !m_runs.load())
+        return false;
+    const qint64 last = kept.value(0, "handled").toLongLong();
+    if (!m_isHandledKnown && last != 0)
+        m_seconds.handled(last);
+    m_isHandledKnown = true;
     return true;
 }
 

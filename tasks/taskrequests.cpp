@@ -58,7 +58,7 @@ void Task_workque::takeStarts() {
     if (handled.isEmpty() || !m_database->transaction([&] { return mark(handled, Close); }))
         return;
     for (auto& player : players)
-        addPending({std::move(player), {}, 0, m_clock.epochMs() / 1000, false});
+        addPending({std::move(player), {}, 0, m_clock.epochMs() / 1000, 0, {}});
 }
 
 void Task_workque::takeStops() {
@@ -94,7 +94,8 @@ void Task_workque::takeTemporaryStarts() {
                     {requests.text(row, "ip"), requests.integer(row, "port")},
                     0,
                     m_clock.epochMs() / 1000,
-                    false});
+                    0,
+                    {}});
 }
 
 void Task_workque::takeTemporaryStops() {
@@ -113,7 +114,7 @@ void Task_workque::endStopping() {
         endLate(key);
         const auto waiting = pending.find(key);
         if (waiting != pending.end() && waiting->second.askedAt < m_tickStarted) {
-            refuse(*waiting->second.player, "stopped before it started");
+            refuse(waiting->second, "stopped before it started");
             pending.erase(waiting);
         } else if (Tasxkobj* player = runningPlayer(key))
             player->TimerOut();

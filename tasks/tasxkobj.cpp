@@ -25,18 +25,24 @@ QByteArray withoutBlanks(const QJsonObject& command) {
     return compact(command).replace(' ', QByteArray());
 }
 
-QJsonObject command(const char* word, const QStringList& seeds) {
-    return {{QStringLiteral("cmd"), QLatin1String(word)},
-            {QStringLiteral("snlist"), QJsonArray::fromStringList(seeds)}};
-}
+// A play whose end is this near has not been cut short.
+constexpr std::chrono::milliseconds AtItsEnd{500};
 
-QJsonObject playCommand(const char* word, const QStringList& seeds, const QString& url) {
-    QJsonObject object = command(word, seeds);
-    object.insert(QStringLiteral("filelist"), QJsonArray{url});
+} // namespace
+
+QJsonObject Tasxkobj::command(const char* word) const {
+    QJsonObject object{{QStringLiteral("cmd"), QLatin1String(word)},
+                       {QStringLiteral("snlist"), QJsonArray::fromStringList(seeds)}};
+    if (order != 0)
+        object.insert(QStringLiteral("order"), static_cast<double>(order));
     return object;
 }
 
-} // namespace
+QJsonObject Tasxkobj::playCommand(const char* word, const QString& url) const {
+    QJsonObject object = command(word);
+    object.insert(QStringLiteral("filelist"), QJsonArray{url});
+    return object;
+}
 
 Tasxkobj::Tasxkobj(sqlite* /*database*/, QObject* parent)
     : QObject(parent) {
@@ -121,20 +127,25 @@ void Tasxkobj::play_JSON(const QString& url) {
     if (forcePlayAs)
         playAS_JSON(url);
     else
-        emit Ocmd(compact(playCommand("PLAYOFF", seeds, url)));
+        emit Ocmd(compact(playCommand("PLAYOFF", url)));
 }
 
 void Tasxkobj::playAS_JSON(const QString& url) {
-    emit Ocmd(compact(playCommand("PLAYAS", seeds, url)));
+    emit Ocmd(compact(playCommand("PLAYAS", url)));
 }
 
 void Tasxkobj::playA5_JSON() {
-    emit Ocmd(withoutBlanks(command(forcePlayAs ? "PLAYAS" : "FORCESTOP", seeds)));
+    const auto stop = [this](QJsonObject object) {
+        if (order != 0 && !wasStopped)
+            object.insert(QStringLiteral("over"), true);
+        return withoutBlanks(object);
+    };
+    emit Ocmd(stop(command(forcePlayAs ? "PLAYAS" : "FORCESTOP")));
     qInfo() << "云平台定时任务 停止命令已发送" << name << id;
     // Stops an alarm's "PLAYAS" too, and is the second chance when the first frame is lost.
-    QJsonObject again = playCommand("FORCESTOP", seeds, NoFile);
+    QJsonObject again = playCommand("FORCESTOP", NoFile);
     again.insert(QStringLiteral("level"), QStringLiteral("5"));
-    emit Ocmd(withoutBlanks(again));
+    emit Ocmd(stop(again));
 }
 
 void Tasxkobj::TimerNext() {
@@ -150,6 +161,7 @@ void Tasxkobj::TimerNext() {
 void Tasxkobj::TimerOut() {
     if (finished)
         return;
+    wasStopped = isPlaying() && !endsWithin(AtItsEnd);
     stopPlaying();
     qInfo() << "云平台定时任务 到点结束" << name << id;
     emit Over(id);

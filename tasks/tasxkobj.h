@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <QByteArray>
+#include <QJsonObject>
 #include <QMap>
 #include <QObject>
 #include <QString>
@@ -35,9 +36,11 @@ public:
     QMap<QString, int> fileLengths; ///< seconds of each address; one without a length is not played
     bool forcePlayAs = false;       ///< ordered by an alarm: play with "PLAYAS"
     bool isTemporary = false;       ///< no stored task stands behind it
+    quint64 order = 0;              ///< number of its broadcast, which its commands carry; 0: none
 
     QStringList playlist; ///< what is still to be played, in order
     bool finished = false;
+    bool wasStopped = false; ///< it ended before its time
 
     bool isPlaying() const { return m_taskTimer.isActive(); }
     /// Whether the play ends by itself within `time`.
@@ -68,6 +71,8 @@ signals:
 private:
     void playAny();
     void stopPlaying();
+    QJsonObject command(const char* word) const;
+    QJsonObject playCommand(const char* word, const QString& url) const;
     QTimer m_taskTimer; ///< ends the task
     QTimer m_fileTimer; ///< moves to the next file
     std::chrono::milliseconds m_fileSpan{0};

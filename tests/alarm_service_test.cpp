@@ -48,22 +48,6 @@ private slots:
         QCOMPARE(stop()["res"], "WELL");
     }
 
-    void stopsAndStartsAgain() {
-        QCOMPARE(play("long.mg", 2, m_fleet->serials())["res"], "WELL");
-        m_fleet->at(1).data().clear();
-        QVERIFY(waitFor([&] { return heard(1).size() > 5000; }));
-        QCOMPARE(stop()["res"], "WELL");
-        QCOMPARE(stop()["res"], "WELL"); // nothing plays
-        const QByteArray silent = heard(1);
-        QVERIFY(holdsFor([&] { return heard(1).size() <= silent.size() + 2000; },
-                         std::chrono::milliseconds(500)));
-        m_fleet->at(1).data().clear();
-        QCOMPARE(play("bell.mg", 1, m_fleet->serials())["res"],
-                 "WELL"); // a lower level, but nobody else plays
-        const QByteArray bell = mgpackager::unpack(m_bell).bytes;
-        QVERIFY(waitFor([&] { return heard(1).contains(bell.right(3000)); }));
-    }
-
     void speakerThatComesLater() {
         m_fleet->at(2).stop();
         QVERIFY(waitFor([&] { return m_fleet->online() == 4; }));

@@ -25,10 +25,11 @@ struct Server {
     std::function<QByteArray(const QByteArray&)> reply;
 
     Server() {
-        server.start(QHostAddress::Any, 0, [this](const QByteArray& request, const auto& answer) {
-            requests << request;
-            answer(reply ? reply(request) : "{\"n\":" + QByteArray::number(requests.size()) + '}');
-        });
+        server.start(
+            QHostAddress::Any, 0, [this](const QByteArray& request, const auto&, const auto& answer) {
+                requests << request;
+                answer(reply ? reply(request) : "{\"n\":" + QByteArray::number(requests.size()) + '}');
+            });
     }
     quint16 port() const { return server.serverPort(); }
 };

@@ -4,7 +4,6 @@
 #include "support/testmain.h"
 
 #include <netinet/in.h>
-#include <QRandomGenerator>
 #include <QTcpServer>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -33,6 +32,7 @@ private slots:
         QTest::addColumn<QByteArray>("packet");
         for (const int length : {1, 4, 17, 19, 36, 40, 70000})
             QTest::addRow("%d bytes", length) << QByteArray(length, 'x');
+        QTest::newRow("begun") << sim::registrationPacket(testSerial(), 20).left(7);
         QTest::newRow("long form") << QByteArray(41, 'x') + "DEIFS";
     }
 
@@ -43,13 +43,6 @@ private slots:
         QVERIFY(connection.received().isEmpty());
         QVERIFY(m_link->registry.sessions().isEmpty());
         QVERIFY(m_link->listener.connections().isEmpty());
-    }
-
-    void splitPacketIsRefused() {
-        const QByteArray packet = sim::registrationPacket(testSerial(), 20);
-        RawConnection connection(m_link->port, packet.left(7));
-        QVERIFY(connection.waitClosed());
-        QVERIFY(m_link->registry.sessions().isEmpty());
     }
 
     void closedBeforeAnything() {
@@ -92,21 +85,6 @@ private slots:
         m_link->registry.setRestricted(testSerial().toHex(), false);
         QCOMPARE(m_link->session(testSerial())->stopcurl(), 2);
         QVERIFY(speaker.waitReceived("A5"));
-    }
-
-    void randomBytesAfterRegistration() {
-        const auto speaker = m_link->speaker(testSerial());
-        QRandomGenerator random(20261121);
-        for (int i = 0; i < 300; ++i) {
-            QByteArray noise(random.bounded(1, 400), '\0');
-            for (char& byte : noise)
-                byte = static_cast<char>(random.bounded(256));
-            if (i % 4 == 0) // past the first letter, into the rows of the table
-                noise.prepend(QByteArrayList{"J{", "UA2", "DEIFS", "UV", "Y", "K"}.at(i / 4 % 6));
-            speaker->send(noise);
-        }
-        QVERIFY(waitFor([&] { return m_link->session(testSerial())->stopcurl() == 2; }));
-        QVERIFY(waitFor([&] { return speaker->received().endsWith("A5"); }));
     }
 
     void beatsAreNoReports() {
@@ -243,23 +221,6 @@ private slots:
         m_link->session(testSerial(2))->stopcurl();
         QVERIFY(healthy->waitReceived("A5"));
         QVERIFY(waitFor([&] { return !session->isOnline(); }));
-    }
-
-    void manyAtOnce() {
-        std::vector<std::unique_ptr<RawConnection>> speakers;
-        speakers.reserve(300);
-        for (int i = 0; i < 300; ++i) {
-            speakers.push_back(std::make_unique<RawConnection>(m_link->port));
-            speakers.back()->send(sim::registrationPacket(testSerial(i), 20));
-        }
-        QVERIFY(waitFor([&] { return m_link->registry.onlineSerials().size() == 300; }));
-        for (SAobj* const session : m_link->registry.sessions())
-            session->set_vol_V(3);
-        for (const auto& speaker : speakers)
-            QVERIFY(speaker->waitReceived("JXXXXXV\x03"));
-        speakers.clear();
-        QVERIFY(waitFor([&] { return m_link->registry.onlineSerials().isEmpty(); }));
-        QCOMPARE(m_link->registry.sessions().size(), 300);
     }
 
     // With no descriptor left, connections that have said nothing yet give way to a speaker.

@@ -56,18 +56,6 @@ private slots:
         QCOMPARE(packets::registration(serial() + "\x7f\xc8"), expected);
     }
 
-    void registrationOfAnotherLength_data() {
-        QTest::addColumn<int>("length");
-        for (const int length : {0, 4, 17, 19, 40})
-            QTest::addRow("%d", length) << length;
-    }
-
-    void registrationOfAnotherLength() {
-        QFETCH(int, length);
-        const QJsonObject expected{{"res_____", false}};
-        QCOMPARE(packets::registration(QByteArray(length, 'a')), expected);
-    }
-
     void statusForm() {
         const QJsonObject expected{{"localip", "192.193.194.195"},
                                    {"localmask", "196.197.198.199"},
@@ -83,19 +71,21 @@ private slots:
         QCOMPARE(packets::statusForm(form() + "DEIFS"), expected);
     }
 
-    void statusFormCutShort_data() {
-        const Table<QByteArray> row{"packet"};
-        row("empty", {});
-        row("trailer alone", "DEIFS");
-        row("one byte short", form().left(40) + "DEIFS");
-        row("no trailer", form());
-        row("trailer in front", "DEIFS" + form());
+    void refused_data() {
+        const Table<QJsonObject> row{"description"};
+        for (const int length : {0, 17, 19, 40})
+            row("registration of " + QByteArray::number(length),
+                packets::registration(QByteArray(length, 'a')));
+        row("empty form", packets::statusForm({}));
+        row("trailer alone", packets::statusForm("DEIFS"));
+        row("one byte short", packets::statusForm(form().left(40) + "DEIFS"));
+        row("no trailer", packets::statusForm(form()));
+        row("trailer in front", packets::statusForm("DEIFS" + form()));
     }
 
-    void statusFormCutShort() {
-        QFETCH(QByteArray, packet);
-        const QJsonObject expected{{"res_____", false}};
-        QCOMPARE(packets::statusForm(packet), expected);
+    void refused() {
+        QFETCH(QJsonObject, description);
+        QCOMPARE(description, (QJsonObject{{"res_____", false}}));
     }
 
     void addresses_data() {

@@ -68,10 +68,45 @@ private slots:
         }
     }
 
-    void refusedWithoutConnection() {
+    void whoeverFeedsIsTold() {
+        struct Feeder : Mp3Feeder {
+            void gainedSpeaker(const QString& sn, const Mp3Stream& stream) override { tell('+', sn, stream); }
+            void lostSpeaker(const QString& sn, const Mp3Stream& stream) override { tell('-', sn, stream); }
+            void tell(char what, const QString& sn, const Mp3Stream& stream) {
+                if (sn == QString(testSerial().toHex()) && stream.source == "source")
+                    told += QString("%1%2.%3 ").arg(what).arg(stream.id).arg(stream.sequence);
+            }
+            QString told;
+        } feeder;
+        for (const int id : {1, 2})
+            m_link->registry.setMp3Feeder(id, &feeder);
+        const auto told = [&] {
+            return std::exchange(feeder.told, {});
+        };
+        QCOMPARE(forward(1, 5, 1, "x", false), -1);
+        QCOMPARE(told(), "");
+        forward(1, 5, 1);
+        forward(1, 5, 1);
+        forward(2, 4, 2);
+        QCOMPARE(told(), "+1.1 ");
+        forward(1, 5, 2);
+        QCOMPARE(told(), "-1.1 +1.2 ");
+        forward(2, 6, 3);
+        QCOMPARE(told(), "-1.2 +2.3 ");
+        forward(1, 6, 4); // keeps the one that has it from going on, and is refused itself from its next on
+        QCOMPARE(told(), "-2.3 ");
+        forward(1, 7, 5);
+        session()->timeout();
+        forward(1, 7, 5);
+        QCOMPARE(told(), "+1.5 -1.5 +1.5 ");
         m_speaker->close();
         QVERIFY(waitFor([&] { return !session()->isBound(); }));
-        QCOMPARE(forward(1, 5, 1), -1);
+        QCOMPARE(told(), "-1.5 ");
+        QCOMPARE(forward(1, 7, 5), -1);
+        m_link->registry.setMp3Feeder(1, nullptr);
+        m_speaker = m_link->speaker(testSerial());
+        QCOMPARE(forward(1, 7, 5), 0);
+        QCOMPARE(told(), "");
     }
 
     void tickEndsAndBeginsStreams() {
@@ -96,11 +131,6 @@ private slots:
         QCOMPARE(session()->onlineState(), int(SAobj::Online));
         session()->timeout();
         QVERIFY(!session()->isStreamActive());
-    }
-
-    void tickRuns() {
-        forward(1, 5, 1);
-        QVERIFY(waitFor([&] { return !session()->isStreamActive(); }, 4s));
     }
 
     void takingOverClearsTheQueue() {
@@ -257,23 +287,18 @@ private slots:
         QVERIFY(data.waitReceived("abcd"));
     }
 
-    void connectIsAskedForOnce() {
-        for (int i = 0; i < 3; ++i)
-            session()->push_mp3("x");
-        QVERIFY(m_speaker->waitReceived("K" + QByteArray::fromHex("0a010203") +
-                                        packets::portBytes(m_link->dataPort())));
-        QVERIFY(holdsFor([&] { return m_speaker->received().size() == 7; }, 50ms));
-    }
-
     // Asked for at once, by the check 7261 ms after registration, and 10 s after that. Meanwhile a connection
     // that never says anything is sent away.
     void connectIsAskedForAgain() {
         RawConnection silent(m_link->port);
         QElapsedTimer clock;
         clock.start();
-        session()->push_mp3("x");
+        for (int i = 0; i < 3; ++i)
+            session()->push_mp3("x");
+        const QByteArray request =
+            "K" + QByteArray::fromHex("0a010203") + packets::portBytes(m_link->dataPort());
         const auto asked = [&](int times) {
-            return m_speaker->received().size() == 7 * times;
+            return m_speaker->received() == request.repeated(times);
         };
         QVERIFY(waitFor([&] { return asked(1); }));
         QVERIFY(waitFor([&] { return asked(2); }, 9s));
@@ -321,22 +346,23 @@ private slots:
         QVERIFY(data.waitReceived("a"));
     }
 
-    void attachingWithoutControlConnection() {
-        m_speaker->close();
-        QVERIFY(waitFor([&] { return !session()->isBound(); }));
-        RawConnection data(m_link->dataPort(), sim::registrationPacket(testSerial(), 20));
-        QVERIFY(data.waitClosed());
-    }
-
     void secondDataConnectionReplaces() {
         const auto first = m_link->attach(testSerial());
         session()->push_mp3("a");
-        QVERIFY(first->waitReceived("a"));
+        session()->push_mp3("x");
+        first->send("12345123"); // a request and more than half of the next
+        QVERIFY(first->waitReceived("ax"));
         RawConnection second(m_link->dataPort(), sim::registrationPacket(testSerial(), 20));
         QVERIFY(first->waitClosed());
         QVERIFY(session()->isMp3Connected());
-        session()->push_mp3("b"); // what the first was last sent no longer counts
+        for (const char* const chunk :
+             {"b", "c"}) // what the first was last sent, and asked, no longer counts
+            session()->push_mp3(chunk);
+        second.send("12");
         QVERIFY(second.waitReceived("b"));
+        QVERIFY(holdsFor([&] { return second.received() == "b"; }, 30ms));
+        second.send("345");
+        QVERIFY(second.waitReceived("bc"));
     }
 
     void endOfTheDataConnection() {
@@ -357,6 +383,8 @@ private slots:
         m_speaker->close();
         QVERIFY(data->waitClosed());
         QVERIFY(!session()->isMp3Connected());
+        RawConnection again(m_link->dataPort(), sim::registrationPacket(testSerial(), 20));
+        QVERIFY(again.waitClosed());
     }
 
 private:

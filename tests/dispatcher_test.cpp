@@ -9,13 +9,6 @@
 
 namespace {
 
-/// The mirror with groups.
-class GroupMirror : public MirrorRecord {
-public:
-    QStringList backsnlist(const QString& key) override { return groups.value(key); }
-    QMap<QString, QStringList> groups;
-};
-
 constexpr char End[] = "|end|";
 
 } // namespace
@@ -28,7 +21,6 @@ private slots:
     void initTestCase() {
         QVERIFY(QDir::setCurrent(m_directory.path()));
         m_link = std::make_unique<DeviceLink>();
-        m_mirror.groups = {{"g", {sn("A"), sn("B")}}, {"half", {sn("D"), sn("A")}}};
         m_a = m_link->speaker(testSerial(1));
         m_b = m_link->speaker(testSerial(2));
         m_link->registry.addSession(sn("C"), &m_link->registry);
@@ -39,7 +31,8 @@ private slots:
 
     void init() {
         QFile::remove("unuse.conf");
-        m_link->registry.setStateMirror(&m_mirror);
+        const QMap<QString, QStringList> groups{{"g", {sn("A"), sn("B")}}, {"half", {sn("D"), sn("A")}}};
+        m_link->registry.setGroupReader([groups](const QString& name) { return groups.value(name); });
         m_a->forget();
         m_b->forget();
     }
@@ -191,7 +184,7 @@ private slots:
     }
 
     void withoutRedis() {
-        m_link->registry.setStateMirror(nullptr);
+        m_link->registry.setGroupReader({});
         QCOMPARE(askJson("{'cmd':'PLAYOFF_G','group':'g','filelist':['a']}")["res"], "Data_error_7");
         QCOMPARE(askJson("{'cmd':'PLAYOFF_G','group':'g','snlist':[$B],'filelist':['a']}")["res"], "WELL");
         QCOMPARE(askJson("{'cmd':'ListGroup','group':'g'}")["res"], "Data_error_7");
@@ -423,7 +416,6 @@ private:
     }
 
     QTemporaryDir m_directory;
-    GroupMirror m_mirror;
     std::unique_ptr<DeviceLink> m_link;
     std::unique_ptr<cmdthread6> m_server;
     std::unique_ptr<RawConnection> m_client, m_a, m_b;

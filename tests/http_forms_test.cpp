@@ -3,7 +3,6 @@
 #include "support/table.h"
 #include "support/testmain.h"
 
-#include <QSettings>
 #include <QTemporaryDir>
 
 namespace {
@@ -113,15 +112,12 @@ private slots:
 
     void templatesAreFoundByName() {
         QTemporaryDir directory;
-        QSettings settings(directory.filePath("config.ini"), QSettings::IniFormat);
-        settings.setValue("path", "pages");
-        settings.setValue("suffix", ".html");
         QDir(directory.path()).mkdir("pages");
         for (const char* name : {"pages/page.html", "outside.html"}) {
             QFile file(directory.filePath(name));
             QVERIFY(file.open(QIODevice::WriteOnly) && file.write("\xe4\xbd\xa0") == 3);
         }
-        const TemplateLoader loader(&settings);
+        const TemplateLoader loader({directory.filePath("pages"), ".html", "UTF-8"});
         QCOMPARE(loader.load("page").text(), QString::fromUtf8("\xe4\xbd\xa0"));
         QVERIFY(loader.load("nowhere").isEmpty());
         QVERIFY(loader.load("../outside").isEmpty());

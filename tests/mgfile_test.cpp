@@ -9,7 +9,6 @@
 
 #include <QFile>
 #include <QProcess>
-#include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QThread>
 #include <sys/stat.h>
@@ -80,20 +79,6 @@ private slots:
     void damagedFiles() {
         QFETCH(QByteArray, file);
         QTEST(read(write("d.mg", file)), "packets");
-    }
-
-    void noiseIsReadWithinItsBounds() {
-        QRandomGenerator random(3);
-        for (int round = 0; round < 300; ++round) {
-            QByteArray noise = raw(random.bounded(-10, 60), random.bounded(-3, 30), "", "");
-            for (int i = random.bounded(100); i > 0; --i)
-                noise += static_cast<char>(random.bounded(0, 2) ? random.bounded(256) : 0);
-            const qint64 data = noise.size() - mg::HeaderBytes;
-            qint64 total = 0;
-            for (const QByteArray& packet : read(write("n.mg", noise)))
-                total += packet.size();
-            QVERIFY(total <= data);
-        }
     }
 
     void playsTheListInOrder() {

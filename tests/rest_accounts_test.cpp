@@ -73,6 +73,10 @@ const QList<Policy> Policies{
     {"PATCH /sounds/{id}", "401 404 403 200 404 200", "/sounds/90", R"({"name":"x"})"},
     {"DELETE /sounds/{id}", "401 404 403 204 404 204", "/sounds/90"},
     {"GET /voices", "401 200 200 200 200 200"},
+    {"GET /broadcasts", "401 200 200 200 200 200"},
+    {"GET /broadcasts/{id}", "401 200 200 200 404 200", "/broadcasts/7000"},
+    {"GET /broadcasts/{id}/receipts", "401 200 200 200 404 200", "/broadcasts/7000/receipts"},
+    {"GET /journal", "401 200 200 200 200 200"},
 };
 
 } // namespace
@@ -83,7 +87,10 @@ class RestAccountsTest : public QObject {
 private slots:
     void initTestCase() {
         ServiceOptions options;
-        options.settings = {{"hashpasswords", true}, {"weborigins", "console.example"}};
+        options.settings = {{"hashpasswords", true},
+                            {"weborigins", "console.example"},
+                            {"journaldays", 0}, // its rows here have low numbers, which are old
+                            {"receiptdays", 0}};
         m_service = std::make_unique<Service>(options);
         QVERIFY(m_service->start());
     }
@@ -121,6 +128,11 @@ private slots:
         row("others' groups", "other", "/groups", "");
         row("sounds to play", "operator", "/sounds", "90");
         row("sounds of what is only seen", "viewer", "/sounds", "");
+        row("heard in the group", "viewer", "/broadcasts", "7000");
+        row("heard by nobody of his", "other", "/broadcasts", "");
+        row("own schedules, speakers", "owner", "/journal", "7103,7102,7100");
+        row("the group's", "operator", "/journal", "7103,7102");
+        row("bells", "owner", "/journal?kind=bell&state=late", "7100");
     }
     void listsHoldWhatTheCallerMaySee() {
         QFETCH(QByteArray, caller);
@@ -128,13 +140,31 @@ private slots:
         QByteArrayList ids;
         QString next; // one at a time, and what was told goes meanwhile
         do {
-            const QString query = "?limit=1" + (next.isEmpty() ? QString() : "&cursor=" + next);
+            const QString query = (path.contains('?') ? "&limit=1" : "?limit=1") +
+                                  (next.isEmpty() ? QString() : "&cursor=" + next);
             const QJsonObject page = ask(caller, "GET", path + query.toUtf8()).json();
             for (const auto item : page["items"].toArray())
                 ids += QByteArray::number(item.toObject()["id"].toInt());
             next = page["next"].toString();
         } while (!next.isEmpty());
         QTEST(ids.join(','), "ids");
+    }
+
+    /// Of a broadcast that is another's only the speakers that the caller may see count.
+    void receiptsAreOfVisibleSpeakers() {
+        for (const auto& [caller, count] : {std::pair{"viewer", 1}, {"owner", 2}, {"admin", 3}}) {
+            const QJsonObject counts = ask(caller, "GET", "/broadcasts/7000").json()["counts"].toObject();
+            QCOMPARE(counts["completed"].toInt(), count);
+            QCOMPARE(counts["targets"].toInt(), count);
+            const HttpReply csv = m_service->http().request(
+                "GET", "/api/v1/broadcasts/7000/receipts", {},
+                {{"Authorization", "Bearer " + tokenOf(caller)}, {"Accept", "text/csv"}});
+            QCOMPARE(csv.body.count("\r\n"), count + 1);
+            QVERIFY(csv.body.startsWith("serial,state,reason,by,sent,started,ended\r\n" +
+                                        QByteArray(31, '0') + "1,completed,\"so, \"\"done\"\"\",,"));
+        }
+        QCOMPARE(ask("admin", "GET", "/broadcasts/7000/receipts?state=lost").json()["items"].toArray().size(),
+                 0);
     }
 
     void conventions_data() {
@@ -302,7 +332,10 @@ private slots:
     void whatADeletedAccountHadIsItsMasters() {
         m_service->sql("UPDATE `sbox_device_info` SET `user_id` = 16");
         QCOMPARE(ask("owner", "DELETE", "/accounts/16").status, 204);
-        QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info`").first()["user_id"].toInt(), 14);
+        QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info` WHERE `id` = 1")
+                     .first()["user_id"]
+                     .toInt(),
+                 14);
         QCOMPARE(ask("admin", "DELETE", "/accounts/14").status, 204); // has no master
         QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info`").first()["user_id"].toInt(), 11);
         QVERIFY(m_service->sql("SELECT * FROM `groupgrant`").isEmpty());
@@ -396,7 +429,7 @@ private:
     /// Accounts 11 to 16, a group of the owner's (70), a grant (60) and a named token (50) of its.
     void reset() {
         for (const char* table : {"sbox_users", "apitoken", "groupgrant", "audit", "idempotency",
-                                  "sbox_group", "sbox_device_info", "group_seed", "userfile"})
+                                  "sbox_group", "sbox_device_info", "group_seed", "userfile", "broadcast", "receipt", "journal"})
             m_service->sql(QString("DELETE FROM `%1`").arg(table));
         int id = 11;
         for (const char* name : {"admin", "viewer", "operator", "owner", "other", "sub"}) {
@@ -420,6 +453,32 @@ private:
                        "(90, 14, 'Zg==', 'mp3/none.mp3', 20)");
         m_service->sql("INSERT INTO `groupgrant` (`id`, `account`, `gid`, `role`) VALUES (60, 12, 70, 1), "
                        "(61, 13, 70, 2)");
+        addBroadcast();
+    }
+    /// Two speakers of the owner, one of them in the group, and another's have played a broadcast of
+    /// nobody's.
+    void addBroadcast() {
+        for (int speaker = 1; speaker <= 3; ++speaker) {
+            const QString sn = QString("%1").arg(speaker, 32, 10, QLatin1Char('0'));
+            m_service->sql(
+                QString("INSERT INTO `sbox_device_info` (`id`, `device_seed`, `user_id`) VALUES (%1, "
+                        "'%2', %3)")
+                    .arg(70 + speaker)
+                    .arg(sn)
+                    .arg(speaker == 3 ? 11 : 14));
+            m_service->sql(QString("INSERT INTO `receipt` (`broadcast`, `serial`, `state`, `reason`, `sent`) "
+                                   "VALUES (7000, '%1', 4, 'so, \"done\"', 1)")
+                               .arg(sn));
+        }
+        m_service->sql("INSERT INTO `group_seed` (`gid`, `devid`) VALUES (70, 71)");
+        m_service->sql(
+            "INSERT INTO `broadcast` (`id`, `kind`, `state`, `targets`, `n_completed`) VALUES (7000, "
+            "'direct', 'done', 3, 3)");
+        m_service->sql(
+            "INSERT INTO `journal` (`id`, `kind`, `state`, `account`, `broadcast`, `serial`) VALUES "
+            "(7100, 'bell', 'late', 14, 0, ''), (7101, 'service', 'started', 0, 0, ''), "
+            "(7102, 'direct', 'done', 0, 7000, ''), "
+            "(7103, 'speaker', 'flaky', 0, 0, '00000000000000000000000000000001')");
     }
     void addToken(int id, int account, const char* name, const QByteArray& text) {
         m_service->sql(

@@ -6,7 +6,10 @@
 #include <array>
 #include <csignal>
 #include <fcntl.h>
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QTcpServer>
+#include <QTcpSocket>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -56,9 +59,10 @@ private slots:
         auto options = speakersAt(service);
         options.reconnectPause = std::chrono::milliseconds(100);
         const auto fleet = onlineFleet(options, 100);
-        readAll();
+        QByteArray told = readAll();
         service.command({{"cmd", "LIST"}}); // is told
-        QVERIFY(readAll().contains(" lines lost\n"));
+        told += readAll();
+        QVERIFY(told.contains(" lines lost\n"));
         fill();
         process.terminate();
         QVERIFY(process.waitForFinished(20000));
@@ -95,12 +99,17 @@ private slots:
 
     void mediaOnlyOpensNoHttp() {
         ServiceOptions options;
-        options.settings = {{"isonly_media", true}};
+        options.settings = {{"isonly_media", true}, {"PS1", 0}};
         options.createDatabase = false;
         Service service(options);
         QVERIFY(service.start());
         const auto fleet = onlineFleet(speakersAt(service), 1);
-        QCOMPARE(service.command({{"cmd", "LIST"}}).value("list").toArray().size(), 1);
+        QVERIFY(service.waitForLog("speakerd ready: "));
+        const QRegularExpression ready("speakerd ready: devices \\d+/\\d+, commands (\\d+)/\\d+\n");
+        const quint16 port = ready.match(QString::fromUtf8(service.log())).captured(1).toUShort();
+        QTcpSocket controller; // a port of 0 is told
+        controller.connectToHost("127.0.0.1", port);
+        QVERIFY(port != 0 && controller.waitForConnected(2000));
         QCOMPARE(service.http().get("/").status, 0);
         QVERIFY(!QFile::exists(service.file(".Elvor.db")));
         QCOMPARE(service.stop(), 0);
@@ -136,24 +145,31 @@ private slots:
     }
 
     void endsWhenAPortIsTaken_data() {
-        const Table<int, bool, QByteArray> row{"offset", "second", "logged"};
-        row("control port", 0, false, "exit er2s");
-        row("second control port", 0, true, "exit er1");
-        row("audio port", 2, false, "exit er5");
+        const Table<QString, int, int, QString> row{"key", "offset", "status", "logged"};
+        row("control port", "DPort", 0, 0, "exit er2s");
+        row("second control port", "DataPortBack3", 0, 0, "exit er1");
+        row("audio port", "DPort", 2, 0, "exit er5");
+        row("command port", "PS1", 0, 1, "no command server, PS1 port %1 ");
+        row("second command port", "PS2", 0, 1, "no command server, PS2 port %1 ");
     }
 
     void endsWhenAPortIsTaken() {
+        QFETCH(QString, key);
         QFETCH(int, offset);
-        QFETCH(bool, second);
-        QFETCH(QByteArray, logged);
-        Service service;
-        QTcpServer other;
-        const int port = (second ? service.secondDevicePort() : service.devicePort()) + offset;
-        QVERIFY(other.listen(QHostAddress::Any, quint16(port)));
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("the service did not start"));
+        QFETCH(QString, logged);
+        QTcpServer taken;
+        ServiceOptions options;
+        if (!logged.contains("%1"))
+            options.settings = {{key, freePort(3)}};
+        QVERIFY(taken.listen(QHostAddress::Any, quint16(options.settings.value(key).toInt() + offset)));
+        if (logged.contains("%1"))
+            options.settings = {{key, taken.serverPort()}};
+        Service service(options);
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^the service did not start"));
         QVERIFY(!service.start());
-        QCOMPARE(service.waitForEnd(), 0);
-        QVERIFY2(service.log().contains(logged), service.log());
+        QTEST(service.waitForEnd(), "status");
+        logged.replace("%1", QString::number(taken.serverPort()));
+        QVERIFY2(service.log().contains(logged.toUtf8()), service.log());
     }
 
     void addsAccounts_data() { addKinds({0, 1, 3}); }
@@ -202,6 +218,90 @@ private slots:
         QVERIFY(process.waitForFinished());
         QCOMPARE(process.exitCode(), 0);
         QVERIFY(process.readAllStandardOutput().contains("config.ini"));
+    }
+
+    /// The default ports are taken here, so that the run ends by itself.
+    void tellsWhichConfigurationItReads_data() {
+        const Table<QStringList, QByteArray, bool> row{"arguments", "name", "isMissing"};
+        row("none", {}, "config.ini", true);
+        row("one that is not there", {"other.ini"}, "other.ini", true);
+        row("only the first counts", {"first.ini", "second.ini"}, "first.ini", false);
+    }
+
+    void tellsWhichConfigurationItReads() {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, name);
+        QFETCH(bool, isMissing);
+        QTcpServer taken;
+        if (!taken.listen(QHostAddress::Any, 3333))
+            QSKIP("the default port is in use");
+        QTemporaryDir directory;
+        QFile file(directory.filePath("first.ini"));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write("[Settings]\nLocalIP=127.0.0.1\n") > 0);
+        file.close();
+        QProcess process;
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.setWorkingDirectory(directory.path());
+        process.start(BUILD_DIR "/speakerd", arguments);
+        QVERIFY(process.waitForFinished(60'000) && process.exitStatus() == QProcess::NormalExit);
+        const QByteArray output = process.readAll();
+        QVERIFY(output.contains("Use config: " + name));
+        const QByteArray path = directory.filePath(name).toUtf8();
+        QCOMPARE(output.contains("Config file missing: " + path), isMissing);
+        QCOMPARE(output.contains("LocalIP Error"), isMissing);
+    }
+
+    void reportsInOrderAndKeepsSecrets() {
+        ServiceOptions options;
+        options.settings = {
+            {"ISLOCALHOST", true}, {"locipsss", "10.9.8.7"},     {"preurl", "http://FUCKHOST:1/"},
+            {"askey", "hush-a"},   {"RedisAUTH", "hush-b"},      {"task_passwd", "hush-c"},
+            {"PayKey", "hush-d"},  {"ttsxfAPISecret", "hush-e"}, {"ttsxfAPIKey", "hush-f"}};
+        Service service(options);
+        QVERIFY(service.start());
+        QVERIFY(service.waitForLog("speakerd ready: "));
+        const QByteArray log = service.log();
+        int at = 0;
+        for (const QByteArray& expected :
+             {QByteArray("argv:"), QByteArray("Use config: config.ini"),
+              QByteArray("ISLOCALHOST::>>> 127.0.0.1"), QByteArray("ISLOCALHOST::>>> 10.9.8.7\n"),
+              QByteArray("localcdn::>>> 10.9.8.7:8080\n"), QByteArray("http://10.9.8.7:1/"),
+              QByteArray("init sqlite3"), QByteArray("SQLITE 3"), QByteArray(" true\n"),
+              "warningurl http://10.9.8.7:" + QByteArray::number(service.httpPort()) + "/\n",
+              QByteArray("preurl http://10.9.8.7:1/\n"), QByteArray("QSQLITE"),
+              QByteArray("speakerd ready: ")}) {
+            at = log.indexOf(expected, at);
+            QVERIFY2(at >= 0, expected + "\n" + log);
+        }
+        QVERIFY(!log.contains("hush-"));
+        QVERIFY(!log.contains(Service::serviceKey()));
+    }
+
+    void storedSpeakersAreKnown() {
+        const QString active(32, 'a');
+        const QString expired(32, 'b');
+        const QString unknown(32, 'c');
+        Service service;
+        for (const QString& sn : {active, expired})
+            service.sql(
+                QString("INSERT INTO sbox_device_info (user_id, device_seed) VALUES (1, '%1')").arg(sn));
+        service.sql(QString("INSERT INTO snover (sn, statu) VALUES ('%1', 2)").arg(expired));
+        QVERIFY(service.start());
+        const QJsonObject reply =
+            service.command({{"cmd", "LIST"}, {"snlist", QJsonArray{active, expired, unknown}}});
+        const QByteArray text = QJsonDocument(reply).toJson();
+        QVERIFY2(text.contains(active.toUtf8()) && text.contains(expired.toUtf8()), text);
+    }
+
+    void raisesItsOpenFileLimit() {
+        Service service;
+        QVERIFY(service.start());
+        QFile limits(QString("/proc/%1/limits").arg(service.pid()));
+        QVERIFY(limits.open(QIODevice::ReadOnly));
+        const QRegularExpression openFiles("Max open files\\s+(\\d+)\\s+(\\d+)");
+        const auto match = openFiles.match(QString::fromUtf8(limits.readAll()));
+        QVERIFY(match.hasMatch());
+        QCOMPARE(match.captured(1), match.captured(2));
     }
 };
 

@@ -106,11 +106,27 @@ struct Bench {
             all += r.word();
         return all;
     }
+    void rule(int taskid, const QString& column, const QVariant& value) {
+        sql(QStringLiteral("INSERT INTO taskrule (taskid, %2) VALUES (%1, '%3')")
+                .arg(taskid)
+                .arg(column, value.toString()));
+    }
+    /// From now on the outcomes stand in `told`.
+    void tell() {
+        queue->setBellSink([this](const BellOutcome& bell) {
+            const QString states[] = {"played", QStringLiteral("late %1 s").arg(bell.late), "skipped"};
+            told += QStringLiteral("%1 %2 %3")
+                        .arg(bell.schedule)
+                        .arg(states[static_cast<int>(bell.state)], bell.reason)
+                        .trimmed();
+        });
+    }
     Tasxkobj* player(int taskid) const { return queue->runningPlayer(static_cast<quint64>(taskid)); }
 
     std::vector<ScriptedNode> nodes;
     sqlite db;
     std::unique_ptr<Task_workque> queue;
+    QStringList told;
     qint64 now = 0;
     qint64 steady = 0;
 };
@@ -218,10 +234,13 @@ private slots:
         QList<int> started;
         connect(bench.queue.get(), &Task_workque::started,
                 [&](quint64 key) { started += static_cast<int>(key); });
+        bench.tell();
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression("task lost: .*\"8:0:4\" \"bell\" 3$"));
         bench.tick(Morning + 64);
         QCOMPARE(started, (QList<int>{first, middle, last}));
         QVERIFY(!bench.player(lost));
+        QCOMPARE(bench.told, (QStringList{"3 skipped the service was held up", "2 late 59 s", "4 late 34 s",
+                                          "1 played"}));
     }
 
     void clockSetBackRingsOnce() {
@@ -246,6 +265,89 @@ private slots:
         QCOMPARE(starts, 1);
         bench.tick(Morning + 86400 - 1);
         bench.tick(Morning + 86400);
+        QCOMPARE(starts, 2);
+    }
+
+    void calendarsAndPolicies_data() {
+        const Table<QString, QVariant, int, QStringList> row{"column", "value", "late", "told"};
+        row("as always", "missed", QVariant("60"), 59, {"1 late 59 s"});
+        row("a minute late", "missed", QVariant("60"), 60, {"1 skipped the service was held up"});
+        row("skip, in time", "missed", QVariant("0"), 2, {"1 played"});
+        row("skip", "missed", QVariant("0"), 3, {"1 skipped the service was held up"});
+        row("an hour", "missed", QVariant("3600"), 3599, {"1 late 3599 s"});
+        row("silent", "calendarid", QVariant("1"), 0, {"1 skipped silent by calendar holidays"});
+        row("another calendar", "calendarid", QVariant("2"), 0, {"1 played"});
+    }
+    void calendarsAndPolicies() {
+        QFETCH(QString, column);
+        QFETCH(QVariant, value);
+        QFETCH(int, late);
+        Bench bench;
+        bench.tell();
+        bench.sql("INSERT INTO calendar (id, userid, name) VALUES (1, 5, 'holidays')");
+        bench.sql("INSERT INTO calendarentry (calendarid, firstday, lastday) VALUES (1, 20778, 20778)");
+        bench.rule(bench.addTask(), column, value);
+        bench.tick(Morning + late);
+        QTEST(bench.told, "told");
+    }
+
+    void outcomesOfWhatCannotPlay() {
+        Bench bench;
+        bench.tell();
+        bench.addTask();
+        bench.sql("DELETE FROM taskfile");
+        const int outside = bench.addTask({"start_time = 1"});
+        bench.tick(Morning);
+        bench.setTime(Morning - EightOClock);
+        bench.tick(Morning - EightOClock + 1);
+        QCOMPARE(bench.told, (QStringList{"1 skipped no sounds", "2 skipped outside the working span"}));
+        QVERIFY(!bench.player(outside));
+    }
+
+    void clockSetForwardTellsWhatItSkipped() {
+        Bench bench;
+        bench.tell();
+        const int lost = bench.addTask(), wanted = bench.addTask();
+        bench.rule(wanted, "missed", 3600);
+        bench.setTime(Morning - 2);
+        bench.now = Morning - 1;
+        bench.queue->forqueout();
+        bench.now = Morning + 1800; // the steady clock has gone on by nothing
+        bench.queue->forqueout();
+        QVERIFY(waitFor([&] { return !bench.queue->isStarting(); }));
+        QVERIFY(!bench.player(lost));
+        QCOMPARE(bench.told, (QStringList{"1 skipped the clock was set forward", "2 late 1800 s"}));
+    }
+
+    /// Another process that has the same database has its runs too; a date that was wrong does not count.
+    void runsOutliveTheProcess() {
+        Bench bench;
+        const int id = bench.addTask();
+        bench.tick(Morning);
+        QCOMPARE(bench.sql("SELECT * FROM taskrun").integer(0, "due"), static_cast<int>(Morning));
+        Task_workque again(nullptr, 1, 2, 3, "", "", {QJsonObject{{"nodeip", "127.0.0.1"}, {"nodeport3", 4}}},
+                           nullptr, "", 4, "", "", "", &bench.db, 1000, 3, SpanStart, SpanEnd);
+        QStringList told;
+        again.setBellSink([&](const BellOutcome& bell) { told += bell.reason; });
+        qint64 now = Morning - 1;
+        again.setClock({[&] { return now * 1000; },
+                        [&] {
+                            return now * 1000;
+                        }});
+        int starts = 0;
+        connect(&again, &Task_workque::started, [&] { ++starts; });
+        for (qint64 second : {Morning, Morning + 3 * 3600, Morning - 1, Morning}) {
+            now = second;
+            again.forqueout();
+        }
+        QCOMPARE(starts, 0);
+        for (qint64 second : {Morning + 86400 - 1, Morning + 86400, Morning + 3600, Morning + 86400 - 1,
+                              Morning + 86400}) { // tomorrow, and back again
+            now = second;
+            again.forqueout();
+            if (Tasxkobj* player = again.runningPlayer(static_cast<quint64>(id)))
+                player->TimerOut();
+        }
         QCOMPARE(starts, 2);
     }
 

@@ -1,12 +1,14 @@
 #include "tools/simdatapath.h"
 
+#include "device/words.h"
+
 #include <QNetworkProxy>
 
 namespace sim {
 namespace {
 
 const QByteArray kPull = QByteArrayLiteral("PULL\n");
-const QByteArray kHeartbeat = QByteArrayLiteral("HELL");
+const QByteArray kHeartbeat = words::Heartbeat;
 
 } // namespace
 

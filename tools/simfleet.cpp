@@ -14,7 +14,7 @@ constexpr std::size_t kBurst = 200;
 
 } // namespace
 
-Fleet::Fleet(const SpeakerOptions& first, int count, QObject* parent)
+Fleet::Fleet(const SpeakerOptions& first, int count, const Misfits& misfits, QObject* parent)
     : QObject(parent) {
     const int networks = std::min(kMaxNetworks, (count + kSpeakersPerNetwork - 1) / kSpeakersPerNetwork);
     for (int i = 0; i < networks; ++i) {
@@ -25,6 +25,9 @@ Fleet::Fleet(const SpeakerOptions& first, int count, QObject* parent)
         SpeakerOptions options = first;
         options.serial = serialAt(first.serial, static_cast<quint32>(i));
         options.network = m_networks.at(static_cast<std::size_t>(i % networks)).get();
+        options.isSilent = i < misfits.silent;
+        if (i >= misfits.silent && i < misfits.silent + misfits.dropping)
+            options.dropAfter = misfits.dropAfter;
         if (!first.player.saveDir.isEmpty())
             options.player.saveDir =
                 QDir(first.player.saveDir).filePath(QString::fromLatin1(options.serial.toHex()));

@@ -7,13 +7,20 @@
 
 namespace sim {
 
+/// Speakers of a fleet that do not do as they should; the first ones of it.
+struct Misfits {
+    int silent = 0;                            ///< so many never report what they play
+    int dropping = 0;                          ///< of the others so many lose their connection
+    std::chrono::milliseconds dropAfter{1000}; ///< into a play
+};
+
 /// `count` speakers with consecutive serials on one thread.
 class Fleet : public QObject {
     Q_OBJECT
 public:
     /// `first` holds the first serial and what all speakers share; with a save directory each speaker
     /// stores below its own serial.
-    Fleet(const SpeakerOptions& first, int count, QObject* parent = nullptr);
+    Fleet(const SpeakerOptions& first, int count, const Misfits& misfits = {}, QObject* parent = nullptr);
     ~Fleet() override;
 
     /// Starts the speakers one burst after the other; a lost speaker is started again only when the

@@ -62,6 +62,12 @@ void Player::next() {
     }
     const QString address = m_list[m_next++].address;
     emit fetching(QUrl(address).path());
+    if (m_options.pretended.count() > 0) {
+        Fetch fetch;
+        fetch.address = address;
+        fetch.mp3.length = m_options.pretended;
+        return begin(fetch);
+    }
     fetch(address, [this, generation = m_generation](const Fetch& fetch) {
         if (generation != m_generation)
             return;

@@ -3,6 +3,7 @@
 #include "tools/mp3check.h"
 #include "tools/speakerprotocol.h"
 
+#include <chrono>
 #include <functional>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -36,6 +37,8 @@ public:
         QString saveDir;         ///< where bodies are stored; empty: nowhere
         double speed = 1.0;      ///< how many times faster than the file's length it plays
         bool keepBodies = false; ///< leaves the body in the Fetch
+        /// Not 0: takes every address for one of this length and fetches none.
+        std::chrono::milliseconds pretended{0};
     };
     /// `network` is not owned and may be shared.
     Player(Options options, QNetworkAccessManager* network, QObject* parent);

@@ -35,6 +35,8 @@ Speaker::Speaker(SpeakerOptions options, QObject* parent)
     m_socket.setProxy(QNetworkProxy::NoProxy);
     m_gap.setSingleShot(true);
     m_reconnect.setSingleShot(true);
+    m_drop.setSingleShot(true);
+    connect(&m_drop, &QTimer::timeout, this, &Speaker::drop);
     connect(&m_socket, &QTcpSocket::connected, this, &Speaker::onConnected);
     connect(&m_socket, &QTcpSocket::readyRead, this, &Speaker::readCommands);
     connect(&m_socket, &QTcpSocket::stateChanged, this, [this](QAbstractSocket::SocketState state) {
@@ -45,17 +47,19 @@ Speaker::Speaker(SpeakerOptions options, QObject* parent)
     connect(&m_beat, &QTimer::timeout, this, [this] { report(kBeat); });
     connect(&m_reconnect, &QTimer::timeout, this, &Speaker::connectToServer);
     connect(m_player, &Player::fetching, this,
-            [this](const QString& path) { report(QByteArrayLiteral("UA2") + path.toUtf8()); });
+            [this](const QString& path) { reportPlay(words::Path + path.toUtf8()); });
     connect(m_player, &Player::fetched, this, [this](const Fetch& fetch) {
         m_fetches.push_back(fetch);
         emit fetched(fetch);
     });
     connect(m_player, &Player::playing, this, [this](const Fetch& fetch) {
-        report(QByteArrayLiteral("UA3"));
+        reportPlay(words::Playing);
+        if (m_options.dropAfter.count() > 0)
+            m_drop.start(m_options.dropAfter);
         emit playing(fetch);
     });
     connect(m_player, &Player::played, this, &Speaker::played);
-    connect(m_player, &Player::idle, this, [this] { report(QByteArrayLiteral("UA1")); });
+    connect(m_player, &Player::idle, this, [this] { reportPlay(words::PathDone); });
 }
 
 Speaker::~Speaker() {
@@ -92,7 +96,7 @@ void Speaker::onConnected() {
     m_reports.clear();
     report(registrationPacket(m_options.serial, static_cast<quint8>(m_volume)));
     if (m_clockOffset != 0)
-        report(QByteArrayLiteral("UD1"));
+        report(words::TimeWanted);
     m_beat.start(m_options.beatInterval);
     emit connected();
 }
@@ -109,6 +113,11 @@ void Speaker::report(const QByteArray& bytes) {
     m_reports.enqueue(bytes);
     if (!m_gap.isActive())
         writeNext();
+}
+
+void Speaker::reportPlay(const QByteArray& bytes) {
+    if (!m_options.isSilent)
+        report(bytes);
 }
 
 void Speaker::writeNext() {
@@ -196,10 +205,10 @@ void Speaker::obeyPlay(const Command& command) {
     if (list.empty())
         return;
     if (command.op == Op::Preload) {
-        m_player->preload(list, [this] { report(QByteArrayLiteral("UB1")); });
+        m_player->preload(list, [this] { report(words::Preloaded); });
     } else if (command.op == Op::Purge) {
         m_player->purge(list);
-        report(QByteArrayLiteral("UC1"));
+        report(words::Purged);
     } else {
         m_player->play(list);
     }
@@ -230,7 +239,7 @@ void Speaker::obeyTask(const Command& command) {
         m_tasks.clear();
         break;
     case Op::TaskList:
-        report(QByteArrayLiteral("UT1") + m_tasks.join(QLatin1Char('\n')).toUtf8());
+        report(words::Tasks + m_tasks.join(QLatin1Char('\n')).toUtf8());
         break;
     case Op::TaskRemove: {
         const QString id = QString::fromLatin1(command.argument) + QStringLiteral("||");

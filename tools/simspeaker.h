@@ -26,7 +26,10 @@ struct SpeakerOptions {
     /// pause between two of its own writes.
     std::chrono::milliseconds reportGap{100};
     std::chrono::milliseconds reconnectPause{0}; ///< after a lost connection; 0: stays away
-    bool clockSet = true;                        ///< false: its date says 1970 until it is told the time
+    bool isSilent = false;                       ///< obeys, and never reports what it plays
+    /// So long after a play begins the connection is reset; 0: it is not.
+    std::chrono::milliseconds dropAfter{0};
+    bool clockSet = true; ///< false: its date says 1970 until it is told the time
     Player::Options player;
     DataPath::Options data;
     QNetworkAccessManager* network = nullptr; ///< shared between speakers; null: one of its own
@@ -93,6 +96,7 @@ private:
     void obeyPlay(const Command& command);
     void obeyStream(const Command& command);
     void obeyTask(const Command& command);
+    void reportPlay(const QByteArray& report);
     bool bind(const QByteArray& entry);
     void writeNext();
 
@@ -102,6 +106,7 @@ private:
     QTimer m_beat;
     QTimer m_gap;
     QTimer m_reconnect;
+    QTimer m_drop;
     QQueue<QByteArray> m_reports;
     Player* m_player = nullptr;
     DataPath* m_data = nullptr;

@@ -7,52 +7,8 @@
 namespace sim {
 namespace {
 
-constexpr int kDigits = -1; ///< argument: a run of decimal digits
-constexpr int kText = -2;   ///< argument: whatever there is
-
-struct Word {
-    const char* text;
-    Op op;
-    int argument; ///< bytes, or one of the kinds above
-};
-
-// The first that fits, its argument included.
-constexpr std::array kWords{
-    Word{"GET_BAOJINGEE", Op::AlarmState, 0},
-    Word{"GET_BAOJINGGE", Op::AlarmState, 0},
-    Word{"GET_BAOJING", Op::AlarmState, 0},
-    Word{"JXXXXX", Op::DeviceInfo, 0},
-    Word{"SETVOL", Op::VolumeCode, 1},
-    Word{"AM", Op::Time, 6},
-    Word{"A0", Op::ContentServer, kText},
-    Word{"A&", Op::ContentServer, kText},
-    Word{"A1", Op::PlayList, kText},
-    Word{"A2", Op::Preload, kText},
-    Word{"A3", Op::Purge, kText},
-    Word{"A4", Op::PlayUrl, kText},
-    Word{"A5", Op::Stop, 0},
-    Word{"A6", Op::PlayList, kText},
-    Word{"A7", Op::Stop, 0},
-    Word{"AS", Op::Stream, kText},
-    Word{"AT", Op::TaskAdd, kText},
-    Word{"AD", Op::TaskRemove, kDigits},
-    Word{"AE", Op::TaskStop, kDigits},
-    Word{"AL", Op::TaskList, 0},
-    Word{"AR", Op::Reboot, 0},
-    Word{"A@", Op::TasksClear, 0},
-    Word{"AF", Op::TasksStop, 0},
-    Word{"A#", Op::FileTransfer, kText},
-    Word{"V", Op::Volume, 1},
-    Word{"M", Op::Microphone, 2},
-    Word{"I", Op::Debug, 1},
-    Word{"G", Op::Gpio, 2},
-    Word{"Y", Op::ServerAddress, 6},
-    Word{"K", Op::DataConnect, 6},
-    Word{"X", Op::Speak, kText},
-};
-
 bool fits(const QByteArray& argument, int kind) {
-    if (kind == kText)
+    if (kind == words::Text)
         return true;
     if (kind >= 0)
         return argument.size() == kind;
@@ -65,7 +21,7 @@ bool fits(const QByteArray& argument, int kind) {
 } // namespace
 
 int takeKeepAlives(QByteArray& read) {
-    static const QByteArray keepAlive = QByteArrayLiteral("OKOK");
+    static const QByteArray keepAlive = words::KeepAlive;
     int count = 0;
     for (; read.startsWith(keepAlive); ++count)
         read.remove(0, keepAlive.size());
@@ -75,7 +31,7 @@ int takeKeepAlives(QByteArray& read) {
 }
 
 Command commandOf(const QByteArray& read) {
-    for (const Word& word : kWords) {
+    for (const words::Word& word : words::Commands) {
         const QByteArray argument = read.mid(int(qstrlen(word.text)));
         if (read.startsWith(word.text) && fits(argument, word.argument))
             return {word.op, read, argument};

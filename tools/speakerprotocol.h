@@ -1,5 +1,7 @@
 #pragma once
 
+#include "device/words.h"
+
 #include <QByteArray>
 #include <QHostAddress>
 #include <QJsonObject>
@@ -11,36 +13,7 @@
 /// The speaker's side of the device protocol (docs/device-protocol.md): bytes in, values out, no socket.
 namespace sim {
 
-/// What a command asks of the speaker; the comment is its form on the wire.
-enum class Op {
-    DeviceInfo,    ///< "JXXXXX"
-    VolumeCode,    ///< "SETVOL", one code byte
-    Volume,        ///< "V", one byte
-    Microphone,    ///< "M", echo byte, gain byte
-    Debug,         ///< "IK" or "IS"
-    Gpio,          ///< "G01" or "G00"
-    ServerAddress, ///< "Y", IPv4 address, port (high byte first)
-    DataConnect,   ///< "K", IPv4 address, port (high byte first)
-    Time,          ///< "AM", year - 1970, month, day, hour, minute, second
-    ContentServer, ///< "A0" or "A&", address
-    PlayList,      ///< "A1" or "A6", list
-    Preload,       ///< "A2", list
-    Purge,         ///< "A3", list
-    PlayUrl,       ///< "A4", address
-    Stop,          ///< "A5" or "A7"
-    Stream,        ///< "AS", one entry; only digits: test of a stored task
-    TaskAdd,       ///< "AT", record
-    TaskRemove,    ///< "AD", decimal id
-    TaskStop,      ///< "AE", decimal id
-    TaskList,      ///< "AL"
-    Reboot,        ///< "AR"
-    TasksClear,    ///< "A@"
-    TasksStop,     ///< "AF"
-    FileTransfer,  ///< "A#", three texts joined by "`"
-    Speak,         ///< "X", text
-    AlarmState,    ///< "GET_BAOJING", "GET_BAOJINGEE" or "GET_BAOJINGGE"
-    Unknown        ///< no command, or more than one that were read together
-};
+using words::Op;
 
 struct Command {
     Op op = Op::Unknown;

@@ -140,6 +140,7 @@ void watchSignals(sim::Fleet& fleet, int fd) {
 struct Arguments {
     sim::SpeakerOptions first;
     int count = 1;
+    sim::Misfits misfits;
     bool quiet = false;
     bool commands = false;
     QString error;
@@ -164,6 +165,10 @@ Arguments parse(const QCoreApplication& app) {
     option("vol", "Volume at registration.", "LEVEL", "20");
     option("beat", "Seconds between two status beats.", "SECONDS", "5");
     option("reconnect", "Seconds to wait after a lost connection, 0: don't come back.", "SECONDS", "2");
+    option("play-for", "Plays every address so long without fetching it, 0: fetches.", "SECONDS", "0");
+    option("silent", "So many, the first, never report what they play.", "N", "0");
+    option("drop", "So many of the others lose their connection while they play.", "N", "0");
+    option("drop-after", "How long into a play.", "SECONDS", "1");
     option("play-fast", "Plays so many times faster than the file's length.", "FACTOR", "1");
     parser.addOption({QStringLiteral("commands"), QStringLiteral("Print every command received.")});
     parser.addOption({QStringLiteral("quiet"), QStringLiteral("Print nothing but the summary at the end.")});
@@ -184,6 +189,13 @@ Arguments parse(const QCoreApplication& app) {
     first.player.saveDir = parser.value(QStringLiteral("save"));
     first.player.speed = parser.value(QStringLiteral("play-fast")).toDouble();
     first.data.keepBytes = false;
+    const auto span = [&parser](const char* name) {
+        const double seconds = parser.value(QString::fromLatin1(name)).toDouble();
+        return std::chrono::milliseconds(static_cast<qint64>(seconds * 1000));
+    };
+    first.player.pretended = span("play-for");
+    result.misfits = {parser.value(QStringLiteral("silent")).toInt(),
+                      parser.value(QStringLiteral("drop")).toInt(), span("drop-after")};
     if (first.serial.size() != 16)
         result.error = QStringLiteral("--first-sn needs 32 hexadecimal digits");
     else if (first.host.isEmpty() || first.port == 0)
@@ -208,7 +220,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "speaker-sim: %s\n", qPrintable(arguments.error));
         return 2;
     }
-    sim::Fleet fleet(arguments.first, arguments.count);
+    sim::Fleet fleet(arguments.first, arguments.count, arguments.misfits);
     qint64 fetches = 0;
     qint64 failures = 0;
     for (int i = 0; i < fleet.size(); ++i) {

@@ -14,13 +14,17 @@
 #include "http/httpsessionstore.h"
 #include "http/staticfilecontroller.h"
 #include "http/templateloader.h"
+#include "journal/journal.h"
 #include "nodes/gate.h"
 #include "redis/fuck_redis.h"
+#include "redis/speakermirror.h"
 #include "rest/restrouter.h"
+#include "service/calendarkeeper.h"
 #include "service/changecounter.h"
 #include "service/filestore.h"
 #include "service/loginbrake.h"
 #include "service/passwords.h"
+#include "service/schedules.h"
 #include "service/speakerboard.h"
 #include "service/speakercommands.h"
 #include "service/tokens.h"
@@ -33,6 +37,7 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QFile>
+#include <QHostAddress>
 #include <QJsonObject>
 #include <QNetworkInterface>
 #include <QSqlDatabase>
@@ -54,13 +59,6 @@ QJsonArray nodeList(const Settings& settings) {
     return {QJsonObject{{QStringLiteral("nodeip"), settings.text("LocalIP")},
                         {QStringLiteral("nodeport3"), settings.integer("PS2")},
                         {QStringLiteral("nocdn"), settings.flag("nocdn")}}};
-}
-
-std::unique_ptr<QSettings> openGroup(const Settings& settings, const QString& group) {
-    auto file = std::make_unique<QSettings>(settings.iniPath(), QSettings::IniFormat);
-    file->setIniCodec("UTF-8");
-    file->beginGroup(group);
-    return file;
 }
 
 // Without its command servers nothing could ask the service for anything: who starts it shall hear so.
@@ -85,6 +83,20 @@ QStringList serialsOf(const SqlResult& result, const char* column) {
     return serials;
 }
 
+Journal::Bell bellOf(const BellOutcome& outcome) {
+    using State = BellOutcome::State;
+    Journal::Bell bell;
+    bell.schedule = outcome.schedule;
+    bell.name = outcome.name;
+    bell.due = outcome.due * 1000;
+    bell.outcome = outcome.state == State::Played ? Journal::Bell::Outcome::Played
+                   : outcome.state == State::Late ? Journal::Bell::Outcome::Late
+                                                  : Journal::Bell::Outcome::Skipped;
+    bell.reason = outcome.reason;
+    bell.account = outcome.userid;
+    return bell;
+}
+
 } // namespace
 
 Startup::Startup(QCoreApplication* application, Settings settings)
@@ -102,6 +114,7 @@ void Startup::run() {
     listenForCommands();
     if (!m_settings.flag("isonly_media")) {
         openDatabase();
+        startJournal();
         createTasks();
         createAccounts();
         serveHttp();
@@ -114,6 +127,9 @@ void Startup::end() {
     constexpr std::chrono::seconds limit{2};
     if (m_tasks)
         m_tasks->end(limit);
+    if (m_journal)
+        m_journal->note(Journal::NoteKind::Service, QStringLiteral("ended"),
+                        QStringLiteral("speakerd " SPEAKERD_VERSION));
 }
 
 // What anybody who reaches the ports may do as long as a secret is missing.
@@ -157,8 +173,9 @@ void Startup::createDevices() {
     m_devices->bitrate = integer("bitrate");
     m_devices->setCommandGap(std::chrono::milliseconds(integer("cmdgap")));
     if (m_redis) {
-        m_devices->setStateMirror(m_redis.get());
-        QObject::connect(m_redis.get(), &fuck_redis::restored, m_devices.get(), &Severinit::remirror);
+        m_devices->setGroupReader([this](const QString& group) { return m_redis->backsnlist(group); });
+        m_mirror = std::make_unique<SpeakerMirror>(*m_devices, *m_redis);
+        QObject::connect(m_redis.get(), &fuck_redis::restored, m_mirror.get(), &SpeakerMirror::remirror);
         m_redis->try_connect(text("RedisIP"), integer("RedisPort"), text("RedisAUTH"));
     }
     m_devices->init_vison();
@@ -230,6 +247,35 @@ void Startup::awaitDatabase() {
     m_databaseTimer.start(Pause);
 }
 
+void Startup::startJournal() {
+    if (!m_settings.flag("journal"))
+        return;
+    m_journal = std::make_unique<Journal>(m_devices.get(), m_database.get(), nodeNumber(),
+                                          Journal::Limits{integer("journaldays"), integer("receiptdays")});
+    m_alarms->setJournal(m_journal.get());
+    const auto note = [this](Journal::NoteKind kind, const char* state, const char* name) {
+        m_journal->note(kind, QLatin1String(state), QLatin1String(name));
+    };
+    note(Journal::NoteKind::Service, "started", "speakerd " SPEAKERD_VERSION);
+    if (!m_redis)
+        return;
+    QObject::connect(m_redis.get(), &fuck_redis::lost, m_journal.get(),
+                     [note] { note(Journal::NoteKind::Link, "lost", "redis"); });
+    QObject::connect(m_redis.get(), &fuck_redis::restored, m_journal.get(),
+                     [note] { note(Journal::NoteKind::Link, "back", "redis"); });
+}
+
+// Of nodes in one network of 256 addresses, or on one machine with ports one after the other, each has
+// another.
+int Startup::nodeNumber() const {
+    constexpr int most = 255;
+    const int given = integer("nodenumber");
+    if (given >= 1 && given <= most)
+        return given;
+    const quint32 address = QHostAddress(text("LocalIP")).toIPv4Address();
+    return static_cast<int>((address + static_cast<quint32>(integer("PS2"))) & most);
+}
+
 void Startup::createTasks() {
     const int kind = integer("dbk");
     if (!m_database->get_is_aready())
@@ -241,17 +287,21 @@ void Startup::createTasks() {
         text("cdn_str"), nodeList(m_settings), m_application, text("Meida_ip"), integer("PS2"),
         text("task_username"), text("task_passwd"), text("basename"), m_database.get(), integer("sqltaskid"),
         kind, integer("taskstart"), integer("taskend"), nullptr,
-        Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause"))});
+        Nodeque::Relay{m_gate.get(), std::chrono::milliseconds(integer("relaypause")), m_journal.get()});
+    if (m_journal)
+        m_tasks->setBellSink([this](const BellOutcome& bell) { m_journal->bell(bellOf(bell)); });
+    m_tasks->setRingsAfterGap(text("gapbells") == QLatin1String("after"));
+    m_tasks->setResolver([this](int userid, bool everyone, const QList<qint64>& groups) {
+        return speakersOf(*m_database, userid, {everyone, {}, groups});
+    });
+    m_calendars = std::make_unique<CalendarKeeper>(m_database.get());
 }
 
 void Startup::serveHttp() {
-    m_sessionsGroup = openGroup(m_settings, QStringLiteral("sessions"));
-    m_docrootGroup = openGroup(m_settings, QStringLiteral("docroot"));
-    m_listenerGroup = openGroup(m_settings, QStringLiteral("listener"));
-    m_sessions = std::make_unique<HttpSessionStore>(m_sessionsGroup.get());
-    m_files = std::make_unique<StaticFileController>(m_docrootGroup.get());
+    m_sessions = std::make_unique<HttpSessionStore>(SessionStoreSettings::of(m_settings));
+    m_files = std::make_unique<StaticFileController>(DocrootSettings::of(m_settings));
     m_files->setUploads(FileStore::uploadPaths());
-    m_templates = std::make_unique<TemplateLoader>(openGroup(m_settings, QStringLiteral("templates")).get());
+    m_templates = std::make_unique<TemplateLoader>(TemplateSettings::of(m_settings));
     const char* const key = text("ASKEY").isEmpty() ? "(no key)" : "(key)";
     qDebug().noquote() << text("Meida_ip") << integer("Meida_port") << integer("wbport") << key;
     qDebug().noquote() << "warningurl" << m_database->site.warningurl;
@@ -264,7 +314,8 @@ void Startup::serveHttp() {
     m_front->setEvents(m_events.get());
     m_front->setRouter(m_router.get());
 
-    m_http = std::make_unique<HttpListener>(m_database.get(), m_listenerGroup.get(), m_frontDoor.get());
+    m_http = std::make_unique<HttpListener>(m_database.get(), HttpListenerSettings::of(m_settings),
+                                            m_frontDoor.get());
     m_http->setStaticFiles(m_files.get());
     m_http->listen();
 }
@@ -282,6 +333,7 @@ void Startup::createRouters() {
                                                m_database.get(), m_devices.get(), m_tasks.get());
     m_router->setTemplates(m_templates.get());
     m_router->setGate(m_gate.get());
+    m_router->setJournal(m_journal.get());
     m_router->setAccounts(m_oldTokens.get(), m_passwords.get(), m_tokens.get());
     Services services;
     services.database = m_database.get();
@@ -289,6 +341,7 @@ void Startup::createRouters() {
     services.board = m_board.get();
     services.gate = m_gate.get();
     services.tasks = m_tasks.get();
+    services.journal = m_journal.get();
     services.passwords = m_passwords.get();
     services.tokens = m_tokens.get();
     services.oldTokens = m_oldTokens.get();

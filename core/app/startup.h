@@ -4,11 +4,11 @@
 
 #include <memory>
 #include <QJsonArray>
-#include <QSettings>
 #include <QString>
 #include <QTimer>
 
 class Alarmcast;
+class CalendarKeeper;
 class ChangeCounter;
 class cmdthread6;
 class cmdthread;
@@ -18,6 +18,7 @@ class fuck_redis;
 class Gate;
 class HttpListener;
 class HttpSessionStore;
+class Journal;
 class LoginBrake;
 class MainCellInit;
 class Passwords;
@@ -26,6 +27,7 @@ class RequestMapper;
 class RestRouter;
 class sever_listen;
 class Severinit;
+class SpeakerMirror;
 class SpeakerBoard;
 class sqlite;
 class StaticFileController;
@@ -57,6 +59,8 @@ private:
     void openDatabase();
     bool loadStoredSpeakers();
     void awaitDatabase();
+    void startJournal();
+    int nodeNumber() const;
     void createTasks();
     void createAccounts();
     void serveHttp();
@@ -72,18 +76,18 @@ private:
     // In the order of their making; destroyed from the last to the first.
     std::unique_ptr<fuck_redis> m_redis; ///< null with Redis disabled
     std::unique_ptr<Severinit> m_devices;
+    std::unique_ptr<SpeakerMirror> m_mirror; ///< null with Redis disabled
     std::unique_ptr<SpeakerBoard> m_board;
     std::unique_ptr<Gate> m_gate;
     std::unique_ptr<sever_listen> m_speakerListener;
     std::unique_ptr<cmdthread> m_commands;
     std::unique_ptr<cmdthread6> m_commands6;
     std::unique_ptr<Alarmcast> m_alarms;
-    std::unique_ptr<sqlite> m_database;    ///< this and what follows: null in media-only mode
-    QTimer m_databaseTimer;                ///< while its speakers have not been read
-    std::unique_ptr<Task_workque> m_tasks; ///< null unless the database's kind has tasks
-    std::unique_ptr<QSettings> m_sessionsGroup;
-    std::unique_ptr<QSettings> m_docrootGroup;
-    std::unique_ptr<QSettings> m_listenerGroup;
+    std::unique_ptr<sqlite> m_database;          ///< this and what follows: null in media-only mode
+    QTimer m_databaseTimer;                      ///< while its speakers have not been read
+    std::unique_ptr<Journal> m_journal;          ///< null when it is switched off
+    std::unique_ptr<CalendarKeeper> m_calendars; ///< null unless the database's kind has tasks
+    std::unique_ptr<Task_workque> m_tasks;       ///< likewise
     std::unique_ptr<HttpSessionStore> m_sessions;
     std::unique_ptr<StaticFileController> m_files;
     std::unique_ptr<TemplateLoader> m_templates;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <QDebug>
 #include <QStringList>
+#include <sys/socket.h>
 
 namespace {
 
@@ -46,4 +47,8 @@ QHostAddress plainAddress(const QHostAddress& address) {
     bool isIpv4 = false;
     const quint32 ipv4 = address.toIPv4Address(&isIpv4);
     return isIpv4 ? QHostAddress(ipv4) : address;
+}
+
+QHostAddress plainAddress(const sockaddr_storage& address) {
+    return plainAddress(QHostAddress(reinterpret_cast<const sockaddr*>(&address)));
 }

@@ -29,3 +29,4 @@ private:
 
 /// The address with IPv4-in-IPv6 undone.
 QHostAddress plainAddress(const QHostAddress& address);
+QHostAddress plainAddress(const struct sockaddr_storage& address);

@@ -1,6 +1,7 @@
 #include "core/loop/devicesocket.h"
 
 #include "core/logthrottle.h"
+#include "core/loop/addressfilter.h"
 #include "core/loop/eventdispatcher.h"
 #include "core/loop/fetch.h"
 
@@ -174,13 +175,4 @@ QHostAddress DeviceSocket::localAddress() const {
 QString DeviceSocket::errorText() const {
     return m_error == 0 ? QStringLiteral("closed by the peer")
                         : QString::fromLocal8Bit(std::strerror(m_error));
-}
-
-QHostAddress DeviceSocket::plainAddress(const sockaddr_storage& address) {
-    QHostAddress plain(reinterpret_cast<const sockaddr*>(&address));
-    bool isMapped = false;
-    const quint32 mapped = plain.toIPv4Address(&isMapped);
-    if (isMapped)
-        plain.setAddress(mapped);
-    return plain;
 }

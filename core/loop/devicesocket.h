@@ -66,9 +66,6 @@ public:
     /// Why the connection broke, for the log.
     QString errorText() const;
 
-    /// An IPv4 address mapped into IPv6 is given as plain IPv4.
-    static QHostAddress plainAddress(const struct sockaddr_storage& address);
-
 private:
     void descriptorReady(bool readable, bool writable) override;
     void descriptorSoon() const override;

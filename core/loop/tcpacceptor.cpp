@@ -1,5 +1,7 @@
 #include "core/loop/tcpacceptor.h"
 
+#include "core/loop/addressfilter.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -125,7 +127,7 @@ bool TcpAcceptor::acceptOne(int usable) {
         return false;
     }
     if (descriptor >= 0) {
-        m_pending.push_back(std::make_unique<DeviceSocket>(descriptor, DeviceSocket::plainAddress(peer)));
+        m_pending.push_back(std::make_unique<DeviceSocket>(descriptor, plainAddress(peer)));
         emit newConnection();
         return true;
     }

@@ -261,6 +261,71 @@ CREATE TABLE `rizhi` (
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
 CREATE INDEX `rizhi_owner` ON `rizhi` (`userid`);
 
+-- What was played where, and what was not: docs/journal.md.
+DROP TABLE IF EXISTS `broadcast`;
+CREATE TABLE `broadcast` (
+  `id` BIGINT NOT NULL,
+  `node` SMALLINT NOT NULL DEFAULT 0,     -- whose speakers this row counts
+  `kind` VARCHAR(16) NOT NULL DEFAULT '',       -- announcement, bell, live, alarm, direct
+  `name` VARCHAR(255) NOT NULL DEFAULT '',
+  `priority` SMALLINT NOT NULL DEFAULT 0,
+  `owner` INT NOT NULL DEFAULT 0,    -- account whose order or schedule it is
+  `account` INT NOT NULL DEFAULT 0,  -- from here on what it came from; 0 or empty: not that
+  `schedule` INT NOT NULL DEFAULT 0,
+  `input` INT NOT NULL DEFAULT 0,
+  `line` VARCHAR(64) NOT NULL DEFAULT '',
+  `path` VARCHAR(255) NOT NULL DEFAULT '',
+  `state` VARCHAR(16) NOT NULL DEFAULT '',      -- waiting, playing, done, stopped, failed
+  `reason` VARCHAR(255),
+  `due` BIGINT NOT NULL DEFAULT 0,      -- times are ms since 1970-01-01 UTC; 0: none
+  `started` BIGINT NOT NULL DEFAULT 0,
+  `ended` BIGINT NOT NULL DEFAULT 0,
+  `targets` INT NOT NULL DEFAULT 0,  -- the sum of the counts that follow
+  `n_waiting` INT NOT NULL DEFAULT 0,
+  `n_offline` INT NOT NULL DEFAULT 0,
+  `n_sent` INT NOT NULL DEFAULT 0,
+  `n_started` INT NOT NULL DEFAULT 0,
+  `n_completed` INT NOT NULL DEFAULT 0,
+  `n_stopped` INT NOT NULL DEFAULT 0,
+  `n_overruled` INT NOT NULL DEFAULT 0,
+  `n_lost` INT NOT NULL DEFAULT 0,
+  `n_silent` INT NOT NULL DEFAULT 0,
+  `n_refused` INT NOT NULL DEFAULT 0,
+  PRIMARY KEY (`id`, `node`)
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `broadcast_state` ON `broadcast` (`state`, `id`);
+
+DROP TABLE IF EXISTS `receipt`;
+CREATE TABLE `receipt` (
+  `broadcast` BIGINT NOT NULL,
+  `serial` VARCHAR(64) CHARACTER SET ascii COLLATE ascii_bin NOT NULL,
+  `node` SMALLINT NOT NULL DEFAULT 0,
+  `state` SMALLINT NOT NULL DEFAULT 0,    -- 0 waiting, 1 offline, 2 sent, 3 started, 4 completed, 5 stopped, 6 overruled, 7 lost, 8 silent, 9 refused
+  `reason` VARCHAR(255),
+  `by_broadcast` BIGINT NOT NULL DEFAULT 0,
+  `sent` BIGINT NOT NULL DEFAULT 0,
+  `started` BIGINT NOT NULL DEFAULT 0,
+  `ended` BIGINT NOT NULL DEFAULT 0,
+  PRIMARY KEY (`broadcast`, `serial`)
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+
+DROP TABLE IF EXISTS `journal`;
+CREATE TABLE `journal` (
+  `id` BIGINT NOT NULL PRIMARY KEY,
+  `at` BIGINT NOT NULL DEFAULT 0,
+  `kind` VARCHAR(16) NOT NULL DEFAULT '',       -- those of broadcasts, and speaker, service, link
+  `state` VARCHAR(32) NOT NULL DEFAULT '',
+  `name` VARCHAR(255) NOT NULL DEFAULT '',
+  `reason` VARCHAR(255),
+  `due` BIGINT NOT NULL DEFAULT 0,
+  `late` BIGINT NOT NULL DEFAULT 0,     -- ms
+  `broadcast` BIGINT NOT NULL DEFAULT 0,
+  `schedule` INT NOT NULL DEFAULT 0,
+  `account` INT NOT NULL DEFAULT 0,  -- whose it is
+  `serial` VARCHAR(64) CHARACTER SET ascii COLLATE ascii_bin NOT NULL DEFAULT ''
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `journal_kind` ON `journal` (`kind`, `id`);
+
 DROP TABLE IF EXISTS `apitoken`;
 CREATE TABLE `apitoken` (
   `id` BIGINT NOT NULL AUTO_INCREMENT PRIMARY KEY,
@@ -310,11 +375,92 @@ CREATE TABLE `idempotency` (
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
 CREATE INDEX `idempotency_at` ON `idempotency` (`at`);
 
+DROP TABLE IF EXISTS `taskrule`;
+-- What a schedule has beyond its task's row. A task without a row here is as tasks always were.
+CREATE TABLE `taskrule` (
+  `taskid` INT NOT NULL PRIMARY KEY, -- task.id
+  `calendarid` INT, -- calendar.id; NULL: every day is an ordinary one
+  `missed` INT, -- seconds that a late bell may ring after its time, 0 not at all; NULL 60
+  `localdates` INT NOT NULL DEFAULT 0, -- 1: startdate and enddate are local dates, 0: days in UTC
+  `everyone` INT NOT NULL DEFAULT 0, -- 1: every speaker that the owner may play to
+  `whole` INT NOT NULL DEFAULT 0, -- 1: len is what its sounds take
+  `volume` INT, -- 1 to 25, NULL as it is
+  `priority` INT -- 0 to 255, NULL 100
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `taskrule_calendar` ON `taskrule` (`calendarid`);
+
+DROP TABLE IF EXISTS `taskaim`;
+-- Groups that a schedule rings in, beside the speakers in taskseed.
+CREATE TABLE `taskaim` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `taskid` INT NOT NULL DEFAULT 0, -- task.id
+  `gid` INT NOT NULL DEFAULT 0 -- sbox_group.id
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `taskaim_list` ON `taskaim` (`taskid`, `id`);
+CREATE INDEX `taskaim_group` ON `taskaim` (`gid`);
+
+DROP TABLE IF EXISTS `planrule`;
+-- What a plan has beyond its row in taskgroup.
+CREATE TABLE `planrule` (
+  `planid` INT NOT NULL PRIMARY KEY, -- taskgroup.id
+  `exceptional` INT NOT NULL DEFAULT 0 -- 1: rings only where a calendar's entry names it
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+
+DROP TABLE IF EXISTS `calendar`;
+CREATE TABLE `calendar` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `userid` INT NOT NULL DEFAULT 0, -- owner, sbox_users.id
+  `name` VARCHAR(255) NOT NULL DEFAULT ''
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `calendar_owner` ON `calendar` (`userid`);
+
+DROP TABLE IF EXISTS `calendarentry`;
+-- Dates on which a calendar differs from every day.
+CREATE TABLE `calendarentry` (
+  `id` INT NOT NULL AUTO_INCREMENT PRIMARY KEY,
+  `calendarid` INT NOT NULL DEFAULT 0, -- calendar.id
+  `name` VARCHAR(255) NOT NULL DEFAULT '',
+  `firstday` INT NOT NULL DEFAULT 0, -- days since 1970-01-01, local dates
+  `lastday` INT NOT NULL DEFAULT 0, -- included
+  `planid` INT, -- taskgroup.id, the only plan that rings; NULL silence
+  `uid` VARCHAR(255) NOT NULL DEFAULT '', -- of the imported event; empty for one that was put in by hand
+  `occurrence` INT NOT NULL DEFAULT 0 -- the day by which the event's own calendar names this occurrence
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `calendarentry_days` ON `calendarentry` (`calendarid`, `lastday`, `firstday`);
+CREATE INDEX `calendarentry_event` ON `calendarentry` (`calendarid`, `uid`, `occurrence`);
+CREATE INDEX `calendarentry_plan` ON `calendarentry` (`planid`);
+
+DROP TABLE IF EXISTS `calendarfile`;
+-- The imported file of a calendar, to expand what recurs again each day.
+CREATE TABLE `calendarfile` (
+  `calendarid` INT NOT NULL PRIMARY KEY, -- calendar.id
+  `body` LONGTEXT NOT NULL,
+  `expanded` INT NOT NULL DEFAULT 0 -- the day on which that was done last
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+
+DROP TABLE IF EXISTS `taskrun`;
+-- Bells that have rung: none of them rings again.
+CREATE TABLE `taskrun` (
+  `taskid` INT NOT NULL, -- task.id
+  `due` BIGINT NOT NULL, -- seconds since 1970-01-01 UTC
+  `late` INT NOT NULL DEFAULT 0, -- s
+  PRIMARY KEY (`taskid`, `due`)
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `taskrun_due` ON `taskrun` (`due`);
+
+DROP TABLE IF EXISTS `taskclock`;
+-- The last second that the task queue handled.
+CREATE TABLE `taskclock` (
+  `id` INT NOT NULL PRIMARY KEY,
+  `handled` BIGINT NOT NULL DEFAULT 0 -- seconds since 1970-01-01 UTC
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+
 INSERT INTO `sbox_node` (`id`, `node_name`) VALUES (1, 'node1');
 INSERT INTO `swap_info` (`type`) VALUES ('info');
 INSERT INTO `xieyi_mod` (`id`, `xieyi`) VALUES (1, '');
+INSERT INTO `taskclock` (`id`) VALUES (1);
 
 -- The version of what stands above: the number of the newest step in migrations/.
 DROP TABLE IF EXISTS `schema_version`;
 CREATE TABLE `schema_version` (`version` INTEGER NOT NULL);
-INSERT INTO `schema_version` (`version`) VALUES (4);
+INSERT INTO `schema_version` (`version`) VALUES (6);

@@ -264,6 +264,71 @@ CREATE TABLE `rizhi` (
 );
 CREATE INDEX `rizhi_owner` ON `rizhi` (`userid`);
 
+-- What was played where, and what was not: docs/journal.md.
+DROP TABLE IF EXISTS `broadcast`;
+CREATE TABLE `broadcast` (
+  `id` INTEGER NOT NULL,
+  `node` INTEGER NOT NULL DEFAULT 0,     -- whose speakers this row counts
+  `kind` TEXT NOT NULL DEFAULT '',       -- announcement, bell, live, alarm, direct
+  `name` TEXT NOT NULL DEFAULT '',
+  `priority` INTEGER NOT NULL DEFAULT 0,
+  `owner` INTEGER NOT NULL DEFAULT 0,    -- account whose order or schedule it is
+  `account` INTEGER NOT NULL DEFAULT 0,  -- from here on what it came from; 0 or empty: not that
+  `schedule` INTEGER NOT NULL DEFAULT 0,
+  `input` INTEGER NOT NULL DEFAULT 0,
+  `line` TEXT NOT NULL DEFAULT '',
+  `path` TEXT NOT NULL DEFAULT '',
+  `state` TEXT NOT NULL DEFAULT '',      -- waiting, playing, done, stopped, failed
+  `reason` TEXT,
+  `due` INTEGER NOT NULL DEFAULT 0,      -- times are ms since 1970-01-01 UTC; 0: none
+  `started` INTEGER NOT NULL DEFAULT 0,
+  `ended` INTEGER NOT NULL DEFAULT 0,
+  `targets` INTEGER NOT NULL DEFAULT 0,  -- the sum of the counts that follow
+  `n_waiting` INTEGER NOT NULL DEFAULT 0,
+  `n_offline` INTEGER NOT NULL DEFAULT 0,
+  `n_sent` INTEGER NOT NULL DEFAULT 0,
+  `n_started` INTEGER NOT NULL DEFAULT 0,
+  `n_completed` INTEGER NOT NULL DEFAULT 0,
+  `n_stopped` INTEGER NOT NULL DEFAULT 0,
+  `n_overruled` INTEGER NOT NULL DEFAULT 0,
+  `n_lost` INTEGER NOT NULL DEFAULT 0,
+  `n_silent` INTEGER NOT NULL DEFAULT 0,
+  `n_refused` INTEGER NOT NULL DEFAULT 0,
+  PRIMARY KEY (`id`, `node`)
+) WITHOUT ROWID;
+CREATE INDEX `broadcast_state` ON `broadcast` (`state`, `id`);
+
+DROP TABLE IF EXISTS `receipt`;
+CREATE TABLE `receipt` (
+  `broadcast` INTEGER NOT NULL,
+  `serial` TEXT NOT NULL,
+  `node` INTEGER NOT NULL DEFAULT 0,
+  `state` INTEGER NOT NULL DEFAULT 0,    -- 0 waiting, 1 offline, 2 sent, 3 started, 4 completed, 5 stopped, 6 overruled, 7 lost, 8 silent, 9 refused
+  `reason` TEXT,
+  `by_broadcast` INTEGER NOT NULL DEFAULT 0,
+  `sent` INTEGER NOT NULL DEFAULT 0,
+  `started` INTEGER NOT NULL DEFAULT 0,
+  `ended` INTEGER NOT NULL DEFAULT 0,
+  PRIMARY KEY (`broadcast`, `serial`)
+) WITHOUT ROWID;
+
+DROP TABLE IF EXISTS `journal`;
+CREATE TABLE `journal` (
+  `id` INTEGER NOT NULL PRIMARY KEY,
+  `at` INTEGER NOT NULL DEFAULT 0,
+  `kind` TEXT NOT NULL DEFAULT '',       -- those of broadcasts, and speaker, service, link
+  `state` TEXT NOT NULL DEFAULT '',
+  `name` TEXT NOT NULL DEFAULT '',
+  `reason` TEXT,
+  `due` INTEGER NOT NULL DEFAULT 0,
+  `late` INTEGER NOT NULL DEFAULT 0,     -- ms
+  `broadcast` INTEGER NOT NULL DEFAULT 0,
+  `schedule` INTEGER NOT NULL DEFAULT 0,
+  `account` INTEGER NOT NULL DEFAULT 0,  -- whose it is
+  `serial` TEXT NOT NULL DEFAULT ''
+);
+CREATE INDEX `journal_kind` ON `journal` (`kind`, `id`);
+
 DROP TABLE IF EXISTS `apitoken`;
 CREATE TABLE `apitoken` (
   `id` INTEGER PRIMARY KEY AUTOINCREMENT,
@@ -313,11 +378,92 @@ CREATE TABLE `idempotency` (
 );
 CREATE INDEX `idempotency_at` ON `idempotency` (`at`);
 
+DROP TABLE IF EXISTS `taskrule`;
+-- What a schedule has beyond its task's row. A task without a row here is as tasks always were.
+CREATE TABLE `taskrule` (
+  `taskid` INTEGER PRIMARY KEY, -- task.id
+  `calendarid` INTEGER, -- calendar.id; NULL: every day is an ordinary one
+  `missed` INTEGER, -- seconds that a late bell may ring after its time, 0 not at all; NULL 60
+  `localdates` INTEGER NOT NULL DEFAULT 0, -- 1: startdate and enddate are local dates, 0: days in UTC
+  `everyone` INTEGER NOT NULL DEFAULT 0, -- 1: every speaker that the owner may play to
+  `whole` INTEGER NOT NULL DEFAULT 0, -- 1: len is what its sounds take
+  `volume` INTEGER, -- 1 to 25, NULL as it is
+  `priority` INTEGER -- 0 to 255, NULL 100
+);
+CREATE INDEX `taskrule_calendar` ON `taskrule` (`calendarid`);
+
+DROP TABLE IF EXISTS `taskaim`;
+-- Groups that a schedule rings in, beside the speakers in taskseed.
+CREATE TABLE `taskaim` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `taskid` INTEGER NOT NULL DEFAULT 0, -- task.id
+  `gid` INTEGER NOT NULL DEFAULT 0 -- sbox_group.id
+);
+CREATE INDEX `taskaim_list` ON `taskaim` (`taskid`, `id`);
+CREATE INDEX `taskaim_group` ON `taskaim` (`gid`);
+
+DROP TABLE IF EXISTS `planrule`;
+-- What a plan has beyond its row in taskgroup.
+CREATE TABLE `planrule` (
+  `planid` INTEGER PRIMARY KEY, -- taskgroup.id
+  `exceptional` INTEGER NOT NULL DEFAULT 0 -- 1: rings only where a calendar's entry names it
+);
+
+DROP TABLE IF EXISTS `calendar`;
+CREATE TABLE `calendar` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `userid` INTEGER NOT NULL DEFAULT 0, -- owner, sbox_users.id
+  `name` TEXT NOT NULL DEFAULT ''
+);
+CREATE INDEX `calendar_owner` ON `calendar` (`userid`);
+
+DROP TABLE IF EXISTS `calendarentry`;
+-- Dates on which a calendar differs from every day.
+CREATE TABLE `calendarentry` (
+  `id` INTEGER PRIMARY KEY AUTOINCREMENT,
+  `calendarid` INTEGER NOT NULL DEFAULT 0, -- calendar.id
+  `name` TEXT NOT NULL DEFAULT '',
+  `firstday` INTEGER NOT NULL DEFAULT 0, -- days since 1970-01-01, local dates
+  `lastday` INTEGER NOT NULL DEFAULT 0, -- included
+  `planid` INTEGER, -- taskgroup.id, the only plan that rings; NULL silence
+  `uid` TEXT NOT NULL DEFAULT '', -- of the imported event; empty for one that was put in by hand
+  `occurrence` INTEGER NOT NULL DEFAULT 0 -- the day by which the event's own calendar names this occurrence
+);
+CREATE INDEX `calendarentry_days` ON `calendarentry` (`calendarid`, `lastday`, `firstday`);
+CREATE INDEX `calendarentry_event` ON `calendarentry` (`calendarid`, `uid`, `occurrence`);
+CREATE INDEX `calendarentry_plan` ON `calendarentry` (`planid`);
+
+DROP TABLE IF EXISTS `calendarfile`;
+-- The imported file of a calendar, to expand what recurs again each day.
+CREATE TABLE `calendarfile` (
+  `calendarid` INTEGER PRIMARY KEY, -- calendar.id
+  `body` TEXT NOT NULL,
+  `expanded` INTEGER NOT NULL DEFAULT 0 -- the day on which that was done last
+);
+
+DROP TABLE IF EXISTS `taskrun`;
+-- Bells that have rung: none of them rings again.
+CREATE TABLE `taskrun` (
+  `taskid` INTEGER NOT NULL, -- task.id
+  `due` INTEGER NOT NULL, -- seconds since 1970-01-01 UTC
+  `late` INTEGER NOT NULL DEFAULT 0, -- s
+  PRIMARY KEY (`taskid`, `due`)
+);
+CREATE INDEX `taskrun_due` ON `taskrun` (`due`);
+
+DROP TABLE IF EXISTS `taskclock`;
+-- The last second that the task queue handled.
+CREATE TABLE `taskclock` (
+  `id` INTEGER PRIMARY KEY,
+  `handled` INTEGER NOT NULL DEFAULT 0 -- seconds since 1970-01-01 UTC
+);
+
 INSERT INTO `sbox_node` (`id`, `node_name`) VALUES (1, 'node1');
 INSERT INTO `swap_info` (`type`) VALUES ('info');
 INSERT INTO `xieyi_mod` (`id`, `xieyi`) VALUES (1, '');
+INSERT INTO `taskclock` (`id`) VALUES (1);
 
 -- The version of what stands above: the number of the newest step in migrations/.
 DROP TABLE IF EXISTS `schema_version`;
 CREATE TABLE `schema_version` (`version` INTEGER NOT NULL);
-INSERT INTO `schema_version` (`version`) VALUES (4);
+INSERT INTO `schema_version` (`version`) VALUES (6);

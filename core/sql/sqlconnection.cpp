@@ -169,10 +169,17 @@ void SqlConnection::failed(const QSqlError& error, const QString& loggedAs) {
     m_failure = error.text();
     if (lostBy(error)) {
         outageBegins(error);
-    } else {
+    } else if (mayLogFailure()) {
         m_failureLogged = true;
         qWarning().noquote() << "sql error:" << m_failure << loggedAs;
     }
+}
+
+bool SqlConnection::mayLogFailure() {
+    if (m_sinceLogged.isValid() && !m_sinceLogged.hasExpired(std::chrono::milliseconds(m_logPause).count()))
+        return false;
+    m_sinceLogged.start();
+    return true;
 }
 
 QSqlQuery* SqlConnection::prepared(const QString& text, QSqlError& error) {

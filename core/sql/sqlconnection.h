@@ -66,6 +66,8 @@ public:
     /// Why the last execute() failed, and whether that was worth a log line.
     QString failure() const { return m_failure; }
     bool failureWasLogged() const { return m_failureLogged; }
+    /// Of failed statements that are not an outage's only one in so long is logged from now on.
+    void logFailuresEvery(std::chrono::seconds pause) { m_logPause = pause; }
 
     /// While a transaction runs the connection is not opened again behind its back.
     void setInTransaction(bool on);
@@ -92,6 +94,7 @@ private:
     QSqlQuery* attempt(const Attempt& once, const QString& loggedAs);
     QSqlQuery* prepared(const QString& text, QSqlError& error);
     void failed(const QSqlError& error, const QString& loggedAs);
+    bool mayLogFailure();
 
     SqlServer m_server;
     QString m_name;
@@ -100,6 +103,8 @@ private:
     std::map<QString, QSqlQuery> m_prepared; ///< by text
     QString m_failure;
     bool m_failureLogged = false;
+    std::chrono::seconds m_logPause{0};
+    QElapsedTimer m_sinceLogged;
     bool m_inTransaction = false;
     bool m_transactionLost = false;
 

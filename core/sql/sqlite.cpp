@@ -140,6 +140,10 @@ SqlResult sqlite::run(const QString& statement, const SqlArgs& args) {
     return refused;
 }
 
+void sqlite::logFailuresEvery(std::chrono::seconds pause) {
+    m_connection->logFailuresEvery(pause);
+}
+
 // `loggedAs` is the template: the values stay out of the log.
 SqlResult sqlite::send(const BoundSql& statement, const QString& loggedAs) {
     Q_ASSERT_X(QThread::currentThread() == thread(), "sqlite", "a connection belongs to its own thread");

@@ -3,6 +3,7 @@
 #include "core/sql/sqltext.h"
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <QJsonArray>
@@ -68,6 +69,10 @@ public:
     /// statement is logged and told in the result. On MySQL a lost connection is opened again first, with
     /// a pause of 1 s to 30 s between attempts, during which every statement fails at once.
     SqlResult run(const QString& statement, const SqlArgs& args = {});
+    /// The same for a statement that has a "?" for each value already.
+    SqlResult run(const BoundSql& statement) { return send(statement, statement.text.left(80)); }
+    /// Of failed statements that are not an outage's only one in so long is logged from now on.
+    void logFailuresEvery(std::chrono::seconds pause);
 
     /// Runs `body` in one transaction: committed when it returns true, rolled back otherwise.
     /// Returns whether it was committed. On SQLite the transaction takes the write lock at once.

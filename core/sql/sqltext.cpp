@@ -1,23 +1,14 @@
 #include "core/sql/sqltext.h"
 
+#include "core/serial.h"
+
 #include <algorithm>
 #include <QHash>
 
 namespace {
 
-constexpr int MaxSerialLength = 64;
 /// Longer lists stand in the text, digits and letters as they are: servers bound the number of parameters.
 constexpr int MaxBoundList = 200;
-
-bool isAsciiLetterOrDigit(QChar c) {
-    const ushort u = c.unicode();
-    return (u >= '0' && u <= '9') || (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z');
-}
-
-bool isSerial(const QString& text) {
-    return !text.isEmpty() && text.size() <= MaxSerialLength &&
-           std::all_of(text.begin(), text.end(), isAsciiLetterOrDigit);
-}
 
 /// A stretch of a template: text that is sent as it stands, a value outside of quotes, or a literal with
 /// values in it.

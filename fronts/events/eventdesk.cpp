@@ -1,5 +1,6 @@
 #include "fronts/events/eventdesk.h"
 
+#include "fronts/events/logtopic.h"
 #include "fronts/events/speakertopic.h"
 
 #include "rest/services.h"
@@ -17,6 +18,13 @@ EventDesk::EventDesk(const Services& services)
     , m_voided(std::make_shared<Voided>()) {
     m_topics.emplace(QStringLiteral("speakers"),
                      std::make_unique<SpeakerTopic>(*services.board, *services.gate));
+    if (services.journal) {
+        using Kind = LogTopic::Kind;
+        m_topics.emplace(QStringLiteral("broadcasts"),
+                         std::make_unique<LogTopic>(Kind::Broadcasts, *services.journal));
+        m_topics.emplace(QStringLiteral("journal"),
+                         std::make_unique<LogTopic>(Kind::Entries, *services.journal));
+    }
     services.tokens->onVoided([voided = m_voided](qint64 account) {
         const std::lock_guard lock(voided->mutex);
         voided->accounts.insert(account);

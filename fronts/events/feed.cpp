@@ -41,6 +41,11 @@ void Feed::put(const QString& key, const QByteArray& json) {
     append(place);
 }
 
+bool Feed::holds(const QString& key, const QByteArray& json) const {
+    const auto known = m_places.constFind(key);
+    return known != m_places.constEnd() && m_entries[*known].json == json;
+}
+
 void Feed::drop(const QString& key) {
     const auto known = m_places.find(key);
     if (known == m_places.end())

@@ -51,7 +51,8 @@ public:
     /// It is told no more, though it is still there: lists that only grow are cut.
     void drop(const QString& key);
     bool contains(const QString& key) const { return m_places.contains(key); }
-    int size() const { return m_places.size(); }
+    /// Whether the object is known, and as this.
+    bool holds(const QString& key, const QByteArray& json) const;
 
     /// What a client at the cursor is told next; nullopt when it knows everything. "gone" precedes changes.
     std::optional<Message> next(const Cursor& cursor) const;

@@ -1,16 +1,20 @@
 #include "tasks/alarms/alarmcast.h"
 
 #include "core/loop/fetch.h"
+#include "device/mp3path.h"
 #include "device/saobj.h"
 #include "device/severinit.h"
+#include "journal/journal.h"
 #include "tasks/alarms/baojingobject.h"
 
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <QDebug>
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonArray>
+#include <utility>
 
 namespace {
 
@@ -19,6 +23,16 @@ namespace {
 constexpr int StreamId = 1;
 const auto SourceName = QStringLiteral("Alarmcast");
 constexpr int NamedFailures = 20;
+constexpr int AlarmPriority = 224;
+constexpr quint8 Untold = 255; ///< nothing is recorded yet of a speaker
+
+/// A speaker that is not connected: it may have been.
+ReceiptState awayAfter(quint8 told) {
+    const bool hadIt = told == static_cast<quint8>(ReceiptState::Sent) ||
+                       told == static_cast<quint8>(ReceiptState::Started) ||
+                       told == static_cast<quint8>(ReceiptState::Lost);
+    return hadIt ? ReceiptState::Lost : ReceiptState::Offline;
+}
 
 QJsonObject reply(const char* word, const QString& info) {
     return {{QStringLiteral("res"), QLatin1String(word)}, {QStringLiteral("info"), info}};
@@ -46,9 +60,12 @@ Alarmcast::Alarmcast(Severinit* devices, QString runingdir, QObject* parent)
     devices->addCommand(
         QStringLiteral("STOPMG"),
         [this](const QJsonObject& /*request*/, const QStringList& targets) { return stop(targets); });
+    devices->setMp3Feeder(StreamId, this);
 }
 
-Alarmcast::~Alarmcast() = default;
+Alarmcast::~Alarmcast() {
+    m_devices->setMp3Feeder(StreamId, nullptr);
+}
 
 // --- commands ---
 
@@ -61,7 +78,13 @@ QJsonObject Alarmcast::play(const QJsonObject& request, const QStringList& targe
     const bool anyKnown = std::any_of(targets.begin(), targets.end(), [this](const QString& sn) {
         return m_devices->session(sn) != nullptr;
     });
-    if (anyKnown && !start(filesOf(request), targets, level))
+    const quint64 order = record(request, targets);
+    const bool isCast = anyKnown && start(filesOf(request), targets, level, order);
+    if (order != 0 && !isCast)
+        m_journal->end(order, BroadcastState::Failed,
+                       anyKnown ? QStringLiteral("no file can be opened")
+                                : QStringLiteral("no speaker is known"));
+    if (anyKnown && !isCast)
         return reply("ufile_error", QStringLiteral("no file of \"filelist\" can be opened"));
     return outcome(targets);
 }
@@ -74,8 +97,17 @@ QJsonObject Alarmcast::stop(const QStringList& targets) {
             return stopped.contains(speaker->sn());
         };
         const auto kept = std::partition(speakers.begin(), speakers.end(), std::not_fn(isStopped));
-        std::for_each(kept, speakers.end(), [](SAobj* speaker) { speaker->clear_que(StreamId); });
+        QStringList serials;
+        std::for_each(kept, speakers.end(), [&](SAobj* speaker) {
+            speaker->clear_que(StreamId);
+            serials << speaker->sn();
+        });
         speakers.erase(kept, speakers.end());
+        cast.told.assign(speakers.size(), Untold);
+        if (cast.order != 0)
+            m_journal->mark(cast.order, serials, ReceiptState::Stopped);
+        if (cast.order != 0 && speakers.empty())
+            m_journal->end(cast.order, BroadcastState::Stopped);
         if (speakers.empty())
             endSoon(cast.sequence);
     }
@@ -123,10 +155,11 @@ QString Alarmcast::fileBelow(const QString& directory, const QString& entry) {
 
 // --- casts ---
 
-bool Alarmcast::start(const QStringList& files, const QStringList& targets, int level) {
+bool Alarmcast::start(const QStringList& files, const QStringList& targets, int level, quint64 order) {
     Cast& cast = m_casts.emplace_back();
     cast.sequence = ++m_sequence;
     cast.level = level;
+    cast.order = order;
     for (const QString& sn : targets) {
         SAobj* const session = m_devices->session(sn);
         if (!session)
@@ -135,6 +168,7 @@ bool Alarmcast::start(const QStringList& files, const QStringList& targets, int 
         if (session->streamPriority() <= level)
             session->clear_que(StreamId);
     }
+    cast.told.assign(cast.speakers.size(), Untold);
     cast.player = std::make_unique<Baojingobject>(files);
     connect(cast.player.get(), &Baojingobject::present_mp3data_s, this,
             [this, &cast](const QByteArray& packet) { feed(cast, packet); });
@@ -151,19 +185,96 @@ bool Alarmcast::start(const QStringList& files, const QStringList& targets, int 
 }
 
 /// Every speaker shares the packet's one copy.
-void Alarmcast::feed(const Cast& cast, const QByteArray& packet) {
+void Alarmcast::feed(Cast& cast, const QByteArray& packet) {
     const std::vector<SAobj*>& speakers = cast.speakers;
+    const Mp3Stream stream{StreamId, cast.level, cast.sequence, SourceName, cast.player->currentFile()};
+    std::vector<int> results(speakers.size());
     for (size_t i = 0; i < speakers.size(); ++i) {
         fetchAhead(speakers, i, std::mem_fn(&SAobj::fetch), std::mem_fn(&SAobj::fetchMp3Socket));
-        speakers[i]->send_mp3data_mut(SourceName, StreamId, cast.player->currentFile(), cast.level,
-                                      cast.sequence, true, packet);
+        results[i] = speakers[i]->forward(stream, true, packet);
     }
+    if (cast.order != 0)
+        recordFed(cast, results);
+}
+
+// --- the record ---
+
+/// The broadcast that the command names, or one of its own; 0 without a journal.
+quint64 Alarmcast::record(const QJsonObject& request, const QStringList& targets) const {
+    if (!m_journal)
+        return 0;
+    quint64 order = PlayOrders::read(request.value(QLatin1String("order"))).at(0);
+    if (order == 0 || !m_journal->standing(order)) {
+        Broadcast cast;
+        cast.kind = Broadcast::Kind::Alarm;
+        cast.name = request.value(QLatin1String("filelist")).toArray().first().toString();
+        cast.priority = AlarmPriority;
+        cast.origin.path = QStringLiteral("PLAYMG");
+        cast.endsByItself = false;
+        order = m_journal->begin(cast);
+    }
+    QStringList away;
+    for (const QString& sn : targets) {
+        if (!m_devices->isOnline(sn))
+            away << sn;
+    }
+    m_journal->expect(order, targets);
+    m_journal->mark(order, away, ReceiptState::Offline);
+    return order;
+}
+
+/// What became of a packet at each speaker, where it is something else than of the one before.
+void Alarmcast::recordFed(Cast& cast, const std::vector<int>& results) const {
+    std::map<ReceiptState, QStringList> changes;
+    for (size_t i = 0; i < results.size(); ++i) {
+        const SAobj& speaker = *cast.speakers[i];
+        const auto state = results[i] == Mp3Path::LowerPriority ? ReceiptState::Overruled
+                           : !speaker.isOnline()                ? awayAfter(cast.told[i])
+                           : results[i] != 0                    ? ReceiptState::Refused
+                           : speaker.isMp3Connected()           ? ReceiptState::Started
+                                                                : ReceiptState::Sent;
+        const bool isLater =
+            state == ReceiptState::Sent && cast.told[i] == static_cast<quint8>(ReceiptState::Started);
+        if (isLater || std::exchange(cast.told[i], static_cast<quint8>(state)) == static_cast<quint8>(state))
+            continue;
+        changes[state] << speaker.sn();
+    }
+    for (const auto& [state, serials] : changes)
+        m_journal->mark(cast.order, serials, state,
+                        state == ReceiptState::Overruled ? QStringLiteral("a higher level plays")
+                                                         : QString());
 }
 
 /// The player may be the one that calls.
 void Alarmcast::endSoon(int sequence) {
     QMetaObject::invokeMethod(
-        this,
-        [this, sequence] { m_casts.remove_if([&](const Cast& cast) { return cast.sequence == sequence; }); },
-        Qt::QueuedConnection);
+        this, [this, sequence] { end(sequence); }, Qt::QueuedConnection);
+}
+
+void Alarmcast::end(int sequence) {
+    if (const Cast* const cast = castOf(sequence))
+        qInfo().noquote() << "PLAYMG over, sequence" << sequence << "begun on" << cast->gained
+                          << "speakers, lost" << cast->lost;
+    for (const Cast& cast : m_casts) {
+        if (cast.sequence == sequence && cast.order != 0)
+            m_journal->end(cast.order);
+    }
+    m_casts.remove_if([&](const Cast& cast) { return cast.sequence == sequence; });
+}
+
+/// Null: it is over.
+Alarmcast::Cast* Alarmcast::castOf(int sequence) {
+    const auto found = std::find_if(m_casts.begin(), m_casts.end(),
+                                    [&](const Cast& cast) { return cast.sequence == sequence; });
+    return found == m_casts.end() ? nullptr : &*found;
+}
+
+void Alarmcast::gainedSpeaker(const QString& /*sn*/, const Mp3Stream& stream) {
+    if (Cast* const cast = castOf(stream.sequence))
+        ++cast->gained;
+}
+
+void Alarmcast::lostSpeaker(const QString& /*sn*/, const Mp3Stream& stream) {
+    if (Cast* const cast = castOf(stream.sequence))
+        ++cast->lost;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "device/mp3path.h"
+
 #include <list>
 #include <memory>
 #include <QByteArray>
@@ -10,13 +12,14 @@
 #include <vector>
 
 class Baojingobject;
+class Journal;
 class SAobj;
 class Severinit;
 
 /// Feeds alarm files to speakers as a stream: the commands "PLAYMG" and "STOPMG". Each start is a cast
 /// of its own with a higher sequence than the one before; where casts meet on a speaker, the higher
 /// level plays, and of equal levels the newer. Main loop only. Owner: start-up.
-class Alarmcast : public QObject {
+class Alarmcast : public QObject, private Mp3Feeder {
     Q_OBJECT
 public:
     /// Casts at once: each is a timer and an open file. An installation has a handful of zones.
@@ -30,6 +33,9 @@ public:
     Alarmcast(Severinit* devices, QString runingdir, QObject* parent = nullptr);
     ~Alarmcast() override;
 
+    /// Where casts are recorded; null: nowhere. Not owned.
+    void setJournal(Journal* journal) { m_journal = journal; }
+
     QJsonObject play(const QJsonObject& request, const QStringList& targets);
     QJsonObject stop(const QStringList& targets);
     int castCount() const { return static_cast<int>(m_casts.size()); }
@@ -42,16 +48,27 @@ private:
     struct Cast {
         int sequence = 0;
         int level = 0;
+        int gained = 0;               ///< times that a speaker began to hear it
+        int lost = 0;                 ///< times that another stream or its connection took one away
         std::vector<SAobj*> speakers; ///< sessions, which live as long as the registry
+        quint64 order = 0;            ///< its broadcast; 0: none
+        std::vector<quint8> told;     ///< of each speaker the ReceiptState that is recorded
         std::unique_ptr<Baojingobject> player;
     };
     QStringList filesOf(const QJsonObject& request) const;
-    bool start(const QStringList& files, const QStringList& targets, int level);
-    void feed(const Cast& cast, const QByteArray& packet);
+    bool start(const QStringList& files, const QStringList& targets, int level, quint64 order);
+    void feed(Cast& cast, const QByteArray& packet);
+    quint64 record(const QJsonObject& request, const QStringList& targets) const;
+    void recordFed(Cast& cast, const std::vector<int>& results) const;
     void endSoon(int sequence);
+    void end(int sequence);
+    Cast* castOf(int sequence);
+    void gainedSpeaker(const QString& sn, const Mp3Stream& stream) override;
+    void lostSpeaker(const QString& sn, const Mp3Stream& stream) override;
     QJsonObject outcome(const QStringList& targets) const;
 
     Severinit* m_devices;
+    Journal* m_journal = nullptr;
     QString m_directory;
     std::list<Cast> m_casts; ///< addresses stay while casts come and go
     int m_sequence = 0;

@@ -1,137 +1,136 @@
 #include "tasks/schedule/schedule.h"
 
 #include <algorithm>
-#include <ctime>
-#include <iterator>
+#include <tuple>
 
 namespace {
 
-constexpr qint64 Day = 86400;
-
-qint64 floorDiv(qint64 value, qint64 divisor) {
-    return value >= 0 ? value / divisor : -((-value + divisor - 1) / divisor);
+unsigned weekdaysOf(const QString& week) {
+    unsigned days = 0x7f;
+    for (int i = 0; week.size() == 7 && i < 7; ++i) {
+        if (week.at(i) == QLatin1Char('0'))
+            days &= ~(1U << i);
+    }
+    return days;
 }
 
-int weekdayOf(qint64 localDay) {
-    const qint64 fromThursday = localDay + 3; // 1970-01-01 was a Thursday
-    return static_cast<int>(fromThursday - 7 * floorDiv(fromThursday, 7)) + 1;
+bool isValidOn(const BellRule& rule, qint64 day) {
+    return (rule.startdate == 0 || rule.startdate <= day) && (rule.enddate == 0 || rule.enddate >= day);
 }
 
-bool validOn(const TaskTimes& task, qint64 day, int weekday) {
-    if (task.startdate != 0 && task.startdate > day)
-        return false;
-    if (task.enddate != 0 && task.enddate < day)
-        return false;
-    return task.week.size() != 7 || task.week.at(weekday - 1) != QLatin1Char('0');
+bool isBefore(const Bell& a, const Bell& b) {
+    return std::tuple(a.at, a.schedule) < std::tuple(b.at, b.schedule);
+}
+
+void sortBells(std::vector<Bell>& bells) {
+    if (!std::is_sorted(bells.begin(), bells.end(), isBefore))
+        std::sort(bells.begin(), bells.end(), isBefore);
+}
+
+/// The first second after the gap in which this time of day lies.
+qint64 afterGap(const LocalDay& day, int secondOfDay) {
+    const auto gap = std::find_if(day.skipped.begin(), day.skipped.end(), [&](const SkippedTimes& skipped) {
+        return secondOfDay >= skipped.first && secondOfDay <= skipped.last;
+    });
+    return gap == day.skipped.end() ? 0 : gap->after;
 }
 
 } // namespace
 
-int localUtcOffset(qint64 epoch) {
-    const auto seconds = static_cast<std::time_t>(epoch);
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    return static_cast<int>(local.tm_gmtoff);
+BellPlan::BellPlan(const std::vector<BellRule>& rules, const CalendarDays& calendars, const HouseRules& house)
+    : m_calendars(calendars)
+    , m_house(house) {
+    m_entries.reserve(rules.size());
+    for (const BellRule& rule : rules)
+        m_entries.push_back({&rule, weekdaysOf(rule.week)});
+    std::sort(m_entries.begin(), m_entries.end(), [](const Entry& a, const Entry& b) {
+        return std::tuple(a.rule->startTime, a.rule->id) < std::tuple(b.rule->startTime, b.rule->id);
+    });
 }
 
-ScheduleSecond LocalTime::at(qint64 epoch) const {
-    const int offset = m_offset(epoch);
-    const qint64 local = epoch + offset;
-    const qint64 localDay = floorDiv(local, Day);
-
-    ScheduleSecond second;
-    second.epoch = epoch;
-    second.secondOfDay = static_cast<int>(local - localDay * Day);
-    second.weekday = weekdayOf(localDay);
-    second.day = floorDiv(epoch, Day);
-    second.localDay = localDay;
-    const int before = m_offset(epoch - Day);
-    if (before > offset && m_offset(epoch - (before - offset)) == before)
-        second.firstPass = epoch - (before - offset);
-    return second;
+std::vector<Bell> BellPlan::on(const LocalDay& day) const {
+    std::vector<Bell> bells;
+    bells.reserve(m_entries.size());
+    const int weekday = weekdayOf(day.day);
+    for (const Entry& entry : m_entries)
+        addBell(bells, entry, day, weekday);
+    sortBells(bells);
+    return bells;
 }
 
-std::vector<LocalStretch> LocalTime::stretches(qint64 first, qint64 last) const {
-    std::vector<LocalStretch> found;
-    while (first <= last) {
-        const ScheduleSecond start = at(first);
-        const int offset = m_offset(first);
-        qint64 end = std::min(last, first + Day - 1 - start.secondOfDay);
-        if (m_offset(end) != offset) { // the change lies in between
-            qint64 before = first;
-            while (end - before > 1) {
-                const qint64 middle = before + (end - before) / 2;
-                (m_offset(middle) == offset ? before : end) = middle;
-            }
-            end = before;
+std::vector<Bell> BellPlan::between(const std::vector<LocalDay>& days, qint64 first, qint64 last) const {
+    std::vector<Bell> found;
+    for (const LocalDay& day : days) {
+        for (const Bell& bell : on(day)) {
+            if (bell.at >= first && bell.at <= last)
+                found.push_back(bell);
         }
-        found.push_back({first, end, start.secondOfDay});
-        first = end + 1;
     }
+    sortBells(found);
     return found;
 }
 
-std::vector<SkippedTimes> LocalTime::skippedBefore(qint64 epoch) const {
-    std::vector<SkippedTimes> skipped;
-    const qint64 end = epoch + m_offset(epoch); // first local second after the gap
-    for (qint64 local = epoch + m_offset(epoch - 1); local < end;) {
-        const qint64 localDay = floorDiv(local, Day);
-        const qint64 last = std::min(end, (localDay + 1) * Day) - 1;
-        skipped.push_back({static_cast<int>(local - localDay * Day), static_cast<int>(last - localDay * Day),
-                           weekdayOf(localDay), floorDiv(epoch, Day)});
-        local = last + 1;
+void BellPlan::addBell(std::vector<Bell>& bells, const Entry& entry, const LocalDay& day, int weekday) const {
+    const BellRule& rule = *entry.rule;
+    const CalendarEntry* held = rule.calendar == 0 ? nullptr : m_calendars.on(rule.calendar, day.day);
+    const bool isNamed = held && held->plan && rule.plan != 0 && *held->plan == rule.plan;
+    if ((entry.weekdays >> (weekday - 1) & 1) == 0 || (rule.exceptional && !isNamed))
+        return;
+    Bell bell;
+    bell.schedule = rule.id;
+    int passes = 0;
+    const auto add = [&](qint64 at) {
+        bell.at = at;
+        if (passes++ == 0)
+            bell.due = at;
+        if (isValidOn(rule, rule.localDates ? day.day : floorDiv(bell.due, SecondsPerDay)))
+            bells.push_back(bell);
+    };
+    if (held && !isNamed) {
+        bell.silence = Silence::Calendar;
+        bell.calendar = rule.calendar;
+    } else if (!m_house.span.contains(rule.startTime)) {
+        bell.silence = Silence::OutsideSpan;
     }
-    return skipped;
-}
-
-bool isDue(const TaskTimes& task, const ScheduleSecond& second) {
-    return task.startTime == second.secondOfDay && validOn(task, second.day, second.weekday);
-}
-
-bool isDueIn(const TaskTimes& task, const SkippedTimes& skipped) {
-    return task.startTime >= skipped.first && task.startTime <= skipped.last &&
-           validOn(task, skipped.day, skipped.weekday);
-}
-
-SecondSequence::Due SecondSequence::due(qint64 now) {
-    const qint64 ahead = now - m_last;
-    Due due;
-    if (ahead > 0) {
-        due.first = m_last + 1;
-        due.last = now;
-    } else if (-ahead > MaxCatchUp) {
-        due.setBack = -ahead;
-        due.first = due.last = now;
-        m_last = now - 1;
+    for (const LocalStretch& stretch : day.stretches) {
+        if (stretch.contains(rule.startTime))
+            add(stretch.epochOf(rule.startTime));
     }
-    if (ahead > MaxCatchUp) {
-        due.lostFirst = due.first;
-        due.lostLast = m_last = now - MaxCatchUp;
-        due.first = due.lostLast + 1;
+    if (passes > 0)
+        return;
+    if (bell.silence == Silence::None && !m_house.ringsAfterGap)
+        bell.silence = Silence::NoSuchTime;
+    add(afterGap(day, rule.startTime));
+}
+
+std::vector<TimesOfDay> timesBetween(const std::vector<LocalDay>& days, qint64 first, qint64 last) {
+    std::vector<TimesOfDay> times;
+    for (const LocalDay& day : days) {
+        for (const LocalStretch& stretch : day.stretches) {
+            const qint64 from = std::max(first, stretch.first);
+            const qint64 to = std::min(last, stretch.last);
+            if (from <= to)
+                times.push_back({stretch.firstSecondOfDay + static_cast<int>(from - stretch.first),
+                                 stretch.firstSecondOfDay + static_cast<int>(to - stretch.first)});
+        }
+        for (const SkippedTimes& skipped : day.skipped) {
+            if (skipped.after >= first && skipped.after <= last)
+                times.push_back({skipped.first, skipped.last});
+        }
     }
-    return due;
+    return times;
 }
 
-namespace {
-
-qint64 taskAndTime(int taskid, int startTime) {
-    return taskid * Day + startTime;
-}
-
-} // namespace
-
-bool StartGuard::admit(int taskid, int startTime, qint64 localDay, qint64 steadyMs) {
-    for (auto it = m_dates.begin(); it != m_dates.end();)
-        it = steadyMs - it->lastUsed >= Memory ? m_dates.erase(it) : std::next(it);
-    if (hasStarted(taskid, startTime, localDay))
-        return false;
-    Date& date = m_dates[localDay];
-    date.started.insert(taskAndTime(taskid, startTime));
-    date.lastUsed = steadyMs;
-    return true;
-}
-
-bool StartGuard::hasStarted(int taskid, int startTime, qint64 localDay) const {
-    const auto date = m_dates.constFind(localDay);
-    return date != m_dates.constEnd() && date->started.contains(taskAndTime(taskid, startTime));
+QString silenceText(const Bell& bell, const CalendarDays& calendars) {
+    switch (bell.silence) {
+    case Silence::OutsideSpan:
+        return QStringLiteral("outside the working span");
+    case Silence::Calendar:
+        return QStringLiteral("silent by calendar %1").arg(calendars.name(bell.calendar));
+    case Silence::NoSuchTime:
+        return QStringLiteral("the hour does not exist today");
+    case Silence::None:
+        break;
+    }
+    return {};
 }

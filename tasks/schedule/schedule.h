@@ -1,75 +1,42 @@
 #pragma once
 
-#include <functional>
+#include "tasks/schedule/calendardays.h"
+#include "tasks/schedule/localtime.h"
+
 #include <optional>
-#include <QHash>
-#include <QSet>
 #include <QString>
 #include <vector>
 
-// When tasks start: pure calculation, no clock, no database. Any thread.
+// When bells ring and when they do not: the one calculation, for the task queue and for every preview. Pure:
+// no clock, no database. Any thread.
 
-/// Seconds east of UTC that hold at a moment (seconds since 1970-01-01 UTC).
-using UtcOffset = std::function<int(qint64 epoch)>;
-
-/// The offset of the process's own time zone.
-int localUtcOffset(qint64 epoch);
-
-/// One whole second of the wall clock.
-struct ScheduleSecond {
-    qint64 epoch = 0;    ///< seconds since 1970-01-01 UTC
-    int secondOfDay = 0; ///< local time of day, 0 to 86399
-    int weekday = 1;     ///< local, Monday 1 to Sunday 7
-    qint64 day = 0;      ///< whole days since 1970-01-01, counted in UTC
-    qint64 localDay = 0; ///< the same, counted by local dates
-    /// The earlier second that had this local time: the clock was turned back for winter.
-    std::optional<qint64> firstPass;
+/// What decides when a schedule rings.
+struct BellRule {
+    qint64 id = 0;
+    int startTime = 0;        ///< seconds since local midnight
+    qint64 startdate = 0;     ///< days since 1970-01-01, 0 unbounded
+    qint64 enddate = 0;       ///< the same, included
+    QString week;             ///< seven characters, Monday first; any other length enables all days
+    bool localDates = false;  ///< "today" of the two dates is the local date, else the day in UTC
+    qint64 plan = 0;          ///< 0 none
+    bool exceptional = false; ///< the plan rings only on days whose calendar entry names it
+    qint64 calendar = 0;      ///< 0: every day is an ordinary one
 };
 
-/// Local times of one day that no second had, because the clock was turned forward over them.
-struct SkippedTimes {
-    int first = 0; ///< second of the day
-    int last = 0;  ///< second of the day, included
-    int weekday = 1;
-    qint64 day = 0;
+/// Why a bell that is due does not ring.
+enum class Silence { None, OutsideSpan, Calendar, NoSuchTime };
+
+/// A schedule's time on one local date.
+struct Bell {
+    qint64 schedule = 0;
+    qint64 at =
+        0; ///< second of the epoch in which it rings; for a time that is skipped the one after the gap
+    qint64 due =
+        0; ///< names it: `at`, or in the second pass of an hour that comes twice the second of the first
+    Silence silence = Silence::None;
+    qint64 calendar = 0; ///< that keeps it silent
+    bool isSecondPass() const { return at != due; }
 };
-
-/// Seconds that follow each other, each 1 s later than the last by the local clock too, on one local day.
-struct LocalStretch {
-    qint64 first = 0; ///< seconds since 1970-01-01 UTC
-    qint64 last = 0;  ///< included
-    int firstSecondOfDay = 0;
-    int lastSecondOfDay() const { return firstSecondOfDay + static_cast<int>(last - first); }
-    qint64 epochOf(int secondOfDay) const { return first + secondOfDay - firstSecondOfDay; }
-};
-
-/// Turns seconds of the epoch into local time by a zone's rules.
-class LocalTime {
-public:
-    explicit LocalTime(UtcOffset offset = localUtcOffset)
-        : m_offset(std::move(offset)) {}
-    ScheduleSecond at(qint64 epoch) const;
-    /// What was skipped between the second before `epoch` and `epoch`; nearly always nothing.
-    std::vector<SkippedTimes> skippedBefore(qint64 epoch) const;
-    /// The seconds from `first` to `last`, cut where the local clock jumps or its date changes.
-    std::vector<LocalStretch> stretches(qint64 first, qint64 last) const;
-
-private:
-    UtcOffset m_offset;
-};
-
-/// What decides whether a task starts; the columns of its row.
-struct TaskTimes {
-    int startTime = 0;    ///< seconds since local midnight
-    qint64 startdate = 0; ///< days since 1970-01-01, 0 unbounded
-    qint64 enddate = 0;   ///< the same, included
-    QString week;         ///< seven characters, Monday first; any other length enables all days
-};
-
-/// Whether the task's time, dates and weekday name this second.
-bool isDue(const TaskTimes& task, const ScheduleSecond& second);
-/// The same for a time of day that the clock skipped.
-bool isDueIn(const TaskTimes& task, const SkippedTimes& skipped);
 
 /// The daily working span, seconds since local midnight.
 struct WorkingSpan {
@@ -79,46 +46,41 @@ struct WorkingSpan {
     bool strictlyContains(int secondOfDay) const { return secondOfDay > from && secondOfDay < to; }
 };
 
-/// Which whole seconds each tick handles: every one since the last that was handled, once.
-class SecondSequence {
-public:
-    /// A tick this late still handles all that it missed, a later one the last of it. A clock set back by
-    /// more was changed, and counting begins again at the present second.
-    static constexpr int MaxCatchUp = 60;
-
-    /// The first second handled is the one after `epoch`.
-    explicit SecondSequence(qint64 epoch)
-        : m_last(epoch) {}
-
-    struct Due {
-        qint64 first = 1; ///< seconds of the epoch; nothing is due when first > last
-        qint64 last = 0;
-        qint64 lostFirst = 1; ///< seconds that are too old to be handled; none when lostFirst > lostLast
-        qint64 lostLast = 0;
-        qint64 setBack = 0; ///< seconds by which the clock was set back, 0 when it was not
-    };
-    Due due(qint64 now);
-    void handled(qint64 second) { m_last = second; }
-
-private:
-    qint64 m_last;
+/// What holds for every schedule.
+struct HouseRules {
+    WorkingSpan span;
+    bool ringsAfterGap = false; ///< a time that does not exist rings at the first second after the gap
 };
 
-/// Remembers scheduled starts, so that no clock set back can start a task twice: it has had its start for
-/// its time of day and local date.
-class StartGuard {
+/// The schedules' bells, day by day. Keeps references: rules and calendars must outlive it.
+class BellPlan {
 public:
-    /// Real time for which a date is remembered after its last start.
-    static constexpr qint64 Memory = 48 * 3600 * qint64{1000};
+    /// `calendars` covers the days that are asked for.
+    BellPlan(const std::vector<BellRule>& rules, const CalendarDays& calendars, const HouseRules& house);
 
-    /// False when that task has had its start at that time of day on that date.
-    bool admit(int taskid, int startTime, qint64 localDay, qint64 steadyMs);
-    bool hasStarted(int taskid, int startTime, qint64 localDay) const;
+    /// The bells of a local day, by `at` and then by schedule; those of a second pass are among them.
+    std::vector<Bell> on(const LocalDay& day) const;
+    /// The bells with `at` from `first` to `last`, in the same order.
+    std::vector<Bell> between(const std::vector<LocalDay>& days, qint64 first, qint64 last) const;
 
 private:
-    struct Date {
-        QSet<qint64> started; ///< task and time
-        qint64 lastUsed = 0;  ///< steady ms
+    struct Entry {
+        const BellRule* rule;
+        unsigned weekdays; ///< bit 0 Monday
     };
-    QHash<qint64, Date> m_dates; ///< by local day
+    void addBell(std::vector<Bell>& bells, const Entry& entry, const LocalDay& day, int weekday) const;
+    const CalendarDays& m_calendars;
+    const HouseRules m_house;
+    std::vector<Entry> m_entries; ///< by time of day and id
 };
+
+/// The local times of day that pass from `first` to `last`, those that are skipped there included: what a
+/// reader of schedules has to look at.
+struct TimesOfDay {
+    int first = 0;
+    int last = 0; ///< included
+};
+std::vector<TimesOfDay> timesBetween(const std::vector<LocalDay>& days, qint64 first, qint64 last);
+
+/// In words; empty for a bell that rings.
+QString silenceText(const Bell& bell, const CalendarDays& calendars);

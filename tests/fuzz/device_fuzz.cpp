@@ -17,24 +17,6 @@ void require(bool holds) {
         std::abort();
 }
 
-/// Takes every field that a report may write.
-class Mirror final : public StateMirror {
-public:
-    bool isConnected() const override { return true; }
-    bool isBacklogged() const override { return false; }
-    void Set_sn_key_value(const QString& sn, const QString& field, const QVariant& value) override {
-        require(sn == QLatin1String("00") && !field.isEmpty() && value.isValid());
-    }
-    void Warmingup_push(const QString& /*sn*/, const QString& time) override { require(!time.isEmpty()); }
-    void Warmingdown_push(const QString& /*sn*/, const QString& time) override { require(!time.isEmpty()); }
-    QStringList backsnlist(const QString& /*key*/) override { return {}; }
-    void online_newdevices(const QString& sn, int /*kindsk*/, int /*vol*/, int /*mic_d*/, int /*mic_e*/,
-                           const QString& l_ip, const QString& /*r_ip*/,
-                           const QString& /*regDate*/) override {
-        require(sn == QLatin1String("00") && l_ip.size() <= 512);
-    }
-};
-
 void packet(const QByteArray& bytes) {
     const QJsonObject registration = packets::registration(bytes);
     require(registration.value(QLatin1String("res_____")).toBool() == (bytes.size() == 18));
@@ -49,9 +31,8 @@ void packet(const QByteArray& bytes) {
 
 void report(const QByteArray& bytes) {
     static TimingWheel wheel;
-    static Mirror mirror;
     static SpeakerEvents events;
-    static SessionEnv env{wheel, events, {}, &mirror};
+    static SessionEnv env{wheel, events, {}, {}, 0, {}};
     SAobj session(QStringLiteral("00"), env, nullptr);
     session.sn_onlinebackdata(bytes);
     session.dido(bytes);

@@ -4,11 +4,14 @@
 #include "device/saobj.h"
 #include "device/sever_listen.h"
 #include "device/severinit.h"
+#include "redis/speakermirror.h"
+#include "redis/statemirror.h"
 #include "support/service.h"
 #include "support/waitfor.h"
 #include "tools/speakerprotocol.h"
 
 #include <memory>
+#include <QCoreApplication>
 #include <QMap>
 #include <QPair>
 #include <QTcpSocket>
@@ -24,7 +27,6 @@ public:
     }
     void Warmingup_push(const QString& sn, const QString& /*time*/) override { up.append(sn); }
     void Warmingdown_push(const QString& sn, const QString& /*time*/) override { down.append(sn); }
-    QStringList backsnlist(const QString& /*key*/) override { return {}; }
     void online_newdevices(const QString& sn, int kindsk, int vol, int mic_d, int mic_e, const QString& l_ip,
                            const QString& r_ip, const QString& /*regDate*/) override {
         registered[sn] = QStringList{QString::number(kindsk),
@@ -98,8 +100,13 @@ public:
         , registry({}, {}, {}, {}, {}, {}, "key", 3000, 2048, 20, 3000, 10, ownAddress, 0, 0, 0, 0, 0, 0, 0,
                    0, 0)
         , listener(3000, port, freePort()) {
-        registry.setStateMirror(&mirror);
         listener.set_svi(&registry);
+    }
+
+    /// What has happened is told, and mirrored.
+    static void turn() {
+        for (int i = 0; i < 3; ++i)
+            QCoreApplication::processEvents();
     }
 
     quint16 dataPort() const { return static_cast<quint16>(port + 2); }
@@ -121,6 +128,7 @@ public:
     quint16 port;
     MirrorRecord mirror;
     Severinit registry;
+    SpeakerMirror speakerMirror{registry, mirror};
     sever_listen listener;
 };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/settings.h"
 #include "http/httplistener.h"
 #include "http/httprequesthandler.h"
 #include "http/staticfilecontroller.h"
@@ -33,19 +34,19 @@ private:
 struct HttpServer {
     explicit HttpServer(FunctionHandler::Service service, const QMap<QString, QVariant>& keys = {},
                         sqlite* database = nullptr)
-        : handler(std::move(service))
-        , settings(directory.filePath("config.ini"), QSettings::IniFormat) {
+        : handler(std::move(service)) {
         QDir(directory.path()).mkpath("docroot");
-        settings.setValue("docroot/path", "docroot");
-        settings.setValue("listener/host", "127.0.0.1");
-        settings.setValue("listener/port", 0);
+        const QString path = directory.filePath("config.ini");
+        QSettings ini(path, QSettings::IniFormat);
+        ini.setValue("docroot/path", "docroot");
+        ini.setValue("listener/host", "127.0.0.1");
+        ini.setValue("listener/port", 0);
         for (auto key = keys.begin(); key != keys.end(); ++key)
-            settings.setValue(key.key(), key.value());
-        settings.beginGroup("docroot");
-        files = std::make_unique<StaticFileController>(&settings);
-        settings.endGroup();
-        settings.beginGroup("listener");
-        listener = std::make_unique<HttpListener>(database, &settings, &handler);
+            ini.setValue(key.key(), key.value());
+        ini.sync();
+        const Settings settings = Settings::load(path, {});
+        files = std::make_unique<StaticFileController>(DocrootSettings::of(settings));
+        listener = std::make_unique<HttpListener>(database, HttpListenerSettings::of(settings), &handler);
         listener->setStaticFiles(files.get());
         listener->listen();
     }
@@ -61,7 +62,6 @@ struct HttpServer {
 
     QTemporaryDir directory;
     FunctionHandler handler;
-    QSettings settings;
     std::unique_ptr<StaticFileController> files;
     std::unique_ptr<HttpListener> listener;
 };

@@ -14,8 +14,9 @@ inline sim::SpeakerOptions speakersAt(const Service& service,
 }
 
 /// Speakers that have started and that the service knows.
-inline std::unique_ptr<sim::Fleet> onlineFleet(const sim::SpeakerOptions& first, int count) {
-    auto fleet = std::make_unique<sim::Fleet>(first, count);
+inline std::unique_ptr<sim::Fleet> onlineFleet(const sim::SpeakerOptions& first, int count,
+                                               const sim::Misfits& misfits = {}) {
+    auto fleet = std::make_unique<sim::Fleet>(first, count, misfits);
     fleet->start();
     if (!waitFor([&] { return fleet->online() == count; }, std::chrono::seconds(60)))
         qFatal("only %d speakers online", fleet->online());

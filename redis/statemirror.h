@@ -1,12 +1,10 @@
 #pragma once
 
 #include <QString>
-#include <QStringList>
 #include <QVariant>
 
-/// Where the device link mirrors what it knows of its speakers. The Redis state link implements it;
-/// with Redis disabled there is none. Main loop only. The writers return at once and report nothing;
-/// backsnlist() waits for the server's answer in a nested event loop.
+/// What SpeakerMirror writes to: the Redis state link. Main loop only. The writers return at once and report
+/// nothing.
 class StateMirror {
 public:
     virtual ~StateMirror() = default;
@@ -20,8 +18,6 @@ public:
     /// Alarm input events; the crossing of names and lists is the catalogue's own.
     virtual void Warmingup_push(const QString& sn, const QString& time) = 0;
     virtual void Warmingdown_push(const QString& sn, const QString& time) = 0;
-    /// Serials of a group kept as a list; empty when the list is missing, empty or unreachable.
-    virtual QStringList backsnlist(const QString& key) = 0;
     /// A speaker has registered: writes its whole hash. `regDate` "yyyy-MM-dd hh:mm:ss".
     virtual void online_newdevices(const QString& sn, int kindsk, int vol, int mic_d, int mic_e,
                                    const QString& l_ip, const QString& r_ip, const QString& regDate) = 0;
