@@ -9,8 +9,8 @@
 #include "device/playwatch.h"
 #include "service/announcer.h"
 #include "service/filestore.h"
-#include "service/visibility.h"
 #include "service/speech.h"
+#include "service/visibility.h"
 
 #include <QJsonObject>
 #include <QTemporaryDir>
