@@ -102,6 +102,9 @@ signals:
     /// Gathered: at most four times a second.
     void broadcastsChanged(const std::vector<quint64>& ids);
     void entriesAdded();
+    /// Gathered likewise: speakers that play the broadcast from now on, and those that do not any more.
+    void heard(quint64 id, const QString& name, const QStringList& playing, const QStringList& silent);
+    void healthChanged(const QString& sn, SpeakerHealth health);
 
 private:
     class Watch;

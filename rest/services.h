@@ -1,5 +1,6 @@
 #pragma once
 
+class ChangeCounter;
 class Gate;
 class Journal;
 class LoginBrake;
@@ -27,4 +28,5 @@ struct Services {
     TokenTable* oldTokens = nullptr;  ///< any thread
     LoginBrake* loginBrake = nullptr; ///< any thread
     int webSocketPort = 0;            ///< 0: the WebSocket front is closed
+    ChangeCounter* changes = nullptr; ///< any thread
 };

@@ -235,10 +235,10 @@ RestAnswer speakerPage(const RestCall& call, const Page& page, const Reachable& 
 void addSpeakerRoutes(RestRoutes& routes) {
     routes.add({
         {"GET", "/speakers", listOfSpeakers, Who::Account, Paged, Takes::Nothing, {"q", "group", "state"}},
-        {"POST", "/speakers", addSpeaker, Who::Account, 0, Takes::Object},
+        {"POST", "/speakers", addSpeaker, Who::Account, Renames, Takes::Object},
         {"POST", "/speakers/volume", setVolumes, Who::Account, 0, Takes::Object},
         {"GET", "/speakers/{serial}", getSpeaker},
-        {"PATCH", "/speakers/{serial}", changeSpeaker, Who::Account, 0, Takes::Object},
-        {"DELETE", "/speakers/{serial}", deleteSpeaker},
+        {"PATCH", "/speakers/{serial}", changeSpeaker, Who::Account, Renames, Takes::Object},
+        {"DELETE", "/speakers/{serial}", deleteSpeaker, Who::Account, Renames},
     });
 }

@@ -55,6 +55,10 @@ const QString SelectGroupsOf = QStringLiteral(
     "WHERE ( `group_seed`.`devid` in ( @ids ) and `sbox_group`.`id` = `group_seed`.`gid` ) ORDER BY "
     "`sbox_group`.`id`;");
 
+const QString SelectMemberships = QStringLiteral(
+    "SELECT `group_seed`.`devid`, `sbox_group`.`id`, `sbox_group`.`userid` FROM `group_seed`, `sbox_group` "
+    "WHERE ( `sbox_group`.`id` = `group_seed`.`gid` ) ORDER BY `sbox_group`.`id`;");
+
 SqlArg idArg(qint64 id) {
     return {QStringLiteral("@id"), id};
 }
@@ -236,4 +240,16 @@ QHash<qint64, QList<qint64>> groupsOf(sqlite& database, const Scope& scope, cons
     readWithin(database, SelectGroupsOf, scope, speakers,
                [&](qint64 speaker, const QVector<QVariant>& row) { found[speaker] += row[1].toLongLong(); });
     return found;
+}
+
+std::optional<Memberships> allMemberships(sqlite& database) {
+    const SqlResult rows = database.run(SelectMemberships);
+    if (!rows.ok)
+        return std::nullopt;
+    Memberships all;
+    for (const auto& row : rows.rows) {
+        all.groups[row[0].toLongLong()] += row[1].toLongLong();
+        all.owners.insert(row[1].toLongLong(), row[2].toInt());
+    }
+    return all;
 }

@@ -9,6 +9,7 @@
 #include "device/commandserver.h"
 #include "device/sever_listen.h"
 #include "device/severinit.h"
+#include "fronts/events/eventdesk.h"
 #include "fronts/maincellinit.h"
 #include "http/httplistener.h"
 #include "http/httpsessionstore.h"
@@ -22,6 +23,7 @@
 #include "redis/speakermirror.h"
 #include "rest/restrouter.h"
 #include "service/calendarkeeper.h"
+#include "service/changecounter.h"
 #include "service/filestore.h"
 #include "service/loginbrake.h"
 #include "service/passwords.h"
@@ -258,6 +260,14 @@ void Startup::startJournal() {
     m_journal = std::make_unique<Journal>(m_devices.get(), m_database.get(), nodeNumber(),
                                           Journal::Limits{integer("journaldays"), integer("receiptdays")});
     m_alarms->setJournal(m_journal.get());
+    QObject::connect(m_journal.get(), &Journal::heard, m_board.get(), &SpeakerBoard::setPlaying);
+    QObject::connect(m_journal.get(), &Journal::healthChanged, m_board.get(),
+                     [this](const QString& sn, SpeakerHealth health) {
+                         m_board->setHealth(sn, health == SpeakerHealth::Flaky ? SpeakerState::Health::Flaky
+                                                : health == SpeakerHealth::Silent
+                                                    ? SpeakerState::Health::Silent
+                                                    : SpeakerState::Health::Ok);
+                     });
     const auto note = [this](Journal::NoteKind kind, const char* state, const char* name) {
         m_journal->note(kind, QLatin1String(state), QLatin1String(name));
     };
@@ -332,6 +342,7 @@ void Startup::serveHttp() {
                                              text("Meida_ip"));
     createRouters();
     m_front->setOrigins(text("weborigins"));
+    m_front->setEvents(m_events.get());
     m_front->setRouter(m_router.get());
 
     m_http = std::make_unique<HttpListener>(m_database.get(), HttpListenerSettings::of(m_settings),
@@ -345,6 +356,7 @@ void Startup::createAccounts() {
     m_tokens = std::make_unique<Tokens>(std::chrono::hours(24) * qMax(1, integer("tokendays")));
     m_oldTokens = std::make_unique<TokenTable>();
     m_loginBrake = std::make_unique<LoginBrake>();
+    m_changes = std::make_unique<ChangeCounter>();
 }
 
 void Startup::createRouters() {
@@ -368,6 +380,9 @@ void Startup::createRouters() {
     services.oldTokens = m_oldTokens.get();
     services.loginBrake = m_loginBrake.get();
     services.webSocketPort = integer("wbport");
+    services.changes = m_changes.get();
+    m_router->setChanges(m_changes.get());
+    m_events = std::make_unique<EventDesk>(services);
     m_restRouter = std::make_unique<RestRouter>(services, hostList(text("weborigins")));
     m_frontDoor = std::make_unique<FrontDoor>(m_restRouter.get(), m_router.get());
 }

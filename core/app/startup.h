@@ -9,8 +9,10 @@
 
 class Alarmcast;
 class CalendarKeeper;
+class ChangeCounter;
 class cmdthread6;
 class cmdthread;
+class EventDesk;
 class FrontDoor;
 class fuck_redis;
 class Gate;
@@ -100,9 +102,11 @@ private:
     std::unique_ptr<Tokens> m_tokens;
     std::unique_ptr<TokenTable> m_oldTokens;
     std::unique_ptr<LoginBrake> m_loginBrake;
+    std::unique_ptr<ChangeCounter> m_changes;
     std::unique_ptr<RequestMapper> m_router;
     std::unique_ptr<RestRouter> m_restRouter;
     std::unique_ptr<FrontDoor> m_frontDoor;
+    std::unique_ptr<EventDesk> m_events;
     std::unique_ptr<MainCellInit> m_front; ///< made before the router, ends before it
     std::unique_ptr<HttpListener> m_http;
 };
