@@ -123,6 +123,8 @@ const std::vector<SettingKey> Keys = {
      "Address of the silent clip that ends an alarm. Default: preurl and \"mp3/silence.mp3\"."},
     {"Settings", "cmdgap", Type::Integer, "60",
      "Pause between two commands to one speaker, ms: a speaker tells commands apart by its reads. 0: none."},
+    {"Settings", "stopsfirst", Type::Flag, "false",
+     "A stop drops the plays that still wait for that pause and goes before what else does."},
     {"Settings", "relaypause", Type::Integer, "100",
      "Pause between two commands of tasks to one node, ms. 0, the fast way: none."},
     {"Settings", "journal", Type::Flag, "true",

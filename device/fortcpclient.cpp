@@ -4,7 +4,10 @@
 #include "core/loop/fetch.h"
 #include "device/words.h"
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
+#include <numeric>
 #include <QDebug>
 #include <utility>
 
@@ -18,6 +21,16 @@ constexpr auto SupersededGrace = 30s;
 constexpr int BeatLength = 4;
 
 enum Deadline { KeepAlive, Superseded, NextCommand };
+
+bool isStop(const QByteArray& command) {
+    return command == "A5" || command == "A7";
+}
+
+/// "AS" with a number tries a stored task.
+bool isPlay(const QByteArray& command) {
+    return command.startsWith("A1") || command.startsWith("A4") || command.startsWith("A6") ||
+           (command.startsWith("AS") && !(command.size() > 2 && std::isdigit(command.at(2))));
+}
 } // namespace
 
 fortcpclient::fortcpclient(QMap<QString, fortcpclient*>* map, std::unique_ptr<DeviceSocket> socket,
@@ -125,7 +138,19 @@ bool fortcpclient::isPausing() const {
     return m_waiting || sinceCommand() < m_env.commandGap;
 }
 
+/// A play that has not gone out when its stop comes never does; whether there were any.
+bool fortcpclient::dropPlays() {
+    QList<QByteArray>& commands = m_waiting->commands;
+    const auto plays = std::remove_if(commands.begin(), commands.end(), isPlay);
+    const bool areAny = plays != commands.end();
+    commands.erase(plays, commands.end());
+    m_waiting->bytes = std::accumulate(commands.begin(), commands.end(), 0,
+                                       [](int sum, const QByteArray& one) { return sum + one.size(); });
+    return areAny;
+}
+
 int fortcpclient::putOff(const QByteArray& bytes) {
+    const bool isFirst = m_waiting && m_env.stopsFirst && isStop(bytes) && dropPlays();
     if (m_waiting &&
         (m_waiting->commands.size() >= MaxWaiting || m_waiting->bytes + bytes.size() > MaxWaitingBytes)) {
         qWarning().noquote() << "Too many commands wait, not sent:" << m_sn << bytes.left(2);
@@ -135,7 +160,7 @@ int fortcpclient::putOff(const QByteArray& bytes) {
         m_waiting = std::make_unique<Waiting>();
         m_waiting->turn = m_env.wheel.once(m_env.commandGap - sinceCommand(), this, NextCommand);
     }
-    m_waiting->commands.append(bytes);
+    m_waiting->commands.insert(isFirst ? 0 : m_waiting->commands.size(), bytes);
     m_waiting->bytes += bytes.size();
     return bytes.size();
 }

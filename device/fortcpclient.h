@@ -79,6 +79,7 @@ private:
     std::chrono::milliseconds sinceCommand() const;
     bool isPausing() const;
     int putOff(const QByteArray& bytes);
+    bool dropPlays();
     void writeNext();
 
     struct Waiting {

@@ -93,6 +93,10 @@ void Severinit::setCommandGap(std::chrono::milliseconds gap) {
     m_state->env.commandGap = std::max(gap, 0ms);
 }
 
+void Severinit::setStopsFirst(bool areFirst) {
+    m_state->env.stopsFirst = areFirst;
+}
+
 void Severinit::setStoredSerials(const QStringList& serials, const QStringList& restricted) {
     m_state->storedSerials = serials;
     for (const QString& sn : serials)

@@ -51,6 +51,7 @@ public:
     bool quiet = false; ///< keeps printinfo() silent; nothing here sets it
     /// Pause between two commands to one speaker; none before it is set.
     void setCommandGap(std::chrono::milliseconds gap);
+    void setStopsFirst(bool areFirst); ///< see SessionEnv
 
     /// Exact comparison with the service key; an empty service key matches nothing. Any thread.
     bool matchesServiceKey(const QString& sskey) const;

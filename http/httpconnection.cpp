@@ -1,6 +1,7 @@
 #include "http/httpconnection.h"
 
 #include "http/connectionguard.h"
+#include "http/headedfile.h"
 #include "http/httpengine.h"
 #include "http/httprequesthandler.h"
 #include "http/urlencoded.h"
@@ -260,7 +261,11 @@ ResponsePointer HttpConnection::heldAnswer() {
 bool HttpConnection::answer() {
     ResponsePointer response;
     HttpResponse::File& file = m_response.m_file;
-    if (file.descriptor >= 0 && file.length > 0) {
+    if (!file.head.isEmpty()) {
+        response.reset(headedFileResponse(file.head, file.descriptor, file.offset, file.length));
+        if (response)
+            file.descriptor = -1; // closed with the response
+    } else if (file.descriptor >= 0 && file.length > 0) {
         response.reset(MHD_create_response_from_fd_at_offset64(static_cast<std::uint64_t>(file.length),
                                                                file.descriptor,
                                                                static_cast<std::uint64_t>(file.offset)));

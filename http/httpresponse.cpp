@@ -63,8 +63,8 @@ void HttpResponse::write(const QByteArray& data, bool lastPart) {
     m_lastPart = m_lastPart || lastPart;
 }
 
-void HttpResponse::setFile(int descriptor, qint64 offset, qint64 length) {
+void HttpResponse::setFile(int descriptor, qint64 offset, qint64 length, const QByteArray& head) {
     if (m_file.descriptor >= 0)
         ::close(m_file.descriptor);
-    m_file = {descriptor, offset, length};
+    m_file = {descriptor, offset, length, head};
 }

@@ -34,7 +34,8 @@ public:
     void setDelay(std::chrono::milliseconds delay) { m_delay = delay; }
 
     /// Sends `length` bytes of an open file from `offset` on, instead of the body; takes the descriptor.
-    void setFile(int descriptor, qint64 offset, qint64 length);
+    /// `head` goes before them.
+    void setFile(int descriptor, qint64 offset, qint64 length, const QByteArray& head = {});
 
 private:
     friend class HttpConnection;
@@ -42,6 +43,7 @@ private:
         int descriptor = -1;
         qint64 offset = 0;
         qint64 length = 0;
+        QByteArray head;
     };
     int m_status = 200;
     QMap<QByteArray, QByteArray> m_headers;

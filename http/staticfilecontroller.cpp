@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <QDebug>
@@ -124,7 +125,27 @@ void StaticFileController::service(HttpRequest& request, HttpResponse& response)
     }
     if (descriptor < 0)
         return failToOpen(response, errno);
-    sendFile(descriptor, name, queryOf(request), response);
+    descriptor = packedInstead(descriptor, path, request, response);
+    sendFile(descriptor, name, request, response);
+}
+
+// Only what a page consists of: nobody packs sounds, and their players unpack nothing.
+int StaticFileController::packedInstead(int plain, const QByteArray& path, const HttpRequest& request,
+                                        HttpResponse& response) {
+    if (!path.endsWith(".js") && !path.endsWith(".css"))
+        return plain;
+    const int packed = openFile(path + ".gz");
+    if (packed < 0)
+        return plain;
+    response.setHeader("Vary", "Accept-Encoding");
+    const QByteArray accepted = request.getHeader("Accept-Encoding").toLower().replace(" ", "");
+    if (!accepted.contains("gzip") || accepted.contains("gzip;q=0")) {
+        ::close(packed);
+        return plain;
+    }
+    ::close(plain);
+    response.setHeader("Content-Encoding", "gzip");
+    return packed;
 }
 
 bool StaticFileController::isUpload(const QByteArray& path) const {
@@ -170,15 +191,21 @@ int StaticFileController::openBelow(int directory, const QByteArray& name) {
     return static_cast<int>(descriptor);
 }
 
-void StaticFileController::sendFile(int descriptor, const QByteArray& name, const FileQuery& query,
-                                    HttpResponse& response) const {
+void StaticFileController::sendFile(int descriptor, const QByteArray& name, const HttpRequest& request,
+                                    HttpResponse& response) {
     struct stat info {};
     if (::fstat(descriptor, &info) != 0 || !S_ISREG(info.st_mode)) {
         ::close(descriptor);
         return fail(response, 404, "404 not found\n");
     }
-    const FileVersion version = versionOf(info);
-    const FilePart part = choosePart(query, version);
+    FileVersion version = versionOf(info);
+    Mp3Cut cut;
+    if (const QByteArray from = request.getParameter("from");
+        !from.isEmpty() && !cutFile(descriptor, from, version, cut, response)) {
+        ::close(descriptor);
+        return;
+    }
+    const FilePart part = choosePart(queryOf(request), version);
     response.setStatus(part.status);
     response.setHeader("Accept-Ranges", "bytes");
     response.setHeader("ETag", version.etag);
@@ -193,5 +220,37 @@ void StaticFileController::sendFile(int descriptor, const QByteArray& name, cons
                                                 size);
     if (part.status == 200 || part.status == 206)
         response.setHeader("Content-Type", mimeType(name, m_encoding));
-    response.setFile(descriptor, part.offset, part.length);
+    // The part of the whole that the head is, and that the file is.
+    const qint64 headBytes = cut.head.size();
+    const QByteArray head =
+        part.length > 0 && part.offset < headBytes
+            ? cut.head.mid(int(part.offset), int(std::min<qint64>(part.length, headBytes)))
+            : QByteArray();
+    const qint64 offset = cut.offset + std::max<qint64>(part.offset - headBytes, 0);
+    response.setFile(descriptor, offset, part.length - head.size(), head);
+}
+
+/// Makes `version` that of the file from a moment on. False when the answer has been given.
+bool StaticFileController::cutFile(int descriptor, const QByteArray& from, FileVersion& version, Mp3Cut& cut,
+                                   HttpResponse& response) {
+    constexpr double Longest = 1e7; // seconds
+    bool isNumber = false;
+    const double seconds = from.toDouble(&isNumber);
+    if (!isNumber || !(seconds >= 0 && seconds <= Longest)) {
+        fail(response, 400, "400 \"from\" is no number of seconds\n");
+        return false;
+    }
+    const std::chrono::milliseconds moment(std::llround(seconds * 1000));
+    switch (m_cuts.cut(descriptor, version.size, version.etag, moment, cut)) {
+    case Mp3Cuts::Outcome::BeyondEnd:
+        fail(response, 416, "416 the file ends before \"from\"\n");
+        return false;
+    case Mp3Cuts::Outcome::NoMp3:
+        break;
+    case Mp3Cuts::Outcome::Done:
+        version.etag.insert(version.etag.size() - 1, '-' + QByteArray::number(cut.offset, 16));
+        version.size += cut.head.size() - cut.offset;
+        break;
+    }
+    return true;
 }

@@ -163,6 +163,11 @@ std::optional<Journal::Standing> Journal::standing(quint64 id) const {
     return running ? std::optional(standingOf(*running)) : std::nullopt;
 }
 
+bool Journal::isForeign(quint64 id) const {
+    const Running* const running = m_state->find(id);
+    return running && running->isForeign;
+}
+
 std::vector<Journal::Standing> Journal::running() const {
     std::vector<Standing> all;
     for (const auto& [id, running] : m_state->broadcasts) {

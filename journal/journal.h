@@ -82,6 +82,8 @@ public:
     std::optional<ReceiptState> receipt(quint64 id, const QString& sn) const;
     std::optional<Standing> standing(quint64 id) const; ///< nothing once it is over and stored
     std::vector<Standing> running() const;
+    /// Whether another node has begun it: little more than its number is known here.
+    bool isForeign(quint64 id) const;
 
     // --- entries ---
     void bell(const Bell& bell);
@@ -100,6 +102,9 @@ signals:
     /// Gathered: at most four times a second.
     void broadcastsChanged(const std::vector<quint64>& ids);
     void entriesAdded();
+    /// Gathered likewise: speakers that play the broadcast from now on, and those that do not any more.
+    void heard(quint64 id, const QString& name, const QStringList& playing, const QStringList& silent);
+    void healthChanged(const QString& sn, SpeakerHealth health);
 
 private:
     class Watch;

@@ -6,6 +6,7 @@ void addResources(RestRoutes& routes) {
     addTokenRoutes(routes);
     addAccountRoutes(routes);
     addGrantRoutes(routes);
+    addAnnouncementRoutes(routes);
     addAuditRoutes(routes);
     addSpeakerRoutes(routes);
     addGroupRoutes(routes);

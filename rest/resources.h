@@ -5,6 +5,7 @@ class RestRoutes;
 /// Each resource adds its rows to the table; their files are named after them.
 void addAboutRoutes(RestRoutes& routes);
 void addAccountRoutes(RestRoutes& routes);
+void addAnnouncementRoutes(RestRoutes& routes);
 void addAuditRoutes(RestRoutes& routes);
 void addBroadcastRoutes(RestRoutes& routes);
 void addGrantRoutes(RestRoutes& routes);

@@ -83,6 +83,18 @@ private slots:
         QVERIFY(waitFor([&] { return m_speaker->reads().size() >= 3; }));
         QCOMPARE(m_speaker->reads(), (QByteArrayList{"A1a", "A5", "V\x03"}));
 
+        // A stop does not wait for a play that it would end at once, when it may go first.
+        m_link->registry.setStopsFirst(true);
+        session()->set_vol_V(4);
+        session()->set_vol_V(5);
+        session()->addMp3list("b");
+        session()->Test_unlineTasklist(7);
+        session()->stopcurl2();
+        QVERIFY(waitFor([&] { return m_speaker->reads().size() >= 7; }));
+        const QByteArrayList later = m_speaker->reads().mid(3);
+        QCOMPARE(later.size(), 4); // the list is none of them
+        QVERIFY(later.indexOf("A7") < later.indexOf("V\x05") && later.last() == "AS7");
+
         // As many as may wait, and not one for the connection that comes after.
         m_link->registry.setCommandGap(1h);
         for (int i = 0; i < fortcpclient::MaxWaiting; ++i)
@@ -92,7 +104,7 @@ private slots:
         m_link->registry.setCommandGap(0ms);
         session()->stopcurl2();
         QVERIFY(m_speaker->waitReceived("A7"));
-        QCOMPARE(first->reads().size(), 3);
+        QCOMPARE(first->reads().size(), 7);
     }
 
     void timeCommand() {

@@ -1,8 +1,14 @@
+#include "core/mp3frames.h"
 #include "support/httpserver.h"
 #include "support/rawhttp.h"
 #include "support/table.h"
 #include "support/testmain.h"
 
+#include <array>
+#include <cmath>
+#include <mpg123.h>
+#include <QProcess>
+#include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +21,9 @@ private slots:
         m_server->files->setUploads({"/sub"});
         m_server->put("digits.txt", "0123456789");
         m_server->put("empty.txt", "");
+        m_server->put("page.js", "plain");
+        m_server->put("page.js.gz", "packed");
+        m_server->put("alone.js", "plain");
         m_server->put("song.MP3", "ID3");
         m_server->put("index.html", "<p>root</p>");
         m_server->put("sub/index.html", "<p>sub</p>");
@@ -72,6 +81,25 @@ private slots:
             QCOMPARE(answer.body, body);
         QCOMPARE(answer.headers.value("x-content-type-options"), "nosniff");
         QCOMPARE(answer.headers.contains("content-security-policy"), body == "<p>sub</p>");
+    }
+
+    void packed_data() {
+        const Table<QByteArray, QByteArray, QByteArray, QByteArray> row{"path", "accepted", "encoding",
+                                                                        "body"};
+        row("packed", "/page.js", "br, gzip", "gzip", "packed");
+        row("not accepted", "/page.js", "br", "", "plain");
+        row("refused", "/page.js", "gzip; q=0", "", "plain");
+        row("none beside it", "/alone.js", "gzip", "", "plain");
+        row("no part of a page", "/song.MP3", "gzip", "", "ID3");
+    }
+
+    void packed() {
+        QFETCH(QByteArray, path);
+        QFETCH(QByteArray, accepted);
+        const RawAnswer answer = get(path, "Accept-Encoding: " + accepted + "\r\n");
+        QTEST(answer.headers.value("content-encoding"), "encoding");
+        QTEST(answer.body, "body");
+        QCOMPARE(answer.headers.contains("vary"), path == "/page.js");
     }
 
     void methods_data() {
@@ -181,6 +209,61 @@ private slots:
         QVERIFY(get("/large.mp3", "Range: bytes=1000001-\r\n").body == content.mid(1000001));
     }
 
+    void fromAMoment_data() {
+        const Table<QStringList, double> add{"encoding", "from"};
+        add("constant rate", {"-b", "128"}, 4.37);
+        add("near the beginning", {"-b", "128"}, 0.08);
+        add("variable rate", {"-V", "4"}, 7.0);
+        add("mono, low rate", {"-m", "m", "--resample", "22.05", "-b", "24"}, 5.5);
+        add("with checksums and tags", {"-b", "96", "-p", "--tt", "Title", "--add-id3v2"}, 9.99);
+    }
+
+    /// What is decoded from there on is what the whole file holds there, to the decoder's rounding, once the
+    /// silent frame in front and the one that overlaps with it are over.
+    void fromAMoment() {
+        QFETCH(QStringList, encoding);
+        QFETCH(double, from);
+        m_server->put("noise.wav", noise(12));
+        const QString docroot = m_server->files->root();
+        QCOMPARE(QProcess::execute("lame", QStringList{"--quiet"} + encoding +
+                                               QStringList{docroot + "/noise.wav", docroot + "/noise.mp3"}),
+                 0);
+        const QByteArray whole = get("/noise.mp3").body;
+        const QByteArray path = "/noise.mp3?from=" + QByteArray::number(from);
+        const RawAnswer cut = get(path);
+        QCOMPARE(cut.status, 200);
+        QVERIFY(!cut.body.contains("Xing") && !cut.body.contains("Info"));
+        const QVector<mp3::Frame> frames = mp3::frames(whole);
+        const int first = int(from * frames[0].sampleRate / frames[0].samples);
+        const QVector<mp3::Frame> left = mp3::frames(cut.body);
+        const int silent = int(left.size() - (frames.size() - first));
+        QVERIFY(silent == 0 || silent == 1);
+        QCOMPARE(left.last().offset + left.last().bytes - left[silent].offset,
+                 frames.last().offset + frames.last().bytes - frames[first].offset);
+        const int skipped = (silent + 2) * frames[0].samples;
+        const Sound all = decoded(whole);
+        const Sound rest = decoded(cut.body);
+        QCOMPARE(rest.complaints, 0);
+        QVERIFY(difference(rest.samples.mid(skipped * rest.channels),
+                           all.samples.mid((first + 2) * frames[0].samples * all.channels)) <= 1);
+
+        const RawAnswer range = get(path, "Range: bytes=7-2006\r\n");
+        QCOMPARE(range.status, 206);
+        QCOMPARE(range.headers.value("content-range"), "bytes 7-2006/" + QByteArray::number(cut.body.size()));
+        QVERIFY(range.body == cut.body.mid(7, 2000));
+        QVERIFY(get(path, "Range: bytes=5000-\r\n").body == cut.body.mid(5000));
+        QCOMPARE(get(path, "If-None-Match: " + cut.headers.value("etag") + "\r\n").status, 304);
+        QCOMPARE(get("/noise.mp3", "If-None-Match: " + cut.headers.value("etag") + "\r\n").status, 200);
+        QCOMPARE(get(path, {}, "HEAD").headers.value("content-length").toInt(), cut.body.size());
+    }
+
+    void fromNowhere() {
+        QCOMPARE(get("/noise.mp3?from=12.5").status, 416);
+        for (const char* const wrong : {"-1", "x", "nan", "inf", "1e99"})
+            QCOMPARE(get(QByteArray("/noise.mp3?from=") + wrong).status, 400);
+        QCOMPARE(get("/digits.txt?from=3").body, "0123456789");
+    }
+
     void rootMayComeLater() {
         HttpServer server([](HttpRequest&, HttpResponse&) {}, {{"docroot/path", "made/later"}});
         const QByteArray request = "GET /x.txt HTTP/1.1\r\nHost: x\r\n\r\n";
@@ -191,6 +274,60 @@ private slots:
     }
 
 private:
+    struct Sound {
+        int channels = 0;
+        int complaints = 0;
+        QVector<qint16> samples;
+    };
+
+    /// As it comes, without what an encoder's header says of delays.
+    static Sound decoded(const QByteArray& file) {
+        Sound sound;
+        const std::unique_ptr<mpg123_handle, decltype(&mpg123_delete)> handle(mpg123_new(nullptr, nullptr),
+                                                                              &mpg123_delete);
+        mpg123_param(handle.get(), MPG123_ADD_FLAGS, MPG123_QUIET, 0);
+        mpg123_param(handle.get(), MPG123_REMOVE_FLAGS, MPG123_GAPLESS, 0);
+        mpg123_open_feed(handle.get());
+        mpg123_feed(handle.get(), reinterpret_cast<const unsigned char*>(file.constData()),
+                    size_t(file.size()));
+        std::array<qint16, 4608> block{};
+        size_t bytes = 0;
+        for (int result = MPG123_NEW_FORMAT; result == MPG123_NEW_FORMAT || result == MPG123_OK;) {
+            result = mpg123_read(handle.get(), block.data(), sizeof block, &bytes);
+            std::copy_n(block.begin(), bytes / sizeof(qint16), std::back_inserter(sound.samples));
+            sound.complaints += result == MPG123_ERR;
+        }
+        long rate = 0;
+        int encoding = 0;
+        mpg123_getformat(handle.get(), &rate, &sound.channels, &encoding);
+        return sound;
+    }
+
+    static int difference(const QVector<qint16>& one, const QVector<qint16>& other) {
+        int largest = one.size() == other.size() && !one.isEmpty() ? 0 : INT_MAX;
+        for (int i = 0; largest != INT_MAX && i < one.size(); ++i)
+            largest = std::max(largest, std::abs(one.at(i) - other.at(i)));
+        return largest;
+    }
+
+    static QByteArray noise(int seconds) {
+        constexpr int Rate = 44100;
+        std::mt19937 random(7);
+        QByteArray samples;
+        for (int i = 0; i < seconds * Rate; ++i) {
+            const double loudness = i / (Rate / 4) % 5 == 0 ? 9000 : 300;
+            const auto sample = qint16(loudness * (std::sin(i * 0.05) + double(random() % 1000) / 1000));
+            samples.append(reinterpret_cast<const char*>(&sample), sizeof sample);
+            samples.append(reinterpret_cast<const char*>(&sample), sizeof sample);
+        }
+        const auto number = [](quint32 value) {
+            return QByteArray(reinterpret_cast<const char*>(&value), 4);
+        };
+        return "RIFF" + number(quint32(samples.size()) + 36) + "WAVEfmt " + number(16) +
+               QByteArray("\1\0\2\0", 4) + number(Rate) + number(Rate * 4) + QByteArray("\4\0\20\0", 4) +
+               "data" + number(quint32(samples.size())) + samples;
+    }
+
     RawAnswer get(const QByteArray& path, const QByteArray& headers = {}, const QByteArray& method = "GET") {
         return RawHttp::exchange(m_server->port(),
                                  method + ' ' + path + " HTTP/1.1\r\nHost: x\r\n" + headers + "\r\n",

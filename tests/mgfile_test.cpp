@@ -1,3 +1,4 @@
+#include "core/mp3frames.h"
 #include "support/service.h"
 #include "support/table.h"
 #include "support/testmain.h"
@@ -5,7 +6,6 @@
 #include "tasks/alarms/baojingobject.h"
 #include "tools/mgpackager.h"
 #include "tools/mp3check.h"
-#include "tools/mp3frames.h"
 
 #include <QFile>
 #include <QProcess>

@@ -51,6 +51,7 @@ const QList<Policy> Policies{
     {"GET /grants", "401 200 200 200 200 200"},
     {"POST /grants", "401 403 403 201 422 201", nullptr, R"({"account":16,"group":70,"role":"viewer"})"},
     {"DELETE /grants/{id}", "401 403 404 204 404 204", "/grants/60"},
+    {"GET /about", "401 200 200 200 200 200"},
     {"GET /audit", "401 200 200 200 200 200"},
     {"GET /speakers", "401 200 200 200 200 200"},
     {"POST /speakers", "401 201 201 201 201 201", nullptr,

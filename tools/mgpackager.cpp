@@ -1,7 +1,7 @@
 #include "tools/mgpackager.h"
 
+#include "core/mp3frames.h"
 #include "tasks/alarms/mgfile.h"
-#include "tools/mp3frames.h"
 
 #include <limits>
 

@@ -2,6 +2,7 @@
 
 #include "api/requestmapper.h"
 #include "core/app/frontdoor.h"
+#include "core/app/journalledger.h"
 #include "core/app/site.h"
 #include "core/sql/migrations.h"
 #include "core/sql/sqlite.h"
@@ -16,6 +17,8 @@
 #include "http/templateloader.h"
 #include "journal/journal.h"
 #include "nodes/gate.h"
+#include "orders/levelstore.h"
+#include "orders/orders.h"
 #include "redis/fuck_redis.h"
 #include "redis/speakermirror.h"
 #include "rest/restrouter.h"
@@ -115,6 +118,7 @@ void Startup::run() {
     if (!m_settings.flag("isonly_media")) {
         openDatabase();
         startJournal();
+        createOrders();
         createTasks();
         createAccounts();
         serveHttp();
@@ -172,6 +176,7 @@ void Startup::createDevices() {
         integer("Pastcmd"));
     m_devices->bitrate = integer("bitrate");
     m_devices->setCommandGap(std::chrono::milliseconds(integer("cmdgap")));
+    m_devices->setStopsFirst(m_settings.flag("stopsfirst"));
     if (m_redis) {
         m_devices->setGroupReader([this](const QString& group) { return m_redis->backsnlist(group); });
         m_mirror = std::make_unique<SpeakerMirror>(*m_devices, *m_redis);
@@ -242,6 +247,8 @@ void Startup::awaitDatabase() {
         if (!loadStoredSpeakers())
             return;
         m_databaseTimer.stop();
+        if (m_orders)
+            m_orders->restore(LevelStore::load(*m_database));
         qInfo() << "database: ready";
     });
     m_databaseTimer.start(Pause);
@@ -253,6 +260,14 @@ void Startup::startJournal() {
     m_journal = std::make_unique<Journal>(m_devices.get(), m_database.get(), nodeNumber(),
                                           Journal::Limits{integer("journaldays"), integer("receiptdays")});
     m_alarms->setJournal(m_journal.get());
+    QObject::connect(m_journal.get(), &Journal::heard, m_board.get(), &SpeakerBoard::setPlaying);
+    QObject::connect(m_journal.get(), &Journal::healthChanged, m_board.get(),
+                     [this](const QString& sn, SpeakerHealth health) {
+                         m_board->setHealth(sn, health == SpeakerHealth::Flaky ? SpeakerState::Health::Flaky
+                                                : health == SpeakerHealth::Silent
+                                                    ? SpeakerState::Health::Silent
+                                                    : SpeakerState::Health::Ok);
+                     });
     const auto note = [this](Journal::NoteKind kind, const char* state, const char* name) {
         m_journal->note(kind, QLatin1String(state), QLatin1String(name));
     };
@@ -263,6 +278,22 @@ void Startup::startJournal() {
                      [note] { note(Journal::NoteKind::Link, "lost", "redis"); });
     QObject::connect(m_redis.get(), &fuck_redis::restored, m_journal.get(),
                      [note] { note(Journal::NoteKind::Link, "back", "redis"); });
+}
+
+// What was left to be put back by an earlier run comes with the database.
+void Startup::createOrders() {
+    if (!m_journal)
+        return;
+    m_ledger = std::make_unique<JournalLedger>(*m_journal);
+    m_levels = std::make_unique<LevelStore>(*m_database);
+    const NodeAddress here{QStringLiteral("127.0.0.1"), integer("PS2")};
+    m_orders =
+        std::make_unique<Orders>(m_devices.get(), *m_ledger, m_levels.get(),
+                                 [this, here](const QByteArray& command) { m_gate->run(here, command); });
+    m_orders->setFilePrefix(text("preurl"));
+    m_alarms->setOrders(m_orders.get());
+    if (!m_databaseTimer.isActive())
+        m_orders->restore(LevelStore::load(*m_database));
 }
 
 // Of nodes in one network of 256 addresses, or on one machine with ports one after the other, each has
@@ -340,12 +371,14 @@ void Startup::createRouters() {
     services.devices = m_devices.get();
     services.board = m_board.get();
     services.gate = m_gate.get();
-    services.tasks = m_tasks.get();
     services.journal = m_journal.get();
+    services.orders = m_orders.get();
+    services.tasks = m_tasks.get();
     services.passwords = m_passwords.get();
     services.tokens = m_tokens.get();
     services.oldTokens = m_oldTokens.get();
     services.loginBrake = m_loginBrake.get();
+    services.webSocketPort = integer("wbport");
     services.changes = m_changes.get();
     m_router->setChanges(m_changes.get());
     m_events = std::make_unique<EventDesk>(services);

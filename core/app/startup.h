@@ -20,7 +20,10 @@ class HttpListener;
 class HttpSessionStore;
 class Journal;
 class LoginBrake;
+class JournalLedger;
+class LevelStore;
 class MainCellInit;
+class Orders;
 class Passwords;
 class QCoreApplication;
 class RequestMapper;
@@ -60,6 +63,7 @@ private:
     bool loadStoredSpeakers();
     void awaitDatabase();
     void startJournal();
+    void createOrders();
     int nodeNumber() const;
     void createTasks();
     void createAccounts();
@@ -83,9 +87,12 @@ private:
     std::unique_ptr<cmdthread> m_commands;
     std::unique_ptr<cmdthread6> m_commands6;
     std::unique_ptr<Alarmcast> m_alarms;
-    std::unique_ptr<sqlite> m_database;          ///< this and what follows: null in media-only mode
-    QTimer m_databaseTimer;                      ///< while its speakers have not been read
-    std::unique_ptr<Journal> m_journal;          ///< null when it is switched off
+    std::unique_ptr<sqlite> m_database;      ///< this and what follows: null in media-only mode
+    QTimer m_databaseTimer;                  ///< while its speakers have not been read
+    std::unique_ptr<Journal> m_journal;      ///< null when it is switched off
+    std::unique_ptr<JournalLedger> m_ledger; ///< this and the next two: null without a journal
+    std::unique_ptr<LevelStore> m_levels;
+    std::unique_ptr<Orders> m_orders;
     std::unique_ptr<CalendarKeeper> m_calendars; ///< null unless the database's kind has tasks
     std::unique_ptr<Task_workque> m_tasks;       ///< likewise
     std::unique_ptr<HttpSessionStore> m_sessions;

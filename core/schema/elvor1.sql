@@ -455,6 +455,23 @@ CREATE TABLE `taskclock` (
   `handled` BIGINT NOT NULL DEFAULT 0 -- seconds since 1970-01-01 UTC
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
 
+-- Volumes to go back to when no order asks for another one any more; what announcements were asked to be:
+-- docs/broadcasts.md.
+-- `at`: ms since 1970-01-01 UTC; `body`: the request as JSON.
+DROP TABLE IF EXISTS `speaker_level`;
+CREATE TABLE `speaker_level` (
+  `sn` VARCHAR(64) CHARACTER SET ascii COLLATE ascii_bin NOT NULL PRIMARY KEY,
+  `level` SMALLINT NOT NULL DEFAULT 0
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+DROP TABLE IF EXISTS `announcement`;
+CREATE TABLE `announcement` (
+  `id` BIGINT NOT NULL PRIMARY KEY,
+  `account` INT NOT NULL DEFAULT 0,
+  `at` BIGINT NOT NULL DEFAULT 0,
+  `body` MEDIUMTEXT NOT NULL
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
+CREATE INDEX `announcement_at` ON `announcement` (`at`);
+
 INSERT INTO `sbox_node` (`id`, `node_name`) VALUES (1, 'node1');
 INSERT INTO `swap_info` (`type`) VALUES ('info');
 INSERT INTO `xieyi_mod` (`id`, `xieyi`) VALUES (1, '');
@@ -463,4 +480,4 @@ INSERT INTO `taskclock` (`id`) VALUES (1);
 -- The version of what stands above: the number of the newest step in migrations/.
 DROP TABLE IF EXISTS `schema_version`;
 CREATE TABLE `schema_version` (`version` INTEGER NOT NULL);
-INSERT INTO `schema_version` (`version`) VALUES (6);
+INSERT INTO `schema_version` (`version`) VALUES (7);

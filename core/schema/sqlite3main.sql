@@ -458,6 +458,23 @@ CREATE TABLE `taskclock` (
   `handled` INTEGER NOT NULL DEFAULT 0 -- seconds since 1970-01-01 UTC
 );
 
+-- Volumes to go back to when no order asks for another one any more; what announcements were asked to be:
+-- docs/broadcasts.md.
+-- `at`: ms since 1970-01-01 UTC; `body`: the request as JSON.
+DROP TABLE IF EXISTS `speaker_level`;
+CREATE TABLE `speaker_level` (
+  `sn` TEXT NOT NULL PRIMARY KEY,
+  `level` INTEGER NOT NULL DEFAULT 0
+) WITHOUT ROWID;
+DROP TABLE IF EXISTS `announcement`;
+CREATE TABLE `announcement` (
+  `id` INTEGER NOT NULL PRIMARY KEY,
+  `account` INTEGER NOT NULL DEFAULT 0,
+  `at` INTEGER NOT NULL DEFAULT 0,
+  `body` TEXT NOT NULL
+);
+CREATE INDEX `announcement_at` ON `announcement` (`at`);
+
 INSERT INTO `sbox_node` (`id`, `node_name`) VALUES (1, 'node1');
 INSERT INTO `swap_info` (`type`) VALUES ('info');
 INSERT INTO `xieyi_mod` (`id`, `xieyi`) VALUES (1, '');
@@ -466,4 +483,4 @@ INSERT INTO `taskclock` (`id`) VALUES (1);
 -- The version of what stands above: the number of the newest step in migrations/.
 DROP TABLE IF EXISTS `schema_version`;
 CREATE TABLE `schema_version` (`version` INTEGER NOT NULL);
-INSERT INTO `schema_version` (`version`) VALUES (6);
+INSERT INTO `schema_version` (`version`) VALUES (7);

@@ -5,6 +5,7 @@
 #include "device/saobj.h"
 #include "device/severinit.h"
 #include "journal/journal.h"
+#include "orders/orders.h"
 #include "tasks/alarms/baojingobject.h"
 
 #include <algorithm>
@@ -21,6 +22,10 @@ namespace {
 /// All casts are one stream to the speakers: so a newer one of the same level takes them over at once
 /// instead of being taken for a stale one of another stream.
 constexpr int StreamId = 1;
+/// Result of a packet that was not sent: something else holds the speaker.
+constexpr int Unheard = 1;
+/// Levels above count alike for what is no alarm file; among them the data path's rule holds.
+constexpr int HighestLevel = zones::Highest - 1 - zones::Forced;
 const auto SourceName = QStringLiteral("Alarmcast");
 constexpr int NamedFailures = 20;
 constexpr int AlarmPriority = 224;
@@ -104,6 +109,8 @@ QJsonObject Alarmcast::stop(const QStringList& targets) {
         });
         speakers.erase(kept, speakers.end());
         cast.told.assign(speakers.size(), Untold);
+        if (m_orders && cast.order != 0)
+            m_orders->leaveStream(cast.order, serials);
         if (cast.order != 0)
             m_journal->mark(cast.order, serials, ReceiptState::Stopped);
         if (cast.order != 0 && speakers.empty())
@@ -169,11 +176,15 @@ bool Alarmcast::start(const QStringList& files, const QStringList& targets, int 
             session->clear_que(StreamId);
     }
     cast.told.assign(cast.speakers.size(), Untold);
+    if (m_orders && order != 0)
+        claim(cast);
     cast.player = std::make_unique<Baojingobject>(files);
     connect(cast.player.get(), &Baojingobject::present_mp3data_s, this,
             [this, &cast](const QByteArray& packet) { feed(cast, packet); });
     cast.player->_start_init();
     if (!cast.player->isPlaying()) {
+        if (m_orders && order != 0)
+            m_orders->endStream(order);
         m_casts.pop_back();
         return false;
     }
@@ -191,10 +202,40 @@ void Alarmcast::feed(Cast& cast, const QByteArray& packet) {
     std::vector<int> results(speakers.size());
     for (size_t i = 0; i < speakers.size(); ++i) {
         fetchAhead(speakers, i, std::mem_fn(&SAobj::fetch), std::mem_fn(&SAobj::fetchMp3Socket));
+        if (cast.unheard.contains(speakers[i]->sn())) {
+            results[i] = Unheard;
+            continue;
+        }
         results[i] = speakers[i]->forward(stream, true, packet);
     }
     if (cast.order != 0)
         recordFed(cast, results);
+}
+
+// --- who gets the speakers ---
+
+void Alarmcast::claim(const Cast& cast) {
+    QStringList serials;
+    for (const SAobj* const speaker : cast.speakers)
+        serials << speaker->sn();
+    Orders::Stream stream;
+    stream.priority = zones::Forced + std::min(cast.level, HighestLevel);
+    m_orders->beginStream(
+        cast.order, stream, serials,
+        [this, sequence = cast.sequence](const QString& sn, bool hears) { heard(sequence, sn, hears); });
+}
+
+void Alarmcast::heard(int sequence, const QString& sn, bool hears) {
+    const auto cast = std::find_if(m_casts.begin(), m_casts.end(),
+                                   [sequence](const Cast& one) { return one.sequence == sequence; });
+    if (cast == m_casts.end())
+        return;
+    if (hears)
+        cast->unheard.remove(sn);
+    else
+        cast->unheard.insert(sn);
+    if (SAobj* const session = hears ? nullptr : m_devices->session(sn))
+        session->clear_que(StreamId);
 }
 
 // --- the record ---
@@ -227,6 +268,10 @@ quint64 Alarmcast::record(const QJsonObject& request, const QStringList& targets
 void Alarmcast::recordFed(Cast& cast, const std::vector<int>& results) const {
     std::map<ReceiptState, QStringList> changes;
     for (size_t i = 0; i < results.size(); ++i) {
+        if (results[i] == Unheard) {
+            cast.told[i] = Untold;
+            continue;
+        }
         const SAobj& speaker = *cast.speakers[i];
         const auto state = results[i] == Mp3Path::LowerPriority ? ReceiptState::Overruled
                            : !speaker.isOnline()                ? awayAfter(cast.told[i])
@@ -256,8 +301,11 @@ void Alarmcast::end(int sequence) {
         qInfo().noquote() << "PLAYMG over, sequence" << sequence << "begun on" << cast->gained
                           << "speakers, lost" << cast->lost;
     for (const Cast& cast : m_casts) {
-        if (cast.sequence == sequence && cast.order != 0)
-            m_journal->end(cast.order);
+        if (cast.sequence != sequence || cast.order == 0)
+            continue;
+        if (m_orders)
+            m_orders->endStream(cast.order);
+        m_journal->end(cast.order);
     }
     m_casts.remove_if([&](const Cast& cast) { return cast.sequence == sequence; });
 }

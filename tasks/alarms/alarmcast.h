@@ -7,12 +7,14 @@
 #include <QByteArray>
 #include <QJsonObject>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <vector>
 
 class Baojingobject;
 class Journal;
+class Orders;
 class SAobj;
 class Severinit;
 
@@ -35,6 +37,8 @@ public:
 
     /// Where casts are recorded; null: nowhere. Not owned.
     void setJournal(Journal* journal) { m_journal = journal; }
+    /// Who gets the speakers; null: whoever feeds them. Not owned; before the first cast.
+    void setOrders(Orders* orders) { m_orders = orders; }
 
     QJsonObject play(const QJsonObject& request, const QStringList& targets);
     QJsonObject stop(const QStringList& targets);
@@ -53,6 +57,7 @@ private:
         std::vector<SAobj*> speakers; ///< sessions, which live as long as the registry
         quint64 order = 0;            ///< its broadcast; 0: none
         std::vector<quint8> told;     ///< of each speaker the ReceiptState that is recorded
+        QSet<QString> unheard;        ///< speakers that something else holds meanwhile
         std::unique_ptr<Baojingobject> player;
     };
     QStringList filesOf(const QJsonObject& request) const;
@@ -60,6 +65,8 @@ private:
     void feed(Cast& cast, const QByteArray& packet);
     quint64 record(const QJsonObject& request, const QStringList& targets) const;
     void recordFed(Cast& cast, const std::vector<int>& results) const;
+    void claim(const Cast& cast);
+    void heard(int sequence, const QString& sn, bool hears);
     void endSoon(int sequence);
     void end(int sequence);
     Cast* castOf(int sequence);
@@ -69,6 +76,7 @@ private:
 
     Severinit* m_devices;
     Journal* m_journal = nullptr;
+    Orders* m_orders = nullptr;
     QString m_directory;
     std::list<Cast> m_casts; ///< addresses stay while casts come and go
     int m_sequence = 0;

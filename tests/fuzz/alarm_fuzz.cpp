@@ -1,7 +1,7 @@
 // Alarm files, and the MP3 files from which they are made. The first byte chooses which.
+#include "core/mp3frames.h"
 #include "tasks/alarms/mgfile.h"
 #include "tools/mgpackager.h"
-#include "tools/mp3frames.h"
 
 #include <cstdint>
 #include <cstdlib>

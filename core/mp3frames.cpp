@@ -1,5 +1,6 @@
-#include "tools/mp3frames.h"
+#include "core/mp3frames.h"
 
+#include <algorithm>
 #include <array>
 
 namespace {
@@ -24,6 +25,18 @@ int sampleRate(int version, int index) {
     const int rate = Mpeg1SampleRates.at(static_cast<std::size_t>(index));
     return version == Mpeg1 ? rate : version == Mpeg2 ? rate / 2 : rate / 4;
 }
+
+constexpr int Mono = 3;
+
+int sideBytes(int version, bool isMono) {
+    if (version == Mpeg1)
+        return isMono ? 17 : 32;
+    return isMono ? 9 : 17;
+}
+
+/// What is read at once; it holds some of the largest frames.
+constexpr int BlockBytes = 256 * 1024;
+constexpr int AheadBytes = 16 * 1024;
 
 /// Bytes of an ID3v2 tag at `offset`, 0 when there is none.
 int id3Bytes(const QByteArray& file, int offset) {
@@ -69,25 +82,74 @@ std::optional<mp3::Frame> mp3::frameAt(const QByteArray& file, int offset) {
         return std::nullopt;
     frame.samples = version == Mpeg1 ? 1152 : 576;
     frame.bytes = frame.samples / 8 * bitRate / frame.sampleRate + (third >> 1 & 1);
-    return frame.bytes <= file.size() - offset ? std::optional(frame) : std::nullopt;
+    if (frame.bytes > file.size() - offset)
+        return std::nullopt;
+    const int checksum = (second & 1) == 0 ? 2 : 0;
+    const int side = offset + HeaderBytes + checksum;
+    frame.head = HeaderBytes + checksum + sideBytes(version, byteAt(file, offset + 3) >> 6 == Mono);
+    if (frame.head > frame.bytes)
+        return std::nullopt;
+    frame.behind =
+        version == Mpeg1 ? byteAt(file, side) << 1 | byteAt(file, side + 1) >> 7 : byteAt(file, side);
+    return frame;
 }
 
-QVector<mp3::Frame> mp3::frames(const QByteArray& file) {
-    QVector<Frame> found;
-    int offset = 0;
-    while (offset <= file.size() - HeaderBytes) {
-        if (const int tag = id3Bytes(file, offset)) {
-            offset += qMin(tag, file.size() - offset);
+QByteArray mp3::silenceBefore(const QByteArray& next, const QByteArray& data) {
+    const auto frame = frameAt(next, 0);
+    if (!frame)
+        return {};
+    QByteArray header = next.left(HeaderBytes);
+    header[1] = static_cast<char>(byteAt(header, 1) | 1); // no checksum
+    const int version = byteAt(header, 1) >> 3 & 3;
+    const int head = HeaderBytes + sideBytes(version, byteAt(header, 3) >> 6 == Mono);
+    for (int rate = byteAt(header, 2) >> 4; rate < 15; ++rate) {
+        header[2] = static_cast<char>((byteAt(header, 2) & 0x0d) | rate << 4); // without padding
+        const int bitRate =
+            (version == Mpeg1 ? Mpeg1BitRates : Mpeg2BitRates).at(static_cast<std::size_t>(rate));
+        const int bytes = frame->samples / 8 * bitRate * 1000 / frame->sampleRate;
+        if (bytes - head >= data.size())
+            return header + QByteArray(bytes - HeaderBytes - data.size(), '\0') + data;
+    }
+    return {};
+}
+
+void mp3::walk(int size, const Source& source, const std::function<void(const Frame&)>& found) {
+    QByteArray block;
+    int start = 0;
+    bool isFirst = true;
+    for (int offset = 0; offset <= size - HeaderBytes;) {
+        const bool isWhole = start + block.size() >= size;
+        if (offset - start + AheadBytes > block.size() && (!isWhole || block.isEmpty())) {
+            start = offset;
+            block = source(start, BlockBytes);
+            if (block.size() < HeaderBytes)
+                return; // the file has become shorter
+        }
+        const int at = offset - start;
+        if (at > block.size() - HeaderBytes)
+            return;
+        if (const int tag = id3Bytes(block, at)) {
+            offset += std::min(tag, size - offset);
             continue;
         }
-        const auto frame = frameAt(file, offset);
-        if (!frame || !isConfirmed(file, *frame)) {
+        auto frame = frameAt(block, at);
+        if (!frame || !isConfirmed(block, *frame)) {
             ++offset;
             continue;
         }
-        if (!found.isEmpty() || !isContents(file, *frame))
-            found.append(*frame);
+        const bool hasSound = !isFirst || !isContents(block, *frame);
+        isFirst = isFirst && !hasSound;
+        frame->offset = offset;
         offset += frame->bytes;
+        if (hasSound)
+            found(*frame);
     }
-    return found;
+}
+
+QVector<mp3::Frame> mp3::frames(const QByteArray& file) {
+    QVector<Frame> all;
+    walk(
+        file.size(), [&](int offset, int most) { return file.mid(offset, most); },
+        [&](const Frame& frame) { all.append(frame); });
+    return all;
 }
