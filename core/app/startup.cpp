@@ -374,7 +374,6 @@ void Startup::createRouters() {
     services.journal = m_journal.get();
     services.orders = m_orders.get();
     services.tasks = m_tasks.get();
-    services.journal = m_journal.get();
     services.passwords = m_passwords.get();
     services.tokens = m_tokens.get();
     services.oldTokens = m_oldTokens.get();

@@ -82,22 +82,26 @@ void Feed::unlink(quint32 place) {
     (entry.after == None ? m_newest : m_entries[entry.after].before) = entry.before;
 }
 
-quint32 Feed::firstAfter(quint64 change) const {
+quint32 Feed::firstAfter(quint64 change, int& count) const {
     quint32 first = None;
     for (quint32 place = m_newest; place != None && m_entries[place].change > change;
-         place = m_entries[place].before)
+         place = m_entries[place].before, ++count)
         first = place;
     return first;
 }
 
 std::optional<Feed::Message> Feed::next(const Cursor& cursor) const {
     if (cursor.phase == Cursor::Phase::Begin || cursor.gone < m_goneBefore)
-        return snapshot({Cursor::Phase::Snapshot, 0, m_changes, m_changes});
+        return beginAnew();
     if (cursor.phase == Cursor::Phase::Snapshot)
         return snapshot(cursor);
     if (auto message = gone(cursor))
         return message;
     return change(cursor);
+}
+
+Feed::Message Feed::beginAnew() const {
+    return snapshot({Cursor::Phase::Snapshot, 0, m_changes, m_changes});
 }
 
 /// By places, which objects keep: what is there all the time is in it, and what changes meanwhile is told
@@ -127,9 +131,12 @@ std::optional<Feed::Message> Feed::gone(Cursor cursor) const {
 }
 
 std::optional<Feed::Message> Feed::change(Cursor cursor) const {
+    int count = 0;
+    const quint32 first = firstAfter(cursor.change, count);
+    if (count > TooFarBehind)
+        return beginAnew();
     Text text("change", m_topic, "items");
-    for (quint32 place = firstAfter(cursor.change); place != None && !text.isFull();
-         place = m_entries[place].after) {
+    for (quint32 place = first; place != None && !text.isFull(); place = m_entries[place].after) {
         cursor.change = m_entries[place].change;
         text.add(m_entries[place].json);
     }

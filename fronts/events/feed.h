@@ -16,6 +16,8 @@ public:
     static constexpr int MaxItems = 1000; ///< of a message
     /// A message's items end with the one that reaches it: with what a client has not read yet, below 1 MB.
     static constexpr int EnoughBytes = 384 * 1024;
+    /// With more changes behind, a second's worth of messages, a snapshot is sooner there.
+    static constexpr int TooFarBehind = 4 * MaxItems;
     /// What is gone is remembered for as many; who is further behind begins anew.
     static constexpr size_t MaxGone = 20'000;
 
@@ -70,7 +72,8 @@ private:
 
     void append(quint32 place);
     void unlink(quint32 place);
-    quint32 firstAfter(quint64 change) const;
+    quint32 firstAfter(quint64 change, int& count) const;
+    Message beginAnew() const;
     Message snapshot(Cursor cursor) const;
     std::optional<Message> gone(Cursor cursor) const;
     std::optional<Message> change(Cursor cursor) const;
