@@ -33,6 +33,7 @@ const QString DeleteSpeakers = QStringLiteral("DELETE FROM `group_seed` WHERE ( 
 const QString DeleteInner = QStringLiteral("DELETE FROM `group_group` WHERE ( `gid` = @id );");
 const QString DeleteGrants = QStringLiteral("DELETE FROM `groupgrant` WHERE ( `gid` = @id );");
 const QString DeleteOuter = QStringLiteral("DELETE FROM `group_group` WHERE ( `member` = @id );");
+const QString DeleteAims = QStringLiteral("DELETE FROM `taskaim` WHERE ( `gid` = @id );");
 const QString SelectDevices = QStringLiteral(
     "SELECT `id`, `device_seed` FROM `sbox_device_info` WHERE ( `device_seed` in ('@serials') );");
 const QString InsertSpeaker = QStringLiteral(
@@ -196,7 +197,8 @@ GroupOutcome changeGroup(sqlite& database, qint64 id, const GroupChange& change)
 
 bool removeGroup(sqlite& database, qint64 id) {
     return database.transaction([&] {
-        const QStringList statements{DeleteSpeakers, DeleteInner, DeleteOuter, DeleteGrants, DeleteGroup};
+        const QStringList statements{DeleteSpeakers, DeleteInner, DeleteOuter,
+                                     DeleteGrants,   DeleteAims,  DeleteGroup};
         return std::all_of(statements.begin(), statements.end(),
                            [&](const QString& statement) { return database.run(statement, {idArg(id)}).ok; });
     });

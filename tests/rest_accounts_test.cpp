@@ -367,7 +367,8 @@ private slots:
                  14);
         QCOMPARE(ask("admin", "DELETE", "/accounts/14").status, 204); // has no master
         QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info`").first()["user_id"].toInt(), 11);
-        QVERIFY(m_service->sql("SELECT * FROM `groupgrant`").isEmpty());
+        for (const char* table : {"groupgrant", "task", "taskgroup", "calendar", "calendarentry"})
+            QVERIFY2(m_service->sql(QString("SELECT * FROM `%1`").arg(table)).isEmpty(), table);
         QCOMPARE(ask("owner", "GET", "/me").status, 401);
     }
 

@@ -97,6 +97,8 @@ Journal::Bell bellOf(const BellOutcome& outcome) {
                                                   : Journal::Bell::Outcome::Skipped;
     bell.reason = outcome.reason;
     bell.account = outcome.userid;
+    bell.broadcast = outcome.broadcast;
+    bell.late = outcome.late * 1000;
     return bell;
 }
 
