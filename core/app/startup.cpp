@@ -18,6 +18,7 @@
 #include "redis/fuck_redis.h"
 #include "redis/speakermirror.h"
 #include "rest/restrouter.h"
+#include "service/auditkeeper.h"
 #include "service/calendarkeeper.h"
 #include "service/filestore.h"
 #include "service/loginbrake.h"
@@ -322,6 +323,8 @@ void Startup::createAccounts() {
     m_tokens = std::make_unique<Tokens>(std::chrono::hours(24) * qMax(1, integer("tokendays")));
     m_oldTokens = std::make_unique<TokenTable>();
     m_loginBrake = std::make_unique<LoginBrake>();
+    if (const int days = integer("auditdays"); days > 0)
+        m_audit = std::make_unique<AuditKeeper>(m_database.get(), days);
 }
 
 void Startup::createRouters() {

@@ -8,6 +8,7 @@
 #include <QTimer>
 
 class Alarmcast;
+class AuditKeeper;
 class CalendarKeeper;
 class cmdthread6;
 class cmdthread;
@@ -84,6 +85,7 @@ private:
     std::unique_ptr<sqlite> m_database;          ///< this and what follows: null in media-only mode
     QTimer m_databaseTimer;                      ///< while its speakers have not been read
     std::unique_ptr<Journal> m_journal;          ///< null when it is switched off
+    std::unique_ptr<AuditKeeper> m_audit;        ///< null with `auditdays` 0
     std::unique_ptr<CalendarKeeper> m_calendars; ///< null unless the database's kind has tasks
     std::unique_ptr<Task_workque> m_tasks;       ///< likewise
     std::unique_ptr<HttpSessionStore> m_sessions;
