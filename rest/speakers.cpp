@@ -29,7 +29,8 @@ QJsonObject objectOf(const RestCall& call, const Speaker& speaker) {
 
 /// The speaker that the path names, when the caller may see it.
 std::optional<Speaker> named(const RestCall& call) {
-    const auto speaker = findSpeaker(call.database(), call.value("serial"));
+    const QString serial = call.value("serial");
+    const auto speaker = isSerial(serial) ? findSpeaker(call.database(), serial) : std::nullopt;
     const bool isSeen =
         speaker && visible(call.database(), call.caller()).speakers.holds(speaker->id, speaker->owner);
     return isSeen ? speaker : std::nullopt;

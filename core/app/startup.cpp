@@ -22,6 +22,7 @@
 #include "redis/fuck_redis.h"
 #include "redis/speakermirror.h"
 #include "rest/restrouter.h"
+#include "service/auditkeeper.h"
 #include "service/calendarkeeper.h"
 #include "service/changecounter.h"
 #include "service/filestore.h"
@@ -359,6 +360,8 @@ void Startup::createAccounts() {
     m_oldTokens = std::make_unique<TokenTable>();
     m_loginBrake = std::make_unique<LoginBrake>();
     m_changes = std::make_unique<ChangeCounter>();
+    if (const int days = integer("auditdays"); days > 0)
+        m_audit = std::make_unique<AuditKeeper>(m_database.get(), days);
 }
 
 void Startup::createRouters() {

@@ -8,6 +8,7 @@
 #include <QTimer>
 
 class Alarmcast;
+class AuditKeeper;
 class CalendarKeeper;
 class ChangeCounter;
 class cmdthread6;
@@ -90,6 +91,7 @@ private:
     std::unique_ptr<sqlite> m_database;      ///< this and what follows: null in media-only mode
     QTimer m_databaseTimer;                  ///< while its speakers have not been read
     std::unique_ptr<Journal> m_journal;      ///< null when it is switched off
+    std::unique_ptr<AuditKeeper> m_audit;    ///< null with `auditdays` 0
     std::unique_ptr<JournalLedger> m_ledger; ///< this and the next two: null without a journal
     std::unique_ptr<LevelStore> m_levels;
     std::unique_ptr<Orders> m_orders;
