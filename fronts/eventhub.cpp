@@ -24,7 +24,7 @@ QString faultOf(const QJsonObject& request, const QStringList& known) {
     if (topics.isEmpty())
         return QStringLiteral("\"topics\" must be a list of at least one of: ") +
                known.join(QStringLiteral(", "));
-    for (const QJsonValue& topic : topics) {
+    for (const QJsonValue topic : topics) {
         if (!known.contains(topic.toString()))
             return QStringLiteral("there is no topic \"%1\"").arg(topic.toString().left(32));
     }
@@ -33,7 +33,7 @@ QString faultOf(const QJsonObject& request, const QStringList& known) {
 
 QStringList topicsOf(const QJsonObject& request) {
     QStringList topics;
-    for (const QJsonValue& topic : request.value(QStringLiteral("topics")).toArray())
+    for (const QJsonValue topic : request.value(QStringLiteral("topics")).toArray())
         topics += topic.toString();
     topics.removeDuplicates();
     return topics;

@@ -67,8 +67,9 @@ void audit(const RestCall& call, const RestAnswer& answer) {
 
 RestAnswer run(RestCall& call) {
     RestAnswer answer = call.route().handler(call);
-    if ((call.route().traits & Renames) && answer.isSuccess())
-        call.services().changes->count();
+    ChangeCounter* const changes = call.services().changes;
+    if (changes && (call.route().traits & Renames) && answer.isSuccess())
+        changes->count();
     audit(call, answer);
     return answer;
 }

@@ -28,5 +28,5 @@ struct Services {
     TokenTable* oldTokens = nullptr;  ///< any thread
     LoginBrake* loginBrake = nullptr; ///< any thread
     int webSocketPort = 0;            ///< 0: the WebSocket front is closed
-    ChangeCounter* changes = nullptr; ///< any thread
+    ChangeCounter* changes = nullptr; ///< any thread; may be null
 };
