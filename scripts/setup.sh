@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are missing; says nothing when none is.
+# Installs the Debian packages and modules that are missing; says nothing when none is.
 # usage: scripts/setup.sh [run|test]   what to be ready for (default: run; test includes run)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -54,13 +54,36 @@ if [ ${#missing[@]} -gt 0 ]; then
   }
 fi
 
-# What the outside programs need; only what their lock file names.
-if ! cmp -s programs/package-lock.json programs/node_modules/.installed-lock; then
-  echo "Installing the modules of programs/find.js"
-  (cd programs && npm ci --silent --no-audit --no-fund </dev/null) || {
-    echo "Could not install them; without them there is no MySQL. \"npm ci\" in programs/ tells why." >&2
-    [ "${1:-run}" = run ] && exit 0
-    exit 1
+# What a package.json names, as its lock file has it.
+modules() { # DIRECTORY
+  cmp -s "$1/package-lock.json" "$1/node_modules/.installed-lock" && return
+  echo "Installing the modules of $1/"
+  (cd "$1" && npm ci --silent --no-audit --no-fund </dev/null) || return
+  cp "$1/package-lock.json" "$1/node_modules/.installed-lock"
+}
+
+# What the page /api/ shows the interface's document with, into the document root.
+page() {
+  local from=rest/page/node_modules/swagger-ui-dist to=docroot/api/page
+  modules rest/page || return
+  cmp -s rest/page/package-lock.json $to/.installed-lock && return
+  mkdir -p $to && cp $from/swagger-ui.css $from/swagger-ui-bundle.js $from/LICENSE $from/NOTICE $to/ &&
+    cp rest/page/package-lock.json $to/.installed-lock
+}
+
+failed=0
+modules programs || {
+  echo "Could not install them; without them there is no MySQL. \"npm ci\" in programs/ tells why." >&2
+  failed=1
+}
+page || {
+  echo "Could not install it; without it the page /api/ is empty. \"npm ci\" in rest/page/ tells why." >&2
+  failed=1
+}
+if [ "${1:-run}" = test ]; then
+  modules tests/interface || {
+    echo "Could not install them; the interface's test needs them. \"npm ci\" in tests/interface/ tells why." >&2
+    failed=1
   }
-  cp programs/package-lock.json programs/node_modules/.installed-lock
+  exit $failed
 fi
