@@ -332,7 +332,7 @@ private slots:
     void whatADeletedAccountHadIsItsMasters() {
         m_service->sql("UPDATE `sbox_device_info` SET `user_id` = 16");
         QCOMPARE(ask("owner", "DELETE", "/accounts/16").status, 204);
-        QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info` WHERE `id` = 1")
+        QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info` WHERE `id` = 80")
                      .first()["user_id"]
                      .toInt(),
                  14);
@@ -428,8 +428,9 @@ private slots:
 private:
     /// Accounts 11 to 16, a group of the owner's (70), a grant (60) and a named token (50) of its.
     void reset() {
-        for (const char* table : {"sbox_users", "apitoken", "groupgrant", "audit", "idempotency",
-                                  "sbox_group", "sbox_device_info", "group_seed", "userfile", "broadcast", "receipt", "journal"})
+        for (const char* table :
+             {"sbox_users", "apitoken", "groupgrant", "audit", "idempotency", "sbox_group",
+              "sbox_device_info", "group_seed", "userfile", "broadcast", "receipt", "journal"})
             m_service->sql(QString("DELETE FROM `%1`").arg(table));
         int id = 11;
         for (const char* name : {"admin", "viewer", "operator", "owner", "other", "sub"}) {
