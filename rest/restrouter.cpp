@@ -10,6 +10,7 @@
 #include "service/changecounter.h"
 #include "service/tokens.h"
 
+#include <algorithm>
 #include <QDateTime>
 #include <QThread>
 
@@ -80,6 +81,13 @@ RestRouter::RestRouter(const Services& services, const QStringList& origins, QOb
     : HttpRequestHandler(parent)
     , m_services(services)
     , m_cors(origins) {}
+
+bool RestRouter::isForIt(const QByteArray& path) {
+    constexpr const char* const page[] = {"/api/", "/api/index.html", "/api/show.js"};
+    const bool isPage =
+        path.startsWith("/api/page/") || std::find(std::begin(page), std::end(page), path) != std::end(page);
+    return path.startsWith("/api/") && !isPage;
+}
 
 bool RestRouter::wants(const QByteArray& /*method*/, const QByteArray& path) const {
     return isForIt(path);

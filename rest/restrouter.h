@@ -17,7 +17,8 @@ public:
     /// `origins`: hosts whose pages may ask beside the service's own.
     RestRouter(const Services& services, const QStringList& origins, QObject* parent = nullptr);
 
-    static bool isForIt(const QByteArray& path) { return path.startsWith("/api/"); }
+    /// All below "/api/" but the files of the page that shows the document.
+    static bool isForIt(const QByteArray& path);
 
     bool wants(const QByteArray& method, const QByteArray& path) const override;
     JobLanes lanes(const HttpRequest& request) const override;

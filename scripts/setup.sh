@@ -73,6 +73,15 @@ console() {
   (cd console && npm run --silent check && npm run --silent build) || return
 }
 
+# What the page /api/ shows the interface's document with, into the document root.
+page() {
+  local from=rest/page/node_modules/swagger-ui-dist to=docroot/api/page
+  modules rest/page || return
+  cmp -s rest/page/package-lock.json $to/.installed-lock && return
+  mkdir -p $to && cp $from/swagger-ui.css $from/swagger-ui-bundle.js $from/LICENSE $from/NOTICE $to/ &&
+    cp rest/page/package-lock.json $to/.installed-lock
+}
+
 failed=0
 modules programs || {
   echo "Could not install them; without them there is no MySQL. \"npm ci\" in programs/ tells why." >&2
@@ -82,4 +91,14 @@ console || {
   echo "Could not build it; without it there is no page at /console/. \"npm ci && npm run build\" in console/ tells why." >&2
   failed=1
 }
-[ "${1:-run}" = run ] || exit $failed
+page || {
+  echo "Could not install it; without it the page /api/ is empty. \"npm ci\" in rest/page/ tells why." >&2
+  failed=1
+}
+if [ "${1:-run}" = test ]; then
+  modules tests/interface || {
+    echo "Could not install them; the interface's test needs them. \"npm ci\" in tests/interface/ tells why." >&2
+    failed=1
+  }
+  exit $failed
+fi
