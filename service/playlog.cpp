@@ -2,6 +2,7 @@
 
 #include "journal/broadcast.h"
 #include "journal/numbers.h"
+#include "service/visibility.h"
 
 #include <limits>
 #include <QHash>
@@ -10,10 +11,6 @@ namespace {
 
 constexpr qint64 Latest = std::numeric_limits<qint64>::max();
 
-// Ids of the speakers that somebody may see though they are another's: by groups, and by his mask.
-const auto Granted =
-    QStringLiteral("SELECT s.`devid` AS `id` FROM `groupgrant` n, `group_seed` s WHERE n.`account` = @me AND "
-                   "s.`gid` = n.`gid`");
 // A receipt r of a speaker that the caller may see; d is the speaker.
 const auto IsVisible =
     QStringLiteral("d.`device_seed` = r.`serial` AND (d.`user_id` = @me OR d.`id` IN ( @ids ))");
@@ -64,18 +61,10 @@ SqlArg textArg(const char* name, const QString& value) {
     return {QLatin1String(name), value};
 }
 
-/// Nothing when the database does not answer.
-std::optional<SqlArgs> rightsOf(sqlite& database, const Caller& caller) {
-    QList<qint64> ids;
-    for (const QString& id : caller.mask.split(QLatin1Char(','), Qt::SkipEmptyParts))
-        ids << id.toLongLong();
-    const SqlResult granted = database.run(Granted, {arg("@me", caller.account)});
-    if (!granted.ok)
-        return std::nullopt;
-    for (int row = 0; row < granted.rows.size(); ++row)
-        ids << granted.value(row, "id").toLongLong();
-    return SqlArgs{
-        arg("@all", caller.isAdmin ? 1 : 0), arg("@me", caller.account), {QStringLiteral("@ids"), ids}};
+SqlArgs rightsOf(sqlite& database, const Caller& caller) {
+    return {arg("@all", caller.isAdmin ? 1 : 0),
+            arg("@me", caller.account),
+            {QStringLiteral("@ids"), visible(database, caller).speakers.ids.values()}};
 }
 
 /// Numbers of this span of time.
@@ -147,10 +136,8 @@ bool countVisible(sqlite& database, const SqlArgs& rights, const Caller& caller,
 } // namespace
 
 SqlResult findBroadcasts(sqlite& database, const Caller& caller, const BroadcastQuery& query) {
-    const auto rights = rightsOf(database, caller);
-    if (!rights)
-        return {};
-    SqlArgs args = *rights;
+    const SqlArgs rights = rightsOf(database, caller);
+    SqlArgs args = rights;
     addSpan(args, query.from, query.until);
     args.push_back(arg("@before", query.before > 0 ? query.before : Latest));
     args.push_back(arg("@one", query.id));
@@ -164,33 +151,31 @@ SqlResult findBroadcasts(sqlite& database, const Caller& caller, const Broadcast
     for (int row = 0; row < numbers.rows.size(); ++row)
         ids << numbers.value(row, "id").toLongLong();
     SqlResult rows = merged(database.run(Rows, {{QStringLiteral("@numbers"), ids}}));
-    rows.ok = rows.ok && countVisible(database, *rights, caller, rows);
+    rows.ok = rows.ok && countVisible(database, rights, caller, rows);
     return rows;
 }
 
 SqlResult findReceipts(sqlite& database, const Caller& caller, qint64 broadcast, std::optional<int> state,
                        const QString& after, int limit) {
     const SqlResult owner = findBroadcasts(database, caller, {{}, {}, 0, 0, 0, broadcast, 1});
-    auto args = rightsOf(database, caller);
-    if (!args || !owner.ok)
+    SqlArgs args = rightsOf(database, caller);
+    if (!owner.ok)
         return {};
     const bool isOwn = caller.isAdmin || owner.value(0, "owner").toLongLong() == caller.account;
-    args->front() = arg("@all", isOwn ? 1 : 0);
-    args->push_back(arg("@broadcast", broadcast));
-    args->push_back(arg("@state", state.value_or(-1)));
-    args->push_back(textArg("@after", after));
-    args->push_back(arg("@limit", limit));
-    return database.run(Receipts, *args);
+    args.front() = arg("@all", isOwn ? 1 : 0);
+    args.push_back(arg("@broadcast", broadcast));
+    args.push_back(arg("@state", state.value_or(-1)));
+    args.push_back(textArg("@after", after));
+    args.push_back(arg("@limit", limit));
+    return database.run(Receipts, args);
 }
 
 SqlResult findEntries(sqlite& database, const Caller& caller, const EntryQuery& query) {
-    auto args = rightsOf(database, caller);
-    if (!args)
-        return {};
-    addSpan(*args, query.from, query.until);
-    args->push_back(arg("@before", query.before > 0 ? query.before : Latest));
-    args->push_back(textArg("@state", query.state));
-    args->push_back(textArg("@kind", query.kind));
-    args->push_back(arg("@limit", query.limit));
-    return database.run(Entries, *args);
+    SqlArgs args = rightsOf(database, caller);
+    addSpan(args, query.from, query.until);
+    args.push_back(arg("@before", query.before > 0 ? query.before : Latest));
+    args.push_back(textArg("@state", query.state));
+    args.push_back(textArg("@kind", query.kind));
+    args.push_back(arg("@limit", query.limit));
+    return database.run(Entries, args);
 }

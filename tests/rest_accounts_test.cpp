@@ -76,6 +76,10 @@ const QList<Policy> Policies{
     {"GET /broadcasts", "401 200 200 200 200 200"},
     {"GET /broadcasts/{id}", "401 200 200 200 404 200", "/broadcasts/7000"},
     {"GET /broadcasts/{id}/receipts", "401 200 200 200 404 200", "/broadcasts/7000/receipts"},
+    {"POST /broadcasts", "401 422 201 201 422 201", nullptr,
+     R"({"targets":{"groups":[70]},"play":[{"url":"http://192.0.2.1/a.mp3"}]})"},
+    {"POST /broadcasts/{id}/stop", "401 403 202 202 404 202", "/broadcasts/7000/stop"},
+    {"POST /broadcasts/{id}/repeat", "401 403 403 403 404 409", "/broadcasts/7000/repeat"},
     {"GET /journal", "401 200 200 200 200 200"},
 };
 
@@ -428,8 +432,9 @@ private slots:
 private:
     /// Accounts 11 to 16, a group of the owner's (70), a grant (60) and a named token (50) of its.
     void reset() {
-        for (const char* table : {"sbox_users", "apitoken", "groupgrant", "audit", "idempotency",
-                                  "sbox_group", "sbox_device_info", "group_seed", "userfile", "broadcast", "receipt", "journal"})
+        for (const char* table :
+             {"sbox_users", "apitoken", "groupgrant", "audit", "idempotency", "sbox_group",
+              "sbox_device_info", "group_seed", "userfile", "broadcast", "receipt", "journal"})
             m_service->sql(QString("DELETE FROM `%1`").arg(table));
         int id = 11;
         for (const char* name : {"admin", "viewer", "operator", "owner", "other", "sub"}) {
