@@ -93,8 +93,7 @@ QByteArray DumpController_add_user::user_add_dev(const Call& call) {
         return refused;
     const NewSpeakers added{call.userid(), call.text("name"), sns,
                             call.number("device_kind") == 1 ? AlarmSpeaker : 0};
-    if (!db().takes(added.name) ||
-        !addSpeakers(db(), *m_devices, added))
+    if (!db().takes(added.name) || !addSpeakers(db(), *m_devices, added))
         return refusal(QStringLiteral("ER_EXE"));
     return success({{QStringLiteral("userid"), call.userid()}});
 }

@@ -8,6 +8,7 @@
 #include "http/httpresponse.h"
 #include "journal/journal.h"
 #include "redis/core_corss.h"
+#include "service/changecounter.h"
 #include "service/speakernodes.h"
 
 #include <optional>
@@ -78,7 +79,12 @@ QByteArray DumpController_add_user::answer(const QByteArray& method, const QByte
 }
 
 QByteArray DumpController_add_user::serve(const Route& route, Call& call) {
-    return passes(route.guard, call, db(), *m_devices) ? (this->*route.handler)(call) : call.refused();
+    if (!passes(route.guard, call, db(), *m_devices))
+        return call.refused();
+    const QByteArray body = (this->*route.handler)(call);
+    if ((route.guard.demands & Renames) && m_mapper->changes())
+        m_mapper->changes()->count();
+    return body;
 }
 
 QByteArray DumpController_add_user::dbtest(const Call& /*call*/) {

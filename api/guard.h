@@ -30,6 +30,7 @@ constexpr unsigned WithFile = 1;      ///< an uploaded file "file"
 constexpr unsigned Administrator = 2; ///< with the key `adminpictures`
 constexpr unsigned Encodes = 4;       ///< starts a program that takes its time for a sound
 constexpr unsigned RunsQuery = 8;     ///< starts a program of the query sets
+constexpr unsigned Renames = 16;      ///< changes names, owners or groups of speakers: ChangeCounter
 
 /// What stands between a request and its endpoint, in the order in which it is tested: the file, the
 /// parameters' names and lengths, what else is unfit, the account or key, its role.
@@ -37,7 +38,7 @@ struct Guard {
     std::vector<const char*> required;
     const char* missing = ""; ///< word for an incomplete request
     Auth auth = {};
-    unsigned demands = 0;                       ///< WithFile to RunsQuery
+    unsigned demands = 0;                       ///< WithFile to Renames
     QByteArray (*unfit)(const Call&) = nullptr; ///< a refusal; empty when all is well
 };
 

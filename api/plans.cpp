@@ -15,6 +15,7 @@ const QString EmptyPlan = QStringLiteral(
     "UPDATE  `task` SET `groupid` = '0' WHERE (`groupid` = '@pid' and  `userid` = '@userid'  and id > 0);");
 const QString DeletePlan =
     QStringLiteral("DELETE FROM  `taskgroup` WHERE (`id` = '@pid' and  `userid` = '@userid' );");
+const QString DeleteRule = QStringLiteral("DELETE FROM `planrule` WHERE (`planid` = '@pid');");
 const QString SelectPlans = QStringLiteral("SELECT * FROM  taskgroup  where userid = '@userid' ;");
 const QString SelectTasks =
     QStringLiteral("SELECT * FROM  task where  userid =  '@userid' order by groupid , start_time;");
@@ -58,7 +59,7 @@ QByteArray DumpController_add_user::user_deleteplant(const Call& call) {
         if (!db().run(EmptyPlan, planArgs(call)).ok)
             return false;
         removed = db().run(DeletePlan, planArgs(call));
-        return removed.ok;
+        return removed.ok && (removed.affected == 0 || db().run(DeleteRule, planArgs(call)).ok);
     });
     if (!done)
         return refusal(QStringLiteral("ER_EXE"));

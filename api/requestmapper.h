@@ -10,6 +10,7 @@
 #include <QMap>
 #include <QString>
 
+class ChangeCounter;
 class Gate;
 class Journal;
 class Passwords;
@@ -63,6 +64,10 @@ public:
     void setJournal(Journal* journal) { m_journal = journal; }
     Journal* journal() const { return m_journal; } ///< any thread
 
+    /// Told when names, owners or groups of speakers change; before the first request. May be null.
+    void setChanges(ChangeCounter* changes) { m_changes = changes; }
+    ChangeCounter* changes() const { return m_changes; }
+
     /// What the older paths share with others; before the first request. Must outlive the router, which
     /// has its own without them.
     void setAccounts(TokenTable* tokens, Passwords* passwords, Tokens* newTokens);
@@ -89,6 +94,7 @@ private:
     const TemplateLoader* m_templates = nullptr;
     Journal* m_journal = nullptr;
     Gate* m_gate = nullptr;
+    ChangeCounter* m_changes = nullptr;
     const std::unique_ptr<const PlanKeys> m_planKeys; ///< with the key `tokenpaths`
     OnlineList m_onlineList;
     WrongLogins m_wrongLogins;

@@ -63,19 +63,20 @@ const std::vector<Route>& getRoutes() {
 const std::vector<Route>& postRoutes() {
     static const Guard login{{"username", "passwd"}, "ParER"};
     static const Guard tokenLogin{{"username", "passwd"}, "ParERuser_gtoken"};
-    static const Guard alarmDevice{{"username", "passwd", "name", "sed"}, "ParER", Nobody, 0, longDevice};
+    static const Guard alarmDevice{
+        {"username", "passwd", "name", "sed"}, "ParER", Nobody, Renames, longDevice};
     static const Guard program{{}, "", Nobody, RunsQuery}; // its command's table says what it asks for
     static const std::vector<Route> routes{
         // clang-format off
         {"/user/adduser", &C::user_add_lite, {{"sskey", "username", "passwd"}, "ParER", ServiceKey, 0, longLogin}, Kind0},
         {"/user/adduser", &C::user_add},
-        {"/user/dbreset", &C::user_dbini, {{"sskey", "username", "passwd"}, "ParER", ServiceKey}},
+        {"/user/dbreset", &C::user_dbini, {{"sskey", "username", "passwd"}, "ParER", ServiceKey, Renames}},
         {"/user/gtoken", &C::user_gtoken, tokenLogin},
         {"/user/checkuser.php", &C::user_onlygtoken, tokenLogin},
         {"/user/deviceadd", &C::user_add_dev, {{"sn", "name"}, "ParERuser_add_dev", Token, 0, onLite}, Kind0},
-        {"/user/deviceadd", &C::user_add_dev, {{"sn", "name"}, "ParERuser_add_dev", Token}},
+        {"/user/deviceadd", &C::user_add_dev, {{"sn", "name"}, "ParERuser_add_dev", Token, Renames}},
         {"/user/listdev", &C::user_get_devlist, {{}, "Paruser", Token}},
-        {"/user/deldevs", &C::user_deldevs, {{"snid"}, "ParERuser_add_dev", Token}},
+        {"/user/deldevs", &C::user_deldevs, {{"snid"}, "ParERuser_add_dev", Token, Renames}},
         {"/user/uploadfile", &C::user_reg_file, {{}, "Paruser", Token, WithFile | Encodes}},
         {"/user/wxtouxianguploadfile", &C::user_reg_filetx, {{}, "Paruser", Token, WithFile | Administrator}},
         {"/user/wxlogopnguploadfile", &C::user_reg_filelg, {{}, "Paruser", Token, WithFile | Administrator}},
@@ -111,13 +112,13 @@ const std::vector<Route>& postRoutes() {
         {"/user/urlstop", &C::user_stop_file, {{"snlist"}, "Paruser", Token, 0, noSpeakers}},
         {"/user/urlq39stop", &C::user_stop_fileq39, {{"snlist"}, "Paruser", Token, 0, noSpeakers}},
         {"/user/editvols", &C::user_edit_vols, {{"vol", "snlist"}, "Paruser", Token, 0, noSpeakers}},
-        {"/user/addgname", &C::user_addgrep, {{"gname"}, "ParERuser_add_dev", Token}},
+        {"/user/addgname", &C::user_addgrep, {{"gname"}, "ParERuser_add_dev", Token, Renames}},
         {"/user/listgroups", &C::user_listgrep, {{}, "ParERuser_add_dev", Token}},
-        {"/user/editgname", &C::user_grpeditname, {{"gid", "gname"}, "ParERuser_add_dev", Token}},
-        {"/user/editgdevs", &C::user_grpeditdevs, {{"gid", "devids"}, "ParERuser_add_dev", Token}},
+        {"/user/editgname", &C::user_grpeditname, {{"gid", "gname"}, "ParERuser_add_dev", Token, Renames}},
+        {"/user/editgdevs", &C::user_grpeditdevs, {{"gid", "devids"}, "ParERuser_add_dev", Token, Renames}},
         {"/user/listdetailgroups", &C::user_listdetailgroups, {{}, "ParERuser_add_dev", Token}},
         {"/user/getonegdevs", &C::user_getonegdevs, {{"gid"}, "ParERuser_add_dev", Token}},
-        {"/user/delgroup", &C::user_rmgrep, {{"gid"}, "ParERuser_add_dev", Token}},
+        {"/user/delgroup", &C::user_rmgrep, {{"gid"}, "ParERuser_add_dev", Token, Renames}},
         {"/user/addplant", &C::user_addplant, {{"pname"}, "ParERuser_add_dev", Token}},
         {"/user/deleteplant", &C::user_deleteplant, {{"pid"}, "ParERuser_add_dev", Token}},
         {"/user/listplant", &C::user_listtaskplant, {{}, "ParERuser_add_dev", Token}},
@@ -126,8 +127,8 @@ const std::vector<Route>& postRoutes() {
         {"/user/plantdisable", &C::user_disabletaskplant, {{"pid"}, "ParERuser_add_dev", Token}},
         {"/user/devicedisable", &C::user_disable_device, {{"sskey", "snlist"}, "Paruser", SwitchKey}},
         {"/user/deviceenable", &C::user_enable_device, {{"sskey", "snlist"}, "Paruser", SwitchKey}},
-        {"/user/resn", &C::user_resndevs, {{"devid", "newsn"}, "ParERuser", Token}},
-        {"/user/redevname", &C::user_renamedevs, {{"devid", "newname"}, "ParERuser", Token}},
+        {"/user/resn", &C::user_resndevs, {{"devid", "newsn"}, "ParERuser", Token, Renames}},
+        {"/user/redevname", &C::user_renamedevs, {{"devid", "newname"}, "ParERuser", Token, Renames}},
         {"/user/olist", &C::user_LIST, {{}, "Paruser", SafeToken}},
         {"/user/wplantadd", &C::user_add_DOPlane, {{"url", "plantname", "snlist"}, "Paruser", Token}},
         {"/user/wplantlist", &C::user_get_DOPlist, {{}, "Paruser", Token}},

@@ -71,6 +71,8 @@ const Members Files{
     "fileid",
     ownFiles};
 const QString DeleteFiles = QStringLiteral("DELETE FROM  `taskfile` WHERE (`taskid` = '@taskid');");
+const QString DeleteRule = QStringLiteral("DELETE FROM `taskrule` WHERE (`taskid` = '@taskid');");
+const QString DeleteGroups = QStringLiteral("DELETE FROM `taskaim` WHERE (`taskid` = '@taskid');");
 const QString DeleteDevices = QStringLiteral("DELETE FROM  `taskseed` WHERE (`taskid` = '@taskid');");
 
 bool insertAll(const StrictSql& database, const QString& statement, const Members& members, qint64 taskid,
@@ -383,7 +385,8 @@ QByteArray DumpController_add_user::user_DEL_task(const Call& call) {
     const bool done = db().transaction([&] {
         removed = db().run(DeleteTask, args);
         return removed.ok && removed.affected > 0 && db().run(DeleteFiles, args).ok &&
-               db().run(DeleteDevices, args).ok;
+               db().run(DeleteDevices, args).ok && db().run(DeleteRule, args).ok &&
+               db().run(DeleteGroups, args).ok;
     });
     if (removed.ok && removed.affected == 0)
         return refusal(QStringLiteral("ER_REJECT"));

@@ -157,6 +157,7 @@ const std::vector<SettingKey> Keys = {
      "The older paths store passwords as hashes too; a plain one becomes a hash at its next login."},
     {"Settings", "tokendays", Type::Integer, "30",
      "Days after which a login of the interface v1 ends when it is not used; at least 1."},
+    {"Settings", "auditdays", Type::Integer, "365", "The audit log is kept for so many days; 0: always."},
     {"sessions", "expirationTime", Type::Integer, "3600000", "Life of an unused HTTP session, ms."},
     {"sessions", "cookieName", Type::Text, "sessionid", "Cookie of the HTTP session."},
     {"docroot", "path", Type::Text, "etc/docroot",

@@ -55,7 +55,7 @@ void MainCellInit::setRouter(RequestMapper* router) {
     m_workers = std::make_unique<WorkerPool>(settings, router->database());
     const WebSocketFront::Settings front{static_cast<quint16>(m_wbport), m_mediaAddress, m_mediaPort,
                                          m_origins};
-    m_front = new WebSocketFront(*router, *m_workers, front);
+    m_front = new WebSocketFront(*router, *m_workers, m_events, front);
     m_front->moveToThread(&m_thread);
     connect(&m_thread, &QThread::finished, m_front, &QObject::deleteLater);
     m_thread.setObjectName(QStringLiteral("websocket"));

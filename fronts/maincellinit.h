@@ -6,6 +6,7 @@
 #include <QStringList>
 #include <QThread>
 
+class EventDesk;
 class RequestMapper;
 class WebSocketFront;
 class WorkerPool;
@@ -24,6 +25,8 @@ public:
 
     /// Hosts whose web pages may connect beside the service's own, separated by commas. Before the router.
     void setOrigins(const QString& hosts);
+    /// What clients may subscribe to; before the router. Outlives this object.
+    void setEvents(EventDesk* events) { m_events = events; }
     /// Starts to listen; a port that is taken is logged. The router outlives this object.
     void setRouter(RequestMapper* router);
     int serverPort() const { return m_boundPort; } ///< 0: not listening
@@ -33,6 +36,7 @@ private:
     const QString m_mediaAddress;
     const int m_mediaPort;
     QStringList m_origins;
+    EventDesk* m_events = nullptr;
     std::unique_ptr<WorkerPool> m_workers;
     QThread m_thread;
     WebSocketFront* m_front = nullptr; ///< on m_thread, deleted at its end

@@ -5,6 +5,7 @@
 #include "api/call.h"
 #include "core/logthrottle.h"
 
+#include <algorithm>
 #include <QDebug>
 #include <QHostAddress>
 #include <QTcpSocket>
@@ -40,12 +41,16 @@ qwebsocktthread::qwebsocktthread(QTcpSocket* socket, QStringList origins, WebSoc
 qwebsocktthread::~qwebsocktthread() {
     m_socket->disconnect(this);
     m_budget.bytes -= m_accounted;
+    m_budget.eventBytes -= m_accountedEvents;
 }
 
 /// Whether all connections together are within the budget.
 bool qwebsocktthread::account() {
+    const qint64 unsent = m_socket->bytesToWrite();
+    m_eventBytes = std::min(m_eventBytes, unsent);
+    m_budget.eventBytes += m_eventBytes - std::exchange(m_accountedEvents, m_eventBytes);
     const qint64 held =
-        m_handshake.size() + m_reader.heldBytes() + m_waitingBytes + m_busyBytes + m_socket->bytesToWrite();
+        m_handshake.size() + m_reader.heldBytes() + m_waitingBytes + m_busyBytes + unsent - m_eventBytes;
     m_budget.bytes += held - std::exchange(m_accounted, held);
     return m_budget.bytes <= WebSocketBudget::MaxBytes;
 }
@@ -173,6 +178,38 @@ void qwebsocktthread::send(const QByteArray& text) {
     next();
 }
 
+void qwebsocktthread::endRequest() {
+    m_isBusy = false;
+    m_busyBytes = 0;
+    account();
+    next();
+}
+
+void qwebsocktthread::setSubscribed() {
+    m_isSubscribed = true;
+    m_socket->setSocketOption(QAbstractSocket::SendBufferSizeSocketOption, EventSendBuffer);
+}
+
+void qwebsocktthread::tell(const QByteArray& frame) {
+    if (m_state != State::Open)
+        return;
+    if (m_socket->bytesToWrite() == 0)
+        m_lastWritten = Clock::now();
+    m_socket->write(frame);
+    m_eventBytes += frame.size();
+    account();
+}
+
+bool qwebsocktthread::hasRoom() const {
+    return m_state == State::Open && m_socket->bytesToWrite() <= EventRoom;
+}
+
+std::chrono::milliseconds qwebsocktthread::standstill(Clock::time_point now) const {
+    if (m_socket->bytesToWrite() == 0)
+        return {};
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now - m_lastWritten);
+}
+
 void qwebsocktthread::written() {
     m_lastWritten = Clock::now();
     account();
@@ -180,6 +217,8 @@ void qwebsocktthread::written() {
         ::shutdown(static_cast<int>(m_socket->socketDescriptor()), SHUT_WR);
     else
         next();
+    if (m_isSubscribed && hasRoom())
+        emit drained();
 }
 
 void qwebsocktthread::tick(Clock::time_point now) {
@@ -191,7 +230,7 @@ void qwebsocktthread::tick(Clock::time_point now) {
     } else if (m_state == State::Handshake) {
         if (now - m_begin > HandshakeTime)
             drop();
-    } else if (now - m_lastWritten > UnreadTime) {
+    } else if (!m_isSubscribed && now - m_lastWritten > UnreadTime) {
         dropFor("does not read its replies");
     } else if (m_reader.isWithinMessage() && now - m_lastMessage > MessageTime) {
         close(CloseCode::Policy, "message without its end");

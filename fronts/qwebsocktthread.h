@@ -15,6 +15,9 @@ class QTcpSocket;
 struct WebSocketBudget {
     static constexpr qint64 MaxBytes = 48 * 1024 * 1024; ///< with what lists and JSON take beside it, 64 MiB
     qint64 bytes = 0;
+    /// What is unsent of events counts by itself: of what all clients are told there is one copy.
+    static constexpr qint64 MaxEventBytes = 64 * 1024 * 1024;
+    qint64 eventBytes = 0;
 };
 
 /// One WebSocket connection, from the accepted socket to its end; despite its name no thread, it lives on the
@@ -46,6 +49,10 @@ public:
     static constexpr qint64 MaxUnsentBytes = 1024 * 1024;
     /// Pings, pongs and closes in a second: peers send one in many seconds.
     static constexpr int MaxControlFrames = 64;
+    /// Of unsent bytes, with which it may still be told more; with what it is told at once less than 1 MB.
+    static constexpr qint64 EventRoom = 64 * 1024;
+    /// What the kernel may hold of a client's events.
+    static constexpr int EventSendBuffer = 256 * 1024;
 
     /// Takes `socket` as its child. `budget` outlives it.
     qwebsocktthread(QTcpSocket* socket, QStringList origins, WebSocketBudget& budget, QObject* parent);
@@ -55,6 +62,18 @@ public:
     /// The reply to the request under way, held back for `delay`; "busy" instead of it where there is no
     /// memory for it.
     void reply(const QByteArray& text, std::chrono::milliseconds delay = {});
+    /// The request under way needs no reply.
+    void endRequest();
+    /// Is sent messages unasked from now on: while it reads nothing it is kept until a ping goes unanswered.
+    void setSubscribed();
+    /// A whole frame that nobody has asked for.
+    void tell(const QByteArray& frame);
+    /// Whether it has read so much that it may be told more.
+    bool hasRoom() const;
+    /// For how long it has read nothing of what waits for it.
+    std::chrono::milliseconds standstill(Clock::time_point now) const;
+    void closeForPolicy(const char* why) { close(websocket::CloseCode::Policy, why); }
+    void dropForSilence() { dropFor("does not read its events"); }
     /// Whether it has sent a whole message yet.
     bool hasAsked() const { return m_hasAsked; }
     Clock::time_point begin() const { return m_begin; }
@@ -66,6 +85,8 @@ public:
 signals:
     /// A message whose turn has come; the next follows after reply().
     void request(const QByteArray& message);
+    /// Has room again.
+    void drained();
     /// The connection is over.
     void ended();
 
@@ -98,6 +119,9 @@ private:
     qint64 m_busyBytes = 0; ///< of the request under way
     qint64 m_ignored = 0;   ///< bytes that came after the last ones were sent
     qint64 m_accounted = 0; ///< its part of the budget
+    bool m_isSubscribed = false;
+    qint64 m_eventBytes = 0; ///< at most so many of the unsent bytes are events
+    qint64 m_accountedEvents = 0;
     bool m_isBusy = false;
     bool m_hasAsked = false;
     bool m_hasAnswered = true; ///< the last ping

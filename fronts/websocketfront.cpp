@@ -1,5 +1,6 @@
 #include "fronts/websocketfront.h"
 
+#include "fronts/eventhub.h"
 #include "fronts/websockethandshake.h"
 
 #include "api/call.h"
@@ -9,6 +10,8 @@
 
 #include <algorithm>
 #include <QDebug>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QPointer>
 #include <QTcpSocket>
 #include <sys/socket.h>
@@ -59,12 +62,14 @@ private:
     Params m_parameters;
 };
 
-WebSocketFront::WebSocketFront(RequestMapper& router, WorkerPool& workers, Settings settings)
+WebSocketFront::WebSocketFront(RequestMapper& router, WorkerPool& workers, EventDesk* events,
+                               Settings settings)
     : m_router(router)
     , m_workers(workers)
     , m_settings(std::move(settings))
     , m_listener(this)
-    , m_tick(this) {
+    , m_tick(this)
+    , m_events(events ? std::make_unique<EventHub>(*events, workers, m_budget, this) : nullptr) {
     m_listener.setMaxPendingConnections(int(MaxConnections));
     connect(&m_listener, &QTcpServer::newConnection, this, [this] {
         while (QTcpSocket* socket = m_listener.nextPendingConnection())
@@ -124,6 +129,8 @@ bool WebSocketFront::makeRoom() {
 
 void WebSocketFront::forget(qwebsocktthread* connection) {
     m_connections.remove(connection);
+    if (m_events)
+        m_events->forget(connection);
     connection->disconnect(this);
     connection->deleteLater();
 }
@@ -141,6 +148,8 @@ void WebSocketFront::run(qwebsocktthread* connection, const QByteArray& message)
         connection->reply(refusal(QStringLiteral("uni_error2")));
     } else if (parameters.value("path").isEmpty()) {
         connection->reply(refusal(QStringLiteral("uni_error1")));
+    } else if (m_events && parameters.value("path") == EventHub::Path) {
+        m_events->subscribe(connection, QJsonDocument::fromJson(message).object());
     } else if (parameters.value("path") == "/media") {
         connection->reply(media(parameters));
     } else {

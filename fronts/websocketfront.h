@@ -3,10 +3,13 @@
 #include "fronts/qwebsocktthread.h"
 
 #include <list>
+#include <memory>
 #include <QMap>
 #include <QTcpServer>
 #include <QTimer>
 
+class EventDesk;
+class EventHub;
 class QTcpSocket;
 class RequestMapper;
 class WorkerPool;
@@ -30,7 +33,8 @@ public:
         QStringList origins; ///< hosts whose pages may connect
     };
 
-    WebSocketFront(RequestMapper& router, WorkerPool& workers, Settings settings);
+    /// `events` may be null: there are none. All three outlive it.
+    WebSocketFront(RequestMapper& router, WorkerPool& workers, EventDesk* events, Settings settings);
     ~WebSocketFront() override;
 
     /// The bound port; 0, with the reason in the log, when it can't be had.
@@ -54,5 +58,6 @@ private:
     QTcpServer m_listener;
     QTimer m_tick;
     WebSocketBudget m_budget;
+    std::unique_ptr<EventHub> m_events;
     std::list<qwebsocktthread*> m_connections; ///< children, in the order of their coming
 };

@@ -164,13 +164,15 @@ bool HttpConnection::isLayoutVerbatim(const char* method, const char* version) c
 
 std::optional<Refusal> HttpConnection::readTarget() {
     const auto target = splitTarget(m_target);
-    const auto path = target ? decodePercent(target->path) : std::nullopt;
+    if (!target)
+        return Refusal{400, "malformed path"};
+    const auto path = decodePercent(target->path);
+    m_request.m_rawPath = target->path;
+    m_request.m_path = path.value_or(target->path); // whose refusal it is, its beginning tells
     if (!path)
         return Refusal{400, "malformed path"};
     if (!decodeForm(target->query, m_request.m_parameters))
         return Refusal{400, "malformed query"};
-    m_request.m_rawPath = target->path;
-    m_request.m_path = *path;
     return std::nullopt;
 }
 

@@ -125,7 +125,27 @@ void StaticFileController::service(HttpRequest& request, HttpResponse& response)
     }
     if (descriptor < 0)
         return failToOpen(response, errno);
+    descriptor = packedInstead(descriptor, path, request, response);
     sendFile(descriptor, name, request, response);
+}
+
+// Only what a page consists of: nobody packs sounds, and their players unpack nothing.
+int StaticFileController::packedInstead(int plain, const QByteArray& path, const HttpRequest& request,
+                                        HttpResponse& response) {
+    if (!path.endsWith(".js") && !path.endsWith(".css"))
+        return plain;
+    const int packed = openFile(path + ".gz");
+    if (packed < 0)
+        return plain;
+    response.setHeader("Vary", "Accept-Encoding");
+    const QByteArray accepted = request.getHeader("Accept-Encoding").toLower().replace(" ", "");
+    if (!accepted.contains("gzip") || accepted.contains("gzip;q=0")) {
+        ::close(packed);
+        return plain;
+    }
+    ::close(plain);
+    response.setHeader("Content-Encoding", "gzip");
+    return packed;
 }
 
 bool StaticFileController::isUpload(const QByteArray& path) const {

@@ -32,6 +32,7 @@ private:
     bool isUpload(const QByteArray& path) const;
     int openRoot();
     int openFile(const QByteArray& path);
+    int packedInstead(int plain, const QByteArray& path, const HttpRequest& request, HttpResponse& response);
     int openBelow(int directory, const QByteArray& name);
     void sendFile(int descriptor, const QByteArray& name, const HttpRequest& request, HttpResponse& response);
     bool cutFile(int descriptor, const QByteArray& from, FileVersion& version, Mp3Cut& cut,

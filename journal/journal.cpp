@@ -252,9 +252,9 @@ void Journal::State::closeBell(const Running& running) {
 void Journal::bell(const Bell& bell) {
     onLoop(*this, [this, bell] {
         if (bell.outcome != Bell::Outcome::Open)
-            return m_state->write(bell, bell.outcome == Bell::Outcome::Late
-                                            ? QDateTime::currentMSecsSinceEpoch() - bell.due
-                                            : 0);
+            return m_state->write(bell, bell.outcome != Bell::Outcome::Late ? 0
+                                        : bell.late != 0                    ? bell.late
+                                                         : QDateTime::currentMSecsSinceEpoch() - bell.due);
         m_state->openBells[bell.broadcast] = bell;
         const Running* const running = m_state->find(bell.broadcast);
         if (!running || running->started() != 0) {

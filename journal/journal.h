@@ -53,6 +53,7 @@ public:
         QString reason;        ///< in words; null unless skipped
         quint64 broadcast = 0; ///< 0: none
         qint64 account = 0;    ///< the schedule's owner
+        qint64 late = 0;       ///< ms, when it was; 0: it is now that it begins
     };
     /// A row of what is neither a broadcast nor a bell.
     enum class NoteKind : quint8 { Speaker, Service, Link, Live, Alarm };
@@ -105,6 +106,9 @@ signals:
     /// Gathered: at most four times a second.
     void broadcastsChanged(const std::vector<quint64>& ids);
     void entriesAdded();
+    /// Gathered likewise: speakers that play the broadcast from now on, and those that do not any more.
+    void heard(quint64 id, const QString& name, const QStringList& playing, const QStringList& silent);
+    void healthChanged(const QString& sn, SpeakerHealth health);
 
 private:
     class Watch;

@@ -44,8 +44,12 @@ void Journal::State::touched(Running& running) {
 
 void Journal::State::tick() {
     const qint64 now = steadyMs();
-    for (auto& [id, running] : broadcasts)
+    for (auto& [id, running] : broadcasts) {
         look(*running, now);
+        const Running::Heard heard = running->takeHeard();
+        if (!heard.playing.isEmpty() || !heard.silent.isEmpty())
+            emit journal.heard(id, running->broadcast().name, heard.playing, heard.silent);
+    }
     forgetOld(now);
     if (!changed.empty())
         emit journal.broadcastsChanged(std::exchange(changed, {}));

@@ -140,15 +140,16 @@ bool JournalStore::recover(BroadcastNumbers& numbers) {
             entry.broadcast = open.value(row, "id").toULongLong();
             entry.schedule = open.value(row, "schedule").toLongLong();
             entry.account = open.value(row, "owner").toLongLong();
-            if (!failOne(entry.broadcast, entry))
+            if (!failOne(entry))
                 return false;
         }
         return true;
     });
 }
 
-bool JournalStore::failOne(quint64 id, const EntryRow& entry) {
-    const SqlArgs which{{QStringLiteral("@id"), static_cast<qint64>(id)}, {QStringLiteral("@node"), m_node}};
+bool JournalStore::failOne(const EntryRow& entry) {
+    const SqlArgs which{{QStringLiteral("@id"), static_cast<qint64>(entry.broadcast)},
+                        {QStringLiteral("@node"), m_node}};
     SqlArgs close = which;
     close.emplace_back(QStringLiteral("@reason"), ServiceEnded);
     close.emplace_back(QStringLiteral("@now"), entry.at);
@@ -168,7 +169,9 @@ bool JournalStore::failOne(quint64 id, const EntryRow& entry) {
     fail.emplace_back(QStringLiteral("@all"), all);
     for (int state = 0; state < ReceiptStates; ++state)
         fail.emplace_back(QStringLiteral("@n%1").arg(state), counts.at(static_cast<size_t>(state)));
-    return m_database.run(Fail, fail).ok && write(std::vector<EntryRow>{entry});
+    // What became of a bell that was due is told by the task queue, once.
+    const bool isDue = entry.kind == nameOf(Broadcast::Kind::Bell) && entry.due != 0;
+    return m_database.run(Fail, fail).ok && (isDue || write(std::vector<EntryRow>{entry}));
 }
 
 // --- what is old ---

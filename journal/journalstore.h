@@ -27,7 +27,7 @@ public:
     bool removeOld(int journalDays, int receiptDays);
 
 private:
-    bool failOne(quint64 id, const EntryRow& entry);
+    bool failOne(const EntryRow& entry);
     bool removeSome(const QString& table, const QString& key, int days);
 
     sqlite& m_database;

@@ -217,6 +217,7 @@ void Journal::State::wasSilent(const QString& sn) {
 }
 
 void Journal::State::tellHealth(const QString& sn, SpeakerHealth now) {
+    emit journal.healthChanged(sn, now);
     const SAobj* const session = devices ? devices->session(sn) : nullptr;
     journal.note(NoteKind::Speaker, nameOf(now), session ? session->name() : QString(), {}, sn);
 }

@@ -56,8 +56,22 @@ void Running::note(quint32 place, ReceiptState after, qint64 now) {
     receipt.state = after;
     receipt.ended =
         isOpen(after) || (receipt.sent == 0 && after != ReceiptState::Completed) ? 0 : offset(now);
+    m_heard.push_back(place);
     if (!std::exchange(receipt.isChanged, true))
         m_changed.push_back(place);
+}
+
+Running::Heard Running::takeHeard() {
+    Heard heard;
+    std::sort(m_heard.begin(), m_heard.end());
+    m_heard.erase(std::unique(m_heard.begin(), m_heard.end()), m_heard.end());
+    for (const quint32 place : m_heard) {
+        const Receipt& receipt = m_receipts[place];
+        const bool isPlaying = receipt.state == ReceiptState::Sent || receipt.state == ReceiptState::Started;
+        (isPlaying ? heard.playing : heard.silent) << receipt.sn;
+    }
+    m_heard.clear();
+    return heard;
 }
 
 bool Running::hear(quint32 place, Evidence evidence, qint64 now, quint16 reason, quint64 by) {

@@ -64,6 +64,12 @@ public:
     /// The rows of what has changed since the last call.
     std::vector<ReceiptRow> takeChanges(const Reasons& reasons);
     bool hasChanges() const { return !m_changed.empty(); }
+    /// Speakers whose state is another since the last call: those that play it now and those that don't.
+    struct Heard {
+        QStringList playing;
+        QStringList silent;
+    };
+    Heard takeHeard();
 
     // --- what it plays ---
     void addFiles(const QStringList& files);
@@ -116,6 +122,7 @@ private:
     std::vector<Receipt> m_receipts;
     QHash<QString, quint32> m_places; ///< of all; empty until one is looked for
     std::vector<quint32> m_changed;
+    std::vector<quint32> m_heard; ///< places, some of them twice
     ReceiptCounts m_counts{};
     QSet<QString> m_files;
     BroadcastState m_state = BroadcastState::Waiting;

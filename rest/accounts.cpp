@@ -123,7 +123,7 @@ void addAccountRoutes(RestRoutes& routes) {
         {"GET", "/accounts", listAccounts, Who::Account, Paged},
         {"POST", "/accounts", addAccount, Who::Account, Hashes, Takes::Object},
         {"GET", "/accounts/{id}", getAccount, Who::Account},
-        {"PATCH", "/accounts/{id}", patchAccount, Who::Account, Hashes, Takes::Object},
-        {"DELETE", "/accounts/{id}", deleteAccount, Who::Account},
+        {"PATCH", "/accounts/{id}", patchAccount, Who::Account, Hashes | Renames, Takes::Object},
+        {"DELETE", "/accounts/{id}", deleteAccount, Who::Account, Renames},
     });
 }

@@ -6,7 +6,7 @@
 class HttpRequest;
 class HttpResponse;
 
-/// Cross-origin requests of pages whose host is in `weborigins` (https://fetch.spec.whatwg.org): their
+/// Cross-origin requests of pages whose host is in `weborigins`: their
 /// origin is named back, all others get no header, so that their browser keeps the answer from them. There
 /// are no cookies, and credentials are never allowed. Immutable.
 class Cors {

@@ -90,7 +90,7 @@ RestAnswer deleteOne(RestCall& call) {
 void addGrantRoutes(RestRoutes& routes) {
     routes.add({
         {"GET", "/grants", listAll, Who::Account, Paged},
-        {"POST", "/grants", addOne, Who::Account, 0, Takes::Object},
-        {"DELETE", "/grants/{id}", deleteOne, Who::Account},
+        {"POST", "/grants", addOne, Who::Account, Renames, Takes::Object},
+        {"DELETE", "/grants/{id}", deleteOne, Who::Account, Renames},
     });
 }

@@ -165,10 +165,10 @@ RestAnswer membersOfGroup(RestCall& call) {
 void addGroupRoutes(RestRoutes& routes) {
     routes.add({
         {"GET", "/groups", listOfGroups, Who::Account, Paged},
-        {"POST", "/groups", newGroup, Who::Account, 0, Takes::Object},
+        {"POST", "/groups", newGroup, Who::Account, Renames, Takes::Object},
         {"GET", "/groups/{id}", getGroup},
-        {"PATCH", "/groups/{id}", editGroup, Who::Account, 0, Takes::Object},
-        {"DELETE", "/groups/{id}", deleteGroup},
+        {"PATCH", "/groups/{id}", editGroup, Who::Account, Renames, Takes::Object},
+        {"DELETE", "/groups/{id}", deleteGroup, Who::Account, Renames},
         {"GET", "/groups/{id}/speakers", membersOfGroup, Who::Account, Paged},
     });
 }

@@ -1,4 +1,6 @@
 // What happened: bells, broadcasts, speakers, the service and its links.
+#include "rest/journal.h"
+
 #include "journal/journal.h"
 #include "rest/resources.h"
 #include "rest/restcall.h"
@@ -27,23 +29,6 @@ QJsonValue textOrNull(const QString& text) {
     return text.isEmpty() ? QJsonValue() : QJsonValue(text);
 }
 
-QJsonObject entryJson(const SqlResult& rows, int row) {
-    const qint64 due = rows.value(row, "due").toLongLong();
-    const bool isBell = rows.text(row, "kind") == QLatin1String("bell");
-    const QJsonValue late = isBell ? QJsonValue(rows.value(row, "late").toLongLong() / 1000) : QJsonValue();
-    return {{QStringLiteral("id"), rows.value(row, "id").toLongLong()},
-            {QStringLiteral("at"), timestamp(rows.value(row, "at").toLongLong())},
-            {QStringLiteral("kind"), rows.text(row, "kind")},
-            {QStringLiteral("state"), rows.text(row, "state")},
-            {QStringLiteral("name"), textOrNull(rows.text(row, "name"))},
-            {QStringLiteral("reason"), textOrNull(rows.text(row, "reason"))},
-            {QStringLiteral("due"), timestampOrNull(due)},
-            {QStringLiteral("late"), late},
-            {QStringLiteral("broadcast"), numberOrNull(rows.value(row, "broadcast").toLongLong())},
-            {QStringLiteral("schedule"), numberOrNull(rows.value(row, "schedule").toLongLong())},
-            {QStringLiteral("serial"), textOrNull(rows.text(row, "serial"))}};
-}
-
 RestAnswer listEntries(RestCall& call) {
     const Page page = call.page();
     EntryQuery query;
@@ -62,6 +47,23 @@ RestAnswer listEntries(RestCall& call) {
 }
 
 } // namespace
+
+QJsonObject entryJson(const SqlResult& rows, int row) {
+    const qint64 due = rows.value(row, "due").toLongLong();
+    const bool isBell = rows.text(row, "kind") == QLatin1String("bell");
+    const QJsonValue late = isBell ? QJsonValue(rows.value(row, "late").toLongLong() / 1000) : QJsonValue();
+    return {{QStringLiteral("id"), rows.value(row, "id").toLongLong()},
+            {QStringLiteral("at"), timestamp(rows.value(row, "at").toLongLong())},
+            {QStringLiteral("kind"), rows.text(row, "kind")},
+            {QStringLiteral("state"), rows.text(row, "state")},
+            {QStringLiteral("name"), textOrNull(rows.text(row, "name"))},
+            {QStringLiteral("reason"), textOrNull(rows.text(row, "reason"))},
+            {QStringLiteral("due"), timestampOrNull(due)},
+            {QStringLiteral("late"), late},
+            {QStringLiteral("broadcast"), numberOrNull(rows.value(row, "broadcast").toLongLong())},
+            {QStringLiteral("schedule"), numberOrNull(rows.value(row, "schedule").toLongLong())},
+            {QStringLiteral("serial"), textOrNull(rows.text(row, "serial"))}};
+}
 
 void addJournalRoutes(RestRoutes& routes) {
     routes.add({{"GET",

@@ -7,6 +7,7 @@
 #include "rest/restcall.h"
 #include "rest/restroutes.h"
 #include "service/audit.h"
+#include "service/changecounter.h"
 #include "service/tokens.h"
 
 #include <QDateTime>
@@ -66,6 +67,8 @@ void audit(const RestCall& call, const RestAnswer& answer) {
 
 RestAnswer run(RestCall& call) {
     RestAnswer answer = call.route().handler(call);
+    if ((call.route().traits & Renames) && answer.isSuccess())
+        call.services().changes->count();
     audit(call, answer);
     return answer;
 }

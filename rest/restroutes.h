@@ -27,6 +27,7 @@ enum RouteTrait : unsigned {
     TokenInQuery = 4, ///< for players that send no headers: the token may come as "?token="
     Encodes = 8,      ///< keeps a processor busy: waits its turn (RestRouter::lanes())
     Hashes = 16,      ///< the same for passwords
+    Renames = 32,     ///< changes names, owners, groups or rights of speakers: Services::changes
 };
 
 /// One row of the table of routes. `path` is below "/api/v1"; "{name}" stands for one part of it.

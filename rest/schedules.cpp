@@ -49,9 +49,7 @@ QJsonArray daysOf(const QString& week) {
 QJsonValue lastObject(const LastBell& last) {
     if (last.due == 0)
         return {};
-    return QJsonObject{
-        {QStringLiteral("due"), timestamp(last.due * 1000)},
-        {QStringLiteral("state"), last.isLate ? QStringLiteral("late") : QStringLiteral("played")}};
+    return QJsonObject{{QStringLiteral("due"), timestamp(last.due)}, {QStringLiteral("state"), last.state}};
 }
 
 QJsonObject missedObject(const MissedPolicy& missed) {

@@ -1,5 +1,6 @@
 #pragma once
 
+class ChangeCounter;
 class Gate;
 class Journal;
 class LoginBrake;
@@ -26,4 +27,6 @@ struct Services {
     Tokens* tokens = nullptr;         ///< any thread
     TokenTable* oldTokens = nullptr;  ///< any thread
     LoginBrake* loginBrake = nullptr; ///< any thread
+    int webSocketPort = 0;            ///< 0: the WebSocket front is closed
+    ChangeCounter* changes = nullptr; ///< any thread
 };

@@ -55,12 +55,15 @@ QJsonArray numbers(const QList<qint64>& ids) {
     return array;
 }
 
-QJsonObject object(const Speaker& speaker, const SpeakerState& state, const QList<qint64>& groups,
-                   qint64 now) {
+} // namespace
+
+QJsonObject SpeakerObjects::objectOf(const Speaker& speaker, const SpeakerState& state,
+                                     const QList<qint64>& groups) {
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
     const QString firmware = state.firmware == 0 ? QString() : QString::number(state.firmware);
     return {{QStringLiteral("serial"), speaker.serial},
             {QStringLiteral("name"), speaker.name},
-            {QStringLiteral("state"), SpeakerObjects::stateWords().at(static_cast<int>(state.state))},
+            {QStringLiteral("state"), stateWords().at(static_cast<int>(state.state))},
             {QStringLiteral("volume"), known(state.volume)},
             {QStringLiteral("address"), known(state.address)},
             {QStringLiteral("firmware"), known(firmware)},
@@ -74,8 +77,6 @@ QJsonObject object(const Speaker& speaker, const SpeakerState& state, const QLis
             {QStringLiteral("node"), speaker.node},
             {QStringLiteral("health"), healthWord(state)}};
 }
-
-} // namespace
 
 SpeakerObjects::SpeakerObjects(sqlite& database, const SpeakerBoard& board, const Gate& gate, Scope groups)
     : m_database(database)
@@ -100,7 +101,7 @@ std::vector<SpeakerState> SpeakerObjects::statesOf(const std::vector<Speaker>& s
         serials += speaker.serial;
     std::vector<SpeakerState> states = m_board.states(serials);
     for (size_t i = 0; i < states.size(); ++i) {
-        if (!m_otherNodes.contains(speakers[i].node) || states[i].isOnline())
+        if (!isElsewhere(speakers[i]) || states[i].isOnline())
             continue;
         states[i].state = stateOfRow(speakers[i].status);
         states[i].volume = speakers[i].volume;
@@ -116,10 +117,9 @@ std::vector<QJsonObject> SpeakerObjects::of(const std::vector<Speaker>& speakers
         ids += speaker.id;
     const QHash<qint64, QList<qint64>> groups = groupsOf(m_database, m_groups, ids);
     const std::vector<SpeakerState> states = statesOf(speakers);
-    const qint64 now = QDateTime::currentMSecsSinceEpoch();
     std::vector<QJsonObject> objects;
     objects.reserve(speakers.size());
     for (size_t i = 0; i < speakers.size(); ++i)
-        objects.push_back(object(speakers[i], states[i], groups.value(speakers[i].id), now));
+        objects.push_back(objectOf(speakers[i], states[i], groups.value(speakers[i].id)));
     return objects;
 }

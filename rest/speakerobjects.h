@@ -20,6 +20,10 @@ public:
     std::vector<QJsonObject> of(const std::vector<Speaker>& speakers) const;
     /// The state of each, in their order: a speaker of another node has what that node has written.
     std::vector<SpeakerState> statesOf(const std::vector<Speaker>& speakers) const;
+    /// Whether its node is another one; a speaker may be connected to this one all the same.
+    bool isElsewhere(const Speaker& speaker) const { return m_otherNodes.contains(speaker.node); }
+    static QJsonObject objectOf(const Speaker& speaker, const SpeakerState& state,
+                                const QList<qint64>& groups);
     /// "offline", "idle", "playing", "live", in the order of SpeakerState::State.
     static const QStringList& stateWords();
 

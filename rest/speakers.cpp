@@ -29,7 +29,8 @@ QJsonObject objectOf(const RestCall& call, const Speaker& speaker) {
 
 /// The speaker that the path names, when the caller may see it.
 std::optional<Speaker> named(const RestCall& call) {
-    const auto speaker = findSpeaker(call.database(), call.value("serial"));
+    const QString serial = call.value("serial");
+    const auto speaker = isSerial(serial) ? findSpeaker(call.database(), serial) : std::nullopt;
     const bool isSeen =
         speaker && visible(call.database(), call.caller()).speakers.holds(speaker->id, speaker->owner);
     return isSeen ? speaker : std::nullopt;
@@ -235,10 +236,10 @@ RestAnswer speakerPage(const RestCall& call, const Page& page, const Reachable& 
 void addSpeakerRoutes(RestRoutes& routes) {
     routes.add({
         {"GET", "/speakers", listOfSpeakers, Who::Account, Paged, Takes::Nothing, {"q", "group", "state"}},
-        {"POST", "/speakers", addSpeaker, Who::Account, 0, Takes::Object},
+        {"POST", "/speakers", addSpeaker, Who::Account, Renames, Takes::Object},
         {"POST", "/speakers/volume", setVolumes, Who::Account, 0, Takes::Object},
         {"GET", "/speakers/{serial}", getSpeaker},
-        {"PATCH", "/speakers/{serial}", changeSpeaker, Who::Account, 0, Takes::Object},
-        {"DELETE", "/speakers/{serial}", deleteSpeaker},
+        {"PATCH", "/speakers/{serial}", changeSpeaker, Who::Account, Renames, Takes::Object},
+        {"DELETE", "/speakers/{serial}", deleteSpeaker, Who::Account, Renames},
     });
 }

@@ -45,9 +45,9 @@ wait_until() { # SECONDS COMMAND...
 }
 
 write_config() (
-  local device=3333 device2=7682 ps1=6003 ps2=6006 http=12080
+  local device=3333 device2=7682 ps1=6003 ps2=6006 http=12080 web=12081
   if [ "${SPEAKERD_FREE_PORTS:-0}" = 1 ]; then
-    device=$(free_port) device2=$(free_port) ps1=$(free_port) ps2=$(free_port) http=$(free_port)
+    device=$(free_port) device2=$(free_port) ps1=$(free_port) ps2=$(free_port) http=$(free_port) web=$(free_port)
   fi
   local address
   address=$(own_address)
@@ -63,6 +63,8 @@ DataPortBack3=$device2
 ; Command servers: other nodes and this one's HTTP interface send their commands here.
 PS1=$ps1
 PS2=$ps2
+; WebSocket front: requests and events.
+wbport=$web
 ; Who may use them: this machine and private networks.
 cmdallow="127.0.0.0/8,::1,10.0.0.0/8,172.16.0.0/12,192.168.0.0/16,$address"
 ; Database: 3 is the SQLite file .Elvor.db beside this file, with the task queue.
@@ -118,7 +120,8 @@ make_database() (
     sql "INSERT INTO sbox_device_info (user_id, device_name, device_seed, node_id)
          SELECT id, 'Simulated speaker $((i + 1))', '$serial', 1 FROM sbox_users WHERE user_name = 'admin';"
   done
-  echo "New account: admin, password $password (told only once)"
+  echo "New account: admin, password $password"
+  echo "$password" >admin.password
 )
 
 serial_at() { printf '%s%08x' "${first_serial:0:24}" $((16#${first_serial:24} + $1)); }
@@ -173,6 +176,7 @@ cd "$var"
 [ -f config.ini ] || write_config
 [ -f .Elvor.db ] || make_database
 mkdir -p etc/docroot waring
+rm -rf etc/docroot/console # parts of an earlier build
 cp -r "$root/docroot/." etc/docroot/
 make_audio
 
@@ -221,6 +225,8 @@ if [ $once = 1 ]; then
 fi
 
 cat <<NEXT
+
+Console: $base/console/    account admin, password $(cat admin.password 2>/dev/null || echo unknown)
 
 Go on with curl:
   curl -d id=$id -d token=$token -d vol=10 -d 'snlist=$serials' $base/user/editvols

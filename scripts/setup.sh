@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that are missing; says nothing when none is.
+# Installs the Debian packages and modules that are missing, and builds the console when its sources have changed; says
+# nothing when there is nothing to do.
 # usage: scripts/setup.sh [run|test]   what to be ready for (default: run; test includes run)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -14,7 +15,8 @@ packages=(
   sox sqlite3 curl jq
 )
 if [ "${1:-run}" = test ]; then
-  packages+=(redis-server mariadb-server faketime python3-dateutil ccache git clang clang-format clang-tidy libclang-rt-14-dev)
+  packages+=(redis-server mariadb-server faketime python3-dateutil ccache git clang clang-format clang-tidy libclang-rt-14-dev
+    chromium)
 fi
 
 has() {
@@ -54,13 +56,30 @@ if [ ${#missing[@]} -gt 0 ]; then
   }
 fi
 
-# What the outside programs need; only what their lock file names.
-if ! cmp -s programs/package-lock.json programs/node_modules/.installed-lock; then
-  echo "Installing the modules of programs/find.js"
-  (cd programs && npm ci --silent --no-audit --no-fund </dev/null) || {
-    echo "Could not install them; without them there is no MySQL. \"npm ci\" in programs/ tells why." >&2
-    [ "${1:-run}" = run ] && exit 0
-    exit 1
-  }
-  cp programs/package-lock.json programs/node_modules/.installed-lock
-fi
+# What a package.json names, as its lock file has it.
+modules() { # DIRECTORY
+  cmp -s "$1/package-lock.json" "$1/node_modules/.installed-lock" && return
+  echo "Installing the modules of $1/"
+  (cd "$1" && npm ci --silent --no-audit --no-fund </dev/null) || return
+  cp "$1/package-lock.json" "$1/node_modules/.installed-lock"
+}
+
+# The console, into the document root; again when a source is newer than what was built.
+console() {
+  local built=docroot/console/index.html
+  [ -f $built ] && [ -z "$(find console -path console/node_modules -prune -o -path console/tests -prune -o -type f -newer $built -print -quit)" ] && return
+  modules console || return
+  echo "Building the console"
+  (cd console && npm run --silent check && npm run --silent build) || return
+}
+
+failed=0
+modules programs || {
+  echo "Could not install them; without them there is no MySQL. \"npm ci\" in programs/ tells why." >&2
+  failed=1
+}
+console || {
+  echo "Could not build it; without it there is no page at /console/. \"npm ci && npm run build\" in console/ tells why." >&2
+  failed=1
+}
+[ "${1:-run}" = run ] || exit $failed

@@ -13,6 +13,12 @@ const QString Find = QStringLiteral(
     "SELECT * FROM `audit` WHERE (`id` < @before AND `at` >= @from AND `at` < @until AND (@account = 0 OR "
     "`account` = @account) AND (@of = 0 OR `account` = @of OR `account` IN (SELECT `id` FROM `sbox_users` "
     "WHERE `master_id` = @of))) ORDER BY `id` DESC LIMIT @limit;");
+// Some at a time: a table that is written to all the time is never locked for long.
+const QString Oldest =
+    QStringLiteral("SELECT MAX(`id`) AS `last` FROM (SELECT `id` FROM `audit` WHERE (`at` < @before) "
+                   "ORDER BY `at` LIMIT @limit) AS `oldest`;");
+const QString Forget = QStringLiteral("DELETE FROM `audit` WHERE (`id` <= @last AND `at` < @before);");
+constexpr int AtOnce = 500;
 
 } // namespace
 
@@ -35,4 +41,11 @@ SqlResult findAudit(sqlite& database, const AuditQuery& query) {
                                {QStringLiteral("@account"), query.account},
                                {QStringLiteral("@of"), query.of},
                                {QStringLiteral("@limit"), query.limit}});
+}
+
+bool forgetAudit(sqlite& database, qint64 before) {
+    const SqlArg since{QStringLiteral("@before"), before};
+    const SqlResult oldest = database.run(Oldest, {since, {QStringLiteral("@limit"), AtOnce}});
+    const qint64 last = oldest.isEmpty() ? 0 : oldest.value(0, "last").toLongLong();
+    return last > 0 && database.run(Forget, {since, {QStringLiteral("@last"), last}}).ok;
 }

@@ -25,3 +25,6 @@ struct AuditQuery {
     int limit = 0;
 };
 SqlResult findAudit(sqlite& database, const AuditQuery& query);
+
+/// Deletes some of the lines before `before` (ms since 1970), the oldest first; whether there may be more.
+bool forgetAudit(sqlite& database, qint64 before);

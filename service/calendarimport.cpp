@@ -3,6 +3,7 @@
 #include "core/sql/sqlite.h"
 #include "tasks/schedule/localtime.h"
 
+#include <algorithm>
 #include <QDateTime>
 #include <QDebug>
 #include <QHash>
@@ -22,7 +23,8 @@ const QString DeleteImported = QStringLiteral("DELETE FROM calendarentry WHERE i
 const QString DeleteFile = QStringLiteral("DELETE FROM calendarfile WHERE calendarid = @calendar ;");
 const QString InsertFile = QStringLiteral(
     "INSERT INTO calendarfile (calendarid, body, expanded) VALUES (@calendar, '@body', @today) ;");
-const QString SelectStale = QStringLiteral("SELECT calendarid FROM calendarfile WHERE expanded != @today ;");
+const QString SelectStale =
+    QStringLiteral("SELECT calendarid, expanded FROM calendarfile WHERE expanded != @today ;");
 const QString SelectFile = QStringLiteral("SELECT body FROM calendarfile WHERE calendarid = @calendar ;");
 const QString MarkExpanded =
     QStringLiteral("UPDATE calendarfile SET expanded = @today WHERE calendarid = @calendar ;");
@@ -38,21 +40,36 @@ qint64 localToday() {
     return LocalTime().at(QDateTime::currentSecsSinceEpoch()).day;
 }
 
-CalendarFile read(const QByteArray& text, qint64 today) {
-    const QDate last = QDate(1970, 1, 1).addDays(today).addYears(YearsAhead);
-    return readCalendarFile(text, localUtcOffset, QDate(1970, 1, 1).daysTo(last));
+/// The last day that is expanded on this one.
+qint64 lastDayOn(qint64 today) {
+    return QDate(1970, 1, 1).daysTo(QDate(1970, 1, 1).addDays(today).addYears(YearsAhead));
 }
 
-/// Brings the rows of one calendar in line with a file.
+CalendarFile read(const QByteArray& text, qint64 today) {
+    return readCalendarFile(text, localUtcOffset, lastDayOn(today));
+}
+
+/// Days that a further expansion adds.
+struct NewDays {
+    qint64 first;
+    qint64 last; ///< included
+};
+
+/// Brings the rows of one calendar in line with a file, or adds only what lies in new days: then what has
+/// been changed or deleted by hand stays so.
 class Merge {
 public:
-    Merge(sqlite& database, qint64 calendar, const CalendarFile& file)
+    Merge(sqlite& database, qint64 calendar, const CalendarFile& file,
+          std::optional<NewDays> newDays = std::nullopt)
         : m_database(database)
         , m_calendar(calendar)
-        , m_file(file) {}
+        , m_file(file)
+        , m_newDays(newDays) {}
 
     /// Within a transaction; false when the database does not answer.
-    bool run(CalendarImport& done) { return readRows() && writeEvents(done) && removeRest(done); }
+    bool run(CalendarImport& done) {
+        return readRows() && writeEvents(done) && (m_newDays || removeRest(done));
+    }
 
 private:
     struct Row {
@@ -103,6 +120,8 @@ private:
         SqlArgs args{named("@first", occurrence.first),
                      named("@last", occurrence.last),
                      {QStringLiteral("@name"), occurrence.name}};
+        if (m_newDays && (known != rows.byOccurrence.end() || !isNew(occurrence)))
+            return true;
         if (known == rows.byOccurrence.end()) {
             isChanged = true;
             args.insert(args.end(), {named("@calendar", m_calendar),
@@ -118,6 +137,11 @@ private:
         isChanged = true;
         args.push_back(named("@id", known->id));
         return m_database.run(UpdateImported, args).ok;
+    }
+
+    bool isNew(const FileOccurrence& occurrence) const {
+        const qint64 day = std::max(occurrence.first, occurrence.identity);
+        return m_newDays->first <= day && day <= m_newDays->last;
     }
 
     bool removeRest(CalendarImport& done) {
@@ -140,6 +164,7 @@ private:
     sqlite& m_database;
     const qint64 m_calendar;
     const CalendarFile& m_file;
+    const std::optional<NewDays> m_newDays;
     QHash<QString, Rows> m_rows; ///< by UID
     QSet<QString> m_written;
 };
@@ -180,14 +205,15 @@ bool expandCalendars(sqlite& database) {
     const SqlResult stale = database.run(SelectStale, {named("@today", today)});
     bool isDone = stale.ok;
     for (const auto& row : stale.rows) {
-        const qint64 calendar = row.first().toLongLong();
+        const qint64 calendar = row.value(0).toLongLong();
+        const NewDays days{lastDayOn(row.value(1).toLongLong()) + 1, lastDayOn(today)};
         const SqlResult body = database.run(SelectFile, {named("@calendar", calendar)});
         const CalendarFile file = read(body.text(0, "body").toUtf8(), today);
         if (!file.refusal.isEmpty())
             qWarning() << "calendar" << calendar << "could not be expanded:" << file.refusal;
         CalendarImport done;
         const bool isExpanded = body.ok && database.transaction([&] {
-            return (!file.refusal.isEmpty() || Merge(database, calendar, file).run(done)) &&
+            return (!file.refusal.isEmpty() || Merge(database, calendar, file, days).run(done)) &&
                    database.run(MarkExpanded, {named("@calendar", calendar), named("@today", today)}).ok;
         });
         isDone = isDone && isExpanded;

@@ -33,6 +33,7 @@ const QString DeleteSpeakers = QStringLiteral("DELETE FROM `group_seed` WHERE ( 
 const QString DeleteInner = QStringLiteral("DELETE FROM `group_group` WHERE ( `gid` = @id );");
 const QString DeleteGrants = QStringLiteral("DELETE FROM `groupgrant` WHERE ( `gid` = @id );");
 const QString DeleteOuter = QStringLiteral("DELETE FROM `group_group` WHERE ( `member` = @id );");
+const QString DeleteAims = QStringLiteral("DELETE FROM `taskaim` WHERE ( `gid` = @id );");
 const QString SelectDevices = QStringLiteral(
     "SELECT `id`, `device_seed` FROM `sbox_device_info` WHERE ( `device_seed` in ('@serials') );");
 const QString InsertSpeaker = QStringLiteral(
@@ -54,6 +55,10 @@ const QString SelectGroupsOf = QStringLiteral(
     "SELECT `group_seed`.`devid`, `sbox_group`.`id`, `sbox_group`.`userid` FROM `group_seed`, `sbox_group` "
     "WHERE ( `group_seed`.`devid` in ( @ids ) and `sbox_group`.`id` = `group_seed`.`gid` ) ORDER BY "
     "`sbox_group`.`id`;");
+
+const QString SelectMemberships = QStringLiteral(
+    "SELECT `group_seed`.`devid`, `sbox_group`.`id`, `sbox_group`.`userid` FROM `group_seed`, `sbox_group` "
+    "WHERE ( `sbox_group`.`id` = `group_seed`.`gid` ) ORDER BY `sbox_group`.`id`;");
 
 SqlArg idArg(qint64 id) {
     return {QStringLiteral("@id"), id};
@@ -192,7 +197,8 @@ GroupOutcome changeGroup(sqlite& database, qint64 id, const GroupChange& change)
 
 bool removeGroup(sqlite& database, qint64 id) {
     return database.transaction([&] {
-        const QStringList statements{DeleteSpeakers, DeleteInner, DeleteOuter, DeleteGrants, DeleteGroup};
+        const QStringList statements{DeleteSpeakers, DeleteInner, DeleteOuter,
+                                     DeleteGrants,   DeleteAims,  DeleteGroup};
         return std::all_of(statements.begin(), statements.end(),
                            [&](const QString& statement) { return database.run(statement, {idArg(id)}).ok; });
     });
@@ -236,4 +242,16 @@ QHash<qint64, QList<qint64>> groupsOf(sqlite& database, const Scope& scope, cons
     readWithin(database, SelectGroupsOf, scope, speakers,
                [&](qint64 speaker, const QVector<QVariant>& row) { found[speaker] += row[1].toLongLong(); });
     return found;
+}
+
+std::optional<Memberships> allMemberships(sqlite& database) {
+    const SqlResult rows = database.run(SelectMemberships);
+    if (!rows.ok)
+        return std::nullopt;
+    Memberships all;
+    for (const auto& row : rows.rows) {
+        all.groups[row[0].toLongLong()] += row[1].toLongLong();
+        all.owners.insert(row[1].toLongLong(), row[2].toInt());
+    }
+    return all;
 }

@@ -58,3 +58,10 @@ std::optional<QSet<qint64>> groupsWithin(sqlite& database, const QList<qint64>& 
 std::optional<QList<qint64>> speakersWithin(sqlite& database, const QList<qint64>& ids);
 /// By speaker (id of `sbox_device_info`) the groups of the scope that it is directly in, ascending.
 QHash<qint64, QList<qint64>> groupsOf(sqlite& database, const Scope& scope, const QList<qint64>& speakers);
+
+/// Which groups every speaker is directly in.
+struct Memberships {
+    QHash<qint64, QList<qint64>> groups; ///< by speaker (id of `sbox_device_info`), ascending
+    QHash<qint64, int> owners;           ///< by group, of those that hold speakers
+};
+std::optional<Memberships> allMemberships(sqlite& database);

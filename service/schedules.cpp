@@ -19,10 +19,11 @@ const QString SelectSpeakers = QStringLiteral(
 const QString SelectGroups =
     QStringLiteral("SELECT taskid, gid AS value FROM taskaim WHERE taskid IN (@ids) ORDER BY id ;");
 const QString SelectLast = QStringLiteral(
-    "SELECT taskrun.taskid AS taskid, taskrun.due AS value, taskrun.late AS late FROM taskrun, (SELECT "
-    "taskid, "
-    "MAX(due) AS due FROM taskrun WHERE taskid IN (@ids) GROUP BY taskid) AS latest WHERE taskrun.taskid = "
-    "latest.taskid and taskrun.due = latest.due ;");
+    "SELECT journal.schedule AS taskid, journal.due AS value, journal.state AS state FROM journal, (SELECT "
+    "schedule, MAX(due) AS due FROM journal WHERE schedule IN (@ids) and kind = 'bell' and state IN "
+    "('played', 'late', 'skipped') GROUP BY schedule) AS latest WHERE journal.schedule = latest.schedule and "
+    "journal.due = latest.due and journal.kind = 'bell' and journal.state IN ('played', 'late', 'skipped') "
+    "ORDER BY journal.id ;");
 
 SqlArg named(const char* name, qint64 value) {
     return {QLatin1String(name), value};
@@ -81,7 +82,7 @@ private:
         const SqlResult rows = m_database.run(SelectLast, {{QStringLiteral("@ids"), m_ids}});
         for (int row = 0; row < rows.rows.size(); ++row)
             m_byId.value(rows.value(row, "taskid").toLongLong())->last = {
-                rows.value(row, "value").toLongLong(), rows.integer(row, "late") != 0};
+                rows.value(row, "value").toLongLong(), rows.text(row, "state")};
         return rows.ok;
     }
     sqlite& m_database;

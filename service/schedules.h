@@ -12,8 +12,8 @@
 // answer.
 
 struct LastBell {
-    qint64 due = 0; ///< s since 1970-01-01 UTC; 0: none
-    bool isLate = false;
+    qint64 due = 0; ///< ms since 1970-01-01 UTC; 0: none
+    QString state;  ///< as the journal has it: played, late or skipped
 };
 
 struct Schedule {

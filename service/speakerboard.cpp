@@ -208,13 +208,22 @@ SpeakerBoard::Changes SpeakerBoard::changesSince(const Mark& mark, size_t most) 
     return changes;
 }
 
-void SpeakerBoard::setPlaying(const QString& serial, quint64 broadcast, const QString& name) {
+void SpeakerBoard::setPlaying(quint64 broadcast, const QString& name, const QStringList& playing,
+                              const QStringList& silent) {
     const std::lock_guard lock(m_mutex);
-    const quint32 slot = slotOf(serial);
-    SpeakerState& speaker = m_entries[slot].speaker;
-    const bool isOther = set(speaker.broadcast, broadcast);
-    if (set(speaker.playing, name) || isOther)
-        changed(slot);
+    const auto put = [this](quint32 slot, quint64 number, const QString& text) {
+        SpeakerState& speaker = m_entries[slot].speaker;
+        const bool isOther = set(speaker.broadcast, number);
+        if (set(speaker.playing, text) || isOther)
+            changed(slot);
+    };
+    for (const QString& serial : playing)
+        put(slotOf(serial), broadcast, name);
+    for (const QString& serial : silent) {
+        const quint32 slot = slotOf(serial);
+        if (m_entries[slot].speaker.broadcast == broadcast)
+            put(slot, 0, QString());
+    }
 }
 
 void SpeakerBoard::setHealth(const QString& serial, SpeakerState::Health health) {

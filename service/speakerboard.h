@@ -68,8 +68,9 @@ public:
     Changes changesSince(const Mark& mark, size_t most) const;
     quint64 lastChange() const; ///< differs as soon as there is something new
 
-    /// The sound that a broadcast has put on the speaker; 0 and empty when it is over. Main loop.
-    void setPlaying(const QString& serial, quint64 broadcast, const QString& name);
+    /// A broadcast has put its sound on some speakers, and is over on others. Main loop.
+    void setPlaying(quint64 broadcast, const QString& name, const QStringList& playing,
+                    const QStringList& silent = {});
     /// Main loop.
     void setHealth(const QString& serial, SpeakerState::Health health);
 

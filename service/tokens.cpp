@@ -100,7 +100,7 @@ TokenCheck Tokens::check(sqlite& database, const QByteArray& text) const {
     if (row.text(0, "token_name").isEmpty())
         slide(database, row.integer(0, "token_id"), expires);
     remember(hash);
-    return {true, callerOf(row)};
+    return {true, callerOf(row), expires};
 }
 
 bool Tokens::wasValid(const QByteArray& text) const {

@@ -24,6 +24,7 @@ struct NewToken {
 struct TokenCheck {
     bool isKnown = false;         ///< false: the database does not answer
     std::optional<Caller> caller; ///< nullopt: the token is none, has ended or was voided
+    qint64 expires = 0;           ///< ms since 1970, until then it need not be looked at; 0: never
 };
 
 /// Tokens of the interface v1: 256 random bits each, of which the database holds the SHA-256 alone. Those of

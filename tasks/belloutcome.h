@@ -11,8 +11,9 @@ struct BellOutcome {
     int userid = 0;
     qint64 due = 0; ///< seconds since 1970-01-01 UTC
     State state = State::Played;
-    qint64 late = 0; ///< s
-    QString reason;  ///< why it was skipped, in words
+    qint64 late = 0;       ///< s
+    QString reason;        ///< why it was skipped, in words
+    quint64 broadcast = 0; ///< as which it rang; 0: none, or not known
 };
 
 /// Gets each of them once, on the main loop.

@@ -194,7 +194,8 @@ void Nodeque::noteSent(const QByteArray& command) const {
     if (!m_relay.journal || m_relay.gate->isThisNode(m_node))
         return;
     const QJsonObject document = QJsonDocument::fromJson(command).object();
-    for (const auto& [order, count] : PlayOrders::read(document.value(QLatin1String("order"))).runs()) {
+    const PlayOrders orders = PlayOrders::read(document.value(QLatin1String("order")));
+    for (const auto& [order, count] : orders.runs()) {
         if (order != 0 && document.contains(QLatin1String("filelist")))
             m_relay.journal->sentElsewhere(order);
     }

@@ -11,6 +11,7 @@
 #include "core/sql/sqlite.h"
 #include "nodes/gate.h"
 
+#include <algorithm>
 #include <chrono>
 #include <QDateTime>
 #include <QDebug>
@@ -66,7 +67,8 @@ Task_workque::Task_workque(Severinit* devices, int DPort, int DataPort, int PS1,
     , m_seconds(m_clock.epochMs() / 1000)
     , m_reader(database)
     , m_writeBack(database)
-    , m_runs(database, &m_writeBack) {
+    , m_runs(database, &m_writeBack)
+    , m_told(database) {
     m_absences.note(m_seconds.last(), Absence::NotRunning);
     if (const auto handled = m_handledFile.read()) {
         m_isHandledKnown = true;
@@ -152,6 +154,7 @@ void Task_workque::forqueout() {
     endStopping();
     startPending();
     keepHandled();
+    tellInherited();
 }
 
 void Task_workque::handleSeconds(qint64 now) {
@@ -170,6 +173,7 @@ void Task_workque::handleSeconds(qint64 now) {
     if (bells->passes(EmptyRequestsAt)) {
         m_emptyRequests = true;
         m_runs.forgetBefore(now - TaskRuns::Kept);
+        m_told.forgetBefore(now - TaskRuns::Kept);
     }
     if (due.forgotten != 0)
         qWarning() << "task clock: seconds lost:" << due.forgotten;
@@ -181,8 +185,11 @@ void Task_workque::setBack(qint64 by, qint64 now) {
     qWarning() << "task clock: jumped by" << -by << "s, going on at"
                << timeOfSeconds(m_localTime.at(now).secondOfDay);
     m_absences.clear();
-    if (by > ByHand)
-        m_runs.forgetFrom(m_localTime.days(now, now).back().stretches.back().last + 1);
+    if (by <= ByHand)
+        return;
+    const qint64 tomorrow = m_localTime.days(now, now).back().stretches.back().last + 1;
+    m_runs.forgetFrom(tomorrow);
+    m_told.forgetFrom(tomorrow);
 }
 
 void Task_workque::noteAbsence(qint64 now) {
@@ -199,8 +206,21 @@ void Task_workque::noteAbsence(qint64 now) {
     m_lastSteady = steady;
 }
 
+/// The second until which a process that goes on from here has nothing to make up for: bells that still wait
+/// for their turn are not handled. Those that only memory knows to have rung are.
+qint64 Task_workque::handedOut() const {
+    qint64 last = m_seconds.last();
+    for (const auto* starts : {&pending, &m_retrying}) {
+        for (const auto& [key, start] : *starts) {
+            if (start.isScheduled())
+                last = std::min(last, start.dueAt - 1);
+        }
+    }
+    return std::min(std::max(last, m_runs.unwritten()), m_seconds.last());
+}
+
 void Task_workque::keepHandled() {
-    const qint64 last = m_seconds.last();
+    const qint64 last = handedOut();
     m_handledFile.write(last);
     if (std::abs(last - m_handledKept) < KeepHandledEach)
         return;

@@ -7,6 +7,7 @@
 #include "tasks/schedule/schedule.h"
 #include "tasks/taskreader.h"
 #include "tasks/taskruns.h"
+#include "tasks/toldbells.h"
 #include "tasks/writeback.h"
 
 #include <chrono>
@@ -128,10 +129,13 @@ private:
     void setBack(qint64 by, qint64 now);
     void noteAbsence(qint64 now);
     void keepHandled();
+    qint64 handedOut() const;
 
     // taskbells.cpp
     void judge(const DueBells& due, const Bell& bell, qint64 now);
     void skip(const DueBells& due, const Bell& bell, int row, const QString& reason);
+    void tellOnce(const BellOutcome& outcome);
+    void tellInherited();
 
     // taskready.cpp
     bool prepare();
@@ -204,7 +208,10 @@ private:
     TaskReader m_reader;
     WriteBack m_writeBack;
     TaskRuns m_runs;
-    std::map<quint64, Start> pending;    ///< created and not yet started, by key
+    ToldBells m_told;
+    std::vector<TaskRuns::Run> m_inherited; ///< claimed by earlier processes, until they are looked through
+    qint64 m_readyAt = 0;                   ///< steady ms
+    std::map<quint64, Start> pending;       ///< created and not yet started, by key
     std::map<quint64, Start> m_retrying; ///< could not be read from the database: the next tick tries again
     std::vector<quint64> stopping;       ///< keys of the players to end in this tick
     std::vector<quint64> m_bound;        ///< tasks bound in this turn and not yet marked as playing

@@ -9,6 +9,9 @@
 
 namespace {
 
+// After so long the journals of other nodes have written what they knew.
+constexpr qint64 OthersWriteMs = 3000;
+
 /// The words of the log for a bell that does not ring.
 const char* logged(Silence silence) {
     switch (silence) {
@@ -45,7 +48,24 @@ void Task_workque::skip(const DueBells& due, const Bell& bell, int row, const QS
     const QString name = due.tasks.text(row, "task_name");
     qWarning() << logged(bell.silence) << timeOfSeconds(due.tasks.integer(row, "start_time")) << name
                << bell.schedule;
-    if (m_tellBell)
-        m_tellBell({bell.schedule, name, due.tasks.integer(row, "userid"), bell.at,
-                    BellOutcome::State::Skipped, 0, reason});
+    tellOnce({bell.schedule, name, due.tasks.integer(row, "userid"), bell.at, BellOutcome::State::Skipped, 0,
+              reason, 0});
+}
+
+void Task_workque::tellOnce(const BellOutcome& outcome) {
+    if (m_tellBell && m_told.add(outcome.schedule, outcome.due))
+        m_tellBell(outcome);
+}
+
+/// What became of the bells that earlier processes claimed and did not tell of any more.
+void Task_workque::tellInherited() {
+    if (m_inherited.empty() || !m_tellBell || m_clock.steadyMs() - m_readyAt < OthersWriteMs)
+        return;
+    const qint64 since = m_clock.epochMs() / 1000 - SecondSequence::LookBack;
+    const auto untold = m_told.load(since) ? m_told.untold(m_inherited, since) : std::nullopt;
+    if (!untold)
+        return; // the next tick tries again
+    m_inherited.clear();
+    for (const BellOutcome& outcome : *untold)
+        tellOnce(outcome);
 }

@@ -41,6 +41,8 @@ void Task_workque::endTask(quint64 key) {
 void Task_workque::end(std::chrono::milliseconds limit) {
     m_tickTimer.stop();
     m_writeTimer.stop();
+    m_handledKept = 0;
+    keepHandled();
     pending.clear();
     m_retrying.clear();
     int ended = 0;
@@ -48,8 +50,6 @@ void Task_workque::end(std::chrono::milliseconds limit) {
         ended += node.poller->endAll();
         node.poller->hurry();
     }
-    m_handledKept = 0;
-    keepHandled();
     fndout();
     if (ended == 0 && hasRelayedAll())
         return;

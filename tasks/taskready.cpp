@@ -57,8 +57,11 @@ bool Task_workque::prepare() {
 /// What rang before, and until when.
 bool Task_workque::readHandled() {
     const SqlResult kept = m_database->run(SelectHandled);
-    if (!kept.ok || !m_runs.load())
+    const qint64 since = m_clock.epochMs() / 1000 - SecondSequence::LookBack;
+    if (!kept.ok || !m_runs.load() || !m_told.load(since))
         return false;
+    m_inherited = m_runs.since(since);
+    m_readyAt = m_clock.steadyMs();
     const qint64 last = kept.value(0, "handled").toLongLong();
     if (!m_isHandledKnown && last != 0)
         m_seconds.handled(last);

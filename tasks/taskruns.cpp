@@ -4,6 +4,7 @@
 
 #include "core/sql/sqlite.h"
 
+#include <algorithm>
 #include <functional>
 #include <iterator>
 
@@ -41,14 +42,25 @@ bool TaskRuns::load() {
     return rows.ok;
 }
 
+std::vector<TaskRuns::Run> TaskRuns::since(qint64 epoch) const {
+    std::vector<Run> runs;
+    for (const auto& [task, due] : m_runs) {
+        if (due >= epoch)
+            runs.push_back({task, due});
+    }
+    return runs;
+}
+
 std::vector<bool> TaskRuns::claim(const std::vector<Run>& runs) {
     std::vector<bool> isOurs;
     for (const Run& run : runs)
         isOurs.push_back(!has(run.task, run.due));
     if (!runs.empty() && (m_isAway || !write(runs, isOurs))) {
         m_isAway = true;
-        for (const Run& run : runs)
+        for (const Run& run : runs) {
             m_writeBack->append(sqlLine(insertRun(*m_database), argsOf(run)));
+            m_unwritten = std::max(m_unwritten, run.due);
+        }
     }
     for (const Run& run : runs)
         m_runs.insert({run.task, run.due});

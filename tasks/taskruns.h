@@ -25,6 +25,9 @@ public:
     /// Reads what earlier processes rang. False when the database does not answer.
     bool load();
     bool has(qint64 task, qint64 due) const { return m_runs.contains({task, due}); }
+    std::vector<Run> since(qint64 epoch) const; ///< those with their second from there on
+    /// The latest second of which only memory knows what rang; 0 none.
+    qint64 unwritten() const { return m_unwritten; }
     /// Notes the bells in one transaction; true for each that had no start before. While the database does
     /// not answer it is asked once a tick.
     std::vector<bool> claim(const std::vector<Run>& runs);
@@ -39,5 +42,6 @@ private:
     sqlite* m_database;
     WriteBack* m_writeBack;
     QSet<QPair<qint64, qint64>> m_runs; ///< task and second
+    qint64 m_unwritten = 0;
     bool m_isAway = false;
 };

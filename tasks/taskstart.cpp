@@ -268,12 +268,13 @@ void Task_workque::tell(const Start& start, const QString& reason) {
                         start.dueAt,
                         BellOutcome::State::Skipped,
                         0,
-                        reason};
+                        reason,
+                        0};
     if (reason.isEmpty()) {
         outcome.state = lateMs <= InTimeMs ? BellOutcome::State::Played : BellOutcome::State::Late;
         outcome.late = outcome.state == BellOutcome::State::Late ? lateMs / 1000 : 0;
     }
-    m_tellBell(outcome);
+    tellOnce(outcome);
 }
 
 void Task_workque::bindLate(std::unique_ptr<Tasxkobj> play) {

@@ -21,6 +21,9 @@ private slots:
         m_server->files->setUploads({"/sub"});
         m_server->put("digits.txt", "0123456789");
         m_server->put("empty.txt", "");
+        m_server->put("page.js", "plain");
+        m_server->put("page.js.gz", "packed");
+        m_server->put("alone.js", "plain");
         m_server->put("song.MP3", "ID3");
         m_server->put("index.html", "<p>root</p>");
         m_server->put("sub/index.html", "<p>sub</p>");
@@ -78,6 +81,25 @@ private slots:
             QCOMPARE(answer.body, body);
         QCOMPARE(answer.headers.value("x-content-type-options"), "nosniff");
         QCOMPARE(answer.headers.contains("content-security-policy"), body == "<p>sub</p>");
+    }
+
+    void packed_data() {
+        const Table<QByteArray, QByteArray, QByteArray, QByteArray> row{"path", "accepted", "encoding",
+                                                                        "body"};
+        row("packed", "/page.js", "br, gzip", "gzip", "packed");
+        row("not accepted", "/page.js", "br", "", "plain");
+        row("refused", "/page.js", "gzip; q=0", "", "plain");
+        row("none beside it", "/alone.js", "gzip", "", "plain");
+        row("no part of a page", "/song.MP3", "gzip", "", "ID3");
+    }
+
+    void packed() {
+        QFETCH(QByteArray, path);
+        QFETCH(QByteArray, accepted);
+        const RawAnswer answer = get(path, "Accept-Encoding: " + accepted + "\r\n");
+        QTEST(answer.headers.value("content-encoding"), "encoding");
+        QTEST(answer.body, "body");
+        QCOMPARE(answer.headers.contains("vary"), path == "/page.js");
     }
 
     void methods_data() {

@@ -51,6 +51,7 @@ const QList<Policy> Policies{
     {"GET /grants", "401 200 200 200 200 200"},
     {"POST /grants", "401 403 403 201 422 201", nullptr, R"({"account":16,"group":70,"role":"viewer"})"},
     {"DELETE /grants/{id}", "401 403 404 204 404 204", "/grants/60"},
+    {"GET /about", "401 200 200 200 200 200"},
     {"GET /audit", "401 200 200 200 200 200"},
     {"GET /speakers", "401 200 200 200 200 200"},
     {"POST /speakers", "401 201 201 201 201 201", nullptr,
@@ -81,6 +82,34 @@ const QList<Policy> Policies{
     {"POST /broadcasts/{id}/stop", "401 403 202 202 404 202", "/broadcasts/7000/stop"},
     {"POST /broadcasts/{id}/repeat", "401 403 403 403 404 409", "/broadcasts/7000/repeat"},
     {"GET /journal", "401 200 200 200 200 200"},
+    {"GET /schedules", "401 200 200 200 200 200"},
+    {"POST /schedules", "401 422 201 201 422 201", nullptr,
+     R"({"name":"x","time":"08:00:00","sounds":[90],"targets":{"groups":[70]}})"},
+    {"GET /schedules/upcoming", "401 200 200 200 200 200"},
+    {"GET /schedules/{id}", "401 404 404 200 404 200", "/schedules/100"},
+    {"PATCH /schedules/{id}", "401 404 404 200 404 200", "/schedules/100", R"({"name":"x"})"},
+    {"DELETE /schedules/{id}", "401 404 404 204 404 204", "/schedules/100"},
+    {"POST /schedules/{id}/start", "401 404 404 202 404 202", "/schedules/100/start"},
+    {"POST /schedules/{id}/stop", "401 404 404 202 404 202", "/schedules/100/stop"},
+    {"GET /plans", "401 200 200 200 200 200"},
+    {"POST /plans", "401 201 201 201 201 201", nullptr, R"({"name":"x"})"},
+    {"GET /plans/{id}", "401 404 404 200 404 200", "/plans/110"},
+    {"PATCH /plans/{id}", "401 404 404 200 404 200", "/plans/110", R"({"name":"x"})"},
+    {"DELETE /plans/{id}", "401 404 404 204 404 204", "/plans/110"},
+    {"GET /calendars", "401 200 200 200 200 200"},
+    {"POST /calendars", "401 201 201 201 201 201", nullptr, R"({"name":"x"})"},
+    {"GET /calendars/{id}", "401 404 404 200 404 200", "/calendars/120"},
+    {"PATCH /calendars/{id}", "401 404 404 200 404 200", "/calendars/120", R"({"name":"x"})"},
+    {"DELETE /calendars/{id}", "401 404 404 204 404 204", "/calendars/120"},
+    {"GET /calendars/{id}/entries", "401 404 404 200 404 200", "/calendars/120/entries"},
+    {"POST /calendars/{id}/entries", "401 404 404 201 404 201", "/calendars/120/entries",
+     R"({"name":"x","from":"2026-12-24","until":"2026-12-24"})"},
+    {"GET /calendars/{id}/entries/{entry}", "401 404 404 200 404 200", "/calendars/120/entries/130"},
+    {"PATCH /calendars/{id}/entries/{entry}", "401 404 404 200 404 200", "/calendars/120/entries/130",
+     R"({"name":"x"})"},
+    {"DELETE /calendars/{id}/entries/{entry}", "401 404 404 204 404 204", "/calendars/120/entries/130"},
+    {"POST /calendars/{id}/import", "401 415 415 415 415 415", "/calendars/120/import", "{}"},
+    {"GET /calendars/{id}/export", "401 404 404 200 404 200", "/calendars/120/export"},
 };
 
 } // namespace
@@ -336,13 +365,14 @@ private slots:
     void whatADeletedAccountHadIsItsMasters() {
         m_service->sql("UPDATE `sbox_device_info` SET `user_id` = 16");
         QCOMPARE(ask("owner", "DELETE", "/accounts/16").status, 204);
-        QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info` WHERE `id` = 1")
+        QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info` WHERE `id` = 80")
                      .first()["user_id"]
                      .toInt(),
                  14);
         QCOMPARE(ask("admin", "DELETE", "/accounts/14").status, 204); // has no master
         QCOMPARE(m_service->sql("SELECT `user_id` FROM `sbox_device_info`").first()["user_id"].toInt(), 11);
-        QVERIFY(m_service->sql("SELECT * FROM `groupgrant`").isEmpty());
+        for (const char* table : {"groupgrant", "task", "taskgroup", "calendar", "calendarentry"})
+            QVERIFY2(m_service->sql(QString("SELECT * FROM `%1`").arg(table)).isEmpty(), table);
         QCOMPARE(ask("owner", "GET", "/me").status, 401);
     }
 
@@ -434,7 +464,8 @@ private:
     void reset() {
         for (const char* table :
              {"sbox_users", "apitoken", "groupgrant", "audit", "idempotency", "sbox_group",
-              "sbox_device_info", "group_seed", "userfile", "broadcast", "receipt", "journal"})
+              "sbox_device_info", "group_seed", "userfile", "broadcast", "receipt", "journal", "task",
+              "taskpop", "taskgroup", "calendar", "calendarentry"})
             m_service->sql(QString("DELETE FROM `%1`").arg(table));
         int id = 11;
         for (const char* name : {"admin", "viewer", "operator", "owner", "other", "sub"}) {
@@ -458,6 +489,11 @@ private:
                        "(90, 14, 'Zg==', 'mp3/none.mp3', 20)");
         m_service->sql("INSERT INTO `groupgrant` (`id`, `account`, `gid`, `role`) VALUES (60, 12, 70, 1), "
                        "(61, 13, 70, 2)");
+        m_service->sql("INSERT INTO `task` (`id`, `userid`, `start_time`, `enable`) VALUES (100, 14, 1, 0)");
+        m_service->sql("INSERT INTO `taskgroup` (`id`, `userid`, `groupname`) VALUES (110, 14, 'plan')");
+        m_service->sql("INSERT INTO `calendar` (`id`, `userid`, `name`) VALUES (120, 14, 'year')");
+        m_service->sql("INSERT INTO `calendarentry` (`id`, `calendarid`, `firstday`, `lastday`) VALUES "
+                       "(130, 120, 20000, 20000)");
         addBroadcast();
     }
     /// Two speakers of the owner, one of them in the group, and another's have played a broadcast of

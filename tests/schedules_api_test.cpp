@@ -271,7 +271,13 @@ private slots:
             });
         };
         QVERIFY(played(1));
-        QCOMPARE(school.call("GET", path)["last"]["state"].toString(), "played");
+        QVERIFY(waitFor([&] { return !school.call("GET", path)["last"].isNull(); }));
+        const QJsonObject row = school.items("/journal?kind=bell").at(0).toObject();
+        QCOMPARE(row["state"].toString(), "played");
+        QCOMPARE(row["schedule"].toInt(), id);
+        QCOMPARE(school.call("GET", path)["last"]["due"], row["due"]);
+        const QString broadcast = QString::number(static_cast<qint64>(row["broadcast"].toDouble()));
+        QCOMPARE(school.call("GET", "/broadcasts/" + broadcast)["kind"].toString(), "bell");
         QCOMPARE(school.call("POST", path + "/start").status, 409);
         QCOMPARE(school.call("POST", path + "/stop").status, 202);
         QVERIFY(waitFor([&] { return school.fleet->at(0).count(sim::Op::Stop) > 0; }));

@@ -29,7 +29,8 @@ private slots:
         QVERIFY(waitFor([&] { return m_board->state(sn).firmware == 1204; }));
         speaker->send("UA3");
         QVERIFY(becomes(sn, State::Playing));
-        m_board->setPlaying(sn, 77, "gong");
+        m_board->setPlaying(77, "gong", {sn});
+        m_board->setPlaying(76, "ding", {}, {sn}); // no longer its own
         QCOMPARE(m_board->state(sn).broadcast, quint64(77));
         speaker->send("UA1");
         QVERIFY(becomes(sn, State::Idle));

@@ -1,4 +1,5 @@
 #include "core/sql/sqlite.h"
+#include "service/audit.h"
 #include "service/groups.h"
 #include "service/speakers.h"
 #include "service/visibility.h"
@@ -173,6 +174,19 @@ private slots:
         for (const Speaker& speaker : *speakers)
             serials += speaker.serial;
         QTEST(numbers(serials), "speakers");
+    }
+
+    /// The oldest lines go, some at a time; what is younger stays.
+    void theAuditLogForgets() {
+        for (qint64 at = 1; at <= 1200; ++at)
+            writeAudit(*m_db, {at, 1, "::1", "POST /groups", "/groups/1", {}});
+        int turns = 0;
+        while (forgetAudit(*m_db, 1101) && turns < 10)
+            ++turns;
+        QVERIFY(turns >= 2 && turns < 10);
+        const SqlResult left = m_db->run("SELECT MIN(`at`) AS `first`, COUNT(*) AS `n` FROM `audit`", {});
+        QCOMPARE(left.integer(0, "first"), 1101);
+        QCOMPARE(left.integer(0, "n"), 100);
     }
 
 private:

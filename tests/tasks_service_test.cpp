@@ -5,8 +5,11 @@
 #include "support/table.h"
 #include "support/testmain.h"
 
+#include <csignal>
+#include <cstdio>
 #include <QDateTime>
 #include <QSqlDatabase>
+#include <QTimeZone>
 
 namespace {
 using namespace std::chrono_literals;
@@ -234,25 +237,134 @@ private slots:
         QVERIFY(waitFor([&] { return device()["status"].toInt() == 0; }));
     }
 
-    // The real process by a clock that says it is the night in which summer time begins.
-    void nightOfTheSkippedHour() {
+    /// Bells that the process before this one claimed and did not tell of: one row each, whatever restarts.
+    void claimedBellsAreTold() {
+        Service service;
+        const qint64 due = QDateTime::currentSecsSinceEpoch() - 600;
+        service.sql("INSERT INTO task (id, userid, task_name, enable) VALUES (5, 1, 'cut off', 0)");
+        for (const char* bell : {"5, %1", "6, %1", "7, %1", "5, %1 - 90000"}) // the last one is too old
+            service.sql(
+                QStringLiteral("INSERT INTO taskrun (taskid, due) VALUES (%1)").arg(QString(bell).arg(due)));
+        const qint64 number = ((due * 1000 - 1577836800000LL) / 10) << 15;
+        service.sql(QStringLiteral("INSERT INTO broadcast (id, kind, schedule, state, due, started) VALUES "
+                                   "(%1, 'bell', 6, 'playing', %2, %2 + 5000)")
+                        .arg(number)
+                        .arg(due * 1000));
+        service.sql(QStringLiteral("INSERT INTO journal (id, kind, schedule, state, due) VALUES "
+                                   "(%1, 'bell', 7, 'played', %2)")
+                        .arg(number)
+                        .arg(due * 1000));
+        const auto told = [&] {
+            QStringList rows;
+            for (const QVariantMap& row : service.sql("SELECT schedule, state, name, reason, late, broadcast "
+                                                      "FROM journal WHERE kind = 'bell' ORDER BY schedule"))
+                rows += QStringLiteral("%1 %2 %3 %4 %5 %6")
+                            .arg(row["schedule"].toString(), row["state"].toString(), row["name"].toString(),
+                                 row["reason"].toString(), row["late"].toString(),
+                                 row["broadcast"].toLongLong() == number ? "it" : "none");
+            return rows;
+        };
+        const QStringList wanted{"5 skipped cut off the service ended 0 none", "6 late   5000 it",
+                                 "7 played   0 none"};
+        QVERIFY(service.start());
+        QVERIFY2(waitFor([&] { return told() == wanted; }), qPrintable(told().join('\n')));
+        service.kill9();
+        QVERIFY(service.start());
+        service.sql(
+            QStringLiteral("INSERT INTO task (id, userid, start_time, enable, week) VALUES (8, 1, %1, 1, "
+                           "'1111111')")
+                .arg(QTime(0, 0).secsTo(QTime::currentTime().addSecs(5))));
+        QVERIFY(waitFor([&] { return told().size() > 3; })); // behind the look at what was claimed
+        QCOMPARE(told().mid(0, 3), wanted);
+        QCOMPARE(told().mid(3), QStringList{"8 skipped  no speakers 0 none"});
+    }
+
+    // The real process by clocks of its own: the nights in which summer time begins and ends, a midnight, a
+    // clock that is put back by hand, a process that stands still. All of them at the same time.
+    void clocks() {
         const QString library = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
         if (!QFile::exists(library))
             QSKIP("no libfaketime on this machine");
-        ServiceOptions options;
-        options.environment = {{"LD_PRELOAD", library},
-                               {"FAKETIME", "@2027-03-28 01:59:48"},
-                               {"TZ", "Europe/Berlin"},
-                               {"FAKETIME_DONT_FAKE_MONOTONIC", "1"},
-                               {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
-        School school(options);
-        const int before = school.addTask("1:59:58"), skipped = school.addTask("2:30:0"),
-                  after = school.addTask("3:0:1"), weekday = school.addTask("3:0:1", {{"weeks", "1111110"}});
-        QVERIFY(waitFor([&] { return school.statu(before) == 1; }));
-        QVERIFY(waitFor([&] { return school.statu(after) == 1; }));
-        QVERIFY(school.service.waitForLog("task skipped: today has no \"2:30:0\""));
-        QCOMPARE(school.statu(skipped) + school.statu(weekday), 0);
-        QVERIFY(waitFor([&] { return school.told(sim::Op::PlayList, 2); }));
+        const auto at = [&](const QString& key, const QString& time) {
+            ServiceOptions options;
+            options.settings = {{"taskstart", 0}, {"taskend", 86399}};
+            options.environment = {{"LD_PRELOAD", library},
+                                   {key, time},
+                                   {"TZ", "Europe/Berlin"},
+                                   {"FAKETIME_NO_CACHE", "1"},
+                                   {"FAKETIME_DONT_FAKE_MONOTONIC", "1"},
+                                   {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+            return options;
+        };
+        QTemporaryDir directory;
+        const QString offset = directory.filePath("offset");
+        const auto setOffset = [&](const QByteArray& seconds) {
+            QFile file(offset + ".new");
+            file.open(QIODevice::WriteOnly);
+            file.write(seconds);
+            file.close();
+            std::rename(file.fileName().toLocal8Bit(), offset.toLocal8Bit());
+        };
+        setOffset("+0");
+        School byHand(at("FAKETIME_TIMESTAMP_FILE", offset));
+        const auto berlin = [](int seconds) {
+            return QDateTime::currentDateTimeUtc()
+                .toTimeZone(QTimeZone("Europe/Berlin"))
+                .addSecs(seconds)
+                .toString("h:m:s");
+        };
+        const int set = byHand.addTask(berlin(3));
+        School stalled(at("FAKETIME", "+0"));
+        const int late = stalled.addTask(berlin(6)), skipped = stalled.addTask(berlin(6));
+        stalled.service.sql(
+            QStringLiteral("INSERT INTO taskrule (taskid, missed) VALUES (%1, 0)").arg(skipped));
+        const QDateTime stall = QDateTime::currentDateTime();
+        kill(static_cast<pid_t>(stalled.service.pid()), SIGSTOP);
+
+        School spring(at("FAKETIME", "@2027-03-28 01:59:48"));
+        const int before = spring.addTask("1:59:58"), gap = spring.addTask("2:30:0"),
+                  after = spring.addTask("3:0:1"), weekday = spring.addTask("3:0:1", {{"weeks", "1111110"}});
+        // By its offset: the text of a local time would be the second of its kind.
+        const QDateTime firstPass(QDate(2027, 10, 31), QTime(0, 59, 44), Qt::UTC);
+        School autumn(
+            at("FAKETIME", QStringLiteral("+%1").arg(QDateTime::currentDateTimeUtc().secsTo(firstPass))));
+        autumn.service.sql("UPDATE userfile SET len = 1");
+        const int twice = autumn.addTask("2:59:58"), passed = autumn.addTask("2:0:2"),
+                  both = autumn.addTask("3:0:1");
+        School midnight(at("FAKETIME", "@2027-06-06 23:59:50")); // a Sunday
+        const int sunday = midnight.addTask("23:59:59", {{"weeks", "0000001"}}),
+                  monday = midnight.addTask("0:0:0", {{"weeks", "1000000"}}),
+                  sundayToo = midnight.addTask("0:0:0", {{"weeks", "0000001"}});
+
+        const auto rows = [](School& school) {
+            QMap<int, QString> told;
+            for (const QVariantMap& row : school.service.sql(
+                     "SELECT schedule, state, reason FROM journal WHERE kind = 'bell' and due > 0"))
+                told[row["schedule"].toInt()] += row["state"].toString() + row["reason"].toString();
+            return told;
+        };
+        using Rows = QMap<int, QString>;
+        const auto tells = [&](School& school, const Rows& wanted) {
+            const bool isSo = waitFor([&] { return rows(school) == wanted; });
+            if (!isSo)
+                qWarning() << rows(school) << wanted;
+            return isSo;
+        };
+        QVERIFY(tells(byHand, {{set, "played"}}));
+        setOffset("-3600");
+        QVERIFY(byHand.service.waitForLog("jumped by -"));
+        setOffset("+0"); // the same hour once more
+        QVERIFY(tells(
+            spring, {{before, "played"}, {gap, "skippedthe hour does not exist today"}, {after, "played"}}));
+        QVERIFY(weekday != 0 && sundayToo != 0);
+        QVERIFY(tells(midnight, {{sunday, "played"}, {monday, "played"}}));
+        QVERIFY(tells(autumn, {{twice, "played"}, {passed, "played"}}));
+        QVERIFY(both != 0);
+        QVERIFY(waitFor([&] { return stall.secsTo(QDateTime::currentDateTime()) >= 30; }, 40s));
+        kill(static_cast<pid_t>(stalled.service.pid()), SIGCONT);
+        QVERIFY(tells(stalled, {{late, "late"}, {skipped, "skippedthe service was held up"}}));
+        QVERIFY(tells(byHand, {{set, "played"}}));
+        QCOMPARE(byHand.fleet->at(0).count(sim::Op::PlayList), 1);
     }
 
 private:

@@ -9,6 +9,7 @@
 #include "device/commandserver.h"
 #include "device/sever_listen.h"
 #include "device/severinit.h"
+#include "fronts/events/eventdesk.h"
 #include "fronts/maincellinit.h"
 #include "http/httplistener.h"
 #include "http/httpsessionstore.h"
@@ -21,7 +22,9 @@
 #include "redis/fuck_redis.h"
 #include "redis/speakermirror.h"
 #include "rest/restrouter.h"
+#include "service/auditkeeper.h"
 #include "service/calendarkeeper.h"
+#include "service/changecounter.h"
 #include "service/filestore.h"
 #include "service/loginbrake.h"
 #include "service/passwords.h"
@@ -95,6 +98,8 @@ Journal::Bell bellOf(const BellOutcome& outcome) {
                                                   : Journal::Bell::Outcome::Skipped;
     bell.reason = outcome.reason;
     bell.account = outcome.userid;
+    bell.broadcast = outcome.broadcast;
+    bell.late = outcome.late * 1000;
     return bell;
 }
 
@@ -258,6 +263,14 @@ void Startup::startJournal() {
     m_journal = std::make_unique<Journal>(m_devices.get(), m_database.get(), nodeNumber(),
                                           Journal::Limits{integer("journaldays"), integer("receiptdays")});
     m_alarms->setJournal(m_journal.get());
+    QObject::connect(m_journal.get(), &Journal::heard, m_board.get(), &SpeakerBoard::setPlaying);
+    QObject::connect(m_journal.get(), &Journal::healthChanged, m_board.get(),
+                     [this](const QString& sn, SpeakerHealth health) {
+                         m_board->setHealth(sn, health == SpeakerHealth::Flaky ? SpeakerState::Health::Flaky
+                                                : health == SpeakerHealth::Silent
+                                                    ? SpeakerState::Health::Silent
+                                                    : SpeakerState::Health::Ok);
+                     });
     const auto note = [this](Journal::NoteKind kind, const char* state, const char* name) {
         m_journal->note(kind, QLatin1String(state), QLatin1String(name));
     };
@@ -332,6 +345,7 @@ void Startup::serveHttp() {
                                              text("Meida_ip"));
     createRouters();
     m_front->setOrigins(text("weborigins"));
+    m_front->setEvents(m_events.get());
     m_front->setRouter(m_router.get());
 
     m_http = std::make_unique<HttpListener>(m_database.get(), HttpListenerSettings::of(m_settings),
@@ -345,6 +359,9 @@ void Startup::createAccounts() {
     m_tokens = std::make_unique<Tokens>(std::chrono::hours(24) * qMax(1, integer("tokendays")));
     m_oldTokens = std::make_unique<TokenTable>();
     m_loginBrake = std::make_unique<LoginBrake>();
+    m_changes = std::make_unique<ChangeCounter>();
+    if (const int days = integer("auditdays"); days > 0)
+        m_audit = std::make_unique<AuditKeeper>(m_database.get(), days);
 }
 
 void Startup::createRouters() {
@@ -362,11 +379,14 @@ void Startup::createRouters() {
     services.journal = m_journal.get();
     services.orders = m_orders.get();
     services.tasks = m_tasks.get();
-    services.journal = m_journal.get();
     services.passwords = m_passwords.get();
     services.tokens = m_tokens.get();
     services.oldTokens = m_oldTokens.get();
     services.loginBrake = m_loginBrake.get();
+    services.webSocketPort = integer("wbport");
+    services.changes = m_changes.get();
+    m_router->setChanges(m_changes.get());
+    m_events = std::make_unique<EventDesk>(services);
     m_restRouter = std::make_unique<RestRouter>(services, hostList(text("weborigins")));
     m_frontDoor = std::make_unique<FrontDoor>(m_restRouter.get(), m_router.get());
 }

@@ -8,9 +8,12 @@
 #include <QTimer>
 
 class Alarmcast;
+class AuditKeeper;
 class CalendarKeeper;
+class ChangeCounter;
 class cmdthread6;
 class cmdthread;
+class EventDesk;
 class FrontDoor;
 class fuck_redis;
 class Gate;
@@ -88,6 +91,7 @@ private:
     std::unique_ptr<sqlite> m_database;      ///< this and what follows: null in media-only mode
     QTimer m_databaseTimer;                  ///< while its speakers have not been read
     std::unique_ptr<Journal> m_journal;      ///< null when it is switched off
+    std::unique_ptr<AuditKeeper> m_audit;    ///< null with `auditdays` 0
     std::unique_ptr<JournalLedger> m_ledger; ///< this and the next two: null without a journal
     std::unique_ptr<LevelStore> m_levels;
     std::unique_ptr<Orders> m_orders;
@@ -100,9 +104,11 @@ private:
     std::unique_ptr<Tokens> m_tokens;
     std::unique_ptr<TokenTable> m_oldTokens;
     std::unique_ptr<LoginBrake> m_loginBrake;
+    std::unique_ptr<ChangeCounter> m_changes;
     std::unique_ptr<RequestMapper> m_router;
     std::unique_ptr<RestRouter> m_restRouter;
     std::unique_ptr<FrontDoor> m_frontDoor;
+    std::unique_ptr<EventDesk> m_events;
     std::unique_ptr<MainCellInit> m_front; ///< made before the router, ends before it
     std::unique_ptr<HttpListener> m_http;
 };

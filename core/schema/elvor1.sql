@@ -447,6 +447,8 @@ CREATE TABLE `taskrun` (
   PRIMARY KEY (`taskid`, `due`)
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4 COLLATE=utf8mb4_bin;
 CREATE INDEX `taskrun_due` ON `taskrun` (`due`);
+-- The last bell of a schedule.
+CREATE INDEX `journal_schedule` ON `journal` (`schedule`, `due`);
 
 DROP TABLE IF EXISTS `taskclock`;
 -- The last second that the task queue handled.

@@ -450,6 +450,8 @@ CREATE TABLE `taskrun` (
   PRIMARY KEY (`taskid`, `due`)
 );
 CREATE INDEX `taskrun_due` ON `taskrun` (`due`);
+-- The last bell of a schedule.
+CREATE INDEX `journal_schedule` ON `journal` (`schedule`, `due`);
 
 DROP TABLE IF EXISTS `taskclock`;
 -- The last second that the task queue handled.

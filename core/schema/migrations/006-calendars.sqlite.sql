@@ -58,6 +58,8 @@ CREATE TABLE IF NOT EXISTS `taskrun` (
   PRIMARY KEY (`taskid`, `due`)
 );
 CREATE INDEX IF NOT EXISTS `taskrun_due` ON `taskrun` (`due`);
+-- The last bell of a schedule.
+CREATE INDEX IF NOT EXISTS `journal_schedule` ON `journal` (`schedule`, `due`);
 -- The last second that the task queue handled.
 CREATE TABLE IF NOT EXISTS `taskclock` (
   `id` INTEGER PRIMARY KEY,

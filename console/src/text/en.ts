@@ -1,0 +1,133 @@
+/** English. What counts something is a function of the number. */
+const many = (n: number, one: string, more: string): string => `${n.toLocaleString('en')} ${n === 1 ? one : more}`
+const speakers = (n: number): string => many(n, 'speaker', 'speakers')
+
+export const en = {
+  language: 'English',
+  locale: 'en-GB',
+  nav: {
+    main: 'Main menu', menu: 'Menu', skip: 'Skip to the content', overview: 'Overview', speakers: 'Speakers', groups: 'Groups',
+    announce: 'Announce', sounds: 'Sounds', schedule: 'Schedule', journal: 'Journal', accounts: 'Accounts', system: 'System',
+    account: 'Account', logOut: 'Log out', theme: 'Colours', language: 'Language', broadcast: 'Broadcast', speaker: 'Speaker',
+    auto: 'As the system', light: 'Light', dark: 'Dark',
+  },
+  common: {
+    save: 'Save', cancel: 'Cancel', close: 'Close', remove: 'Remove', add: 'Add', edit: 'Edit', undo: 'Undo', name: 'Name',
+    search: 'Search', all: 'All', none: 'None', loading: 'Loading …', more: 'More', retry: 'Try again', optional: 'optional',
+    from: 'From', until: 'Until', state: 'State', kind: 'Kind', time: 'Time', reason: 'Reason', created: 'Created', never: 'never',
+    yes: 'Yes', no: 'No', download: 'Download CSV', nothing: 'Nothing here.', actions: 'Actions', unknown: 'unknown',
+    working: 'Working …', speakers, seconds: (n: number) => `${n} s`, chars: (n: number) => many(n, 'character', 'characters'),
+  },
+  problems: {
+    noAnswer: 'the service does not answer', forbidden: 'your role does not allow it',
+    later: (s: number) => `the service asks to try again in ${s} s`, status: (n: number) => `the service answered ${n}`,
+  },
+  connection: {
+    lost: 'No connection to the service. What you see may be out of date; trying again …', now: 'Try now',
+    live: 'Connected', starting: 'Connecting …', back: 'Connected again.',
+  },
+  login: {
+    title: 'Log in', username: 'Account', password: 'Password', submit: 'Log in', failed: 'Could not log in',
+    wrong: 'That account and password do not belong together.', ended: 'You have been logged out by the service. Log in again.',
+    wait: (s: number) => `Too many tries. Again in ${s} s.`,
+  },
+  stop: {
+    button: 'Stop everything', title: 'Stop everything that plays?',
+    text: (n: number) => `${many(n, 'broadcast', 'broadcasts')} will be stopped on all speakers, waiting ones too. What is stopped does not go on by itself.`,
+    none: 'Nothing plays as far as this page knows. Whatever the service finds playing will be stopped.',
+    yes: 'Stop now', what: 'Stop everything', stopped: (n: number) => `${many(n, 'broadcast', 'broadcasts')} stopped.`,
+    failed: (n: number) => `${many(n, 'broadcast', 'broadcasts')} could not be stopped.`, nothing: 'Nothing was playing.',
+  },
+  overview: {
+    online: 'Online', playing: 'Playing', flaky: 'Flaky', offline: 'Offline', of: (n: number) => `of ${speakers(n)}`,
+    now: 'Playing now', nothingPlays: 'Nothing plays.', bells: 'Next bells', noBells: 'No bell rings in the next seven days.',
+    wrong: 'What went wrong today', nothingWrong: 'Nothing so far.', empty: 'There is no speaker yet.', addFirst: 'Add a speaker',
+  },
+  states: {
+    online: 'online', offline: 'offline', idle: 'idle', playing: 'playing', live: 'live', ok: 'ok', flaky: 'flaky', silent: 'silent',
+    disabled: 'disabled', waiting: 'waiting', sent: 'sent', started: 'playing', completed: 'completed', stopped: 'stopped',
+    overruled: 'overruled', lost: 'lost', refused: 'refused', done: 'done', failed: 'failed', played: 'played', late: 'late', skipped: 'skipped',
+    gone: 'gone', back: 'back', up: 'up', down: 'down',
+  } as Record<string, string>,
+  kinds: {
+    bell: 'Bell', announcement: 'Announcement', live: 'Live', alarm: 'Alarm', direct: 'Direct', speaker: 'Speaker', service: 'Service', link: 'Link',
+  } as Record<string, string>,
+  speakers: {
+    title: 'Speakers', searchHint: 'Name or serial', group: 'Group', allGroups: 'All groups', allStates: 'All states', state: 'State',
+    matching: (n: number, all: number) => (n === all ? speakers(n) : `${n.toLocaleString('en')} of ${speakers(all)}`),
+    selected: (n: number) => `${n.toLocaleString('en')} selected`, selectAll: (n: number) => `Select all ${n.toLocaleString('en')}`,
+    clear: 'Clear selection', volume: 'Volume', playing: 'Plays', health: 'Health', address: 'Address', lastSeen: 'Last seen', battery: 'Battery',
+    serial: 'Serial', firmware: 'Firmware', node: 'Node', since: 'Since', groups: 'Groups', enabled: 'Enabled', add: 'Add a speaker',
+    serialHint: '32 hexadecimal digits, as printed on the speaker', select: (name: string) => `Select ${name}`,
+    setVolume: 'Set volume', announce: 'Announce', stop: 'Stop', toGroup: 'Put into a group', noneMatch: 'No speaker matches.',
+    volumeOf: (n: number) => `Volume of ${speakers(n)}`, volumeSet: (n: number, all: number) => n === all ? `Volume set on ${speakers(n)}.` : `Volume set on ${n} of ${speakers(all)}; the others did not answer.`,
+    setVolumeOf: (n: number) => `Set the volume of ${speakers(n)}`, volumeRange: 'Volume, 1 to 25',
+    stopTitle: 'Stop what these speakers play?', stopText: (n: number, s: number) => `${many(n, 'broadcast', 'broadcasts')} will be stopped on all their ${speakers(s)}, not only on the selected ones.`,
+    stopNothing: 'None of the selected speakers plays anything that can be stopped.', stopOf: 'Stop what plays',
+    grouped: (n: number, name: string) => `${speakers(n)} put into “${name}”.`, groupThem: (n: number) => `Put ${speakers(n)} into a group`,
+    newGroup: 'A new group', groupName: 'Name of the new group', removeTitle: (name: string) => `Remove “${name}”?`,
+    removeText: 'The speaker is taken out of its groups and schedules and can no longer play through this service until it is added again.',
+    removed: (name: string) => `“${name}” removed.`, added: (name: string) => `“${name}” added.`, renamed: (name: string) => `Renamed to “${name}”.`,
+    addWhat: 'Add the speaker', renameWhat: (name: string) => `Rename “${name}”`, removeWhat: (name: string) => `Remove “${name}”`,
+    enableWhat: (name: string) => `Change “${name}”`, enable: 'Let it play', disable: 'Keep it silent', disabledNote: 'Kept silent: nothing plays on it until it is let again.',
+    history: 'History of the last seven days', noHistory: 'Nothing is written about it in the last seven days.', missing: 'There is no such speaker.', back: 'All speakers',
+    keys: 'Arrow keys move, space selects, shift extends, Ctrl+A selects all that match, Enter opens.', sortBy: (c: string) => `Sort by ${c}`, all: 'Select all that match',
+    nowSilent: (name: string) => `“${name}” is kept silent.`, nowEnabled: (name: string) => `“${name}” may play again.`, playsNow: 'Plays now',
+  },
+  groups: {
+    title: 'Groups', tree: 'Groups and what they hold', add: 'New group', members: 'Members', direct: 'Speakers of its own', nested: 'Groups in it', addSpeakers: 'Add speakers',
+    addGroups: 'Add groups', empty: 'There is no group yet. Groups make it easy to speak to a wing, a floor or a building.', pick: 'Choose a group.',
+    removeTitle: (name: string) => `Remove the group “${name}”?`, removeText: 'Its speakers stay. Schedules and announcements can no longer name it.',
+    saved: (name: string) => `“${name}” saved.`, removed: (name: string) => `“${name}” removed.`, saveWhat: (name: string) => `Save “${name}”`,
+    removeWhat: (name: string) => `Remove “${name}”`, addWhat: 'Make the group', takeOut: (name: string) => `Take “${name}” out`, takenOut: (name: string) => `“${name}” taken out.`,
+    contains: (n: number) => `holds ${speakers(n)}`, show: 'Show its speakers', expand: (name: string) => `Open “${name}”`,
+  },
+  targets: {
+    title: 'To', all: 'All speakers', search: 'Search groups and speakers', groups: 'Groups', speakers: 'Speakers', chosen: (n: number) => `${speakers(n)} chosen`,
+    none: 'Nothing chosen yet', first: (n: number) => `The first ${n} are shown; search for others.`, clear: 'Clear', single: 'Search for single speakers.',
+  },
+  announce: {
+    title: 'Announce', what: 'What', text: 'Text to speak', file: 'File', sound: 'Stored sound', url: 'Address', textHint: 'Attention please …', voice: 'Voice', standard: 'Standard',
+    speed: 'Speed', speeds: { slow: 'Slow', usual: 'Usual', fast: 'Fast' }, chooseFile: 'Audio file', chooseSound: 'Sound', urlHint: 'http://…', how: 'How', chime: 'Chime before it', noChime: 'No chime', volume: 'Volume', asIs: 'As each speaker has it',
+    priority: 'Priority', levels: { background: 'Background', normal: 'Normal', urgent: 'Urgent', emergency: 'Emergency' } as Record<string, string>, busy: 'When a speaker is busy',
+    interrupt: 'Interrupt', queue: 'Wait', skip: 'Leave it out', resume: 'What was interrupted', none: 'Does not go on', start: 'Begins again', position: 'Goes on where it was', repeat: 'Times',
+    name: 'Name in the journal', start_: (n: number) => `Announce to ${speakers(n)}`, what_: 'Announce', uploading: 'Storing the file …', noTarget: 'Choose who should hear it.', noContent: 'Say what should be heard.',
+    defaultName: 'Announcement', again: 'Another announcement', more: 'More settings', waitAtMost: 'Wait at most, seconds',
+  },
+  broadcast: {
+    receipt: 'Receipt', stop: 'Stop', repeat: 'Again', repeatWhat: 'Repeat', stopWhat: (name: string) => `Stop “${name}”`, csv: 'Download CSV', allStates: 'All states', started: 'Started', ended: 'Ended', late: 'Late', origin: 'From',
+    speaker: 'Speaker', by: 'Overruled by', missing: 'There is no such broadcast.', heard: (n: number, all: number) => `${n.toLocaleString('en')} of ${speakers(all)} play or have played it`, priority: 'Priority', none: 'No speaker in this state.',
+    due: 'Due', live: 'Figures change while it plays.',
+  },
+  sounds: {
+    title: 'Sounds', add: 'Store a file', speak: 'Store a spoken text', empty: 'No sound is stored yet.', length: 'Length', size: 'Size', listen: 'Listen', removeTitle: (name: string) => `Remove “${name}”?`,
+    removeText: 'The file is deleted for good.', removed: (name: string) => `“${name}” removed.`, stored: (name: string) => `“${name}” stored.`, storeWhat: (name: string) => `Store “${name}”`, removeWhat: (name: string) => `Remove “${name}”`,
+    renameWhat: (name: string) => `Rename “${name}”`, rename: 'Rename',
+  },
+  schedule: {
+    title: 'Schedule', week: 'Week', calendars: 'Calendars', plans: 'Plans', day: 'What rings', plan: 'Plan', allPlans: 'All plans', noPlan: 'Without a plan', add: 'New bell', copyDay: 'Copy a day',
+    days: ['Monday', 'Tuesday', 'Wednesday', 'Thursday', 'Friday', 'Saturday', 'Sunday'], shortDays: ['Mon', 'Tue', 'Wed', 'Thu', 'Fri', 'Sat', 'Sun'],
+    hint: 'Drag a bell to another time or day. With the keyboard: arrow keys move it, Enter opens it.', movedTo: (name: string, time: string, days: string) => `“${name}” now rings at ${time}, ${days}.`,
+    moveWhat: (name: string) => `Move “${name}”`, edit: 'Bell', time: 'Time', daysOf: 'Days', from: 'From the day', until: 'Until the day', calendar: 'Calendar', noCalendar: 'No calendar', sounds: 'Sounds', repeat: 'Times', seconds: 'Ends after, seconds',
+    volume: 'Volume', priority: 'Priority', missed: 'When it could not ring in time', ring: 'Ring late', skip: 'Leave it out', within: 'Late by at most, seconds', enabled: 'Rings', saved: (name: string) => `“${name}” saved.`, saveWhat: (name: string) => `Save “${name}”`,
+    removeTitle: (name: string) => `Remove “${name}”?`, removeText: 'What it plays now is stopped.', removed: (name: string) => `“${name}” removed.`, removeWhat: (name: string) => `Remove “${name}”`, startNow: 'Ring now', stopNow: 'Stop it', startWhat: (name: string) => `Ring “${name}”`, stopWhat: (name: string) => `Stop “${name}”`,
+    started: (name: string) => `“${name}” rings.`, stopped: (name: string) => `“${name}” stopped.`, copyFrom: 'Bells of', copyTo: 'ring also on', replace: 'and other bells no longer ring there', copy: 'Copy', copied: (n: number) => `${many(n, 'bell', 'bells')} changed.`, copyWhat: 'Copy the day',
+    nothingToCopy: 'Nothing to change: they ring there already.', none: 'No bell yet.', noSounds: 'Store a sound first, on the page Sounds.', moved: 'Moved back.',
+    newPlan: 'New plan', exceptional: 'Only on days whose calendar entry names it', planRemove: (name: string) => `Remove the plan “${name}”?`, planText: 'Its bells stay, without a plan.', noPlans: 'No plan yet. A plan is a set of bells, like “Short day”.',
+    newCalendar: 'New calendar', calendarRemove: (name: string) => `Remove the calendar “${name}”?`, calendarText: 'Its entries go with it.', noCalendars: 'No calendar yet. A calendar says on which days bells are silent or another plan rings.', entries: 'Entries', newEntry: 'New entry', silent: 'silent', rings: 'rings', entryPlan: 'On these days rings', silence: 'Nothing (silent)',
+    import: 'Import .ics', export: 'Export .ics', importWhat: 'Import the calendar', exportWhat: 'Export the calendar', imported: (a: number, c: number, r: number) => `${a} added, ${c} changed, ${r} removed.`, ignored: (n: number) => `${many(n, 'event was', 'events were')} left out:`, noEntries: 'No entry yet.',
+    entryRemove: (name: string) => `Remove “${name}”?`, entryText: 'The days ring as usual again.', date: 'Day', nothingRings: 'No bell is due on this day.', doesNotRing: 'does not ring',
+    daysText: (days: number[], names: string[]) => (days.length === 7 ? 'every day' : days.map((day) => names[day - 1]).join(', ')),
+  },
+  journal: { title: 'Journal', what: 'Read the journal', empty: 'Nothing is written for this choice.', late: (s: number) => `${s} s late`, csvWhat: 'Download the journal', newer: (n: number) => `${n} newer` , end: 'That is all.' },
+  accounts: {
+    title: 'Accounts', list: 'Accounts', tokens: 'Tokens', grants: 'Grants', audit: 'Audit', mine: 'My account', add: 'New account', username: 'Account', role: 'Role', admin: 'Administrator', owner: 'Owner', operator: 'Operator', viewer: 'Viewer',
+    password: 'Password', passwordHint: 'At least 8 characters', saved: (name: string) => `“${name}” saved.`, saveWhat: (name: string) => `Save “${name}”`, removeTitle: (name: string) => `Remove the account “${name}”?`, removeText: 'Its speakers, groups, sounds and schedules go with it.', removed: (name: string) => `“${name}” removed.`,
+    removeWhat: (name: string) => `Remove “${name}”`, tokenAdd: 'New token', tokenFor: 'For which program', expires: 'Ends', tokenOnce: 'This token is shown only once. Copy it now.', tokenRemove: (name: string) => `Void the token “${name}”?`, tokenText: 'The program that uses it can no longer log in.', tokenWhat: 'Make the token', noTokens: 'No token for a program.',
+    grantAdd: 'New grant', group: 'Group', noGrants: 'Nobody else may see or play to one of your groups.', grantWhat: 'Give the role', grantRemove: 'Take this role back?', grantText: (account: string, group: string) => `${account} will no longer see “${group}” by it.`, old: 'Present password', fresh: 'New password', change: 'Change the password', changed: 'The password is changed; everybody else who used it is logged out.', changeWhat: 'Change the password',
+    at: 'When', action: 'What', object: 'Object', address: 'From', detail: 'Detail', who: 'Who', myName: 'My name', renameWhat: 'Change the name', copy: 'Copy', copied: 'Copied.', master: 'Made by',
+  },
+  system: { title: 'System', what: 'Read the state of the system', connection: 'This page', events: 'told by events', polling: 'asked for every few seconds', lastNews: 'Last news' },
+}
+
+export type Texts = typeof en
