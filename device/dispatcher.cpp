@@ -138,6 +138,7 @@ void Dispatcher::watch(CommandRun& run, const CommandRow& row, const Request& re
     command.kind = orders.kindOf(row.play);
     command.files = Arguments(read.json).files();
     command.peer = read.peer;
+    command.terms = PlayTerms::read(read.json.value(QLatin1String("terms")));
     command.isOver = read.json.value(QLatin1String("over")).toBool();
     run.watch(command, orders);
 }

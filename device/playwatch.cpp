@@ -1,15 +1,48 @@
 #include "device/playwatch.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <iterator>
 #include <QJsonArray>
+#include <QJsonObject>
 #include <QJsonValue>
 
 namespace {
 constexpr double NumberEnd = 9007199254740992.0; // 2^53
 /// Orders that are joined in one command at most: what a node's queue can hold of them is far less.
 constexpr int MaxRuns = 100'000;
+
+constexpr int HighestPriority = 255;
+constexpr int LoudestLevel = 25;
+constexpr int LongestSeconds = 24 * 3600;
+/// By their values.
+constexpr std::array<const char*, 3> TermKinds{"direct", "bell", "alarm"};
 } // namespace
+
+std::optional<PlayTerms> PlayTerms::read(const QJsonValue& value) {
+    const QJsonObject object = value.toObject();
+    const QString word = object.value(QLatin1String("kind")).toString();
+    const auto kind = std::find_if(TermKinds.begin(), TermKinds.end(),
+                                   [&](const char* name) { return word == QLatin1String(name); });
+    PlayTerms terms;
+    terms.priority = object.value(QLatin1String("priority")).toInt(terms.priority);
+    terms.volume = object.value(QLatin1String("volume")).toInt();
+    terms.seconds = object.value(QLatin1String("seconds")).toInt();
+    if (kind == TermKinds.end() || terms.priority < 0 || terms.priority > HighestPriority ||
+        terms.volume < 0 || terms.volume > LoudestLevel || terms.seconds < 0 ||
+        terms.seconds > LongestSeconds)
+        return std::nullopt;
+    terms.kind = static_cast<Kind>(std::distance(TermKinds.begin(), kind));
+    return terms;
+}
+
+QJsonObject PlayTerms::write() const {
+    return {{QStringLiteral("kind"), QLatin1String(TermKinds.at(static_cast<size_t>(kind)))},
+            {QStringLiteral("priority"), priority},
+            {QStringLiteral("volume"), volume},
+            {QStringLiteral("seconds"), seconds}};
+}
 
 bool PlayOrders::isNumber(double value) {
     return value >= 1 && value < NumberEnd && std::floor(value) == value;

@@ -1,14 +1,30 @@
 #pragma once
 
+#include <optional>
 #include <QStringList>
 #include <utility>
 #include <vector>
 
+class QJsonObject;
 class QJsonValue;
 class SAobj;
 
 /// What a command does to what its speakers play.
 enum class PlayKind : quint8 { None, Play, Stop };
+
+/// The key "terms" of a command: what a node that has not begun the broadcast "order" itself can't know of
+/// it.
+struct PlayTerms {
+    enum class Kind : quint8 { Direct, Bell, Alarm };
+    Kind kind = Kind::Direct;
+    int priority = 100; ///< 0 to 255
+    int volume = 0;     ///< 1 to 25; 0: as it is
+    int seconds = 0;    ///< of its own time, from its first command on; 0: until its stop
+
+    /// Nothing when there are none, or any is out of range.
+    static std::optional<PlayTerms> read(const QJsonValue& value);
+    QJsonObject write() const;
+};
 
 /// A play or a stop on its way to speakers.
 struct PlayCommand {
@@ -16,6 +32,7 @@ struct PlayCommand {
     quint64 order = 0; ///< number of the broadcast that it belongs to; 0: it names none
     QStringList files; ///< "filelist" of a play
     QString peer;      ///< address of who sent it; empty: this service itself
+    std::optional<PlayTerms> terms;
     /// A stop that comes because the order's time is over ("over" of the command).
     bool isOver = false;
 };

@@ -100,6 +100,11 @@ void Journal::expect(quint64 id, const QStringList& serials) {
     m_state->touched(*running);
 }
 
+void Journal::join(quint64 id, const Broadcast& broadcast) {
+    if (BroadcastNumbers::nodeOf(id) != m_state->node && !m_state->find(id))
+        m_state->open(id, broadcast).isForeign = true;
+}
+
 void Journal::mark(quint64 id, const QStringList& serials, ReceiptState state, const QString& reason,
                    quint64 by) {
     Running* const running = m_state->find(id);

@@ -68,6 +68,9 @@ public:
     /// Opens a broadcast and returns its number, 1 to 2^53 - 1: later ones are higher, and no two nodes give
     /// out the same. Commands carry it as "order"; their speakers' receipts come about by themselves.
     quint64 begin(const Broadcast& broadcast);
+    /// A broadcast that another node has begun reaches speakers of this one; does nothing for one that is
+    /// known, or was this node's.
+    void join(quint64 id, const Broadcast& broadcast);
     /// These speakers are its targets though nothing has been sent to them yet.
     void expect(quint64 id, const QStringList& serials);
     /// Its speakers are in this state for a reason that no command shows: waiting, refused, overruled by

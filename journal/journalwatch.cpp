@@ -20,6 +20,18 @@ QString nameFrom(const QStringList& files) {
     return files.isEmpty() ? QString() : files.first().section(QLatin1Char('/'), -1);
 }
 
+Broadcast::Kind kindFrom(const PlayCommand& command) {
+    switch (command.terms.value_or(PlayTerms()).kind) {
+    case PlayTerms::Kind::Bell:
+        return Broadcast::Kind::Bell;
+    case PlayTerms::Kind::Alarm:
+        return Broadcast::Kind::Alarm;
+    case PlayTerms::Kind::Direct:
+        break;
+    }
+    return Broadcast::Kind::Direct;
+}
+
 } // namespace
 
 // --- commands ---
@@ -44,6 +56,8 @@ quint64 Journal::Watch::begin(const PlayCommand& command) {
         Broadcast foreign;
         foreign.name = nameFrom(command.files);
         foreign.origin.path = command.peer;
+        foreign.kind = kindFrom(command);
+        foreign.priority = command.terms.value_or(PlayTerms()).priority;
         running = &m_state.open(order, foreign);
         running->isForeign = true;
     }

@@ -95,6 +95,7 @@ std::optional<Announcement> Announcement::read(const QJsonObject& request, QStri
         why = QStringLiteral("no titles, or too many");
         return std::nullopt;
     }
+    made.name = value("name").toString();
     made.id = static_cast<quint64>(id);
     made.rounds = *rounds;
     made.priority = *priority;
@@ -117,6 +118,7 @@ QJsonObject Announcement::write() const {
     }
     return {{QStringLiteral("cmd"), QLatin1String(OrderWord)},
             {QStringLiteral("broadcast"), static_cast<double>(id)},
+            {QStringLiteral("name"), name},
             {QStringLiteral("titles"), list},
             {QStringLiteral("rounds"), rounds},
             {QStringLiteral("priority"), priority},
@@ -132,10 +134,10 @@ QByteArray Announcement::command(const QStringList& serials) const {
     return QJsonDocument(request).toJson(QJsonDocument::Compact);
 }
 
-QByteArray Announcement::endCommand(quint64 id) {
+QByteArray Announcement::endCommand(quint64 id, const QStringList& serials) {
     const QJsonObject request{{QStringLiteral("cmd"), QLatin1String(EndOrderWord)},
                               {QStringLiteral("broadcast"), static_cast<double>(id)},
-                              {QStringLiteral("snlist"), QJsonArray{QStringLiteral("all")}}};
+                              {QStringLiteral("snlist"), QJsonArray::fromStringList(serials)}};
     return QJsonDocument(request).toJson(QJsonDocument::Compact);
 }
 

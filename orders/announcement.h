@@ -9,6 +9,11 @@
 #include <QStringList>
 #include <vector>
 
+/// The words of both commands, and what stands in the place of a list for all speakers of an order.
+constexpr char OrderWord[] = "ORDER";
+constexpr char EndOrderWord[] = "ENDORDER";
+constexpr char Everybody[] = "all";
+
 /// What an announcement plays, and how it asks for its speakers: what travels in an "ORDER" command
 /// (docs/broadcasts.md). Pure.
 struct Announcement {
@@ -23,6 +28,7 @@ struct Announcement {
     static constexpr int MaxUrlBytes = 4096;
 
     quint64 id = 0;
+    QString name; ///< for who reads of it on another node
     std::vector<Title> titles;
     int rounds = 1;
     int priority = 100;
@@ -36,15 +42,11 @@ struct Announcement {
     QJsonObject write() const;
     /// The command for the node that has these speakers.
     QByteArray command(const QStringList& serials) const;
-    /// The command that ends the broadcast on a node.
-    static QByteArray endCommand(quint64 id);
+    /// The command that ends the broadcast on a node, for all its speakers or for these.
+    static QByteArray endCommand(quint64 id, const QStringList& serials = {QLatin1String(Everybody)});
 
     zones::Order terms() const;
 };
-
-/// The words of both commands.
-constexpr char OrderWord[] = "ORDER";
-constexpr char EndOrderWord[] = "ENDORDER";
 
 /// "interrupt", "queue", "skip" and "none", "start", "position".
 std::optional<zones::WhenBusy> whenBusyOf(const QString& word);

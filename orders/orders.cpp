@@ -36,7 +36,9 @@ Orders::Orders(Severinit* devices, Ledger& ledger, LevelStore* levels, Outbox::S
         QLatin1String(OrderWord),
         [this](const QJsonObject& request, const QStringList& serials) { return order(request, serials); });
     devices->addCommand(QLatin1String(EndOrderWord),
-                        [this](const QJsonObject& request, const QStringList&) { return endOrder(request); });
+                        [this](const QJsonObject& request, const QStringList& serials) {
+                            return endOrder(request, serials);
+                        });
     constexpr SpeakerEvents::Kinds kinds =
         SpeakerEvents::Online | SpeakerEvents::Offline | SpeakerEvents::Volume | SpeakerEvents::Reported;
     devices->events().listen(this, kinds, [this](const SpeakerEvents::Batch& batch) { heard(batch); });
@@ -62,6 +64,12 @@ QJsonObject Orders::order(const QJsonObject& request, const QStringList& serials
         return reply("Data_error_7", why);
     if (m_running.count(announcement->id) > 0)
         return reply("Data_error_7", QStringLiteral("this broadcast runs already"));
+    Broadcast foreign;
+    foreign.kind = Broadcast::Kind::Announcement;
+    foreign.name = announcement->name;
+    foreign.priority = announcement->priority;
+    foreign.endsByItself = false;
+    m_ledger.join(announcement->id, foreign);
     Running& running = m_running[announcement->id];
     running.terms = announcement->terms();
     running.titles = announcement->titles;
@@ -100,9 +108,11 @@ void Orders::startOn(Running& running, const QStringList& serials) {
         m_ended.insert(id);
 }
 
-QJsonObject Orders::endOrder(const QJsonObject& request) {
-    const double id = request.value(QLatin1String("broadcast")).toDouble();
-    const bool isKnown = PlayOrders::isNumber(id) && stop(static_cast<quint64>(id));
+QJsonObject Orders::endOrder(const QJsonObject& request, const QStringList& serials) {
+    const double number = request.value(QLatin1String("broadcast")).toDouble();
+    const quint64 id = PlayOrders::isNumber(number) ? static_cast<quint64>(number) : 0;
+    const bool isWhole = serials == QStringList{QLatin1String(Everybody)};
+    const bool isKnown = isWhole ? stop(id) : stopOn(id, serials);
     return reply("WELL", isKnown ? QStringLiteral("stopped") : QStringLiteral("nobody plays it"));
 }
 
@@ -120,6 +130,18 @@ bool Orders::stop(quint64 id) {
     return true;
 }
 
+bool Orders::stopOn(quint64 id, const QStringList& serials) {
+    const auto found = m_running.find(id);
+    if (found == m_running.end())
+        return false;
+    for (const QString& sn : serials) {
+        found->second.left.insert(sn);
+        endClaim(sn, id, zones::Fate::Stopped, Road::Outbox);
+    }
+    flush();
+    return true;
+}
+
 void Orders::endClaim(const QString& sn, quint64 order, zones::Fate fate, Road road) {
     const auto spot = m_spots.find(sn);
     if (spot == m_spots.end() || !spot->zone.hasClaim(order))
@@ -127,12 +149,6 @@ void Orders::endClaim(const QString& sn, quint64 order, zones::Fate fate, Road r
     zones::Actions actions;
     spot->zone.end(order, fate, now(), actions);
     carryOut(sn, *spot, actions, road);
-}
-
-void Orders::setTerms(quint64 id, const Terms& terms) {
-    constexpr int MostPrepared = 10'000; // each is a bell that is about to ring
-    if (m_terms.size() < MostPrepared)
-        m_terms.insert(id, terms);
 }
 
 quint64 Orders::open(const Broadcast& broadcast) {

@@ -39,15 +39,6 @@ public:
     /// Volumes that an earlier run has left to be put back.
     void restore(const QHash<QString, int>& levels);
 
-    /// How a broadcast whose commands others send asks for its speakers, when that is not the way of its
-    /// kind. Before its first command.
-    struct Terms {
-        int priority = 100;
-        int volume = 0;                    ///< 1 to 25; 0: as it is
-        std::chrono::milliseconds left{0}; ///< of its own time, from now on; 0: until its stop
-    };
-    void setTerms(quint64 id, const Terms& terms);
-
     // --- announcements that are given out from here ---
     /// Opens a broadcast; returns its number.
     quint64 open(const Broadcast& broadcast);
@@ -74,6 +65,8 @@ public:
 
     /// Stops the broadcast on this node's speakers, whoever plays it. False when none of them wants it.
     bool stop(quint64 id);
+    /// Stops it on these alone; it goes on elsewhere and does not come back to them.
+    bool stopOn(quint64 id, const QStringList& serials);
     /// The broadcast that holds the speaker; 0: none.
     quint64 holder(const QString& sn) const;
     int running() const { return static_cast<int>(m_running.size()); }
@@ -92,6 +85,7 @@ private:
         std::vector<Announcement::Title> titles; ///< of an announcement
         QString url;                             ///< of the others: what was sent last
         zones::Time urlSince{0};
+        QSet<QString> left;     ///< speakers that were taken out of it
         int claims = 0;         ///< speakers that want it
         bool isBegun = false;   ///< its first command has gone through
         bool isOver = false;    ///< its player has told it to stop
@@ -115,7 +109,7 @@ private:
 
     // commands
     QJsonObject order(const QJsonObject& request, const QStringList& serials);
-    QJsonObject endOrder(const QJsonObject& request);
+    QJsonObject endOrder(const QJsonObject& request, const QStringList& serials);
     void startOn(Running& running, const QStringList& serials);
 
     // what speakers tell
@@ -151,14 +145,13 @@ private:
     const Refusal* mayPlay(Running& running, SAobj& session);
     const Refusal* mayStop(quint64 order, SAobj& session);
     const Refusal* refused(const zones::Order* by, const QString& reason);
-    static void describe(Running& running, const Broadcast* broadcast);
+    static void describe(Running& running, const PlayCommand& command, const Broadcast* broadcast);
 
     Severinit* m_devices;
     Ledger& m_ledger;
     LevelStore* m_levels;
     QString m_filePrefix;
     std::map<quint64, Running> m_running; ///< claims point to the terms in it
-    QHash<quint64, Terms> m_terms;        ///< of broadcasts that have not begun yet
     QHash<QString, Spot> m_spots;         ///< of speakers that somebody wants, by serial
     std::priority_queue<Due, std::vector<Due>, std::greater<>> m_due;
     QTimer m_timer; ///< for the first of m_due

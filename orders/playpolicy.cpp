@@ -10,6 +10,9 @@ namespace {
 
 /// No play is longer.
 constexpr std::chrono::hours LongestPlay{24};
+/// The stop of another node's player comes at the end of its time; when it has got lost, so much later its
+/// time holds.
+constexpr std::chrono::seconds EndGrace{5};
 /// Of an alarm line: that of an alarm file without a level, so that the newer of both is heard.
 constexpr int LinePriority = 225;
 /// Players whose stop never comes (their node has gone down) are forgotten beyond so many.
@@ -43,30 +46,29 @@ Orders::Running* Orders::relayed(const PlayCommand& command) {
     running.terms.id = command.order;
     running.url = url;
     running.urlSince = now();
-    describe(running, broadcast ? &*broadcast : nullptr);
-    if (const auto terms = m_terms.constFind(command.order); terms != m_terms.cend()) {
-        running.terms.priority = terms->priority;
-        running.terms.volume = terms->volume;
-        if (terms->left.count() > 0)
-            running.terms.ends = now() + terms->left;
-        m_terms.erase(terms);
-    }
+    describe(running, command, broadcast ? &*broadcast : nullptr);
     return &running;
 }
 
-/// `broadcast` is null for one that another node has begun: only its speakers tell when it is over.
-void Orders::describe(Running& running, const Broadcast* broadcast) {
+/// `broadcast` is null for one that another node has begun: of that the command tells.
+void Orders::describe(Running& running, const PlayCommand& command, const Broadcast* broadcast) {
+    const PlayTerms given = command.terms.value_or(PlayTerms());
+    const bool isBell =
+        broadcast ? broadcast->kind == Broadcast::Kind::Bell : given.kind == PlayTerms::Kind::Bell;
+    const bool isAlarm =
+        broadcast ? broadcast->kind == Broadcast::Kind::Alarm : given.kind == PlayTerms::Kind::Alarm;
     zones::Order& terms = running.terms;
     terms.isSent = true;
     running.way = broadcast && broadcast->endsByItself ? Way::Direct : Way::Relayed;
-    terms.isDriven = broadcast && !broadcast->endsByItself;
+    // A player tells its end; without a word of whose play it is only the speakers do.
+    terms.isDriven = broadcast ? !broadcast->endsByItself : isBell || isAlarm;
     if (terms.isDriven)
-        terms.ends = now() + LongestPlay;
-    const bool isBell = broadcast && broadcast->kind == Broadcast::Kind::Bell;
-    const bool isAlarm = broadcast && broadcast->kind == Broadcast::Kind::Alarm;
-    terms.priority = broadcast ? broadcast->priority : terms.priority;
+        terms.ends = now() + (!broadcast && given.seconds > 0 ? std::chrono::seconds(given.seconds) + EndGrace
+                                                              : std::chrono::seconds(LongestPlay));
+    terms.priority = broadcast ? broadcast->priority : given.priority;
     if (isAlarm)
         terms.priority = std::max(terms.priority, LinePriority);
+    terms.volume = given.volume;
     terms.lastHolds = !isBell;
     terms.resume = isBell ? zones::Resume::Position : zones::Resume::None;
 }
@@ -101,6 +103,8 @@ const PlayWatch::Refusal* Orders::mayPlay(Running& running, SAobj& session) {
     const zones::Order* const holder = spot.zone.holder();
     if (holder == &terms)
         return nullptr;
+    if (running.left.contains(session.sn()))
+        return refused(holder, QStringLiteral("it was stopped here"));
     if (running.isStopped || running.way == Way::Announced)
         return refused(holder, QStringLiteral("another broadcast holds the speaker"));
     if (spot.zone.hasClaim(terms.id))

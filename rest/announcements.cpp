@@ -1,14 +1,15 @@
 // Broadcasts that somebody orders: announcements, their stop, the same again.
 #include "rest/broadcastobject.h"
+#include "rest/broadcasts.h"
 #include "rest/resources.h"
 #include "rest/restcall.h"
 #include "rest/targets.h"
 
 #include "core/loop/mainloop.h"
 #include "core/sql/sqlite.h"
-#include "device/playwatch.h"
 #include "service/announcer.h"
 #include "service/filestore.h"
+#include "service/playlog.h"
 #include "service/speech.h"
 #include "service/visibility.h"
 
@@ -16,9 +17,11 @@
 #include <QTemporaryDir>
 #include <QUrl>
 #include <QUuid>
+#include <variant>
 
 namespace {
 
+constexpr std::chrono::seconds Settling{2}; ///< at most: what has just happened gets into the tables
 constexpr int LongestName = 200;
 constexpr int MostItems = 100;
 constexpr int MostRounds = 1000;
@@ -53,8 +56,8 @@ void readSound(const RestCall& call, const Fields& item, qint64 id, Wanted& want
         return item.refuse("sound", QStringLiteral("no such sound"));
     wanted.request.announcement.titles.push_back(
         {FileStore(call.database()).playUrl(sound->url), std::chrono::seconds(sound->seconds), true, {}});
-    if (wanted.request.name.isEmpty())
-        wanted.request.name = sound->name;
+    if (wanted.request.announcement.name.isEmpty())
+        wanted.request.announcement.name = sound->name;
 }
 
 /// What a speaker would not take for an address to play: a line that binds an alarm input, a second line.
@@ -113,7 +116,7 @@ Wanted readOrder(RestCall& call) {
     const auto name = body.text("name", 0, LongestName);
     if (targets)
         wanted.request.targets = *targets;
-    wanted.request.name = name.value_or(QString());
+    wanted.request.announcement.name = name.value_or(QString());
     Announcement& order = wanted.request.announcement;
     order.rounds = static_cast<int>(body.integer("repeat", 1, MostRounds).value_or(1));
     order.volume = static_cast<int>(body.integer("volume", 1, LoudestLevel).value_or(0));
@@ -148,8 +151,8 @@ bool makeSpeech(const RestCall& call, Wanted& wanted) {
         }
         titles[speech.title] = {store.playUrl(made.stored->url),
                                 std::chrono::seconds(made.stored->measure.seconds), true, made.stored->url};
-        if (wanted.request.name.isEmpty())
-            wanted.request.name = speech.order.text.simplified().left(LongestName);
+        if (wanted.request.announcement.name.isEmpty())
+            wanted.request.announcement.name = speech.order.text.simplified().left(LongestName);
     }
     return true;
 }
@@ -175,7 +178,7 @@ RestAnswer give(RestCall& call, const AnnouncementRequest& request) {
     case Announcer::Outcome::Done:
         break;
     }
-    call.note(QStringLiteral("%1 %2").arg(id).arg(request.name));
+    call.note(QStringLiteral("%1 %2").arg(id).arg(request.announcement.name));
     const auto standing = standingOf(call, id);
     return standing ? created(QStringLiteral("/broadcasts/%1").arg(id), broadcastObject(*standing))
                     : unavailable();
@@ -194,45 +197,69 @@ RestAnswer addBroadcast(RestCall& call) {
     return give(call, wanted.request);
 }
 
-/// A number that a broadcast may have, of one that the caller may stop.
-std::optional<quint64> ownBroadcast(const RestCall& call) {
-    bool isNumber = false;
-    const qint64 id = call.value("id").toLongLong(&isNumber); // larger than the numbers of other objects
-    if (!isNumber || !PlayOrders::isNumber(static_cast<double>(id)))
-        return std::nullopt;
-    const SqlResult rows =
-        call.database().run(QStringLiteral("SELECT `owner` FROM `broadcast` WHERE `id` = @id LIMIT 1;"),
-                            {{QStringLiteral("@id"), id}});
-    const auto standing = standingOf(call, static_cast<quint64>(id));
-    if (rows.isEmpty() && !standing)
-        return std::nullopt;
-    const qint64 owner = standing ? standing->broadcast.owner : rows.value(0, "owner").toLongLong();
-    return call.caller().isAdmin || owner == call.caller().account ? std::optional(static_cast<quint64>(id))
-                                                                   : std::nullopt;
+/// A broadcast that the caller may see.
+struct Found {
+    quint64 id = 0;
+    bool isOwn = false; ///< he has ordered it, or may do everything
+};
+
+/// The answer instead when there is none.
+std::variant<Found, RestAnswer> findBroadcast(const RestCall& call) {
+    BroadcastQuery query;
+    query.id = call.id();
+    if (query.id == 0)
+        return notFound();
+    const Caller& caller = call.caller();
+    if (const auto standing = standingOf(call, static_cast<quint64>(query.id));
+        standing && (caller.isAdmin || standing->broadcast.owner == caller.account))
+        return Found{standing->id, true};
+    call.services().journal->settle(Settling);
+    const SqlResult rows = findBroadcasts(call.database(), caller, query);
+    if (!rows.ok)
+        return unavailable();
+    if (rows.isEmpty())
+        return notFound();
+    return Found{static_cast<quint64>(query.id),
+                 caller.isAdmin || rows.value(0, "owner").toLongLong() == caller.account};
 }
 
 RestAnswer stopBroadcast(RestCall& call) {
     if (!call.services().orders)
         return withoutJournal();
-    const auto id = ownBroadcast(call);
-    if (!id)
-        return notFound();
+    const auto answer = findBroadcast(call);
+    if (const auto* refusal = std::get_if<RestAnswer>(&answer))
+        return *refusal;
+    const Found& found = std::get<Found>(answer);
     if (!call.fits())
         return call.misfit();
-    announcerOf(call).stop(*id);
-    const auto standing = standingOf(call, *id);
-    return accepted(standing ? broadcastObject(*standing) : QJsonObject());
+    Announcer announcer = announcerOf(call);
+    switch (found.isOwn ? announcer.stop(found.id) : announcer.stopForOwn(call.caller(), found.id)) {
+    case Announcer::Outcome::Unavailable:
+        return unavailable();
+    case Announcer::Outcome::Nobody:
+        return problem(403, QStringLiteral("it plays on none of your speakers"));
+    case Announcer::Outcome::Done:
+        break;
+    }
+    call.services().journal->settle(Settling);
+    BroadcastQuery query;
+    query.id = static_cast<qint64>(found.id);
+    const SqlResult rows = findBroadcasts(call.database(), call.caller(), query);
+    return rows.isEmpty() ? unavailable() : accepted(broadcastJson(rows, 0));
 }
 
 RestAnswer repeatBroadcast(RestCall& call) {
     if (!call.services().orders)
         return withoutJournal();
-    const auto id = ownBroadcast(call);
-    if (!id)
-        return notFound();
+    const auto answer = findBroadcast(call);
+    if (const auto* refusal = std::get_if<RestAnswer>(&answer))
+        return *refusal;
+    const Found& found = std::get<Found>(answer);
     if (!call.fits())
         return call.misfit();
-    const auto request = announcerOf(call).find(*id);
+    if (!found.isOwn)
+        return problem(403, QStringLiteral("only who has ordered it may repeat it"));
+    const auto request = announcerOf(call).find(found.id);
     return request ? give(call, *request)
                    : problem(409, QStringLiteral("only announcements can be repeated, for %1 days")
                                       .arg(Announcer::DaysKept));

@@ -45,6 +45,6 @@ QJsonObject broadcastObject(const Journal::Standing& standing) {
         {QStringLiteral("due"), timestampOrNull(broadcast.due)},
         {QStringLiteral("started"), timestampOrNull(standing.started)},
         {QStringLiteral("ended"), timestampOrNull(standing.ended)},
-        {QStringLiteral("late"), isLate ? static_cast<double>(standing.started - broadcast.due) / 1000 : 0.0},
+        {QStringLiteral("late"), isLate ? (standing.started - broadcast.due) / 1000 : 0},
         {QStringLiteral("counts"), countsOf(standing)}};
 }

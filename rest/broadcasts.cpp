@@ -1,7 +1,7 @@
 // Broadcasts and their receipts, as the journal has them.
 #include "rest/broadcasts.h"
 
-#include "journal/journal.h"
+#include "rest/broadcastobject.h"
 #include "rest/resources.h"
 #include "rest/restcall.h"
 #include "rest/timestamp.h"
@@ -17,6 +17,8 @@ using namespace std::chrono_literals;
 /// What is happening is in the table before it is read, unless the database is slow.
 constexpr auto Settling = 2s;
 constexpr int ReceiptsAtOnce = 5000; ///< of a CSV file
+constexpr int Kinds = 5;             ///< of broadcasts
+constexpr int States = 5;
 const auto Csv = QByteArrayLiteral("text/csv");
 
 template<typename Kind>
@@ -35,24 +37,15 @@ QJsonValue orNull(const QVariant& text) {
     return text.toString().isEmpty() ? QJsonValue() : QJsonValue(text.toString());
 }
 
-QJsonObject originJson(const SqlResult& rows, int row) {
-    QJsonObject origin;
-    for (const char* const name : {"account", "schedule", "input"}) {
-        if (const qint64 id = rows.value(row, name).toLongLong())
-            origin.insert(QLatin1String(name), id);
-    }
-    for (const char* const name : {"line", "path"}) {
-        if (!rows.text(row, name).isEmpty())
-            origin.insert(QLatin1String(name), rows.text(row, name));
-    }
-    return origin;
+/// The value that is stored under this name; the first when there is none.
+template<typename Kind>
+Kind valueOf(const QString& name, int count) {
+    return static_cast<Kind>(std::max(0, names<Kind>(count).indexOf(name)));
 }
 
-QJsonObject countsJson(const SqlResult& rows, int row) {
-    QJsonObject counts{{QStringLiteral("targets"), rows.integer(row, "targets")}};
-    for (const QString& state : receiptStates())
-        counts.insert(state, rows.integer(row, qPrintable(QStringLiteral("n_") + state)));
-    return counts;
+Broadcast::Origin originOf(const SqlResult& rows, int row) {
+    return {rows.value(row, "account").toLongLong(), rows.value(row, "schedule").toLongLong(),
+            rows.value(row, "input").toLongLong(), rows.text(row, "line"), rows.text(row, "path")};
 }
 
 QJsonObject receiptJson(const SqlResult& rows, int row) {
@@ -75,8 +68,8 @@ void settle(const RestCall& call) {
 RestAnswer listBroadcasts(RestCall& call) {
     const Page page = call.page();
     BroadcastQuery query;
-    query.state = call.query().word("state", names<BroadcastState>(5)).value_or(QString());
-    query.kind = call.query().word("kind", names<Broadcast::Kind>(5)).value_or(QString());
+    query.state = call.query().word("state", names<BroadcastState>(States)).value_or(QString());
+    query.kind = call.query().word("kind", names<Broadcast::Kind>(Kinds)).value_or(QString());
     query.from = call.query().time("from").value_or(0);
     query.until = call.query().time("until").value_or(0);
     query.before = page.afterId();
@@ -158,21 +151,23 @@ RestAnswer listReceipts(RestCall& call) {
 } // namespace
 
 QJsonObject broadcastJson(const SqlResult& rows, int row) {
-    const qint64 due = rows.value(row, "due").toLongLong();
-    const qint64 started = rows.value(row, "started").toLongLong();
-    const qint64 late = due > 0 && started > due ? (started - due) / 1000 : 0;
-    return {{QStringLiteral("id"), rows.value(row, "id").toLongLong()},
-            {QStringLiteral("kind"), rows.text(row, "kind")},
-            {QStringLiteral("name"), rows.text(row, "name")},
-            {QStringLiteral("priority"), rows.integer(row, "priority")},
-            {QStringLiteral("origin"), originJson(rows, row)},
-            {QStringLiteral("state"), rows.text(row, "state")},
-            {QStringLiteral("reason"), orNull(rows.value(row, "reason"))},
-            {QStringLiteral("due"), timestampOrNull(due)},
-            {QStringLiteral("started"), timestampOrNull(started)},
-            {QStringLiteral("ended"), timestampOrNull(rows.value(row, "ended").toLongLong())},
-            {QStringLiteral("late"), late},
-            {QStringLiteral("counts"), countsJson(rows, row)}};
+    Journal::Standing standing;
+    standing.id = static_cast<quint64>(rows.value(row, "id").toLongLong());
+    Broadcast& broadcast = standing.broadcast;
+    broadcast.kind = valueOf<Broadcast::Kind>(rows.text(row, "kind"), Kinds);
+    broadcast.name = rows.text(row, "name");
+    broadcast.priority = rows.integer(row, "priority");
+    broadcast.origin = originOf(rows, row);
+    broadcast.due = rows.value(row, "due").toLongLong();
+    standing.state = valueOf<BroadcastState>(rows.text(row, "state"), States);
+    standing.reason = rows.text(row, "reason");
+    standing.started = rows.value(row, "started").toLongLong();
+    standing.ended = rows.value(row, "ended").toLongLong();
+    standing.targets = rows.integer(row, "targets");
+    for (int state = 0; state < ReceiptStates; ++state)
+        standing.counts.at(static_cast<size_t>(state)) =
+            rows.integer(row, qPrintable(QStringLiteral("n_") + nameOf(static_cast<ReceiptState>(state))));
+    return broadcastObject(standing);
 }
 
 void addBroadcastRoutes(RestRoutes& routes) {

@@ -8,6 +8,8 @@
 
 namespace {
 
+constexpr qint64 LargestId = (qint64{1} << 53) - 1; ///< that of a broadcast; a JSON number holds it exactly
+
 QList<QByteArray> knownParameters(const RestRoute& route) {
     QList<QByteArray> known = route.query;
     if (route.traits & Paged)
@@ -43,8 +45,8 @@ QString RestCall::address() const {
 
 qint64 RestCall::id(const char* name) const {
     bool isNumber = false;
-    const int number = value(name).toInt(&isNumber);
-    return isNumber && number > 0 ? number : 0;
+    const qint64 number = value(name).toLongLong(&isNumber);
+    return isNumber && number > 0 && number <= LargestId ? number : 0;
 }
 
 Page RestCall::page() const {

@@ -12,10 +12,12 @@
 #include "nodes/gate.h"
 #include "orders/orders.h"
 
+#include <algorithm>
 #include <QDateTime>
 #include <QDebug>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QSet>
 
 namespace {
 
@@ -25,14 +27,14 @@ const QString SelectRequest = QStringLiteral("SELECT `body` FROM `announcement` 
 const QString SelectOld =
     QStringLiteral("SELECT `id`, `body` FROM `announcement` WHERE `at` < @before ORDER BY `at` LIMIT 10;");
 const QString DeleteRequest = QStringLiteral("DELETE FROM `announcement` WHERE `id` = @id;");
+const QString SelectTargets = QStringLiteral("SELECT `serial` FROM `receipt` WHERE `broadcast` = @id;");
 const QString SelectNodes = QStringLiteral("SELECT `nodeip`, `nodeport3` FROM `sbox_node`;");
 
 QJsonObject bodyOf(const AnnouncementRequest& request) {
     QJsonArray groups;
     for (const qint64 group : request.targets.groups)
         groups.append(group);
-    return {{QStringLiteral("name"), request.name},
-            {QStringLiteral("all"), request.targets.isAll},
+    return {{QStringLiteral("all"), request.targets.isAll},
             {QStringLiteral("speakers"), QJsonArray::fromStringList(request.targets.speakers)},
             {QStringLiteral("groups"), groups},
             {QStringLiteral("order"), request.announcement.write()}};
@@ -40,7 +42,6 @@ QJsonObject bodyOf(const AnnouncementRequest& request) {
 
 std::optional<AnnouncementRequest> requestOf(const QJsonObject& body) {
     AnnouncementRequest request;
-    request.name = body.value(QLatin1String("name")).toString();
     request.targets.isAll = body.value(QLatin1String("all")).toBool();
     for (const QJsonValue serial : body.value(QLatin1String("speakers")).toArray())
         request.targets.speakers << serial.toString();
@@ -70,7 +71,7 @@ Announcer::Outcome Announcer::announce(const Caller& caller, AnnouncementRequest
         return Outcome::Nobody;
     Broadcast broadcast;
     broadcast.kind = Broadcast::Kind::Announcement;
-    broadcast.name = request.name;
+    broadcast.name = request.announcement.name;
     broadcast.priority = request.announcement.priority;
     broadcast.origin.account = caller.account;
     broadcast.owner = caller.account;
@@ -131,7 +132,7 @@ std::optional<AnnouncementRequest> Announcer::find(quint64 id) {
     return requestOf(QJsonDocument::fromJson(found.text(0, "body").toUtf8()).object());
 }
 
-void Announcer::stop(quint64 id) {
+Announcer::Outcome Announcer::stop(quint64 id) {
     callOnLoop(&m_orders, [&] { m_orders.stop(id); });
     const SqlResult nodes = m_database.run(SelectNodes);
     std::vector<Gate::PendingPtr> pending;
@@ -142,4 +143,31 @@ void Announcer::stop(quint64 id) {
     }
     for (const auto& call : pending)
         Gate::await(call);
+    return nodes.ok ? Outcome::Done : Outcome::Unavailable;
+}
+
+Announcer::Outcome Announcer::stopForOwn(const Caller& caller, quint64 id) {
+    Targets everybody;
+    everybody.isAll = true;
+    const auto reached = resolve(m_database, reachable(m_database, caller), everybody);
+    const SqlResult receipts =
+        m_database.run(SelectTargets, {{QStringLiteral("@id"), static_cast<qint64>(id)}});
+    if (!reached || !receipts.ok)
+        return Outcome::Unavailable;
+    const QSet<QString> own(reached->begin(), reached->end());
+    QStringList serials;
+    for (int row = 0; row < receipts.rows.size(); ++row) {
+        if (const QString serial = receipts.text(row, "serial"); own.contains(serial))
+            serials << serial;
+    }
+    if (serials.isEmpty())
+        return Outcome::Nobody;
+    std::vector<Gate::PendingPtr> pending;
+    for (const NodeShare& share : splitByNode(m_database, m_gate, m_own, serials))
+        pending.push_back(
+            m_gate.begin(share.node, Announcement::endCommand(id, share.sns), Gate::Until::Answered));
+    const bool isLost = std::count_if(pending.begin(), pending.end(), [](const Gate::PendingPtr& call) {
+                            return Gate::await(call).isLost();
+                        }) > 0;
+    return isLost ? Outcome::Unavailable : Outcome::Done;
 }

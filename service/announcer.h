@@ -15,7 +15,6 @@ struct Caller;
 /// What somebody wants to be announced: on these speakers, as they are when the sound starts.
 struct AnnouncementRequest {
     Targets targets;
-    QString name;
     Announcement announcement; ///< its number is given with the order
 };
 
@@ -31,7 +30,9 @@ public:
     /// What was asked for then; nothing when it was no announcement of this interface, or too long ago.
     std::optional<AnnouncementRequest> find(quint64 id);
     /// Ends any broadcast, on every node.
-    void stop(quint64 id);
+    Outcome stop(quint64 id);
+    /// Ends it on those of its speakers that the caller may play to.
+    Outcome stopForOwn(const Caller& caller, quint64 id);
 
     /// A request is kept for so many days.
     static constexpr int DaysKept = 90;

@@ -54,6 +54,17 @@ MissedPolicy missedPolicy(const SqlResult& tasks, int row) {
                    : std::nullopt};
 }
 
+BellTerms bellTerms(const SqlResult& tasks, int row) {
+    constexpr qint64 Highest = 255;
+    constexpr qint64 Loudest = 25;
+    BellTerms terms;
+    terms.priority = static_cast<int>(
+        std::clamp<qint64>(numberOrNull(tasks, row, "priority").value_or(terms.priority), 0, Highest));
+    terms.volume = static_cast<int>(
+        std::clamp<qint64>(numberOrNull(tasks, row, "volume").value_or(terms.volume), 0, Loudest));
+    return terms;
+}
+
 QSet<qint64> calendarsOf(const std::vector<BellRule>& rules) {
     QSet<qint64> calendars;
     for (const BellRule& rule : rules) {

@@ -16,6 +16,12 @@ QString selectBells(const char* where);
 
 BellRule bellRule(const SqlResult& tasks, int row);
 MissedPolicy missedPolicy(const SqlResult& tasks, int row);
+/// What a schedule's own rule says of how it takes its speakers.
+struct BellTerms {
+    int priority = 100; ///< 0 to 255
+    int volume = 0;     ///< 1 to 25; 0: as they have it
+};
+BellTerms bellTerms(const SqlResult& tasks, int row);
 /// Those calendars that the rules go by.
 QSet<qint64> calendarsOf(const std::vector<BellRule>& rules);
 /// What these calendars say from `firstDay` to `lastDay`, both included.

@@ -27,6 +27,8 @@ std::unique_ptr<Tasxkobj> playFor(const Tasxkobj& player, const QStringList& see
     play->files = player.files;
     play->fileLengths = player.fileLengths;
     play->order = player.order;
+    play->priority = player.priority;
+    play->volume = player.volume;
     return play;
 }
 

@@ -1,5 +1,6 @@
 #include "tasks/taskreader.h"
 
+#include "tasks/bellrows.h"
 #include "tasks/ownership.h"
 #include "tasks/tasxkobj.h"
 
@@ -12,7 +13,7 @@ namespace {
 
 // A list has the order in which it was given. No index makes a server keep to it that reads the smaller
 // table first: the order is asked for.
-const QString SelectTask = QStringLiteral("SELECT  *  FROM  task   where  id = '@id'  ;");
+const QString SelectTask = selectBells("WHERE task.id = '@id' ;");
 const QString SelectNode = QStringLiteral("SELECT * FROM  sbox_node where id = '@nodeid';");
 const QString SelectSeeds = QStringLiteral(
     "SELECT sbox_device_info.device_seed as seed   FROM taskseed ,sbox_device_info where "
@@ -39,6 +40,9 @@ std::unique_ptr<Tasxkobj> TaskReader::player(const SqlResult& tasks, int row) co
     player->jiange = tasks.integer(row, "jiange");
     player->len = tasks.integer(row, "len");
     player->repeat = tasks.integer(row, "kind");
+    const BellTerms terms = bellTerms(tasks, row);
+    player->priority = terms.priority;
+    player->volume = terms.volume;
     return player;
 }
 

@@ -50,6 +50,7 @@ Broadcast broadcastOf(const Tasxkobj& player, qint64 due) {
                                           : Broadcast::Kind::Bell;
     broadcast.name = player.name;
     broadcast.owner = player.userid;
+    broadcast.priority = player.priority;
     broadcast.due = due;
     broadcast.endsByItself = false;
     if (!player.isTemporary)

@@ -12,9 +12,10 @@ namespace {
 // Named in the second stop document, where an address has to stand.
 const QString NoFile = QStringLiteral("none.mp3");
 
-// QTimer counts in int milliseconds; no play is longer than a day.
+constexpr int LongestPlay = 86400; ///< seconds
+// QTimer counts in int milliseconds.
 std::chrono::milliseconds timerSpan(int seconds) {
-    return std::chrono::seconds(std::clamp(seconds, 0, 86400));
+    return std::chrono::seconds(std::clamp(seconds, 0, LongestPlay));
 }
 
 QByteArray compact(const QJsonObject& command) {
@@ -41,7 +42,15 @@ QJsonObject Tasxkobj::command(const char* word) const {
 QJsonObject Tasxkobj::playCommand(const char* word, const QString& url) const {
     QJsonObject object = command(word);
     object.insert(QStringLiteral("filelist"), QJsonArray{url});
+    if (order != 0 && terms().kind != PlayTerms::Kind::Direct)
+        object.insert(QStringLiteral("terms"), terms().write());
     return object;
+}
+
+PlayTerms Tasxkobj::terms() const {
+    using Kind = PlayTerms::Kind;
+    const Kind kind = forcePlayAs ? Kind::Alarm : isTemporary ? Kind::Direct : Kind::Bell;
+    return {kind, priority, volume, std::clamp(len, 0, LongestPlay)};
 }
 
 Tasxkobj::Tasxkobj(sqlite* /*database*/, QObject* parent)
@@ -143,7 +152,8 @@ void Tasxkobj::playA5_JSON() {
     emit Ocmd(stop(command(forcePlayAs ? "PLAYAS" : "FORCESTOP")));
     qInfo() << "云平台定时任务 停止命令已发送" << name << id;
     // Stops an alarm's "PLAYAS" too, and is the second chance when the first frame is lost.
-    QJsonObject again = playCommand("FORCESTOP", NoFile);
+    QJsonObject again = command("FORCESTOP");
+    again.insert(QStringLiteral("filelist"), QJsonArray{NoFile});
     again.insert(QStringLiteral("level"), QStringLiteral("5"));
     emit Ocmd(stop(again));
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "device/playwatch.h"
+
 #include <chrono>
 #include <QByteArray>
 #include <QJsonObject>
@@ -36,6 +38,8 @@ public:
     QMap<QString, int> fileLengths; ///< seconds of each address; one without a length is not played
     bool forcePlayAs = false;       ///< ordered by an alarm: play with "PLAYAS"
     bool isTemporary = false;       ///< no stored task stands behind it
+    int priority = 100;             ///< 0 to 255; of a bell, its schedule's
+    int volume = 0;                 ///< 1 to 25; 0: as the speakers have it
     quint64 order = 0;              ///< number of its broadcast, which its commands carry; 0: none
 
     QStringList playlist; ///< what is still to be played, in order
@@ -72,6 +76,7 @@ private:
     void playAny();
     void stopPlaying();
     QJsonObject command(const char* word) const;
+    PlayTerms terms() const;
     QJsonObject playCommand(const char* word, const QString& url) const;
     QTimer m_taskTimer; ///< ends the task
     QTimer m_fileTimer; ///< moves to the next file

@@ -21,6 +21,7 @@ public:
         known[++last] = broadcast;
         return last;
     }
+    void join(quint64, const Broadcast&) override {}
     void mark(quint64 id, const QStringList& serials, ReceiptState state, const QString&,
               quint64 by) override {
         const QString text = QString::number(id) + ' ' + QString::number(int(state)) +
@@ -257,6 +258,31 @@ private slots:
         fleet.orders.endStream(7);
         QVERIFY(fleet.gets(0, {"A1http://own/1-0"}));
         QTRY_COMPARE(fleet.told.ended.value(7), BroadcastState::Done);
+    }
+
+    /// A bell that another node has begun has its schedule's priority and volume here; taken off one speaker,
+    /// it goes on at the other.
+    void ofAnotherNode() {
+        Fleet fleet(2);
+        constexpr double bell = 7'000'000;
+        const auto title = [&](const char* url) {
+            fleet.run({{"cmd", "PLAYOFF"},
+                       {"filelist", QJsonArray{url}},
+                       {"order", bell},
+                       {"terms", PlayTerms{PlayTerms::Kind::Bell, 120, 7, 60}.write()}},
+                      {0, 1});
+        };
+        title("http://x/1");
+        QVERIFY(fleet.gets(0, {"V\x07", "A1http://x/1"}));
+        QVERIFY(fleet.gets(1, {"V\x07", "A1http://x/1"}));
+        fleet.announce(1, {0}, 119);
+        QCOMPARE(fleet.told.marks[fleet.sn(0)].last(), QString("1 9/7000000"));
+        fleet.run({{"cmd", "ENDORDER"}, {"broadcast", bell}}, {0});
+        QVERIFY(waitFor([&] { return fleet.speakers[0]->received().startsWith("A5"); }));
+        QCOMPARE(fleet.orders.holder(fleet.sn(0)), quint64(0));
+        title("http://x/2");
+        QVERIFY(fleet.gets(1, {"A1http://x/2"}));
+        QVERIFY(!fleet.speakers[0]->received().contains("x/2"));
     }
 
     /// A service that was killed in the middle of a loud page puts the volumes back when the speakers come.

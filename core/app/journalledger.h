@@ -14,6 +14,7 @@ public:
         return standing && !m_journal.isForeign(id) ? std::optional(standing->broadcast) : std::nullopt;
     }
     quint64 begin(const Broadcast& broadcast) override { return m_journal.begin(broadcast); }
+    void join(quint64 id, const Broadcast& broadcast) override { m_journal.join(id, broadcast); }
     void mark(quint64 id, const QStringList& serials, ReceiptState state, const QString& reason,
               quint64 by) override {
         m_journal.mark(id, serials, state, reason, by);
