@@ -18,6 +18,8 @@ QList<QByteArray> knownParameters(const RestRoute& route) {
     return known;
 }
 
+constexpr qint64 MaxId = (qint64{1} << 53) - 1; ///< of a broadcast
+
 } // namespace
 
 QByteArray bearerOf(const HttpRequest& request) {
@@ -43,8 +45,8 @@ QString RestCall::address() const {
 
 qint64 RestCall::id(const char* name) const {
     bool isNumber = false;
-    const int number = value(name).toInt(&isNumber);
-    return isNumber && number > 0 ? number : 0;
+    const qint64 number = value(name).toLongLong(&isNumber);
+    return isNumber && number > 0 && number <= MaxId ? number : 0;
 }
 
 Page RestCall::page() const {
