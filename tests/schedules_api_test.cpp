@@ -250,6 +250,32 @@ private slots:
         QCOMPARE(school.items(path + "/entries").size(), 4);
     }
 
+    /// The days of a month ago are expanded again, as they are each day.
+    void anExpansionAddsNewDaysOnly() {
+        School school;
+        const QString path = QStringLiteral("/calendars/%1").arg(school.add("/calendars", {{"name", "c"}}));
+        QCOMPARE(school
+                     .send("POST", path + "/import",
+                           "BEGIN:VCALENDAR\nVERSION:2.0\nBEGIN:VEVENT\nUID:week\n"
+                           "DTSTART;VALUE=DATE:20260105\nRRULE:FREQ=WEEKLY\nEND:VEVENT\nEND:VCALENDAR\n",
+                           "text/calendar")
+                     .status,
+                 200);
+        const auto days = [&] {
+            return school.service.sql("SELECT id, firstday FROM calendarentry ORDER BY firstday");
+        };
+        const QList<QVariantMap> all = days();
+        QCOMPARE(school.call("DELETE", path + "/entries/" + all.first()["id"].toString()).status, 204);
+        school.service.sql(QStringLiteral("DELETE FROM calendarentry WHERE firstday >= %1")
+                               .arg(all.at(all.size() - 2)["firstday"].toInt()));
+        school.service.sql("UPDATE calendarfile SET expanded = expanded - 30");
+        school.service.kill9();
+        QVERIFY(school.service.start());
+        QVERIFY(waitFor([&] { return days().size() == all.size() - 1; }));
+        QCOMPARE(days().first()["firstday"], all.at(1)["firstday"]);
+        QCOMPARE(days().last()["firstday"], all.last()["firstday"]);
+    }
+
     void bellsRingInGroups() {
         School school;
         school.fleet->start();
