@@ -93,6 +93,7 @@ private:
 std::optional<std::vector<Schedule>> schedulesOf(sqlite& database, const HouseRules& house,
                                                  const SqlResult& rows) {
     std::vector<Schedule> schedules;
+    schedules.reserve(static_cast<size_t>(rows.rows.size()));
     for (int row = 0; row < rows.rows.size(); ++row)
         schedules.push_back(scheduleOf(rows, row));
     if (!rows.ok || !Details(database, schedules).read() || !findNext(database, house, schedules))

@@ -53,6 +53,7 @@ std::vector<TaskRuns::Run> TaskRuns::since(qint64 epoch) const {
 
 std::vector<bool> TaskRuns::claim(const std::vector<Run>& runs) {
     std::vector<bool> isOurs;
+    isOurs.reserve(runs.size());
     for (const Run& run : runs)
         isOurs.push_back(!has(run.task, run.due));
     if (!runs.empty() && (m_isAway || !write(runs, isOurs))) {
