@@ -20,9 +20,14 @@ constexpr auto Usage =
     "fleet speakers|raw|mqtt --port P --control P --pid PID --count N [--rest SECONDS]\n"
     "  prints: storm ms, volume to all ms, play to all ms, CPU at rest %, memory kB per connection,\n"
     "  CPU ms of the storm, CPU ms of one volume command\n"
+    "fleet announcements --token T ... (as speakers; --control is the HTTP port): prints ms from the request "
+    "to\n"
+    "  the last speaker's byte and from the first speaker's byte to the last's\n"
     "with --rounds N (speakers only): all are cut off and come back N times; prints for each round:\n"
     "  its number, ms until LIST tells all offline, storm ms, ms until LIST tells all online, resident kB,\n"
     "  whether LIST's states were right\n";
+
+constexpr auto Announcements = "announcements";
 
 using Arguments = std::map<std::string, std::string>;
 
@@ -38,7 +43,9 @@ int number(const Arguments& arguments, const std::string& name, int otherwise = 
     return found == arguments.end() ? otherwise : std::atoi(found->second.c_str());
 }
 
-std::unique_ptr<Wire> makeWire(const std::string& mode, int count) {
+std::unique_ptr<Wire> makeWire(const std::string& mode, int count, const Arguments& arguments) {
+    if (mode == Announcements)
+        return std::make_unique<AnnouncementWire>(arguments.at("--token"));
     if (mode == "speakers")
         return std::make_unique<SpeakerWire>(count);
     if (mode == "raw")
@@ -66,6 +73,11 @@ Fleet::Options loadOptions(const Arguments& arguments) {
     return options;
 }
 
+void printAnnouncements(const Wire& wire, const Fleet::Options& options) {
+    const Figures figures = Fleet(wire, options).run();
+    std::printf("%.1f %.1f\n", figures.playMs, figures.spreadMs);
+}
+
 void printFigures(const Wire& wire, const Fleet::Options& options) {
     const Figures figures = Fleet(wire, options).run();
     std::printf("%.1f %.1f %.1f %.2f %.2f %.1f %.2f\n", figures.stormMs, figures.volumeMs, figures.playMs,
@@ -83,7 +95,7 @@ void printRounds(const Wire& wire, const Fleet::Options& options, int rounds) {
 
 int runLoad(const std::string& mode, const Arguments& arguments) {
     const Fleet::Options load = loadOptions(arguments);
-    const auto wire = makeWire(mode, load.count);
+    const auto wire = makeWire(mode, load.count, arguments);
     const int rounds = number(arguments, "--rounds");
     if (!wire || (rounds > 0 && mode != "speakers")) {
         std::fputs(Usage, stderr);
@@ -91,6 +103,8 @@ int runLoad(const std::string& mode, const Arguments& arguments) {
     }
     if (rounds > 0)
         printRounds(*wire, load, rounds);
+    else if (mode == Announcements)
+        printAnnouncements(*wire, load);
     else
         printFigures(*wire, load);
     return 0;

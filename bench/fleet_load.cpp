@@ -112,6 +112,7 @@ Figures Fleet::run() {
     const double commandsCpuMs = cpuMilliseconds(m_options.server) - quiet;
     const double commandsMs = milliseconds(Clock::now() - firstCommand);
     figures.playMs = medianOf(Wire::Command::Play);
+    figures.spreadMs = median(m_spreads);
     const double restRate = cpuRateAtRest();
     figures.cpuPercent = 100 * restRate;
     figures.volumeCpuMs = (commandsCpuMs - restRate * commandsMs) / Commands;
@@ -156,8 +157,10 @@ void Fleet::openController() {
 
 double Fleet::medianOf(Wire::Command kind) {
     std::vector<double> times;
+    m_spreads.clear();
     for (int i = 0; i < Commands; ++i) {
         times.push_back(commandToAll(kind, i));
+        m_spreads.push_back(milliseconds(m_lastByte - m_firstByte));
         runFor(PauseAfterCommand);
     }
     return median(times);
@@ -262,8 +265,9 @@ void Fleet::hear(Speaker& speaker, Wire::Heard heard) {
         speaker.commands = 0;
         ++m_admitted;
     } else if (heard == Wire::Heard::Command && ++speaker.commands == m_round) {
-        ++m_reached;
         m_lastByte = Clock::now();
+        if (++m_reached == 1)
+            m_firstByte = m_lastByte;
     }
 }
 

@@ -43,6 +43,7 @@ struct Figures {
     double stormMs = 0;    ///< first connect() to last speaker admitted
     double volumeMs = 0;   ///< median: command written to last speaker's last byte
     double playMs = 0;     ///< the same for a play command
+    double spreadMs = 0;   ///< of a play command: first speaker's byte to the last one's, median
     double cpuPercent = 0; ///< of the server at rest, of one core
     double kilobytes = 0;  ///< resident memory of the server per connection
     double stormCpuMs = 0; ///< of the server, for the whole storm
@@ -106,7 +107,9 @@ private:
     int m_reached = 0; ///< speakers that have the newest command
     Clock::time_point m_start;
     std::int64_t m_beats = 0;
+    Clock::time_point m_firstByte; ///< of the newest command
     Clock::time_point m_lastByte;
+    std::vector<double> m_spreads; ///< of the commands of the newest kind
 };
 
 /// A non-blocking loopback connection in the making, from 127.0.0.1 or, for a high index, one of the

@@ -119,6 +119,13 @@ std::string SpeakerWire::command(Command kind, int round) const {
     return std::to_string(json.size()) + '\n' + json;
 }
 
+std::string AnnouncementWire::command(Command /*kind*/, int /*round*/) const {
+    const std::string body = R"({"targets":{"all":true},"play":[{"url":")" + std::string(PlayUrl) + R"("}]})";
+    return "POST /api/v1/broadcasts HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer " + m_token +
+           "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
+           "\r\n\r\n" + body;
+}
+
 std::string RawWire::command(Command kind, int round) const {
     const std::string bytes = kind == Command::Volume ? volumeBytes(round) : playBytes();
     return static_cast<char>(bytes.size()) + bytes;

@@ -2,6 +2,8 @@
 
 #include "fleet_load.h"
 
+#include <utility>
+
 /// Address that play commands carry.
 inline constexpr const char* PlayUrl = "http://127.0.0.1:12080/music/school-bell-0123456789.mp3";
 
@@ -22,6 +24,19 @@ public:
 
 private:
     std::string m_serials; ///< JSON array of the whole fleet
+};
+
+/// The speakers' own protocol; the controller is a client of the interface v1, and every command an
+/// announcement to all that the token's account may play to.
+class AnnouncementWire : public SpeakerWire {
+public:
+    explicit AnnouncementWire(std::string token)
+        : SpeakerWire(0)
+        , m_token(std::move(token)) {}
+    std::string command(Command kind, int round) const override;
+
+private:
+    std::string m_token;
 };
 
 /// The same bytes to and from the bare server of fleet_rawserver.h.

@@ -5,6 +5,9 @@
 #include "support/testmain.h"
 
 #include <algorithm>
+#include <QCryptographicHash>
+#include <QJsonArray>
+#include <QJsonDocument>
 
 class TwoNodesTest : public QObject {
     Q_OBJECT
@@ -44,6 +47,62 @@ private slots:
         QVERIFY(waitFor([&] { return got(*m_far, bytes); }));
         QVERIFY(!m_first->log().contains("not reached"));
         QVERIFY(!m_second->log().contains("not reached"));
+    }
+
+    /// One order to both: each node plays it on its own speakers and keeps their receipts.
+    void announcementReachesBothNodes() {
+        const QByteArray token = "a-token-of-forty-three-characters-_________";
+        m_first->sql(QString("INSERT INTO `apitoken` (`account`, `hash`, `created`) VALUES (%1, '%2', 0)")
+                         .arg(m_account.id)
+                         .arg(QString(QCryptographicHash::hash(token, QCryptographicHash::Sha256).toHex())));
+        const auto ask = [&](const QByteArray& method, const QString& path, const QByteArray& body = {}) {
+            return m_first->http().request(
+                method, "/api/v1" + path, body,
+                {{"Authorization", "Bearer " + token}, {"Content-Type", "application/json"}});
+        };
+        const QJsonObject order{{"targets", QJsonObject{{"all", true}}},
+                                {"volume", 11},
+                                {"play", QJsonArray{QJsonObject{{"url", "http://h/all.mp3"}}}}};
+        const HttpReply made = ask("POST", "/broadcasts", QJsonDocument(order).toJson());
+        QCOMPARE(made.status, 201);
+        for (sim::Fleet* const fleet : {m_near.get(), m_far.get()}) {
+            QVERIFY(waitFor([&] { return got(*fleet, "A1http://h/all.mp3"); }));
+            QVERIFY(got(*fleet, "V\x0b"));
+        }
+        const QString path = QString("/broadcasts/%1").arg(qint64(made["id"].toDouble()));
+        const auto sent = [&] {
+            int count = 0;
+            for (const auto receipt : ask("GET", path + "/receipts").json()["items"].toArray())
+                count += !receipt.toObject()["sent"].isNull();
+            return count;
+        };
+        QVERIFY(waitFor([&] { return sent() == 2; }));
+        QCOMPARE(ask("POST", path + "/stop").status, 202);
+        QTRY_COMPARE(m_far->at(0).volume(), 9); // as it was before
+        QVERIFY(waitFor([&] { return ask("GET", path)["state"] == "stopped"; }));
+    }
+
+    /// A bell of the other node's speaker, whichever of the two starts it, has its schedule's volume there.
+    void bellWithVolumeReachesTheOtherNode() {
+        const QString url = "http://h/bell.mp3";
+        m_first->sql("INSERT INTO task (id, userid, start_time, task_name, nodeid, len, enable, kind) "
+                     "VALUES (50, 1, 0, 'bell', 2, 60, 0, 1)");
+        m_first->sql("INSERT INTO taskrule (taskid, priority, volume) VALUES (50, 200, 13)");
+        m_first->sql(QString("INSERT INTO taskseed (taskid, devseedid) SELECT 50, id FROM sbox_device_info "
+                             "WHERE device_seed = '%1'")
+                         .arg(Far));
+        m_first->sql(
+            QString("INSERT INTO userfile (id, userid, url, len) VALUES (51, 1, '%1', 60)").arg(url));
+        m_first->sql("INSERT INTO taskfile (taskid, fileid) VALUES (50, 51)");
+        m_first->sql("INSERT INTO taskpop (taskid, status, userid, kind) VALUES (50, '1', 1, '1')");
+        QVERIFY(waitFor([&] { return got(*m_far, "A1" + url.toUtf8()); }));
+        QVERIFY(got(*m_far, "V\x0d"));
+        const auto priority = [&] {
+            return m_first->sql("SELECT `priority` FROM `broadcast` WHERE `kind` = 'bell'");
+        };
+        QVERIFY(waitFor([&] { return !priority().isEmpty(); })); // a row of each node that has a part in it
+        for (const QVariantMap& row : priority())
+            QCOMPARE(row["priority"].toInt(), 200);
     }
 
     /// The client is told that it was handed on, the log that nobody got it.
