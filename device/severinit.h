@@ -69,8 +69,8 @@ public:
     static unsigned char to_vol(unsigned char level);
 
     // --- registry ---
-    /// Most sessions: a bound on what made-up serials can cost, four times the largest fleet.
-    static constexpr int MaxSessions = 80'000;
+    /// Most sessions: a bound on what made-up serials can cost, three and a half times the largest fleet.
+    static constexpr int MaxSessions = 72'000;
     /// From here on serials that the database does not know come in one by one: made-up ones shall not take
     /// the places of speakers that are still to come.
     static constexpr int CrowdedSessions = MaxSessions / 4 * 3;
